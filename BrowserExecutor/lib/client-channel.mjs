@@ -1,0 +1,103 @@
+/** The keeper's end of one client connection: framing, limits and replies. */
+
+import { FrameSplitter } from './frames.mjs';
+import { MAX_REPLY_BYTES, MAX_REQUEST_BYTES, NEWLINE, decode, encode } from './protocol.mjs';
+
+/** Requests that a client may have open before the keeper stops reading from it. */
+const MAX_OPEN_REQUESTS = 64;
+
+export class ClientChannel {
+  #socket;
+  #handle;
+  #open = 0;
+
+  /**
+   * Takes ownership of the socket.
+   * @param {import('node:net').Socket} socket
+   * @param {object} handlers
+   * @param {(method: string, params: object) => Promise<object>}
+   *   handlers.onRequest gives the result, or rejects with the message to send
+   * @param {() => void} handlers.onClose the client is gone
+   */
+  constructor(socket, { onRequest, onClose }) {
+    this.#socket = socket;
+    this.#handle = onRequest;
+    const splitter = new FrameSplitter({
+      delimiter: NEWLINE,
+      limit: MAX_REQUEST_BYTES,
+      onFrame: (line) => this.#receive(line),
+      onOversize: () => socket.destroy(),
+    });
+    socket.on('data', (chunk) => splitter.push(chunk));
+    socket.on('error', () => {}); // 'close' follows
+    socket.on('close', () => onClose());
+  }
+
+  /** Whether the client is gone. */
+  get closed() {
+    return this.#socket.destroyed;
+  }
+
+  /** Sends an event to the client. @param {object} event */
+  notify(event) {
+    this.#write(event);
+  }
+
+  /** Stops reading requests until `resume`. */
+  pause() {
+    this.#socket.pause();
+  }
+
+  resume() {
+    if (this.#open < MAX_OPEN_REQUESTS) this.#socket.resume();
+  }
+
+  /** Sends a last event and closes once it is written. @returns {Promise<void>} */
+  end(event) {
+    return new Promise((resolve) => {
+      this.#socket.once('close', () => resolve());
+      if (this.#socket.destroyed) resolve();
+      else this.#socket.end(encode(event));
+    });
+  }
+
+  #receive(line) {
+    if (this.#socket.destroyed) return;
+    const request = parseRequest(line);
+    if (!request) {
+      this.#socket.destroy();
+      return;
+    }
+    if (++this.#open >= MAX_OPEN_REQUESTS) this.pause();
+    this.#answer(request);
+  }
+
+  async #answer({ id, method, params }) {
+    try {
+      this.#write({ id, result: await this.#handle(method, params) });
+    } catch (error) {
+      this.#write({ id, error: { message: error.message } });
+    }
+    if (--this.#open === MAX_OPEN_REQUESTS - 1) this.resume();
+  }
+
+  #write(message) {
+    if (!this.#socket.writable) return;
+    this.#socket.write(encode(message));
+    if (this.#socket.writableLength > MAX_REPLY_BYTES) this.#socket.destroy();
+  }
+}
+
+function parseRequest(line) {
+  try {
+    const { id, method, params = {} } = decode(line);
+    const valid =
+      Number.isSafeInteger(id) &&
+      typeof method === 'string' &&
+      params !== null &&
+      typeof params === 'object';
+    return valid ? { id, method, params } : null;
+  } catch {
+    return null; // not JSON
+  }
+}

@@ -1,0 +1,271 @@
+#include "LocalService/ControlEndpoints.h"
+
+#include "LocalService/ControlJson.h"
+
+#include <algorithm>
+#include <sstream>
+#include <stdexcept>
+#include <utility>
+
+namespace verdo::local {
+namespace {
+
+using nlohmann::ordered_json;
+using std::chrono::milliseconds;
+
+constexpr std::string_view kPrefix = "/control/";
+constexpr double kMaxWait = 600;  // seconds
+
+milliseconds queryWait(const Exchange& exchange, const char* name, double fallback) {
+  return milliseconds(
+      static_cast<std::int64_t>(queryNumber(exchange.request, name, fallback, kMaxWait) * 1000));
+}
+
+double bodyNumber(const Exchange& exchange, const char* key) {
+  const auto body = parseJson(exchange.request.body);
+  const auto found = body.is_object() ? body.find(key) : body.end();
+  if (found == body.end() || !found->is_number() || !(found->get<double>() >= 0) ||
+      !(found->get<double>() <= 86'400)) {
+    throw HttpError(400, std::string("the body must be an object with \"") + key +
+                             "\", a number from 0 to 86400");
+  }
+  return found->get<double>();
+}
+
+milliseconds bodySeconds(const Exchange& exchange) {
+  return milliseconds(static_cast<std::int64_t>(bodyNumber(exchange, "seconds") * 1000));
+}
+
+}  // namespace
+
+std::optional<Route> ControlEndpoints::match(std::string_view, std::string_view path) {
+  if (!path.starts_with(kPrefix)) return std::nullopt;
+  return Route{.endpoint = "control",
+               .jobId = {},
+               .handle =
+                   [this](Exchange& exchange) {
+                     Words words;
+                     std::istringstream rest(exchange.path.substr(kPrefix.size()));
+                     for (std::string word; std::getline(rest, word, '/');) words.push_back(word);
+                     dispatch(exchange, words);
+                   },
+               .observed = false};
+}
+
+void ControlEndpoints::dispatch(Exchange& exchange, const Words& words) const {
+  // Browsers name the page's origin; no script or test does.
+  if (exchange.request.has_header("Origin")) {
+    throw HttpError(403, "the control interface does not serve web pages");
+  }
+  const std::string first = words.empty() ? "" : words[0];
+  const bool served = first == "jobs"       ? jobs(exchange, words)
+                      : first == "faults"   ? faults(exchange, words)
+                      : words.size() != 1   ? false
+                      : first == "outage"   ? outage(exchange)
+                      : first == "hello"    ? hello(exchange)
+                      : first == "requests" ? requests(exchange)
+                                            : rest(exchange, first);
+  if (!served) {
+    throw HttpError(404, "the control interface has no " + exchange.request.method + " " +
+                             exchange.path + "; see LocalService/README.md");
+  }
+}
+
+bool ControlEndpoints::jobs(Exchange& exchange, const Words& words) const {
+  const auto& method = exchange.request.method;
+  if (words.size() > 1) return oneJob(exchange, words);
+  if (method == "POST") {
+    const auto id = service_.addJob(readJob(parseJson(exchange.request.body), files_));
+    replyJson(exchange.response, {{"id", id}});
+    return true;
+  }
+  if (method != "GET") return false;
+  auto list = ordered_json::array();
+  for (const auto& job : service_.jobs()) list.push_back(toJson(job));
+  replyJson(exchange.response, {{"jobs", std::move(list)}});
+  return true;
+}
+
+ordered_json ControlEndpoints::known(std::int64_t id) const {
+  const auto job = service_.job(id);
+  if (!job) throw HttpError(404, "there is no job " + std::to_string(id));
+  return toJson(*job);
+}
+
+bool ControlEndpoints::oneJob(Exchange& exchange, const Words& words) const {
+  const auto id = parseInteger(words[1]);
+  if (!id) throw HttpError(400, "the job identifier in the address must be an integer");
+  auto job = known(*id);
+  const auto& method = exchange.request.method;
+  const std::string action = words.size() == 3 ? words[2] : "";
+  if (words.size() == 2 && method == "GET") {
+    replyJson(exchange.response, job);
+  } else if (action == "lines" && method == "GET") {
+    jobLines(exchange, *id);
+  } else if (action == "wait" && method == "GET") {
+    jobWait(exchange, *id);
+  } else if (action == "cancel" && method == "POST") {
+    replyJson(exchange.response, {{"cancelled", service_.cancelJob(*id)}});
+  } else {
+    return false;
+  }
+  return true;
+}
+
+void ControlEndpoints::jobLines(Exchange& exchange, std::int64_t id) const {
+  const auto from = static_cast<std::size_t>(queryNumber(exchange.request, "from", 0, 1e15));
+  const auto wait = queryWait(exchange, "wait", 0);
+  constexpr std::size_t mostAtOnce = 10'000;
+  std::vector<std::string> lines;
+  service_.waitFor(
+      id,
+      [&](const JobSnapshot& job) {
+        lines = service_.lines(id, from, mostAtOnce);
+        return !lines.empty() || job.state == JobState::done;
+      },
+      wait);
+  const auto job = known(id);
+  replyJson(
+      exchange.response,
+      {{"from", from}, {"next", from + lines.size()}, {"lines", lines}, {"state", job["state"]}});
+}
+
+void ControlEndpoints::jobWait(Exchange& exchange, std::int64_t id) const {
+  const auto what =
+      exchange.request.has_param("for") ? exchange.request.get_param_value("for") : "done";
+  if (what != "leased" && what != "lines" && what != "done") {
+    throw HttpError(400, "\"for\" must be leased, lines or done, not \"" + what + "\"");
+  }
+  const auto reached = service_.waitFor(
+      id,
+      [&](const JobSnapshot& job) {
+        if (job.state == JobState::done) return true;
+        return what == "leased" ? job.timesLeased > 0 : what == "lines" && job.lineCount > 0;
+      },
+      queryWait(exchange, "timeout", 30));
+  replyJson(exchange.response, {{"reached", reached}, {"job", known(id)}});
+}
+
+bool ControlEndpoints::faults(Exchange& exchange, const Words& words) const {
+  const auto& method = exchange.request.method;
+  if (words.size() == 2 && method == "DELETE") {
+    const auto id = parseInteger(words[1]);
+    if (!id || !service_.clearFault(static_cast<std::uint64_t>(*id))) {
+      throw HttpError(404, "there is no fault " + words[1]);
+    }
+    replyJson(exchange.response, {{"ok", true}});
+    return true;
+  }
+  if (words.size() != 1) return false;
+  if (method == "POST") {
+    try {
+      const auto id = service_.addFault(readFault(parseJson(exchange.request.body)));
+      replyJson(exchange.response, {{"id", id}});
+    } catch (const std::invalid_argument& error) {
+      throw HttpError(400, error.what());
+    }
+  } else if (method == "GET") {
+    auto list = ordered_json::array();
+    for (const auto& fault : service_.faults()) list.push_back(toJson(fault));
+    replyJson(exchange.response, {{"faults", std::move(list)}});
+  } else if (method == "DELETE") {
+    service_.clearFaults();
+    replyJson(exchange.response, {{"ok", true}});
+  } else {
+    return false;
+  }
+  return true;
+}
+
+bool ControlEndpoints::outage(Exchange& exchange) const {
+  const auto& method = exchange.request.method;
+  if (method == "DELETE") {
+    service_.endOutage();
+  } else if (method == "POST") {
+    const auto body = parseJson(exchange.request.body);
+    const auto kind = body.is_object() ? body.value("kind", ordered_json()) : ordered_json();
+    if (kind != "refuse" && kind != "hang") {
+      throw HttpError(400, R"(an outage needs "kind", which is "refuse" or "hang", and "seconds")");
+    }
+    const auto duration = bodySeconds(exchange);
+    // Not before the reply: a refusing service drops this connection as well.
+    exchange.afterReply = [this, duration, refuse = kind == "refuse"] {
+      service_.outage(refuse ? OutageKind::refuse : OutageKind::hang, duration);
+    };
+  } else {
+    return false;
+  }
+  replyJson(exchange.response, {{"ok", true}});
+  return true;
+}
+
+bool ControlEndpoints::hello(Exchange& exchange) const {
+  const auto& method = exchange.request.method;
+  if (method == "PUT") {
+    service_.setHello(parseJson(exchange.request.body));
+  } else if (method == "PATCH") {
+    service_.patchHello(parseJson(exchange.request.body));
+  } else if (method != "GET") {
+    return false;
+  }
+  replyJson(exchange.response, service_.hello());
+  return true;
+}
+
+bool ControlEndpoints::requests(Exchange& exchange) const {
+  const auto& method = exchange.request.method;
+  if (method == "DELETE") {
+    service_.clearRequests();
+    replyJson(exchange.response, {{"ok", true}});
+    return true;
+  }
+  if (method != "GET") return false;
+  const auto endpoint = exchange.request.get_param_value("endpoint");
+  const auto limit = static_cast<std::size_t>(queryNumber(exchange.request, "limit", 100, 20'000));
+  const auto all = service_.requests(endpoint);
+  auto list = ordered_json::array();
+  for (auto i = all.size() - std::min(limit, all.size()); i < all.size(); ++i) {
+    list.push_back(toJson(all[i]));
+  }
+  replyJson(exchange.response,
+            {{"count", service_.requestCount(endpoint)}, {"requests", std::move(list)}});
+  return true;
+}
+
+bool ControlEndpoints::rest(Exchange& exchange, const std::string& word) const {
+  const auto& method = exchange.request.method;
+  if (word == "status" && method == "GET") {
+    replyJson(exchange.response, {{"url", service_.url()},
+                                  {"jobs", service_.jobs().size()},
+                                  {"requests", service_.requestCount()},
+                                  {"open_connections", service_.openConnections()},
+                                  {"accepted_connections", service_.acceptedConnections()}});
+    return true;
+  }
+  if (method != "POST") return false;
+  if (word == "token") {
+    const auto body = parseJson(exchange.request.body);
+    const auto token = body.is_object() ? body.value("token", ordered_json(1)) : ordered_json(1);
+    if (token.is_null()) {
+      service_.revokeToken();
+    } else if (token.is_string() && !token.get_ref<const std::string&>().empty()) {
+      service_.setToken(token.get<std::string>());
+    } else {
+      throw HttpError(400, R"(give {"token": "the new one"}, or {"token": null} to revoke it)");
+    }
+  } else if (word == "lease") {
+    service_.setLease(bodySeconds(exchange));
+  } else if (word == "files") {
+    const auto path = service_.addFile(readFile(parseJson(exchange.request.body), files_));
+    replyJson(exchange.response, {{"url", path}});
+    return true;
+  } else if (word == "reset") {
+    service_.reset();
+  } else {
+    return false;
+  }
+  replyJson(exchange.response, {{"ok", true}});
+  return true;
+}
+
+}  // namespace verdo::local

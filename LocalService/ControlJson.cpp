@@ -1,0 +1,303 @@
+#include "LocalService/ControlJson.h"
+
+#include "LocalService/Routes.h"
+
+#include <algorithm>
+#include <array>
+#include <initializer_list>
+#include <string_view>
+#include <utility>
+
+#include <openssl/evp.h>
+
+namespace verdo::local {
+namespace {
+
+using nlohmann::ordered_json;
+
+constexpr std::array<std::pair<Delivery, const char*>, 6> kDeliveries{{
+    {Delivery::whole, "whole"},
+    {Delivery::truncated, "truncated"},
+    {Delivery::trickled, "trickled"},
+    {Delivery::reset, "reset"},
+    {Delivery::close, "close"},
+    {Delivery::garbage, "garbage"},
+}};
+
+/// Reads the members of one object, each of the type of the variable that it goes to.
+class Reader {
+ public:
+  Reader(const ordered_json& json, std::string what) : json_(json), what_(std::move(what)) {
+    if (!json.is_object()) throw HttpError(400, what_ + " must be a JSON object");
+  }
+
+  bool has(const char* key) const { return json_.contains(key); }
+
+  void text(const char* key, std::string& value) const {
+    if (const auto* member = find(key, &ordered_json::is_string, "a text")) {
+      value = member->get<std::string>();
+    }
+  }
+  void text(const char* key, std::optional<std::string>& value) const {
+    if (has(key)) text(key, value.emplace());
+  }
+  void flag(const char* key, bool& value) const {
+    if (const auto* member = find(key, &ordered_json::is_boolean, "true or false")) {
+      value = member->get<bool>();
+    }
+  }
+  template <typename Integer>
+  void count(const char* key, Integer& value) const {
+    if (const auto* member =
+            find(key, &ordered_json::is_number_unsigned, "a whole number of at least 0")) {
+      value = member->get<Integer>();
+    }
+  }
+  template <typename Integer>
+  void count(const char* key, std::optional<Integer>& value) const {
+    if (has(key)) count(key, value.emplace());
+  }
+  void number(const char* key, double& value) const {
+    if (const auto* member = find(key, &ordered_json::is_number, "a number")) {
+      value = member->get<double>();
+    }
+  }
+  const ordered_json* find(const char* key, bool (ordered_json::*is)() const noexcept,
+                           const char* wanted) const {
+    const auto found = json_.find(key);
+    if (found == json_.end()) return nullptr;
+    if (!((*found).*is)()) throw HttpError(400, what_ + ": \"" + key + "\" must be " + wanted);
+    return &*found;
+  }
+  void refuseOthers(std::initializer_list<std::string_view> known) const {
+    for (const auto& [key, value] : json_.items()) {
+      if (std::ranges::find(known, key) != known.end()) continue;
+      std::string list;
+      for (const auto name : known) list += (list.empty() ? "" : ", ") + std::string(name);
+      throw HttpError(400, what_ + ": unknown key \"" + key + "\"; known are " + list);
+    }
+  }
+
+ private:
+  const ordered_json& json_;
+  const std::string what_;
+};
+
+std::string decodeBase64(const std::string& text) {
+  std::string bytes(text.size() / 4 * 3, '\0');
+  const int size = EVP_DecodeBlock(reinterpret_cast<unsigned char*>(bytes.data()),
+                                   reinterpret_cast<const unsigned char*>(text.data()),
+                                   static_cast<int>(text.size()));
+  if (size < 0 || text.size() % 4 != 0) {
+    throw HttpError(400, "a file's \"content_base64\" is not valid base64");
+  }
+  // The decoder counts the padding as bytes.
+  bytes.resize(static_cast<std::size_t>(size) -
+               static_cast<std::size_t>(std::ranges::count(text, '=')));
+  return bytes;
+}
+
+ordered_json milliseconds(std::optional<std::chrono::steady_clock::time_point> time) {
+  if (!time) return nullptr;
+  using Double = std::chrono::duration<double, std::milli>;
+  // Fixed once, so that differences between the times of a reply are exact.
+  static const auto epoch = Double(std::chrono::system_clock::now().time_since_epoch()) -
+                            Double(std::chrono::steady_clock::now().time_since_epoch());
+  return (epoch + Double(time->time_since_epoch())).count();
+}
+
+std::string masked(const std::string& value) {
+  constexpr std::string_view bearer = "Bearer ";
+  if (!value.starts_with(bearer)) return value;
+  const auto shown = value.size() >= bearer.size() + 8 ? value.substr(value.size() - 4) : "";
+  return std::string(bearer) + "····" + shown;
+}
+
+ordered_json headerList(const std::vector<std::pair<std::string, std::string>>& headers) {
+  auto list = ordered_json::array();
+  for (const auto& [name, value] : headers) list.push_back({name, masked(value)});
+  return list;
+}
+
+void readHeaders(const ordered_json& json, FaultReply& reply) {
+  for (const auto& [key, value] : json.items()) {
+    if (!value.is_string()) throw HttpError(400, "a fault: every header must be a text");
+    reply.headers.emplace_back(key, value.get<std::string>());
+  }
+}
+
+}  // namespace
+
+FileSpec readFile(const ordered_json& json, const FileStore& files) {
+  const Reader reader(json, "a file");
+  FileSpec file;
+  reader.refuseOthers({"name", "content", "content_base64", "path", "sha256", "url", "redirect",
+                       "truncate_after", "status", "absolute_url", "omit_url", "omit_sha256"});
+  if (!reader.has("name")) throw HttpError(400, "a file needs a \"name\"");
+  reader.text("name", file.name);
+  reader.text("content", file.content);
+  if (reader.has("content_base64")) {
+    reader.text("content_base64", file.content);
+    file.content = decodeBase64(file.content);
+  }
+  if (reader.has("path")) {
+    std::string path;
+    reader.text("path", path);
+    // Anyone on this machine may call the control interface: it opens no other folder to them.
+    auto content = files.readFromDirectory(path);
+    if (!content) {
+      throw HttpError(400,
+                      "a file's \"path\" must name a file directly in the folder given with "
+                      "--files, and \"" +
+                          path + "\" does not");
+    }
+    file.content = std::move(*content);
+  }
+  reader.text("sha256", file.sha256);
+  reader.text("url", file.url);
+  reader.text("redirect", file.redirect);
+  reader.count("truncate_after", file.truncateAfter);
+  reader.count("status", file.status);
+  if (file.status < 200 || file.status > 599) {
+    throw HttpError(400, "a file's \"status\" must be from 200 to 599");
+  }
+  reader.flag("absolute_url", file.absoluteUrl);
+  reader.flag("omit_url", file.omitUrl);
+  reader.flag("omit_sha256", file.omitSha256);
+  return file;
+}
+
+JobSpec readJob(const ordered_json& json, const FileStore& files) {
+  const Reader reader(json, "a job");
+  JobSpec job;
+  reader.flag("keep_lines", job.keepLines);
+  reader.flag("cancelled", job.cancelled);
+  if (const auto* list = reader.find("files", &ordered_json::is_array, "a list of files")) {
+    for (const auto& file : *list) job.files.push_back(readFile(file, files));
+  }
+  for (const auto& [key, value] : json.items()) {
+    if (key != "keep_lines" && key != "cancelled" && key != "files") job.extra[key] = value;
+  }
+  const auto kind = json.find("kind");
+  if (kind != json.end() && kind->is_string()) job.kind = kind->get<std::string>();
+  return job;
+}
+
+Fault readFault(const ordered_json& json) {
+  const Reader reader(json, "a fault");
+  Fault fault;
+  reader.refuseOthers({"endpoint", "job_id", "after", "count", "probability", "delay_ms", "status",
+                       "body", "headers", "delivery", "truncate_after", "bytes_per_second",
+                       "garbage", "processed"});
+  reader.text("endpoint", fault.endpoint);
+  reader.count("job_id", fault.jobId);
+  reader.count("after", fault.after);
+  reader.count("count", fault.count);
+  reader.number("probability", fault.probability);
+  double delay = 0;
+  reader.number("delay_ms", delay);
+  if (!(delay >= 0 && delay <= 86'400'000)) {
+    throw HttpError(400, "a fault: \"delay_ms\" must be from 0 to 86400000, a day");
+  }
+  fault.delay = std::chrono::milliseconds(static_cast<std::int64_t>(delay));
+  if (reader.has("status") || reader.has("body") || reader.has("headers")) {
+    auto& reply = fault.reply.emplace();
+    reader.count("status", reply.status);
+    if (reader.has("body")) {
+      const auto& body = json["body"];
+      reply.body = body.is_string() ? body.get<std::string>() : body.dump();
+    }
+    if (const auto* headers = reader.find("headers", &ordered_json::is_object, "an object")) {
+      readHeaders(*headers, reply);
+    }
+  }
+  std::string delivery = "whole";
+  reader.text("delivery", delivery);
+  const auto* const named = std::ranges::find_if(
+      kDeliveries, [&](const auto& entry) { return entry.second == delivery; });
+  if (named == kDeliveries.end()) {
+    throw HttpError(400,
+                    "a fault: \"delivery\" must be whole, truncated, trickled, reset, close or "
+                    "garbage, not \"" +
+                        delivery + "\"");
+  }
+  fault.delivery = named->first;
+  reader.count("truncate_after", fault.truncateAfter);
+  reader.count("bytes_per_second", fault.bytesPerSecond);
+  reader.text("garbage", fault.garbage);
+  reader.flag("processed", fault.processed);
+  return fault;
+}
+
+const char* toText(JobState state) {
+  switch (state) {
+    case JobState::queued:
+      return "queued";
+    case JobState::leased:
+      return "leased";
+    case JobState::done:
+      break;
+  }
+  return "done";
+}
+
+ordered_json toJson(const JobSnapshot& job) {
+  ordered_json json{{"id", job.id},
+                    {"lane", job.lane},
+                    {"kind", job.kind},
+                    {"state", toText(job.state)},
+                    {"cancelled", job.cancelled},
+                    {"times_leased", job.timesLeased},
+                    {"lines_posts", job.linesPosts},
+                    {"line_count", job.lineCount},
+                    {"line_bytes", job.lineBytes},
+                    {"lines_sha256", job.linesSha256},
+                    {"completed", job.completed},
+                    {"complete_posts", job.completePosts}};
+  json["exit_code"] = job.exitCode ? ordered_json(*job.exitCode) : ordered_json();
+  json["error"] = job.error ? ordered_json(*job.error) : ordered_json();
+  json["created_ms"] = milliseconds(job.created);
+  json["leased_ms"] = milliseconds(job.leased);
+  json["acknowledged_ms"] = milliseconds(job.acknowledged);
+  json["first_line_ms"] = milliseconds(job.firstLine);
+  json["last_line_ms"] = milliseconds(job.lastLine);
+  json["finished_ms"] = milliseconds(job.finished);
+  return json;
+}
+
+ordered_json toJson(const FaultStatus& status) {
+  const auto& fault = status.fault;
+  ordered_json json{{"id", status.id}, {"hits", status.hits}, {"endpoint", fault.endpoint}};
+  if (fault.jobId) json["job_id"] = *fault.jobId;
+  json["after"] = fault.after;
+  if (fault.count) json["count"] = *fault.count;
+  json["probability"] = fault.probability;
+  json["delay_ms"] = fault.delay.count();
+  if (fault.reply) json["status"] = fault.reply->status;
+  json["delivery"] =
+      std::ranges::find(kDeliveries, fault.delivery, &std::pair<Delivery, const char*>::first)
+          ->second;
+  json["processed"] = fault.processed;
+  return json;
+}
+
+ordered_json toJson(const RequestRecord& request) {
+  ordered_json json{{"sequence", request.sequence},
+                    {"endpoint", request.endpoint},
+                    {"method", request.method},
+                    {"target", request.target},
+                    {"headers", headerList(request.headers)},
+                    {"body", request.body},
+                    {"body_size", request.bodySize}};
+  if (request.jobId) json["job_id"] = *request.jobId;
+  json["connection"] = request.connection;
+  json["peer_port"] = request.peerPort;
+  json["arrived_ms"] = milliseconds(request.arrived);
+  json["replied_ms"] = milliseconds(request.replied);
+  json["status"] = request.status;
+  json["hung_up_ms"] = milliseconds(request.hungUp);
+  if (request.fault) json["fault"] = *request.fault;
+  return json;
+}
+
+}  // namespace verdo::local

@@ -1,0 +1,45 @@
+#pragma once
+
+#include "LocalService/Fault.h"
+
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <random>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace verdo::local {
+
+/// The faults in force. Every member may be called from any thread.
+class Faults {
+ public:
+  explicit Faults(std::uint64_t seed) : random_(seed) {}
+
+  /// Throws std::invalid_argument that says which field is wrong.
+  std::uint64_t add(Fault fault);
+  /// The fault that hits this request, with its identifier; counts the hit.
+  std::optional<std::pair<std::uint64_t, Fault>> pick(std::string_view endpoint,
+                                                      std::optional<std::int64_t> jobId);
+  std::vector<FaultStatus> list() const;
+  std::uint64_t hits(std::uint64_t id) const;
+  bool clear(std::uint64_t id);  ///< its hits stay known
+  void clearAll();
+
+ private:
+  struct Entry {
+    std::uint64_t id = 0;
+    Fault fault;
+    std::uint64_t seen = 0;
+    std::uint64_t hits = 0;
+    bool cleared = false;
+  };
+
+  mutable std::mutex mutex_;  // guards all below
+  std::vector<Entry> entries_;
+  std::uint64_t nextId_ = 1;
+  std::mt19937_64 random_;
+};
+
+}  // namespace verdo::local

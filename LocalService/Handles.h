@@ -1,0 +1,60 @@
+#pragma once
+
+#include <cerrno>
+#include <cstdint>
+#include <system_error>
+#include <utility>
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+namespace verdo::local {
+
+/// Owns one file descriptor.
+class UniqueFd {
+ public:
+  UniqueFd() = default;
+  explicit UniqueFd(int fd) : fd_(fd) {}
+  UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  UniqueFd& operator=(UniqueFd&& other) noexcept {
+    if (this != &other) reset(std::exchange(other.fd_, -1));
+    return *this;
+  }
+  ~UniqueFd() { reset(); }
+
+  int get() const { return fd_; }
+  explicit operator bool() const { return fd_ >= 0; }
+  void reset(int fd = -1) {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = fd;
+  }
+
+ private:
+  int fd_ = -1;
+};
+
+/// A flag that poll(2) can wait for. Every member may be called from any thread.
+class EventFd {
+ public:
+  /// Throws std::system_error when the process has no descriptor left.
+  EventFd() : fd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    if (!fd_) throw std::system_error(errno, std::generic_category(), "eventfd");
+  }
+  /// Readable from now on, for everyone who polls, until clear().
+  void set() {
+    const std::uint64_t one = 1;
+    // Fails only when the flag is up already.
+    [[maybe_unused]] const auto written = ::write(fd_.get(), &one, sizeof one);
+  }
+  void clear() {
+    std::uint64_t count = 0;
+    // Fails only when the flag is down already.
+    [[maybe_unused]] const auto got = ::read(fd_.get(), &count, sizeof count);
+  }
+  int fd() const { return fd_.get(); }
+
+ private:
+  UniqueFd fd_;
+};
+
+}  // namespace verdo::local

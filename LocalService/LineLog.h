@@ -1,0 +1,48 @@
+#pragma once
+
+#include "LocalService/LinesBody.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <openssl/evp.h>
+
+namespace verdo::local {
+
+/// The output lines of one job: counted, hashed, and stored if wanted. Every member may be called
+/// from any thread.
+class LineLog {
+ public:
+  struct Totals {
+    std::uint64_t lines = 0;
+    std::uint64_t bytes = 0;
+    std::string sha256;  ///< lowercase hexadecimal
+  };
+
+  explicit LineLog(bool keep);
+
+  void append(const LinesBatch& batch);
+  Totals totals() const;
+  std::vector<std::string> lines(std::size_t from, std::size_t limit) const;
+  /// Whether a line from number `from` on contains `text`; moves `from` behind the lines looked at.
+  bool contains(const std::string& text, std::size_t& from) const;
+
+ private:
+  struct DigestDeleter {
+    void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
+  };
+  using Digest = std::unique_ptr<EVP_MD_CTX, DigestDeleter>;
+
+  const bool keep_;
+  mutable std::mutex mutex_;  // guards all below
+  Digest digest_;
+  std::uint64_t count_ = 0;
+  std::uint64_t bytes_ = 0;
+  std::vector<std::string> lines_;
+};
+
+}  // namespace verdo::local

@@ -1,0 +1,161 @@
+#include "LocalService/RequestLog.h"
+
+#include <algorithm>
+#include <utility>
+
+#include <strings.h>
+
+namespace verdo::local {
+
+std::optional<std::string> RequestRecord::header(std::string_view name) const {
+  for (const auto& [key, value] : headers) {
+    if (key.size() == name.size() && strncasecmp(key.data(), name.data(), name.size()) == 0) {
+      return value;
+    }
+  }
+  return std::nullopt;
+}
+
+std::uint64_t RequestLog::arrived(RequestRecord record, std::string_view body) {
+  record.body = body.substr(0, limits_.bodyBytes);
+  const std::lock_guard lock(mutex_);
+  record.sequence = nextSequence_++;
+  bodyBytes_ += record.body.size();
+  for (const auto& name : {record.endpoint, std::string()}) {
+    auto& endpoint = endpoints_[name];
+    ++endpoint.arrived;
+    endpoint.kept.push_back(record.sequence);
+  }
+  records_.push_back(std::move(record));
+  dropExcess();
+  changed_.notify_all();
+  return nextSequence_ - 1;
+}
+
+void RequestLog::dropExcess() {
+  const auto first = nextSequence_ - records_.size();
+  bodiesFrom_ = std::max(bodiesFrom_, first);
+  while (bodyBytes_ > limits_.totalBodyBytes && bodiesFrom_ < nextSequence_) {
+    auto& record = records_[bodiesFrom_++ - first];
+    bodyBytes_ -= record.body.size();
+    record.body = std::string();
+  }
+  while (records_.size() > limits_.entries) {
+    bodyBytes_ -= records_.front().body.size();
+    endpoints_[records_.front().endpoint].kept.pop_front();
+    endpoints_[""].kept.pop_front();
+    records_.pop_front();
+  }
+}
+
+template <typename Function>
+void RequestLog::update(std::uint64_t sequence, Function function) {
+  const std::lock_guard lock(mutex_);
+  const auto first = nextSequence_ - records_.size();
+  if (sequence < first || sequence >= nextSequence_) return;
+  function(records_[sequence - first]);
+  changed_.notify_all();
+}
+
+void RequestLog::faultApplied(std::uint64_t sequence, std::uint64_t fault) {
+  update(sequence, [&](RequestRecord& record) { record.fault = fault; });
+}
+
+void RequestLog::replied(std::uint64_t sequence, int status) {
+  update(sequence, [&](RequestRecord& record) {
+    record.status = status;
+    record.replied = RequestRecord::Clock::now();
+  });
+}
+
+void RequestLog::hungUp(std::uint64_t sequence) {
+  update(sequence, [&](RequestRecord& record) {
+    if (record.hungUp) return;
+    record.hungUp = RequestRecord::Clock::now();
+    record.replied.reset();
+    record.status = 0;
+    ++endpoints_[record.endpoint].hungUp;
+    ++endpoints_[""].hungUp;
+  });
+}
+
+std::vector<RequestRecord> RequestLog::requests(std::string_view endpoint) const {
+  std::vector<RequestRecord> found;
+  const std::lock_guard lock(mutex_);
+  for (const auto& record : records_) {
+    if (endpoint.empty() || record.endpoint == endpoint) found.push_back(record);
+  }
+  return found;
+}
+
+std::uint64_t RequestLog::arrivedOn(const std::string& endpoint) const {
+  const auto found = endpoints_.find(endpoint);
+  return found == endpoints_.end() ? 0 : found->second.arrived;
+}
+
+std::uint64_t RequestLog::hungUpOn(const std::string& endpoint) const {
+  const auto found = endpoints_.find(endpoint);
+  return found == endpoints_.end() ? 0 : found->second.hungUp;
+}
+
+std::uint64_t RequestLog::count(const std::string& endpoint) const {
+  const std::lock_guard lock(mutex_);
+  return arrivedOn(endpoint);
+}
+
+const RequestRecord* RequestLog::find(const std::string& endpoint, std::uint64_t n) const {
+  const auto found = endpoints_.find(endpoint);
+  if (found == endpoints_.end()) return nullptr;
+  const auto& [arrived, hungUp, kept] = found->second;
+  const auto dropped = arrived - kept.size();
+  if (n <= dropped || n > arrived) return nullptr;
+  return &records_[kept[n - dropped - 1] - (nextSequence_ - records_.size())];
+}
+
+std::optional<RequestRecord> RequestLog::waitForRequest(const std::string& endpoint,
+                                                        std::uint64_t n, Deadline deadline) const {
+  std::unique_lock lock(mutex_);
+  changed_.wait_until(lock, deadline, [&] { return interrupted_ || arrivedOn(endpoint) >= n; });
+  const auto* record = find(endpoint, n);
+  return record == nullptr ? std::nullopt : std::optional(*record);
+}
+
+std::optional<RequestRecord> RequestLog::waitForReply(const std::string& endpoint, std::uint64_t n,
+                                                      Deadline deadline) const {
+  std::unique_lock lock(mutex_);
+  const RequestRecord* record = nullptr;
+  const auto over = [&] {
+    record = find(endpoint, n);
+    return record != nullptr && (record->replied || record->hungUp);
+  };
+  changed_.wait_until(lock, deadline, [&] { return over() || interrupted_; });
+  return over() ? std::optional(*record) : std::nullopt;
+}
+
+bool RequestLog::waitForHangUps(const std::string& endpoint, std::uint64_t n,
+                                Deadline deadline) const {
+  std::unique_lock lock(mutex_);
+  changed_.wait_until(lock, deadline, [&] { return interrupted_ || hungUpOn(endpoint) >= n; });
+  return hungUpOn(endpoint) >= n;
+}
+
+void RequestLog::clear() {
+  const std::lock_guard lock(mutex_);
+  records_.clear();
+  endpoints_.clear();
+  bodyBytes_ = 0;
+  bodiesFrom_ = nextSequence_;
+}
+
+void RequestLog::interrupt() {
+  const std::lock_guard lock(mutex_);
+  interrupted_ = true;
+  changed_.notify_all();
+}
+
+void RequestLog::resume() {
+  const std::lock_guard lock(mutex_);
+  interrupted_ = false;
+}
+
+}  // namespace verdo::local

@@ -1,0 +1,77 @@
+#pragma once
+
+#include "LocalService/RequestRecord.h"
+
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace verdo::local {
+
+struct RequestLogLimits {
+  std::size_t entries = 20'000;             ///< kept; older ones go
+  std::size_t bodyBytes = 1 << 20;          ///< kept of one body
+  std::size_t totalBodyBytes = 256u << 20;  ///< kept of all bodies; the oldest bodies go first
+};
+
+/// What was asked of the service. Every member may be called from any thread. An endpoint of ""
+/// stands for all.
+class RequestLog {
+ public:
+  using Deadline = std::chrono::steady_clock::time_point;
+
+  explicit RequestLog(RequestLogLimits limits = {}) : limits_(limits) {}
+
+  /// Logs an arrival; fills in `sequence` and cuts `body` (whose full length the caller has put in
+  /// `bodySize`). Gives the sequence.
+  std::uint64_t arrived(RequestRecord record, std::string_view body);
+  void faultApplied(std::uint64_t sequence, std::uint64_t fault);
+  void replied(std::uint64_t sequence, int status);  ///< 0: ended without a reply
+  void hungUp(std::uint64_t sequence);
+
+  std::vector<RequestRecord> requests(std::string_view endpoint) const;
+  std::uint64_t count(const std::string& endpoint) const;
+  std::optional<RequestRecord> waitForRequest(const std::string& endpoint, std::uint64_t n,
+                                              Deadline deadline) const;
+  std::optional<RequestRecord> waitForReply(const std::string& endpoint, std::uint64_t n,
+                                            Deadline deadline) const;
+  bool waitForHangUps(const std::string& endpoint, std::uint64_t n, Deadline deadline) const;
+
+  void clear();
+  void interrupt();  ///< waits end now with what there is
+  void resume();     ///< waits wait again
+
+ private:
+  struct Endpoint {
+    std::uint64_t arrived = 0;
+    std::uint64_t hungUp = 0;
+    std::deque<std::uint64_t> kept;  // sequences
+  };
+  template <typename Function>
+  void update(std::uint64_t sequence, Function function);
+  // Called with the lock held.
+  const RequestRecord* find(const std::string& endpoint, std::uint64_t n) const;  // null: not kept
+  std::uint64_t arrivedOn(const std::string& endpoint) const;
+  std::uint64_t hungUpOn(const std::string& endpoint) const;
+  void dropExcess();
+
+  const RequestLogLimits limits_;
+  mutable std::mutex mutex_;  // guards all below
+  mutable std::condition_variable changed_;
+  std::deque<RequestRecord> records_;  // of consecutive sequences
+  std::uint64_t nextSequence_ = 1;
+  std::uint64_t bodiesFrom_ = 1;  // sequence of the oldest record that still has its body
+  std::size_t bodyBytes_ = 0;
+  std::map<std::string, Endpoint> endpoints_;  // "" is one that all requests belong to
+  bool interrupted_ = false;
+};
+
+}  // namespace verdo::local

@@ -1,0 +1,72 @@
+#include "LocalService/LocalService.h"
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <exception>
+#include <iostream>
+#include <string>
+
+#include <CLI/CLI.hpp>
+#include <pthread.h>
+
+namespace {
+
+constexpr int kUsageError = 2;
+
+int serve(const verdo::local::LocalServiceOptions& options) {
+  // Blocked before the first thread exists, so that sigwait below is the only taker.
+  sigset_t ends;
+  sigemptyset(&ends);
+  sigaddset(&ends, SIGINT);
+  sigaddset(&ends, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &ends, nullptr);
+  verdo::local::LocalService service(options);
+  try {
+    service.start();
+  } catch (const std::exception& error) {
+    std::cerr << "verdo-local-service: " << error.what() << std::endl;
+    return EXIT_FAILURE;
+  }
+  std::cout << "listening on " << service.url() << std::endl;
+  std::cout << "token " << service.token() << std::endl;
+  int signal = 0;
+  sigwait(&ends, &signal);
+  service.stop();
+  return EXIT_SUCCESS;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app("Stand-in on loopback of the Verdo web service, for demos, tests and benchmarks.");
+  verdo::local::LocalServiceOptions options;
+  options.port = 8765;
+  double lease = 60;
+  app.add_option("--port", options.port, "port on 127.0.0.1; 0 picks a free one")
+      ->capture_default_str();
+  app.add_option("--token", options.token, "driver token (default: a random one)");
+  auto* certificate = app.add_option("--cert", options.certificate, "certificate chain, PEM")
+                          ->check(CLI::ExistingFile);
+  auto* key =
+      app.add_option("--key", options.privateKey, "its private key, PEM")->check(CLI::ExistingFile);
+  certificate->needs(key);
+  key->needs(certificate);
+  app.add_option("--lease", lease, "seconds until the job of a silent driver is offered again")
+      ->check(CLI::Range(0.001, 86'400.0))
+      ->capture_default_str();
+  app.add_option("--files", options.filesDirectory, "also hand out this folder under /files/")
+      ->check(CLI::ExistingDirectory);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? EXIT_SUCCESS : kUsageError;
+  }
+  options.lease = std::chrono::milliseconds(static_cast<std::int64_t>(lease * 1000));
+  try {
+    return serve(options);
+  } catch (const std::exception& error) {
+    std::cerr << "verdo-local-service: " << error.what() << std::endl;
+    return EXIT_FAILURE;
+  }
+}

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <variant>
+
+#include "VerdoDriverCore/Contract/DriverConfig.h"
+#include "VerdoDriverCore/Process/Spawn.h"
+
+namespace verdo::cli {
+
+/// What the command line says. Secrets are not among it: they come from the environment or the
+/// env file, never from where every process listing shows them.
+struct Options {
+  DriverConfig config;                 ///< with everything that the command line can set
+  std::optional<std::string> server;   ///< --server
+  std::optional<std::string> llmBase;  ///< --llm-base
+  std::optional<bool> color;           ///< --color; absent: as the terminal has it
+};
+
+/// A command line that runs nothing: help, version, or a usage error.
+struct Ended {
+  int status = 0;
+  std::string text;  ///< for standard output when the status is 0, else for standard error
+};
+
+/// Reads the command line.
+std::variant<Options, Ended> parseCommandLine(int argc, const char* const* argv);
+
+/// The configuration of the run: what the command line leaves open is filled in from the
+/// environment, then from the env file, then with defaults; an empty value counts as absent.
+/// Throws what EnvFile::read throws.
+DriverConfig resolveConfig(Options options, const Environment& environment);
+
+}  // namespace verdo::cli

@@ -1,0 +1,64 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstdio>
+#include <memory>
+
+#include "VerdoDriverCLI/Options.h"
+#include "VerdoDriverCLI/Secrets.h"
+#include "VerdoDriverCLI/SignalThread.h"
+#include "VerdoDriverCore/Run/Log.h"
+#include "VerdoDriverCore/Run/Runner.h"
+
+namespace {
+
+/// A descriptor opened later must not take the place of a standard one that is closed.
+void openStandardDescriptors() {
+  int fd = 0;
+  do {
+    fd = ::open("/dev/null", O_RDWR);
+  } while (fd >= 0 && fd <= STDERR_FILENO);
+  if (fd > STDERR_FILENO) ::close(fd);
+}
+
+/// Ends at once: a job's thread that was given up on may still use what static destructors destroy.
+[[noreturn]] void exitNow(int status) {
+  std::fflush(nullptr);
+  std::_Exit(status);
+}
+
+int serve(verdo::cli::Options options) {
+  const auto log = std::make_shared<verdo::StderrLogSink>(options.color);
+  verdo::DriverConfig config;
+  try {
+    config = verdo::cli::resolveConfig(std::move(options), verdo::currentEnvironment());
+  } catch (const std::exception& error) {
+    log->error(error.what());
+    return verdo::ExitReason::badConfig({}).code();
+  }
+  verdo::cli::eraseSecretsFromEnvironment();
+
+  const auto runner = std::make_shared<verdo::DriverRunner>(std::move(config), log);
+  verdo::cli::handleStopSignals([runner] { runner->stop(); },
+                                [runner, log] {
+                                  log->warn("stopping at once");
+                                  runner->killJobsNow();
+                                  exitNow(verdo::ExitReason::stopped().code());
+                                });
+  const verdo::ExitReason reason = runner->run();
+  if (!reason.message().empty()) log->error(reason.message());
+  return reason.code();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  openStandardDescriptors();
+  auto parsed = verdo::cli::parseCommandLine(argc, argv);
+  if (const auto* ended = std::get_if<verdo::cli::Ended>(&parsed)) {
+    std::fputs(ended->text.c_str(), ended->status == 0 ? stdout : stderr);
+    return ended->status;
+  }
+  exitNow(serve(std::move(std::get<verdo::cli::Options>(parsed))));
+}

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace verdo {
+
+/// What a run reports to whoever shows it. Called on the driver's own threads, several at once;
+/// must not throw. Runners and drivers hold it weakly.
+class DriverObserver {
+ public:
+  virtual ~DriverObserver() = default;
+  /// The service accepted the hello.
+  virtual void driverConnected(const std::string& username, std::int64_t userId,
+                               const std::string& serverVersion) = 0;
+  /// The lanes that now run a job, sorted.
+  virtual void driverBusyLanesChanged(const std::vector<std::string>& lanes) = 0;
+  virtual void driverJobStarted(std::int64_t id, const std::string& lane,
+                                const std::string& kind) = 0;
+  virtual void driverJobFinished(std::int64_t id, const std::string& lane, std::int32_t exitCode,
+                                 const std::optional<std::string>& error) = 0;
+  /// The service could not be reached; the next try follows after this many seconds.
+  virtual void driverRetrying(const std::string& message, double retryInSeconds) = 0;
+};
+
+}  // namespace verdo

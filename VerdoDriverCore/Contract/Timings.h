@@ -1,0 +1,41 @@
+#pragma once
+
+#include <chrono>
+
+#include "VerdoDriverCore/Process/ChildProcess.h"
+
+namespace verdo {
+
+/// Every time constant of the worker, the serve loop and process termination. The defaults are
+/// the real ones; only tests give others.
+struct Timings {
+  using Duration = std::chrono::steady_clock::duration;
+
+  // Reporting on a job.
+  Duration reportCycle = std::chrono::seconds(3);    ///< between two lines posts of a job
+  Duration retryFirst = std::chrono::seconds(1);     ///< first pause of a failed post; doubles
+  Duration retryLongest = std::chrono::seconds(15);  ///< longest pause between two attempts
+  Duration postDeadline = std::chrono::seconds(90);  ///< after this long a failing post is given up
+  Duration postDeadlineStopping = std::chrono::seconds(10);  ///< the same once the driver stops
+  Duration acknowledgeDeadline = std::chrono::seconds(5);    ///< the same for an acknowledgement
+
+  // Ending a job.
+  TerminationTimings termination;
+  Duration drainAfterKill = std::chrono::seconds(5);     ///< for the output of a killed job
+  Duration shutdownPerWorker = std::chrono::seconds(60);  ///< wait for one worker at shutdown
+
+  // Polling for jobs.
+  Duration pollRetryFirst = std::chrono::seconds(1);     ///< first pause of a failed poll; doubles
+  Duration pollRetryLongest = std::chrono::seconds(30);  ///< longest pause between two polls
+  Duration laneWait = std::chrono::seconds(5);           ///< one wait for a free lane
+  /// Two empty replies in a row that came within emptyPollQuick of their requests are followed by
+  /// emptyPollPause, so that a server that does not hold polls is not hammered.
+  Duration emptyPollQuick = std::chrono::milliseconds(200);
+  Duration emptyPollPause = std::chrono::seconds(1);
+  Duration throttlePause = std::chrono::seconds(1);  ///< after a reply with status 429
+
+  // One-shot browser scripts.
+  Duration browserLook = std::chrono::milliseconds(50);  ///< between two looks at the child
+};
+
+}  // namespace verdo

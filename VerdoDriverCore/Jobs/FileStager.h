@@ -1,0 +1,26 @@
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "VerdoDriverCore/Contract/LogSink.h"
+#include "VerdoDriverCore/Jobs/Job.h"
+
+namespace verdo::FileStager {
+
+/// Fetches a URL into a file and gives the SHA-256 in lowercase hexadecimal (Api::download). Throws
+/// PyError.
+using Download = std::function<std::string(const std::string& url, const std::string& destination)>;
+
+/// Downloads the job's files into `directory`, checks them, and gives the payload with every
+/// placeholder "__VERDO_FILE__{name}__" of a staged file replaced by the file's path as a string
+/// literal. Throws PyError: "KeyError" for a file without "url" or "sha256", "ValueError" for a
+/// wrong checksum, and what `download` throws.
+std::string stage(const Job& job, std::string payload, const Download& download, LogSink& log,
+                  const std::string& directory);
+
+/// The name under which a file is stored: letters, digits, ".", "_" and "-" stay, every other
+/// character becomes "_"; never empty, "." or "..", and short enough for any file system.
+std::string safeName(const std::string& name);
+
+}  // namespace verdo::FileStager

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <string>
+
+#include "VerdoDriverCore/Contract/LogSink.h"
+#include "VerdoDriverCore/Contract/Timings.h"
+#include "VerdoDriverCore/Jobs/Browser.h"
+#include "VerdoDriverCore/Network/Api.h"
+#include "VerdoDriverCore/Process/Sync.h"
+
+namespace verdo {
+
+class Worker;
+
+/// What a worker needs of the serve loop that leased its job. Any thread may call any operation.
+/// Workers share its ownership, so that one that outlives a shutdown still has everything it uses.
+class JobHost {
+ public:
+  virtual ~JobHost() = default;
+  virtual Api& api() = 0;
+  virtual LogSink& log() = 0;
+  virtual Browser& browser() = 0;
+  virtual const Timings& timings() const = 0;
+  /// Set once the run must end.
+  virtual const Event& stopping() const = 0;
+  /// A call of the worker's learnt that the service has revoked the token: ends the run.
+  virtual void tokenWasRevoked() = 0;
+  /// Marks a task space as just used, for the idle reaper.
+  virtual void touchSpace(const std::string& name) = 0;
+  /// The worker has finished everything: its lane is free.
+  virtual void workerDone(Worker& worker) = 0;
+};
+
+}  // namespace verdo

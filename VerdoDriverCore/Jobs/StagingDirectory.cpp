@@ -1,0 +1,91 @@
+#include "VerdoDriverCore/Jobs/StagingDirectory.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <system_error>
+
+#include "VerdoDriverCore/Contract/DriverConstants.h"
+#include "VerdoDriverCore/Values/PyError.h"
+
+namespace verdo {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kPrefix = "verdo-";
+
+[[noreturn]] void failWithErrno(const std::string& path) {
+  throw PyError("OSError", pyErrnoText(errno, path));
+}
+
+void makePrivateDirectory(const std::string& path) {
+  std::error_code error;
+  fs::create_directories(path, error);
+  if (error) throw PyError("OSError", pyErrnoText(error.value(), path));
+  if (::chmod(path.c_str(), 0700) != 0) failWithErrno(path);
+}
+
+/// Held while a directory is made and locked, or examined and removed: between those two steps
+/// nobody else may look at it.
+UniqueFd lockCache(const std::string& cache) {
+  const std::string path = cache + "/.lock";
+  UniqueFd file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  if (!file) failWithErrno(path);
+  while (::flock(file.get(), LOCK_EX) != 0) {
+    if (errno != EINTR) failWithErrno(path);
+  }
+  return file;
+}
+
+UniqueFd openDirectory(const std::string& path) {
+  return UniqueFd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
+}
+
+}  // namespace
+
+std::string StagingDirectory::defaultCache() {
+  return DriverConstants::expandTilde("~/.cache/verdo");
+}
+
+StagingDirectory::StagingDirectory(const std::string& cache) {
+  makePrivateDirectory(cache);
+  const UniqueFd cacheLock = lockCache(cache);
+  std::string path = cache + "/" + kPrefix + "XXXXXX";
+  if (!::mkdtemp(path.data())) {
+    throw PyError("OSError", fmt::format("mkdtemp failed: {}",
+                                         std::generic_category().message(errno)));
+  }
+  path_ = std::move(path);
+  lock_ = openDirectory(path_);
+  // A file system without locks costs the clean-up after a crash, not the job.
+  if (lock_) static_cast<void>(::flock(lock_.get(), LOCK_EX | LOCK_NB));
+}
+
+StagingDirectory::~StagingDirectory() {
+  std::error_code ignored;  // nobody is left to tell; the next start tries again
+  fs::remove_all(path_, ignored);
+}
+
+void StagingDirectory::removeAbandoned(const std::string& cache) try {
+  std::error_code missing;
+  if (!fs::is_directory(cache, missing)) return;
+  const UniqueFd cacheLock = lockCache(cache);
+  for (const auto& entry : fs::directory_iterator(cache)) {
+    if (!entry.path().filename().string().starts_with(kPrefix)) continue;
+    const UniqueFd directory = openDirectory(entry.path());
+    if (!directory || ::flock(directory.get(), LOCK_EX | LOCK_NB) != 0) continue;
+    std::error_code ignored;
+    fs::remove_all(entry.path(), ignored);
+  }
+} catch (const std::exception&) {
+  // Tidying up is a courtesy: it must not keep a driver from starting.
+}
+
+}  // namespace verdo

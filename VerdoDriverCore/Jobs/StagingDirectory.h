@@ -1,0 +1,34 @@
+#pragma once
+
+#include <string>
+
+#include "VerdoDriverCore/Process/UniqueFd.h"
+
+namespace verdo {
+
+/// A private directory for one job's input files, removed with everything in it at the end of its
+/// life. While it lives its owner holds a lock on it, by which directories of crashed runs are
+/// told from those in use.
+class StagingDirectory {
+ public:
+  /// Makes "{cache}/verdo-XXXXXX" (mode 0700) and the cache directory, which only the user may
+  /// enter. Throws PyError "OSError".
+  explicit StagingDirectory(const std::string& cache = defaultCache());
+  ~StagingDirectory();
+  StagingDirectory(const StagingDirectory&) = delete;
+  StagingDirectory& operator=(const StagingDirectory&) = delete;
+
+  const std::string& path() const { return path_; }
+
+  /// "~/.cache/verdo" of the user.
+  static std::string defaultCache();
+  /// Removes the directories in the cache whose owners are gone. Never throws: what cannot be
+  /// removed now is left to the next start.
+  static void removeAbandoned(const std::string& cache = defaultCache());
+
+ private:
+  std::string path_;
+  UniqueFd lock_;
+};
+
+}  // namespace verdo

@@ -1,0 +1,209 @@
+#include "VerdoDriverCore/Network/Api.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "VerdoDriverCore/Contract/Protocol.h"
+#include "VerdoDriverCore/Network/FileDownload.h"
+#include "VerdoDriverCore/Values/JsonReader.h"
+#include "VerdoDriverCore/Values/PyJSON.h"
+#include "VerdoDriverCore/Values/Utf8.h"
+
+namespace verdo {
+namespace {
+
+using std::chrono::seconds;
+
+// The protocol's time-outs.
+constexpr auto kHelloTimeout = seconds(20);
+constexpr auto kPollMargin = seconds(20);
+constexpr auto kPostTimeout = seconds(45);
+
+constexpr std::size_t kQuotedBody = 300;  // characters of an error's body that a message quotes
+
+[[noreturn]] void failServer(const std::string& message) {
+  throw ServerError(ServerError::Kind::server, message);
+}
+
+/// Percent-encodes everything but letters, digits and "_.-~/", as Python's quote does.
+std::string quote(const std::string& text) {
+  std::string out;
+  for (const char c : text) {
+    const bool kept = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
+                      std::string_view("_.-~/").find(c) != std::string_view::npos;
+    if (kept) {
+      out.push_back(c);
+    } else {
+      out += fmt::format("%{:02X}", static_cast<unsigned char>(c));
+    }
+  }
+  return out;
+}
+
+JV parseObject(const std::string& body, const std::string& call) {
+  JV value;
+  try {
+    value = parseJson(body);
+  } catch (const PyError& error) {
+    failServer(fmt::format("{} -> {}", call, pyDescribe(error)));
+  }
+  if (!value.asObject()) failServer(call + " -> JSONDecodeError: body is not an object");
+  return value;
+}
+
+}  // namespace
+
+Api::Api(Options options, std::shared_ptr<HttpSession> session)
+    : options_(std::move(options)), session_(std::move(session)) {
+  while (options_.base.ends_with('/')) options_.base.pop_back();
+}
+
+JV Api::hello() {
+  Call call;
+  call.path = "/api/driver/hello";
+  call.timeout = kHelloTimeout;
+  call.untilStop = true;
+  if (options_.llmInfo) {
+    call.headers.emplace_back("X-VERDO-Driver-LLM", PyJSON::text(*options_.llmInfo));
+  }
+  return request(call).object.value_or(JV::Object{});
+}
+
+std::optional<JV> Api::poll(double wait, const std::set<std::string>& busy) {
+  Call call;
+  call.path = fmt::format("/api/driver/poll?wait={}", static_cast<std::int64_t>(wait));
+  if (!busy.empty()) {
+    call.path += "&busy=" + quote(fmt::format("{}", fmt::join(busy, ",")));
+  }
+  call.timeout = fromSeconds(wait) + kPollMargin;
+  call.untilStop = true;
+  return request(call).object;
+}
+
+JV Api::lines(std::int64_t jobId, std::shared_ptr<const ByteBuffer> body) {
+  return post(fmt::format("/api/driver/jobs/{}/lines", jobId), std::move(body));
+}
+
+void Api::complete(std::int64_t jobId, std::int32_t exitCode,
+                   const std::optional<std::string>& error) {
+  const JV record = JV::Object{{"exit_code", exitCode}, {"error", error ? JV(*error) : JV()}};
+  post(fmt::format("/api/driver/jobs/{}/complete", jobId),
+       std::make_shared<const ByteBuffer>(PyJSON::text(record)));
+}
+
+JV Api::post(const std::string& path, std::shared_ptr<const ByteBuffer> body) {
+  Call call;
+  call.method = "POST";
+  call.path = path;
+  call.body = std::move(body);
+  call.timeout = kPostTimeout;
+  Reply reply = request(call);
+  if (reply.throttled) failServer(*reply.throttled);
+  return reply.object ? std::move(*reply.object) : JV(JV::Object{});
+}
+
+Api::Headers Api::protocolHeaders() const {
+  Headers headers{{"Authorization", "Bearer " + options_.token},
+                  {"X-VERDO-Driver-Protocol", std::to_string(DRIVER_PROTOCOL)},
+                  {"X-VERDO-Driver-Version", DRIVER_VERSION}};
+  if (options_.clientHeader) headers.emplace_back("X-VERDO-Driver-Client", *options_.clientHeader);
+  return headers;
+}
+
+Api::Reply Api::request(const Call& call) {
+  const std::string name = fmt::format("{} {}", call.method, call.path);
+  HttpRequest request;
+  request.method = call.method;
+  request.url = options_.base + call.path;
+  if (!HttpSession::isValidUrl(request.url)) failServer(name + " -> ValueError: bad URL");
+  request.timeout = call.timeout;
+  if (const auto cap = options_.timeoutCap()) {
+    request.timeout = std::min(request.timeout, fromSeconds(*cap));
+  }
+  request.headers = protocolHeaders();
+  request.headers.insert(request.headers.end(), call.headers.begin(), call.headers.end());
+  if (call.body) {
+    request.headers.emplace_back("Content-Type", "application/json");
+    request.body = call.body;
+  }
+
+  const HttpResult result = perform(std::move(request), call.untilStop);
+  if (result.error) {
+    failServer(fmt::format("{} -> {}: {}", name, errorName(*result.error),
+                           result.error->description));
+  }
+  if (!result.response) failServer(name + " -> URLError: no response");
+  const auto& [status, body] = *result.response;
+  if (status < 400) {
+    if (status == 204 || body.empty()) return {};
+    return {parseObject(body, name), std::nullopt};
+  }
+  const std::string message =
+      fmt::format("{} -> {}: {}", name, status, firstCharacters(body, kQuotedBody));
+  switch (status) {
+    case 401: throw ServerError(ServerError::Kind::auth, message);
+    case 426: throw ServerError(ServerError::Kind::outOfDate, message);
+    case 429: interrupted_.waitFor(options_.throttlePause); return {std::nullopt, message};
+    default: failServer(message);
+  }
+}
+
+HttpResult Api::perform(HttpRequest request, bool untilStop) {
+  std::int64_t identifier = 0;
+  const auto enter = [&](const std::shared_ptr<HttpTask>& task) {
+    MutexLock lock(pollLock_);
+    identifier = task->identifier();
+    inFlight_.emplace(identifier, task);
+    if (!untilStop) return;
+    pollTask_ = task;
+    if (pollingStopped_) task->cancel();
+  };
+  HttpResult result = session_->perform(std::move(request), enter);
+  MutexLock lock(pollLock_);
+  if (pollTask_ && pollTask_->identifier() == identifier) pollTask_.reset();
+  inFlight_.erase(identifier);
+  return result;
+}
+
+std::string Api::download(const std::string& url, const std::string& destination,
+                          Duration timeout) {
+  HttpRequest request;
+  request.url = url.starts_with("http://") || url.starts_with("https://") ? url
+                                                                          : options_.base + url;
+  if (!HttpSession::isValidUrl(request.url)) throw PyError("ValueError", "bad file URL");
+  request.timeout = timeout;
+  request.followRedirects = true;
+  const auto file = std::make_shared<FileDownload>(destination);
+  request.sink = file;
+  try {
+    const HttpResult result = perform(std::move(request), false);
+    if (file->failure()) throw *file->failure();
+    if (result.error) throw PyError("URLError", result.error->description);
+    const int status = result.response ? result.response->status : 0;
+    if (status < 200 || status > 299) throw PyError("HTTPError", fmt::format("HTTP {}", status));
+    return file->finish();
+  } catch (const PyError&) {
+    file->discard();
+    throw;
+  }
+}
+
+void Api::stopPolling() {
+  MutexLock lock(pollLock_);
+  pollingStopped_ = true;
+  if (pollTask_) pollTask_->cancel();
+}
+
+void Api::cancelAll() {
+  stopPolling();
+  interrupted_.set();
+  MutexLock lock(pollLock_);
+  for (const auto& [identifier, task] : inFlight_) task->cancel();
+}
+
+const char* Api::errorName(const TransportError& error) {
+  return error.kind == TransportError::Kind::cancelled ? "Cancelled" : "URLError";
+}
+
+}  // namespace verdo

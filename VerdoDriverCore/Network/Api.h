@@ -1,0 +1,97 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "VerdoDriverCore/Contract/Timings.h"
+#include "VerdoDriverCore/Network/Errors.h"
+#include "VerdoDriverCore/Network/HttpSession.h"
+#include "VerdoDriverCore/Process/Sync.h"
+#include "VerdoDriverCore/Values/JV.h"
+
+namespace verdo {
+
+/// The driver's only door to the service: one method for each endpoint, each blocking its caller
+/// until the reply is there. Many threads call the same Api at once.
+class Api {
+ public:
+  using Duration = std::chrono::steady_clock::duration;
+
+  struct Options {
+    std::string base;                         ///< service URL; trailing "/" are removed
+    std::string token;                        ///< bearer credential
+    std::optional<JV> llmInfo;                ///< describes the LLM key; sent in the hello
+    std::optional<std::string> clientHeader;  ///< X-VERDO-Driver-Client
+    /// Upper limit of any request's time-out, seconds; absent: none.
+    std::function<std::optional<double>()> timeoutCap = [] { return std::nullopt; };
+    Duration throttlePause = Timings().throttlePause;  ///< after a reply with status 429
+  };
+
+  Api(Options options, std::shared_ptr<HttpSession> session);
+
+  // Every endpoint throws ServerError.
+
+  /// What the service says of itself and of us; an empty object when it said nothing.
+  JV hello();
+  /// Waits up to `wait` seconds for a job, naming the lanes that are busy here. Absent when the
+  /// service has nothing.
+  std::optional<JV> poll(double wait, const std::set<std::string>& busy);
+  /// Posts a batch of output lines (a finished LineBatch). An empty object when the service
+  /// answered nothing. A throttled post (429) counts as a failed one: nothing was taken.
+  JV lines(std::int64_t jobId, std::shared_ptr<const ByteBuffer> body);
+  /// Posts how a job ended. A throttled post counts as a failed one.
+  void complete(std::int64_t jobId, std::int32_t exitCode, const std::optional<std::string>& error);
+
+  /// Downloads a file to `destination` (mode 0600) and gives its SHA-256 in lowercase hexadecimal.
+  /// A URL without a scheme is a path on the service. Neither the token nor any header of ours is
+  /// sent, and redirects are followed. Nothing is left behind on failure. Throws PyError:
+  /// "ValueError", "URLError", "HTTPError" or "OSError".
+  std::string download(const std::string& url, const std::string& destination, Duration timeout);
+
+  /// Cancels the poll in flight, if any, and refuses later ones as cancelled.
+  void stopPolling() EXCLUDES(pollLock_);
+  /// stopPolling(), and cancels every other request in flight. Later posts and downloads are
+  /// sent as usual: a stopping driver still reports its jobs.
+  void cancelAll() EXCLUDES(pollLock_);
+
+  /// "Cancelled" or "URLError".
+  static const char* errorName(const TransportError& error);
+
+ private:
+  using Headers = std::vector<std::pair<std::string, std::string>>;
+  struct Call {
+    const char* method = "GET";
+    std::string path;
+    std::shared_ptr<const ByteBuffer> body;
+    Duration timeout{};
+    Headers headers;
+    bool untilStop = false;  ///< refused and cancelled once polling has stopped
+  };
+  /// A reply that is no failure. Without an object the service had nothing to say.
+  struct Reply {
+    std::optional<JV> object;
+    std::optional<std::string> throttled;  ///< the message of a 429
+  };
+
+  Reply request(const Call& call);
+  HttpResult perform(HttpRequest request, bool untilStop) EXCLUDES(pollLock_);
+  Headers protocolHeaders() const;
+  JV post(const std::string& path, std::shared_ptr<const ByteBuffer> body);
+
+  Options options_;
+  std::shared_ptr<HttpSession> session_;
+  Event interrupted_;
+  Mutex pollLock_;
+  std::shared_ptr<HttpTask> pollTask_ GUARDED_BY(pollLock_);
+  std::map<std::int64_t, std::shared_ptr<HttpTask>> inFlight_ GUARDED_BY(pollLock_);
+  bool pollingStopped_ GUARDED_BY(pollLock_) = false;
+};
+
+}  // namespace verdo

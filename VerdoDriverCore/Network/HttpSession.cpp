@@ -1,0 +1,94 @@
+#include "VerdoDriverCore/Network/HttpSession.h"
+
+#include <curl/curl.h>
+
+#include <stdexcept>
+
+#include "VerdoDriverCore/Network/HttpSessionLoop.h"
+#include "VerdoDriverCore/Network/HttpTransfer.h"
+#include "VerdoDriverCore/Process/Sync.h"
+
+namespace verdo {
+namespace {
+
+void initialiseCurlOnce() {
+  static const CURLcode code = curl_global_init(CURL_GLOBAL_DEFAULT);
+  if (code != CURLE_OK) throw std::runtime_error(curl_easy_strerror(code));
+}
+
+struct CurlUrlFree {
+  void operator()(CURLU* url) const { curl_url_cleanup(url); }
+};
+
+}  // namespace
+
+TransportError TransportError::cancelled() { return {Kind::cancelled, "cancelled"}; }
+
+TransportError TransportError::timedOut() {
+  return {Kind::timedOut, curl_easy_strerror(CURLE_OPERATION_TIMEDOUT)};
+}
+
+HttpTask::HttpTask(std::shared_ptr<HttpSessionLoop> loop, std::unique_ptr<HttpTransfer> transfer,
+                   std::int64_t identifier)
+    : loop_(std::move(loop)), identifier_(identifier), transfer_(std::move(transfer)) {}
+
+HttpTask::~HttpTask() = default;
+
+void HttpTask::start() {
+  std::unique_ptr<HttpTransfer> refused;
+  {
+    // Held while the loop takes the transfer, so that a cancellation cannot overtake the start.
+    MutexLock lock(lock_);
+    refused = std::move(transfer_);
+    if (!cancelled_) refused = loop_->start(std::move(refused));
+  }
+  if (refused) refused->fail(TransportError::cancelled());
+}
+
+void HttpTask::cancel() {
+  {
+    MutexLock lock(lock_);
+    cancelled_ = true;
+    if (transfer_) return;
+  }
+  loop_->cancel(identifier_);
+}
+
+HttpSession::HttpSession() : HttpSession(Options{}) {}
+
+HttpSession::HttpSession(Options options) : options_(std::move(options)) {
+  initialiseCurlOnce();
+  loop_ = std::make_shared<HttpSessionLoop>();
+}
+
+HttpSession::~HttpSession() { loop_->shutDown(); }
+
+bool HttpSession::isValidUrl(const std::string& url) {
+  if (!url.starts_with("http://") && !url.starts_with("https://")) return false;
+  const std::unique_ptr<CURLU, CurlUrlFree> parsed(curl_url());
+  return parsed && curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) == CURLUE_OK;
+}
+
+std::shared_ptr<HttpTask> HttpSession::task(HttpRequest request, Completion completion) {
+  auto transfer =
+      std::make_unique<HttpTransfer>(std::move(request), std::move(completion), options_);
+  transfer->identifier = loop_->nextIdentifier();
+  const auto identifier = transfer->identifier;
+  return std::make_shared<HttpTask>(loop_, std::move(transfer), identifier);
+}
+
+HttpResult HttpSession::perform(
+    HttpRequest request, const std::function<void(const std::shared_ptr<HttpTask>&)>& onTask) {
+  HttpResult result;
+  Event ended;
+  const auto started = task(std::move(request), [&](HttpResult outcome) {
+    result = std::move(outcome);
+    ended.set();
+  });
+  if (onTask) onTask(started);
+  started->start();
+  ended.wait();
+  return result;
+}
+
+}  // namespace verdo

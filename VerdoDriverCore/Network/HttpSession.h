@@ -1,0 +1,122 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "VerdoDriverCore/Process/Sync.h"
+#include "VerdoDriverCore/Values/ByteBuffer.h"
+
+namespace verdo {
+
+/// Takes the bytes of a response as they arrive, instead of having them collected. Called on the
+/// session's thread, never concurrently.
+class HttpBodySink {
+ public:
+  virtual ~HttpBodySink() = default;
+  /// False ends the transfer with an error. `status` is that of the final response.
+  virtual bool onBytes(int status, std::string_view bytes) = 0;
+};
+
+struct HttpRequest {
+  using Clock = std::chrono::steady_clock;
+
+  std::string method = "GET";
+  std::string url;
+  std::vector<std::pair<std::string, std::string>> headers;  ///< sent in this order
+  std::shared_ptr<const ByteBuffer> body;                    ///< null: none
+  Clock::duration timeout = std::chrono::seconds(60);        ///< inactivity: restarts as data moves
+  std::optional<Clock::time_point> deadline;                 ///< absolute, whatever data moves
+  bool followRedirects = false;
+  std::size_t maxBody = 64u << 20;     ///< a longer collected body is an error, bytes
+  std::shared_ptr<HttpBodySink> sink;  ///< null: the body is collected in the response
+};
+
+struct HttpResponse {
+  int status = 0;
+  std::string body;  ///< empty when a sink took it
+};
+
+/// A request that got no response.
+struct TransportError {
+  enum class Kind { cancelled, timedOut, other };
+  Kind kind = Kind::other;
+  std::string description;  ///< one sentence for a person
+
+  static TransportError cancelled();
+  static TransportError timedOut();
+};
+
+/// Either a response or an error.
+struct HttpResult {
+  std::optional<HttpResponse> response;
+  std::optional<TransportError> error;
+};
+
+class HttpSessionLoop;
+struct HttpTransfer;
+
+/// One request of a session. Any thread may call any operation.
+class HttpTask {
+ public:
+  HttpTask(std::shared_ptr<HttpSessionLoop> loop, std::unique_ptr<HttpTransfer> transfer,
+           std::int64_t identifier);
+  ~HttpTask();
+  std::int64_t identifier() const { return identifier_; }
+  /// Sends the request. Called once.
+  void start() EXCLUDES(lock_);
+  /// Ends the request in whatever phase it is; its completion gets TransportError::cancelled
+  /// within milliseconds. A task cancelled before its start ends as soon as it starts; one that
+  /// has ended is left as it is.
+  void cancel() EXCLUDES(lock_);
+
+ private:
+  const std::shared_ptr<HttpSessionLoop> loop_;
+  const std::int64_t identifier_;
+  Mutex lock_;
+  std::unique_ptr<HttpTransfer> transfer_ GUARDED_BY(lock_);  ///< until the start
+  bool cancelled_ GUARDED_BY(lock_) = false;
+};
+
+/// An HTTP client whose requests, from any thread, share one I/O thread and one pool of
+/// connections. It keeps no cookies and no cache.
+class HttpSession {
+ public:
+  struct Options {
+    /// PEM text of the only certificates to trust; empty: the system's roots.
+    std::string caCertificates;
+    /// Upper limit for any request.
+    std::chrono::steady_clock::duration resourceLimit = std::chrono::seconds(3600);
+  };
+  /// Called once, on the I/O thread: must not block and must not throw.
+  using Completion = std::function<void(HttpResult)>;
+
+  /// Starts the I/O thread. Throws std::runtime_error when the system has no room for one.
+  HttpSession();
+  explicit HttpSession(Options options);
+  /// Cancels what is in flight, waits for the completions, ends the thread. Not from a completion.
+  ~HttpSession();
+  HttpSession(const HttpSession&) = delete;
+  HttpSession& operator=(const HttpSession&) = delete;
+
+  /// True for an http or https URL that can be requested.
+  static bool isValidUrl(const std::string& url);
+
+  /// A task for the request, not yet started.
+  std::shared_ptr<HttpTask> task(HttpRequest request, Completion completion);
+  /// Sends the request and blocks until it has ended. `onTask` is given the task before it starts.
+  HttpResult perform(HttpRequest request,
+                     const std::function<void(const std::shared_ptr<HttpTask>&)>& onTask = {});
+
+ private:
+  Options options_;
+  std::shared_ptr<HttpSessionLoop> loop_;
+};
+
+}  // namespace verdo

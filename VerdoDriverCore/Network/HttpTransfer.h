@@ -1,0 +1,57 @@
+#pragma once
+
+#include <curl/curl.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "VerdoDriverCore/Network/HttpSession.h"
+
+namespace verdo {
+
+struct CurlEasyFree {
+  void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
+};
+struct CurlListFree {
+  void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+};
+
+/// One request on its way through libcurl. Built on the caller's thread, then owned by the I/O
+/// thread.
+struct HttpTransfer {
+  using Clock = HttpRequest::Clock;
+
+  /// `caCertificates` must outlive the transfer. Throws std::bad_alloc.
+  HttpTransfer(HttpRequest request, HttpSession::Completion completion,
+               const HttpSession::Options& options);
+  HttpTransfer(const HttpTransfer&) = delete;
+  HttpTransfer& operator=(const HttpTransfer&) = delete;
+
+  /// When the transfer times out, should nothing move until then.
+  Clock::time_point expiry() const;
+  /// Gives the completion what libcurl ended with.
+  void finish(CURLcode code);
+  void fail(TransportError error);
+
+  std::int64_t identifier = 0;
+  HttpRequest request;
+  HttpSession::Completion completion;
+  Clock::time_point lastActivity;
+  Clock::time_point deadline;
+  std::unique_ptr<CURL, CurlEasyFree> handle;
+  std::unique_ptr<curl_slist, CurlListFree> headers;
+  char errorText[CURL_ERROR_SIZE] = {};
+
+ private:
+  static std::size_t onBody(char* data, std::size_t size, std::size_t count, void* self);
+  static int onProgress(void* self, curl_off_t downTotal, curl_off_t downNow, curl_off_t upTotal,
+                        curl_off_t upNow);
+  int status() const;
+
+  HttpResponse response_;
+  curl_off_t moved_ = 0;
+  bool bodyTooLong_ = false;
+};
+
+}  // namespace verdo

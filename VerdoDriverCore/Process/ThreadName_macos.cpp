@@ -1,0 +1,9 @@
+#include <pthread.h>
+
+#include "VerdoDriverCore/Process/ThreadName.h"
+
+namespace verdo {
+
+void setThreadName(const std::string& name) { ::pthread_setname_np(name.c_str()); }
+
+}  // namespace verdo

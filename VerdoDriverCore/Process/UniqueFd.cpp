@@ -1,0 +1,35 @@
+#include "VerdoDriverCore/Process/UniqueFd.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+
+namespace verdo {
+
+void UniqueFd::reset() {
+  // Not retried on EINTR: the descriptor is gone either way.
+  if (fd_ >= 0) ::close(std::exchange(fd_, -1));
+}
+
+Pipe Pipe::make() {
+  int ends[2];
+  if (::pipe(ends) != 0) throw std::system_error(errno, std::generic_category(), "pipe");
+  Pipe pipe{UniqueFd(ends[0]), UniqueFd(ends[1])};
+  for (const int end : ends) {
+    if (::fcntl(end, F_SETFD, FD_CLOEXEC) != 0) {
+      throw std::system_error(errno, std::generic_category(), "fcntl(FD_CLOEXEC)");
+    }
+  }
+  return pipe;
+}
+
+void setNonBlocking(int fd) {
+  const int flags = ::fcntl(fd, F_GETFL);
+  if (flags < 0 || ::fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0) {
+    throw std::system_error(errno, std::generic_category(), "fcntl(O_NONBLOCK)");
+  }
+}
+
+}  // namespace verdo

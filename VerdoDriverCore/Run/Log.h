@@ -1,0 +1,28 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "VerdoDriverCore/Contract/LogSink.h"
+#include "VerdoDriverCore/Process/Sync.h"
+
+namespace verdo {
+
+/// Writes each line to standard error behind a sign for its level, without a time stamp.
+class StderrLogSink : public LogSink {
+ public:
+  /// `color`: the signs are coloured; absent: when standard error is a terminal.
+  explicit StderrLogSink(std::optional<bool> color = std::nullopt);
+  void info(const std::string& text) override;
+  void success(const std::string& text) override;
+  void warn(const std::string& text) override;
+  void error(const std::string& text) override;
+
+ private:
+  void write(const char* color, const char* sign, const std::string& text) EXCLUDES(lock_);
+
+  const bool tty_;
+  Mutex lock_;
+};
+
+}  // namespace verdo

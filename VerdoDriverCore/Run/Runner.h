@@ -1,0 +1,71 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "VerdoDriverCore/Contract/DriverConfig.h"
+#include "VerdoDriverCore/Contract/DriverObserver.h"
+#include "VerdoDriverCore/Contract/ExitReason.h"
+#include "VerdoDriverCore/Contract/LogSink.h"
+#include "VerdoDriverCore/Contract/Timings.h"
+#include "VerdoDriverCore/Process/Spawn.h"
+#include "VerdoDriverCore/Process/Sync.h"
+
+namespace verdo {
+
+class Api;
+class Driver;
+
+/// The one way to run the driver: checks the configuration, says hello, serves jobs, and tells
+/// how it ended. One runner serves one run.
+class DriverRunner {
+ public:
+  /// `timings` is for tests.
+  DriverRunner(DriverConfig config, std::shared_ptr<LogSink> log,
+               std::weak_ptr<DriverObserver> observer = {}, Timings timings = {});
+  ~DriverRunner();
+  DriverRunner(const DriverRunner&) = delete;
+  DriverRunner& operator=(const DriverRunner&) = delete;
+
+  /// Runs to the end, blocking the calling thread. Never throws. Makes the process ignore SIGPIPE.
+  ExitReason run();
+  /// Makes run() return soon, having ended its jobs; a run that has not begun will not serve.
+  /// Never waits. Any thread may call it, at any time, again and again.
+  void stop() EXCLUDES(lock_);
+  /// SIGKILL to the processes of all jobs, for a caller that is about to exit. Any thread may call it.
+  void killJobsNow() EXCLUDES(lock_);
+
+  /// The host of a URL, for messages; the text itself when it has none.
+  static std::string hostname(const std::string& url);
+  /// This process's environment for executor children: PATH begins with the executor's directory
+  /// and `extraPathDirs`, and neither secret is in it.
+  static Environment childEnvironment(const std::string& execPath,
+                                      const std::vector<std::string>& extraPathDirs);
+
+ private:
+  /// What the service said of itself, and what follows for this run.
+  struct Hello;
+
+  ExitReason runImpl();
+  std::optional<ExitReason> sayHello(Api& api, Hello& hello);
+  std::optional<ExitReason> checkKey(const std::string& envFile);
+  std::shared_ptr<Api> makeApi(const std::string& server);
+  std::shared_ptr<Driver> makeDriver(const Hello& hello, std::shared_ptr<Api> api,
+                                     const std::vector<std::string>& argv,
+                                     const std::string& execPath);
+  bool isStopRequested() EXCLUDES(lock_);
+
+  DriverConfig config_;
+  const std::shared_ptr<LogSink> log_;
+  const std::weak_ptr<DriverObserver> observer_;
+  const Timings timings_;
+
+  Mutex lock_;
+  std::shared_ptr<Driver> driver_ GUARDED_BY(lock_);
+  std::shared_ptr<Api> api_ GUARDED_BY(lock_);
+  bool stopRequested_ GUARDED_BY(lock_) = false;
+};
+
+}  // namespace verdo

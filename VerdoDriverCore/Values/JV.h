@@ -1,0 +1,62 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+namespace verdo {
+
+/// A JSON value. An object keeps its members in insertion order, and that order is the order of
+/// output. A plain value: copies are deep, and concurrent reading is safe.
+class JV {
+ public:
+  struct Member;
+  using Array = std::vector<JV>;
+  using Object = std::vector<Member>;
+
+  JV() = default;
+  JV(std::nullptr_t) {}
+  JV(bool value) : value_(value) {}
+  JV(int value) : value_(std::int64_t{value}) {}
+  JV(std::int64_t value) : value_(value) {}
+  JV(double value) : value_(value) {}
+  JV(std::string value) : value_(std::move(value)) {}
+  JV(std::string_view value) : value_(std::string(value)) {}
+  JV(const char* value) : value_(std::string(value)) {}
+  JV(Array value);
+  JV(Object value);
+
+  bool isNull() const { return std::holds_alternative<std::nullptr_t>(value_); }
+  const bool* asBool() const { return std::get_if<bool>(&value_); }
+  const std::int64_t* asInt() const { return std::get_if<std::int64_t>(&value_); }
+  const double* asDouble() const { return std::get_if<double>(&value_); }
+  const std::string* asString() const { return std::get_if<std::string>(&value_); }
+  const Array* asArray() const { return std::get_if<Array>(&value_); }
+  const Object* asObject() const { return std::get_if<Object>(&value_); }
+
+  /// The value of an int or a double; absent for every other kind, booleans included.
+  std::optional<double> number() const;
+
+  /// The member of an object with this key (the last one, should the key repeat); null when the
+  /// value is no object or has no such member. The pointer lives as long as this value.
+  const JV* find(std::string_view key) const;
+
+  bool operator==(const JV& other) const;
+
+ private:
+  std::variant<std::nullptr_t, bool, std::int64_t, double, std::string, Array, Object> value_;
+};
+
+struct JV::Member {
+  std::string key;
+  JV value;
+  bool operator==(const Member& other) const = default;
+};
+
+inline JV::JV(Array value) : value_(std::move(value)) {}
+inline JV::JV(Object value) : value_(std::move(value)) {}
+
+}  // namespace verdo

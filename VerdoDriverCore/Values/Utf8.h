@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace verdo {
+
+/// What stands for bytes that are not UTF-8.
+inline constexpr char32_t kReplacementCharacter = 0xFFFD;
+
+/// Reads one character at `at` (which must be inside `text`) and moves `at` behind it. Bytes that
+/// are not UTF-8 give kReplacementCharacter, one for each maximal part of an ill-formed sequence
+/// (the practice of the Unicode Standard, section 3.9, which Python and the web follow too).
+char32_t decodeUtf8(std::string_view text, std::size_t& at);
+
+/// Appends one character as UTF-8.
+void appendUtf8(char32_t character, std::string& out);
+
+/// The text with everything that is not UTF-8 replaced by U+FFFD.
+std::string repairUtf8(std::string_view bytes);
+
+/// The first `limit` characters (code points) of the bytes, repaired.
+std::string firstCharacters(std::string_view bytes, std::size_t limit);
+
+/// The last `limit` characters of the bytes, repaired.
+std::string lastCharacters(std::string_view bytes, std::size_t limit);
+
+/// How many characters the bytes hold once repaired.
+std::size_t countCharacters(std::string_view bytes);
+
+}  // namespace verdo

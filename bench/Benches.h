@@ -1,0 +1,21 @@
+#pragma once
+
+#include <vector>
+
+#include "bench/Table.h"
+
+namespace verdo::bench {
+
+// Each measures one thing and adds its rows. They throw std::runtime_error when what they measure
+// does not work at all.
+
+/// Start to hello, the idle long poll, SIGTERM to exit.
+void benchRun(std::vector<Row>& rows);
+/// Poll reply to acknowledgement to running child.
+void benchJobs(std::vector<Row>& rows);
+/// One job that prints a gigabyte.
+void benchOutput(std::vector<Row>& rows);
+/// Writing JSON strings.
+void benchJson(std::vector<Row>& rows);
+
+}  // namespace verdo::bench

@@ -1,0 +1,84 @@
+#include "bench/MeasuredProcess.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+namespace verdo::bench {
+namespace {
+
+namespace fs = std::filesystem;
+
+/// The number behind a key of a /proc status file; 0 when it is not there.
+std::uint64_t statusValue(const fs::path& file, const std::string& key) {
+  std::ifstream status(file);
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with(key + ":")) return std::stoull(line.substr(key.size() + 1));
+  }
+  return 0;
+}
+
+constexpr double kKibibyteInMegabytes = 1024.0 / 1e6;
+
+}  // namespace
+
+double secondsBetween(std::chrono::steady_clock::time_point from,
+                      std::chrono::steady_clock::time_point to) {
+  return std::chrono::duration<double>(to - from).count();
+}
+
+MeasuredProcess::MeasuredProcess(const std::string& program, std::vector<std::string> arguments,
+                                 const Environment& additional) {
+  arguments.insert(arguments.begin(), program);
+  Environment environment = currentEnvironment();
+  for (const auto& [key, value] : additional) environment[key] = value;
+  startedAt_ = Clock::now();
+  child_ = Spawn::launch(program, arguments, environment, true);
+  out_ = std::make_unique<LineReader>(child_->takeStdout(), [](auto) {});
+  out_->start();
+}
+
+MeasuredProcess::~MeasuredProcess() { stop(); }
+
+Usage MeasuredProcess::usage() const {
+  const fs::path process = "/proc/" + std::to_string(child_->pid());
+  Usage usage;
+  usage.rss = static_cast<double>(statusValue(process / "status", "VmRSS")) * kKibibyteInMegabytes;
+  usage.peakRss =
+      static_cast<double>(statusValue(process / "status", "VmHWM")) * kKibibyteInMegabytes;
+  std::ifstream stat(process / "stat");
+  std::string text((std::istreambuf_iterator<char>(stat)), {});
+  // Behind the program's name, which may hold anything: user and system time are 12 and 13 further.
+  std::istringstream fields(text.substr(text.rfind(')') + 1));
+  std::string field;
+  double ticks = 0;
+  for (int i = 1; fields >> field && i <= 13; ++i) {
+    if (i >= 12) ticks += std::stod(field);
+  }
+  usage.cpu = ticks / static_cast<double>(::sysconf(_SC_CLK_TCK));
+  for (const auto& task : fs::directory_iterator(process / "task")) {
+    usage.switches += statusValue(task.path() / "status", "voluntary_ctxt_switches");
+  }
+  return usage;
+}
+
+double MeasuredProcess::stop() {
+  const auto begin = Clock::now();
+  child_->signalGroup(SIGTERM);
+  child_->wait();
+  return secondsBetween(begin, Clock::now());
+}
+
+Idle measureIdle(const MeasuredProcess& process, std::chrono::seconds time) {
+  const Usage before = process.usage();
+  std::this_thread::sleep_for(time);
+  const Usage after = process.usage();
+  return {after.rss, after.cpu - before.cpu,
+          static_cast<double>(after.switches - before.switches) / toSeconds(time)};
+}
+
+}  // namespace verdo::bench

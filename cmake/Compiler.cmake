@@ -1,0 +1,29 @@
+# Warnings, speed and sanitizers, shared by every target through verdo_options.
+
+add_library(verdo_options INTERFACE)
+target_include_directories(verdo_options INTERFACE ${CMAKE_SOURCE_DIR})
+target_compile_options(verdo_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wnon-virtual-dtor -Woverloaded-virtual
+  -fstack-protector-strong)
+if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+  target_compile_options(verdo_options INTERFACE -Wthread-safety)
+endif()
+
+if(VERDO_SANITIZE STREQUAL "address")
+  set(flags -fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+elseif(VERDO_SANITIZE STREQUAL "thread")
+  set(flags -fsanitize=thread -fno-omit-frame-pointer)
+elseif(VERDO_SANITIZE)
+  message(FATAL_ERROR "VERDO_SANITIZE takes address or thread, not '${VERDO_SANITIZE}'")
+endif()
+target_compile_options(verdo_options INTERFACE ${flags})
+target_link_options(verdo_options INTERFACE ${flags})
+
+find_program(CCACHE ccache)
+if(CCACHE)
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
+endif()
+find_program(MOLD mold)
+if(MOLD AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  add_link_options(-fuse-ld=mold)
+endif()

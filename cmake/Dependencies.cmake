@@ -1,0 +1,17 @@
+# Every outside library, in one place. scripts/setup installs them.
+
+find_package(PkgConfig REQUIRED)
+find_package(Threads REQUIRED)
+find_package(OpenSSL REQUIRED)
+find_package(CURL 7.85 REQUIRED)
+find_package(fmt REQUIRED)
+find_package(nlohmann_json REQUIRED)
+find_package(CLI11 REQUIRED)
+pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
+pkg_check_modules(PCRE2 REQUIRED IMPORTED_TARGET libpcre2-8)
+if(VERDO_TESTS)
+  find_package(GTest REQUIRED)
+endif()
+if(VERDO_BENCH)
+  find_package(benchmark REQUIRED)
+endif()

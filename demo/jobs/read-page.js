@@ -1,0 +1,6 @@
+const page = await openTaskSpace('demo-read')
+await page.goto('__PAGE__')
+cliLog('title: ' + await page.title())
+cliLog('text: ' + (await page.text()).replace(/\s+/g, ' ').trim())
+cliLog('links: ' + await page.evaluate(() => document.links.length))
+await completeTaskSpace('demo-read', { keep: false })

@@ -1,0 +1,71 @@
+import { createInterface } from 'node:readline'
+
+const kStartLimit = 10_000 // ms
+const kJobLimit = 90 // s
+
+/** The running local service, spoken to through its control interface. */
+export class Service {
+  constructor(url, token) {
+    this.url = url
+    this.token = token
+  }
+
+  static async start(processes, program) {
+    const { child, ended } = processes.start('service', program, ['--port', '0'])
+    const announced = {}
+    const lines = createInterface({ input: child.stdout })
+    const ready = new Promise((resolve) => {
+      lines.on('line', (line) => {
+        const [, key, value] = /^(listening on|token) (\S+)$/.exec(line) ?? []
+        announced[key] = value
+        if (announced['listening on'] && announced.token) resolve(true)
+      })
+    })
+    const late = new Promise((resolve) => setTimeout(resolve, kStartLimit, false).unref())
+    if (await Promise.race([ready, late, ended.then(() => false)]) !== true) {
+      throw new Error('the local service did not start')
+    }
+    return new Service(announced['listening on'], announced.token)
+  }
+
+  async #call(path, method = 'GET', body = undefined) {
+    const response = await fetch(`${this.url}/control/${path}`,
+      { method, body: body === undefined ? undefined : JSON.stringify(body) })
+    const reply = await response.json()
+    if (!response.ok) throw new Error(`${method} ${path}: ${reply.error}`)
+    return reply
+  }
+
+  async addJob(job) {
+    return (await this.#call('jobs', 'POST', job)).id
+  }
+
+  /** Prints a job's lines as they arrive; resolves once the job is done. */
+  async showLines(id, name) {
+    for (let from = 0; ;) {
+      const { lines, next, state } = await this.#call(`jobs/${id}/lines?from=${from}&wait=10`)
+      for (const line of lines) console.log(`${name} | ${line}`)
+      from = next
+      if (state === 'done' && lines.length === 0) return
+    }
+  }
+
+  async lines(id) {
+    return (await this.#call(`jobs/${id}/lines`)).lines
+  }
+
+  async waitForLines(id) {
+    await this.#call(`jobs/${id}/wait?for=lines&timeout=${kJobLimit}`)
+  }
+
+  async waitUntilDone(id) {
+    await this.#call(`jobs/${id}/wait?for=done&timeout=${kJobLimit}`)
+    const job = await this.#call(`jobs/${id}`)
+    if (job.state !== 'done') throw new Error(`job ${id} did not end within ${kJobLimit} s`)
+    return job
+  }
+
+  async cancel(id) {
+    await this.#call(`jobs/${id}/cancel`, 'POST')
+  }
+}

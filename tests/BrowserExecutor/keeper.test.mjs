@@ -1,0 +1,157 @@
+/** The background process that owns the browser: its start, its privacy and its ends. */
+
+import assert from 'node:assert/strict';
+import fs from 'node:fs';
+import net from 'node:net';
+import test from 'node:test';
+
+import {
+  Sandbox,
+  alive,
+  listeningInodes,
+  readProc,
+  serve,
+  socketInodes,
+  waitFor,
+} from './sandbox.mjs';
+
+const OPEN = `cliLog(await (await openTaskSpace('a')).evaluate('6 * 7'))`;
+
+/** That nothing of a keeper is left: no process, no socket, no profile. */
+async function assertGone(sandbox, { keeper, browser }) {
+  const left = () => [keeper, ...browser].filter(alive);
+  await waitFor('keeper and browser to end', () => left().length === 0);
+  assert.deepEqual(fs.readdirSync(sandbox.directory), ['keeper.lock']);
+}
+
+test('first scripts that start at once share one keeper', async (t) => {
+  const sandbox = new Sandbox(t);
+  const names = ['a', 'b', 'c'];
+  const scripts = names.map((name) =>
+    sandbox.output(`cliLog(await (await openTaskSpace('${name}')).url())`),
+  );
+  assert.deepEqual(await Promise.all(scripts), Array(3).fill('about:blank\n'));
+  assert.equal(sandbox.keepers().length, 1);
+  const list = 'cliLog((await listTaskSpaces()).map(({ name }) => name).sort())';
+  assert.equal(await sandbox.output(list), '["a","b","c"]\n');
+});
+
+test('keeper and browser are private to the user and out of the reach of the script', async (t) => {
+  const sandbox = new Sandbox(t);
+  const secrets = { VERDO_DRIVER_TOKEN: 'token-5157', VERDO_LLM_API_KEY: 'key-5157' };
+  const run = sandbox.start(`${OPEN}; cliLog(Object.values(process.env).join())`, {
+    env: { ...secrets, NODE_OPTIONS: '--no-deprecation', HARMLESS: 'mark-5157' },
+  });
+  const { code, stdout, stderr } = await run.result; // its pipes closed: nobody else holds them
+  assert.equal(code, 0, stderr);
+  assert.match(stdout, /^42\n.*mark-5157/);
+  assert.doesNotMatch(stdout, /token-5157|key-5157/);
+
+  const { keeper, browser, main } = sandbox.family();
+  const environments = [keeper, main].map((pid) => readProc(`/proc/${pid}/environ`));
+  for (const environment of environments) {
+    assert.match(environment, /mark-5157/);
+    assert.doesNotMatch(environment, /token-5157|key-5157/);
+  }
+  assert.doesNotMatch(environments[0], /NODE_OPTIONS/);
+
+  const mode = (file) => (fs.statSync(file).mode & 0o777).toString(8);
+  const profile = fs.readdirSync(sandbox.directory).find((name) => name.startsWith('profile-'));
+  assert.deepEqual(
+    [sandbox.socket, sandbox.directory, `${sandbox.directory}/${profile}`].map(mode),
+    ['600', '700', '700'],
+  );
+
+  const listening = listeningInodes();
+  const origin = await serve(t, {});
+  assert.ok(origin && socketInodes(process.pid).some((inode) => listeningInodes().has(inode)));
+  const held = [keeper, ...browser].flatMap(socketInodes);
+  assert.ok(held.length > 0);
+  assert.deepEqual(
+    held.filter((inode) => listening.has(inode)),
+    [],
+  );
+
+  assert.throws(() => process.kill(-run.child.pid, 'SIGKILL'), { code: 'ESRCH' }, 'group is empty');
+  assert.ok(alive(keeper) && alive(main));
+});
+
+test('after each kind of end nothing is left, and the next script starts anew', async (t) => {
+  const ends = {
+    'keeper told to stop': (sandbox) => sandbox.output('', { args: ['stop'] }),
+    'keeper SIGTERM': (_, { keeper }) => process.kill(keeper, 'SIGTERM'),
+    'browser killed': (_, { main }) => process.kill(main, 'SIGKILL'),
+  };
+  for (const [name, end] of Object.entries(ends)) {
+    await t.test(name, async (t) => {
+      const sandbox = new Sandbox(t);
+      const waiting = sandbox.start(`${OPEN}
+        await (await openTaskSpace('b')).evaluate('new Promise(() => {})')`);
+      await waitFor('the script to wait', () => waiting.stdout.includes('42'));
+      const family = sandbox.family();
+      assert.match(
+        await sandbox.output('', { args: ['status'] }),
+        new RegExp(`pid ${family.keeper}`),
+      );
+      await end(sandbox, family);
+      await assertGone(sandbox, family);
+      const { code, stderr } = await waiting.result;
+      assert.match(stderr, /script line 2: Error: the browser/);
+      assert.equal(code, 1);
+      assert.equal(await sandbox.output(OPEN), '42\n');
+    });
+  }
+});
+
+test('a killed keeper takes the browser along and its leftovers are replaced', async (t) => {
+  const sandbox = new Sandbox(t);
+  await sandbox.output(OPEN);
+  const { keeper, browser } = sandbox.family();
+  const before = fs.readdirSync(sandbox.directory);
+  process.kill(keeper, 'SIGKILL');
+  await waitFor('the browser to end', () => browser.every((pid) => !alive(pid)));
+  assert.ok(fs.existsSync(sandbox.socket), 'a stale socket is left');
+  assert.equal(await sandbox.output('cliLog(await listTaskSpaces())'), '[]\n');
+  assert.equal(await sandbox.output(OPEN), '42\n');
+  const after = fs.readdirSync(sandbox.directory);
+  assert.equal(after.length, before.length, `${before} / ${after}`);
+});
+
+test('a keeper that nobody needs ends, but not before', async (t) => {
+  const sandbox = new Sandbox(t);
+  const env = { VERDO_BROWSER_IDLE_EXIT: '0.3' };
+  await sandbox.output(OPEN, { env });
+  const family = sandbox.family();
+  await new Promise((resolve) => setTimeout(resolve, 600)); // twice the idle time
+  assert.ok(alive(family.keeper), 'its task space keeps it');
+  await sandbox.output(`await completeTaskSpace('a', { keep: false })`);
+  await assertGone(sandbox, family);
+});
+
+test('a client that talks nonsense loses its connection and nothing else', async (t) => {
+  const sandbox = new Sandbox(t);
+  await sandbox.output(OPEN);
+  const nonsense = {
+    'no JSON': 'GET / HTTP/1.1\r\n\r\n',
+    'no request': '{"id": "1", "method": 5}\n',
+    'an array': '[]\n',
+    'an endless line': Buffer.alloc(65 * 1024 * 1024, 'x'),
+  };
+  for (const [name, bytes] of Object.entries(nonsense)) {
+    const socket = net.connect(sandbox.socket);
+    let closed = false;
+    socket.on('error', () => {}).on('close', () => (closed = true));
+    socket.write(bytes);
+    await waitFor(`${name}: the connection to close`, () => closed);
+  }
+  const foreign = net.connect(sandbox.socket);
+  t.after(() => foreign.destroy());
+  let reply = '';
+  foreign.on('data', (text) => (reply += text));
+  foreign.write('{"id":1,"method":"send","params":{"session":"x","method":"Browser.close"}}\n');
+  foreign.write('{"id":2,"method":"toString"}\n');
+  await waitFor('both refusals', () => reply.split('\n').length === 3);
+  assert.match(reply, /"id":1,"error":/);
+  assert.match(reply, /"id":2,"error":/);
+  assert.equal(await sandbox.output(OPEN), '42\n');
+});

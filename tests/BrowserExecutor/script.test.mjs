@@ -1,0 +1,101 @@
+/** The command line and the life of a script; none of these starts a browser. */
+
+import assert from 'node:assert/strict';
+import fs from 'node:fs';
+import path from 'node:path';
+import test from 'node:test';
+
+import { Sandbox } from './sandbox.mjs';
+
+test('a failing script names its line and exits 1', async (t) => {
+  const sandbox = new Sandbox(t);
+  const cases = [
+    {
+      script: 'cliLog("no")\nlet x = ;',
+      stderr: /script line 2: SyntaxError: Unexpected token ';'/,
+    },
+    { script: 'if (true) {\n', stderr: /script line 1: SyntaxError: the script ends before/ },
+    { script: '1\nimport os from "node:os"', stderr: /script line 2: .*await import/ },
+    { script: '\n\nthrow new RangeError("hm")', stderr: /script line 3: RangeError: hm/ },
+    { script: 'await 1\nawait Promise.reject(new Error("r"))', stderr: /script line 2: Error: r/ },
+    { script: 'setTimeout(() => {\n  null.x\n})', stderr: /script line 2: TypeError/ },
+    { script: 'throw "text"', stderr: /script threw 'text'/ },
+    { script: 'await new Promise(() => {})', stderr: /waits for something/ },
+    { script: 'await openTaskSpace("")', stderr: /script line 1: TypeError: .*name/ },
+    { script: Buffer.from([0x22, 0xff, 0x22]), stderr: /not UTF-8/ },
+  ];
+  const results = await Promise.all(cases.map(({ script }) => sandbox.run(script)));
+  results.forEach(({ code, stdout, stderr }, i) => {
+    assert.match(stderr, cases[i].stderr);
+    assert.deepEqual({ code, stdout }, { code: 1, stdout: '' }, `${cases[i].script}`);
+  });
+});
+
+test('a script has what node has, and prints in order to the last byte', async (t) => {
+  const sandbox = new Sandbox(t);
+  fs.writeFileSync(path.join(sandbox.root, 'part.mjs'), 'export default "part"');
+  fs.writeFileSync(path.join(sandbox.root, 'data.json'), '{"n": 7}');
+  const stdout = await sandbox.output(
+    `#!/usr/bin/env node
+     cliLog('two\\nlines'); console.log('console'); cliLog({ a: [1, null] }); cliLog(undefined)
+     cliLog(new Map([[1, 2]])); const circle = {}; circle.self = circle; cliLog(circle)
+     cliLog((await import('./part.mjs')).default + require('./data.json').n)
+     setTimeout(() => cliLog('x'.repeat(300000) + 'end'), 20)`,
+  );
+  const lines = stdout.split('\n');
+  assert.deepEqual(lines.slice(0, 5), ['two', 'lines', 'console', '{"a":[1,null]}', 'undefined']);
+  assert.deepEqual(lines.slice(5, 8), [
+    'Map(1) { 1 => 2 }',
+    '<ref *1> { self: [Circular *1] }',
+    'part7',
+  ]);
+  assert.equal(lines[8].length, 300003);
+});
+
+test('without a browser there are no task spaces, and asking starts none', async (t) => {
+  const sandbox = new Sandbox(t);
+  const stdout = await sandbox.output(
+    `cliLog(await listTaskSpaces()); cliLog(await completeTaskSpace('a "b"\\n', { keep: false }))`,
+  );
+  assert.equal(stdout, '[]\n{"name":"a \\"b\\"\\n","found":false,"closed":false}\n');
+  assert.equal(await sandbox.output('', { args: ['status'] }), 'not running\n');
+  assert.equal(await sandbox.output('', { args: ['stop'] }), 'not running\n');
+  assert.equal(fs.existsSync(sandbox.directory), false);
+});
+
+test('usage errors exit 2 with one line', async (t) => {
+  const sandbox = new Sandbox(t);
+  for (const args of [[], ['node'], ['nodejs', 'file.js'], ['toString']]) {
+    const { code, stdout, stderr } = await sandbox.run('', { args });
+    assert.equal(code, 2);
+    assert.match(stdout + stderr, /^verdo-browser: .*--help\)\n$/);
+  }
+  assert.match(await sandbox.output('', { args: ['--help'] }), /nodejs/);
+  assert.match(await sandbox.output('', { args: ['--version'] }), /^verdo-browser \d/);
+});
+
+test('what keeps the browser from starting is said with its remedy', async (t) => {
+  const sandbox = new Sandbox(t);
+  const nodeOnly = path.join(sandbox.root, 'bin');
+  fs.mkdirSync(nodeOnly);
+  const notADirectory = path.join(sandbox.root, 'file');
+  fs.writeFileSync(notADirectory, '');
+  const broken = path.join(sandbox.root, 'broken');
+  fs.writeFileSync(broken, '#!/bin/sh\necho no display >&2\nexit 3\n', { mode: 0o755 });
+  const cases = [
+    {
+      env: { PATH: nodeOnly },
+      stderr: /package chromium-headless-shell or chromium.*VERDO_BROWSER_CHROMIUM/,
+    },
+    { env: { VERDO_BROWSER_CHROMIUM: '/nonexistent' }, stderr: /names \/nonexistent/ },
+    { env: { VERDO_BROWSER_CHROMIUM: broken }, stderr: /broken did not start.*\n?.*no display/ },
+    { env: { VERDO_BROWSER_IDLE_EXIT: 'soon' }, stderr: /number of seconds, not 'soon'/ },
+    { env: { XDG_RUNTIME_DIR: `/tmp/${'x'.repeat(90)}` }, stderr: /shorter directory/ },
+    { env: { XDG_RUNTIME_DIR: notADirectory }, stderr: /set XDG_RUNTIME_DIR/ },
+  ];
+  for (const { env, stderr: expected } of cases) {
+    const { code, stderr } = await sandbox.run('await openTaskSpace("a")', { env });
+    assert.match(stderr, expected);
+    assert.equal(code, 1);
+  }
+});

@@ -1,0 +1,142 @@
+#include "tests/Support/DriverFixture.h"
+#include "tests/Support/Misbehaviour.h"
+
+namespace verdo::test {
+namespace {
+
+using namespace std::chrono_literals;
+using local::Delivery;
+using local::Fault;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+using Line = RecordingLog::Line;
+
+class Acknowledge : public DriverFixture {
+ protected:
+  Acknowledge() { config.serveJobs = 1; }
+
+  /// A run of its own, with a job that says "ran".
+  std::int64_t runJob(Fault fault) {
+    service.reset();
+    log = std::make_shared<RecordingLog>();
+    observer = std::make_shared<RecordingObserver>();
+    fault.endpoint = "lines";
+    service.addFault(fault);
+    const auto id = addJob("say ran", {.label = "mail"});
+    start();
+    return id;
+  }
+};
+
+TEST_F(Acknowledge, OneJobMakesExactlyTheRequestsAndTextsThatPeopleRelyOn) {
+  const auto id = addJob("say a b", {.label = "mail", .taskSpace = "u1-x"});
+  EXPECT_EQ(run(), ExitReason::clean());
+
+  EXPECT_THAT(log->lines(),
+              ElementsAre(Line{'s', "local (user 1) · driver v2026.09.04"},
+                          Line{'w', "llm key  : none — browser jobs only (enrich/apply stay off "
+                                    "until a key is installed)"},
+                          Line{'i', "serving up to 3 job(s) at once — ctrl-c to stop"},
+                          Line{'i', "job 1 [run u1-x]: starting `" + selfPath() +
+                                        " --misbehave executor " + path("spaces") +
+                                        "` (7 bytes of JS)"},
+                          Line{'s', "job 1: finished with exit 0"}));
+  EXPECT_THAT(observer->events(),
+              ElementsAre("connected local 1 2026.09.04", "started 1 mail run", "lanes [mail]",
+                          "finished 1 mail 0 -", "lanes []"));
+  const auto requests = service.requests();
+  ASSERT_GE(requests.size(), 5u);
+  EXPECT_EQ(requests[0].target, "/api/driver/hello");
+  EXPECT_EQ(requests[1].target, "/api/driver/poll?wait=25");
+  EXPECT_EQ(requests[2].target, "/api/driver/jobs/1/lines");
+  EXPECT_EQ(requests[2].body, R"({"lines": []})");
+  EXPECT_EQ(requests.back().target, "/api/driver/jobs/1/complete");
+  EXPECT_EQ(requests.back().body, R"({"exit_code": 0, "error": null})");
+  EXPECT_THAT(service.lines(id), ElementsAre("a", "b"));
+  EXPECT_THAT(closedSpaces(), IsEmpty());
+}
+
+TEST_F(Acknowledge, JobThatIsNoLongerOursIsRunAllTheSame) {
+  struct Case {
+    const char* reply;
+    const char* state;  ///< null: the job runs
+  };
+  const Case cases[] = {
+      {R"({"ok":true,"cancel":false})", nullptr},
+      {R"({})", nullptr},
+      {"", nullptr},
+      {R"({"ok":"yes","cancel":0,"state":"x"})", nullptr},
+      {R"({"ok":false,"state":"queued"})", "queued"},
+      {R"({"ok":0,"state":5})", "None"},
+      {R"({"ok":"","state":null})", "None"},
+      {R"({"ok":null})", "None"},
+      {R"({"ok":[],"state":["x"]})", "None"},
+      {R"({"ok":true,"cancel":1,"state":"cancelled"})", "cancelled"},
+      {R"({"cancel":"no"})", "None"},
+  };
+  for (const auto& row : cases) {
+    SCOPED_TRACE(row.reply);
+    const auto id =
+        runJob({.count = 1, .reply = local::FaultReply{.status = 200, .body = row.reply}});
+    EXPECT_EQ(finish(), ExitReason::clean());
+    EXPECT_EQ(service.job(id)->completed, row.state == nullptr);
+    if (!row.state) continue;
+    EXPECT_EQ(service.requestCount("lines"), 1u);
+    EXPECT_EQ(service.requestCount("complete"), 0u);
+    EXPECT_EQ(log->lines().back(),
+              (Line{'w', "job " + std::to_string(id) + ": no longer ours (state=" + row.state +
+                             "); dropping it unrun"}));
+  }
+}
+
+TEST_F(Acknowledge, ShortOutageDropsTheJob) {
+  const auto id = runJob({.count = 2, .delivery = Delivery::reset});
+  EXPECT_EQ(finish(), ExitReason::clean());
+  EXPECT_TRUE(service.job(id)->completed);
+  EXPECT_THAT(texts('w'), Contains(StartsWith("server unreachable, retrying: POST /api/driver/jobs/" +
+                                              std::to_string(id) + "/lines -> URLError: ")));
+}
+
+TEST_F(Acknowledge, LongOutageLeavesTheDriverWaitingForOneJob) {
+  timings.retryFirst = 50ms;
+  timings.acknowledgeDeadline = 250ms;
+  const auto id = runJob({.reply = local::FaultReply{.status = 503, .body = "down"}});
+  EXPECT_EQ(finish(), ExitReason::clean());
+  // At 0, 1, 3 and 7 units; the limit is at 5.
+  EXPECT_EQ(service.requestCount("lines"), 4u);
+  EXPECT_EQ(service.requestCount("complete"), 0u);
+  EXPECT_THAT(log->lines().back().text,
+              StartsWith("job " + std::to_string(id) +
+                         ": could not acknowledge delivery, dropping it unrun: POST "));
+  EXPECT_EQ(log->lines().back().level, 'w');
+}
+
+TEST_F(Acknowledge, DriverOutOfDateIsRetried) {
+  const auto id = runJob({.reply = local::FaultReply{.status = 426, .body = "update"}});
+  EXPECT_EQ(finish(), ExitReason::clean());
+  EXPECT_EQ(service.requestCount("lines"), 1u);
+  const std::string number = std::to_string(id);
+  EXPECT_EQ(log->lines().back(),
+            (Line{'w', "job " + number + ": could not acknowledge delivery, dropping it unrun: "
+                           "POST /api/driver/jobs/" + number + "/lines -> 426: update"}));
+}
+
+TEST_F(Acknowledge, RevokedTokenGoesUnnoticed) {
+  config.serveJobs.reset();
+  const auto id = runJob({.reply = local::FaultReply{.status = 401, .body = "revoked"}});
+  const auto reason = finish();
+  EXPECT_EQ(reason.code(), 3);
+  EXPECT_EQ(reason.message(),
+            "driver token revoked — issue a new one in the UI (Browser driver card)");
+  const std::string number = std::to_string(id);
+  EXPECT_THAT(texts('e'), ElementsAre("job " + number + ": POST /api/driver/jobs/" + number +
+                                          "/lines -> 401: revoked",
+                                      reason.message()));
+  EXPECT_EQ(service.requestCount("complete"), 0u);
+}
+
+}  // namespace
+}  // namespace verdo::test

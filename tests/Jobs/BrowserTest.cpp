@@ -1,0 +1,151 @@
+#include "VerdoDriverCore/Jobs/Browser.h"
+#include "VerdoDriverCore/Values/PyJSON.h"
+#include "tests/Support/Children.h"
+#include "tests/Support/RecordingLog.h"
+#include "tests/Support/TempDir.h"
+
+#include <filesystem>
+#include <future>
+
+#include <gmock/gmock.h>
+#include <signal.h>
+
+namespace verdo {
+namespace {
+
+using namespace test;
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Line = RecordingLog::Line;
+
+class BrowserTest : public testing::Test {
+ protected:
+  Browser browser(const Lines& role, Browser::Duration timeout = 20s) {
+    Timings timings;
+    timings.termination = {20ms, 5};
+    return Browser({selfPath(), roleArgv(role), currentEnvironment()}, timeout, log, timings);
+  }
+  /// A browser that prints a text, whatever script it is given.
+  Browser printing(const std::string& out, const std::string& err = "", int exit = 0) {
+    return browser({"print", out, err, std::to_string(exit)});
+  }
+
+  const std::shared_ptr<RecordingLog> log = std::make_shared<RecordingLog>();
+};
+
+TEST_F(BrowserTest, GivesStatusOutputAndErrorsApart) {
+  const auto result = printing("a\nb\xff\n", "e", 3).run("script");
+  EXPECT_EQ(result.exit, 3);
+  EXPECT_THAT(result.lines, ElementsAre("a", "b\xef\xbf\xbd", "", "e"));
+  EXPECT_THAT(printing("").run("").lines, ElementsAre(""));
+  EXPECT_THAT(browser({"echo"}).run("one\ntwo").lines, ElementsAre("one", "two", ""));
+  EXPECT_EQ(browser({"raise", std::to_string(SIGTERM)}).run("").exit, -SIGTERM);
+}
+
+TEST_F(BrowserTest, SurvivesAScriptThatNobodyReads) {
+  const std::string script(4 << 20, 'x');
+  EXPECT_EQ(printing("done").run(script).exit, 0);
+  EXPECT_EQ(browser({"echo"}).run(script).lines.front().size(), script.size());
+}
+
+TEST_F(BrowserTest, ReportsWhatCannotStart) {
+  Browser missing({"/no/such/tool", {"tool"}, {}}, 1s, log);
+  const auto result = missing.run("x");
+  EXPECT_EQ(result.exit, 127);
+  EXPECT_THAT(result.lines, ElementsAre("[Errno 2] No such file or directory: '/no/such/tool'"));
+}
+
+TEST_F(BrowserTest, EndsTheWholeGroupOfAScriptThatTakesTooLong) {
+  const auto descriptors = openDescriptors();
+  const std::vector<Lines> roles = {{"grandchild", "deaf"}, {"leave", "sleep", "60"}};
+  for (const auto& role : roles) {
+    const auto begin = std::chrono::steady_clock::now();
+    const auto result = browser(role, 700ms).run("x");
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 8s);
+    EXPECT_EQ(result.exit, 124);
+    pid_t grandchild = 0;
+    for (const auto& line : result.lines) {
+      if (line.starts_with("grandchild ")) grandchild = std::stoi(line.substr(11));
+    }
+    ASSERT_GT(grandchild, 0);
+    EXPECT_TRUE(eventually([&] { return isGone(grandchild); }));
+  }
+  EXPECT_EQ(openDescriptors(), descriptors);
+}
+
+TEST_F(BrowserTest, IsNotHeldUpByADescendantOutsideTheGroup) {
+  const auto begin = std::chrono::steady_clock::now();
+  const auto result = browser({"leave", "session", "sleep", "3"}, 300ms).run("x");
+  EXPECT_EQ(result.exit, 124);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 2500ms);
+}
+
+TEST_F(BrowserTest, ClosesASpaceWithAQuotedScript) {
+  const TempDir directory;
+  const struct {
+    std::string space, literal, repr;
+  } cases[] = {
+      {"abc", "\"abc\"", "'abc'"},
+      {"it's \"é\"\n", "\"it's \\\"\\u00e9\\\"\\n\"", "'it\\'s \"é\"\\n'"},
+  };
+  for (const auto& [space, literal, repr] : cases) {
+    const std::string script = directory / "script";
+    EXPECT_TRUE(browser({"swallow", script}).closeSpace(space));
+    EXPECT_EQ(contentOf(script),
+              "await completeTaskSpace(" + literal + ", { keep: false })\ncliLog('closed')\n");
+    EXPECT_EQ(log->lines().back(), (Line{'i', "space " + repr + ": close -> exit 0"}));
+  }
+  EXPECT_FALSE(printing("", "", 1).closeSpace("x"));
+  EXPECT_EQ(log->lines().back(), (Line{'w', "space 'x': close -> exit 1"}));
+}
+
+TEST_F(BrowserTest, ListsSpacesWithItsScript) {
+  const TempDir directory;
+  browser({"swallow", directory / "script"}).listSpaces();
+  EXPECT_EQ(contentOf(directory / "script"),
+            "const spaces = await listTaskSpaces()\n"
+            "cliLog('__SPACES__' + JSON.stringify(spaces || []))\n");
+}
+
+TEST_F(BrowserTest, ReadsTheFirstAnswerOnly) {
+  const struct {
+    const char *out, *err;
+    std::vector<std::string> spaces;
+  } cases[] = {
+      {"", "", {}},
+      {"no marker [{}]\n", "", {}},
+      {"__SPACES__[{\"name\": \"a\"}, 3, null, [], {\"b\": 1}]\n",
+       "",
+       {"{\"name\": \"a\"}", "{\"b\": 1}"}},
+      {"noise\nlog: __SPACES__[{\"a\": \"__SPACES__\"}]\r\nmore", "", {"{\"a\": \"__SPACES__\"}"}},
+      {"__SPACES__{broken\n__SPACES__[{\"a\": 1}]\n", "", {}},
+      {"__SPACES__[] junk\n", "", {}},
+      {"__SPACES__{\"a\": 1}\n", "", {}},
+      {"__SPACES__\n", "", {}},
+      {"__SPACES__null", "", {}},
+      {"", "__SPACES__[{\"e\": 1}]", {"{\"e\": 1}"}},
+  };
+  for (const auto& [out, err, spaces] : cases) {
+    Lines texts;
+    for (const JV& space : printing(out, err, 1).listSpaces()) texts.push_back(PyJSON::text(space));
+    EXPECT_EQ(texts, spaces) << out;
+  }
+  EXPECT_THAT(
+      printing("__SPACES__[{\"name\": \"a\"}, {\"name\": \"\"}, {}, {\"name\": 7}]").spaceNames(),
+      ElementsAre("a", "7"));
+  EXPECT_THAT(log->lines(), IsEmpty());
+}
+
+TEST_F(BrowserTest, NeverClosesOneSpaceTwiceAtOnce) {
+  const TempDir directory;
+  Browser alone = browser({"alone", directory / "running"});
+  std::vector<std::future<bool>> closing;
+  for (int i = 0; i < 4; ++i) {
+    closing.push_back(std::async(std::launch::async, [&] { return alone.closeSpace("s"); }));
+  }
+  for (auto& closed : closing) EXPECT_TRUE(closed.get());
+}
+
+}  // namespace
+}  // namespace verdo

@@ -1,0 +1,178 @@
+#include <signal.h>
+
+#include "tests/Support/DriverFixture.h"
+#include "tests/Support/Leaks.h"
+#include "tests/Support/Misbehaviour.h"
+
+namespace verdo::test {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::StartsWith;
+using testing::UnorderedElementsAre;
+
+class Kill : public DriverFixture {
+ protected:
+  bool hasPrinted(std::int64_t id) const {
+    return service.waitFor(
+        id, [](const local::JobSnapshot& job) { return job.lineCount > 0; }, kLong);
+  }
+  std::int64_t startJob(const std::string& script, local::JobSpec spec = {.label = "mail"}) {
+    const auto id = addJob(script, std::move(spec));
+    start();
+    EXPECT_TRUE(hasPrinted(id));
+    return id;
+  }
+};
+
+TEST_F(Kill, CancelledJobKeepsAProcessOrNeverEnds) {
+  struct Case {
+    const char* script;
+    int exit;
+  };
+  const Case cases[] = {
+      {"sleep 100", -SIGTERM},
+      {"deaf", -SIGKILL},
+      {"grandchild sleep 100", -SIGTERM},
+      {"grandchild deaf", -SIGTERM},
+      // The child has ended, and somebody of its group keeps its output open.
+      {"leave sleep 100", 0},
+      {"leave deaf", 0},
+      {"flood 100000000000", -SIGTERM},
+  };
+  for (const auto& row : cases) {
+    SCOPED_TRACE(row.script);
+    log = std::make_shared<RecordingLog>();
+    const auto id = startJob(row.script, {.label = "mail", .keepLines = false});
+    EXPECT_TRUE(service.cancelJob(id));
+    const auto job = doneJob(id);
+    EXPECT_EQ(job.exitCode, row.exit);
+    EXPECT_EQ(job.error, std::nullopt);
+    const std::string prefix = "job " + std::to_string(id) + ": ";
+    EXPECT_TRUE(log->waitFor(prefix + "finished with exit " + std::to_string(row.exit) +
+                             " (cancelled)"));
+    EXPECT_THAT(texts('w'), Contains(prefix + "cancel requested — killing the browser process"));
+    // Cancellation does not change the level.
+    EXPECT_EQ(log->lines().back().level, row.exit == 0 ? 's' : 'w');
+    EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
+    EXPECT_TRUE(eventually([&] { return processesOf(home()).empty(); }));
+  }
+}
+
+TEST_F(Kill, DescendantInASessionOfItsOwnHangsTheJob) {
+  for (const char* script : {"leave session sleep 100", "leave session flood 100000000000"}) {
+    SCOPED_TRACE(script);
+    const auto id = startJob(script, {.keepLines = false});
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_TRUE(service.cancelJob(id));
+    EXPECT_EQ(doneJob(id).exitCode, 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s);
+    EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
+    // It left the group on purpose, which is beyond the driver's reach.
+    for (const pid_t pid : processesOf(home())) ::kill(pid, SIGKILL);
+  }
+}
+
+TEST_F(Kill, JobWhoseChildHasEndedIsCutOffFromADescendantsOutput) {
+  config.serveJobs = 1;
+  const auto id = addJob("leave flood 5000");
+  EXPECT_EQ(run(), ExitReason::clean());
+  EXPECT_EQ(service.lines(id).size(), 51u);
+  EXPECT_EQ(service.job(id)->exitCode, 0);
+}
+
+TEST_F(Kill, StopLeavesAJobUnreportedOrItsSpaceOpen) {
+  setSpaces({"u1-a", "u1-b", "u1-other", "mine"});
+  addJob("deaf", {.label = "a", .taskSpace = "u1-a"});
+  addJob("grandchild deaf", {.label = "b", .taskSpace = "mine"});
+  addJob("flood 100000000000", {.label = "c", .keepLines = false});
+  config.noSweep = true;
+  start();
+  for (const auto id : {1, 2, 3}) ASSERT_TRUE(hasPrinted(id));
+  EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
+  EXPECT_LT(elapsed.count(), 5);
+
+  EXPECT_EQ(service.job(1)->exitCode, -SIGKILL);
+  EXPECT_EQ(service.job(2)->exitCode, -SIGTERM);
+  EXPECT_EQ(service.job(3)->exitCode, -SIGTERM);
+  // The spaces of the jobs, and then whatever else is the driver's own.
+  EXPECT_THAT(closedSpaces(), UnorderedElementsAre("u1-a", "mine", "u1-b", "u1-other"));
+  EXPECT_THAT(spaces(), IsEmpty());
+  EXPECT_THAT(texts('i'), Contains("closed 2 leftover task space(s): u1-b, u1-other"));
+  EXPECT_THAT(texts('w'), Contains("stopping — killing jobs and closing their tabs"));
+  EXPECT_THAT(texts('w'), testing::Not(Contains(testing::HasSubstr("cancel requested"))));
+  EXPECT_TRUE(observer->waitFor("lanes []"));
+
+  // A job's space is closed before its end is reported: the service may hand out its like at once.
+  std::vector<std::string> order;
+  for (const auto& line : log->lines()) {
+    if (line.text.starts_with("space 'u1-a'") || line.text.starts_with("job 1: finished")) {
+      order.push_back(line.text);
+    }
+  }
+  EXPECT_THAT(order, ElementsAre("space 'u1-a': close -> exit 0",
+                                 "job 1: finished with exit -9 (cancelled)"));
+}
+
+TEST_F(Kill, StopBeforeTheChildExistsLetsTheJobRunOn) {
+  const auto fault = service.addFault({.endpoint = "lines", .delay = 300ms});
+  addJob("sleep 100", {.label = "mail", .taskSpace = "u1-a"});
+  start();
+  // The acknowledgement is on its way.
+  ASSERT_TRUE(service.waitForRequest("lines", 1, kLong) || service.faultHits(fault) > 0);
+  EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
+  EXPECT_LT(elapsed.count(), 5);
+}
+
+TEST_F(Kill, KillJobsNowWaitsForAJobThatIgnoresSignals) {
+  timings.termination = {};
+  const auto id = startJob("deaf");
+  const auto begin = std::chrono::steady_clock::now();
+  runner->killJobsNow();
+  EXPECT_EQ(doneJob(id).exitCode, -SIGKILL);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 3s);
+}
+
+TEST_F(Kill, ScriptThatIsNeverReadStopsHeartbeatsOrTheCancel) {
+  service.patchHello({{"cleanup_timeout_seconds", 0.1}});
+  config.execCommand = roleCommand("noinput");
+  config.noSweep = true;
+  const auto id = startJob(std::string(10'000'000, 'x'), {.label = "mail"});
+  const auto posts = service.requestCount("lines");
+  EXPECT_TRUE(service.waitForReply("lines", posts + 5, kLong));
+  EXPECT_TRUE(service.cancelJob(id));
+  EXPECT_EQ(doneJob(id).exitCode, -SIGTERM);
+}
+
+TEST_F(Kill, CloseOfTheSpaceDependsOnTheWrongThings) {
+  struct Case {
+    const char* script;
+    const char* kind;
+    bool closed;
+  };
+  const Case cases[] = {
+      {"say a", "run", false},   {"exit 3", "run", true},    {"raise 9", "browser", true},
+      {"exit 3", "close", false}, {"exit 3", "list", false}, {"say a", "", false},
+      {"exit 3", "LLM", true},
+  };
+  config.noSweep = true;
+  for (const auto& row : cases) {
+    SCOPED_TRACE(std::string(row.script) + " " + row.kind);
+    std::remove(path("spaces.closed").c_str());
+    setSpaces({"it's"});
+    config.serveJobs = 1;
+    log = std::make_shared<RecordingLog>();
+    addJob(row.script, {.kind = row.kind, .taskSpace = "it's"});
+    EXPECT_EQ(run(), ExitReason::clean());
+    EXPECT_THAT(closedSpaces(), row.closed ? testing::Matcher<std::vector<std::string>>(
+                                                 ElementsAre("it's"))
+                                           : IsEmpty());
+    EXPECT_EQ(log->has("space \"it's\": close -> exit 0"), row.closed);
+  }
+}
+
+}  // namespace
+}  // namespace verdo::test

@@ -1,0 +1,229 @@
+#include <fstream>
+
+#include "tests/Support/DriverFixture.h"
+#include "tests/Support/ExecutorRole.h"
+
+namespace verdo::test {
+namespace {
+
+using namespace std::chrono_literals;
+using local::Delivery;
+using local::FaultReply;
+using local::JobState;
+using testing::Contains;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+class Outage : public DriverFixture {
+ protected:
+  /// A job that has printed "ready", and has had it reported.
+  std::int64_t startJob(const std::string& script, local::JobSpec spec = {.label = "mail"}) {
+    const auto id = addJob(script, std::move(spec));
+    start();
+    EXPECT_TRUE(service.waitForLine(id, "ready", kLong));
+    return id;
+  }
+  std::string waitScript(int lines = 0) const {
+    return "wait '" + path("go") + "' " + std::to_string(lines);
+  }
+  void letGo() const { std::ofstream(path("go")) << ""; }
+
+  static void expectNumbered(const std::vector<std::string>& lines, int count) {
+    ASSERT_EQ(lines.size(), static_cast<std::size_t>(count + 1));
+    for (int i = 0; i < count; ++i) {
+      ASSERT_EQ(lines[static_cast<std::size_t>(i + 1)], numberedLine(i));
+    }
+  }
+};
+
+TEST_F(Outage, OutputOfAnOutageIsLostOrDoubled) {
+  for (const auto kind : {local::OutageKind::refuse, local::OutageKind::hang}) {
+    const bool refused = kind == local::OutageKind::refuse;
+    SCOPED_TRACE(refused ? "refused" : "hanging");
+    std::remove(path("go").c_str());
+    config.serveJobs = 1;
+    service.reset();
+    const auto id = startJob(waitScript(5000));
+    // Right after a reply nothing is on its way that could be stored and yet count as failed.
+    ASSERT_TRUE(service.waitForReply("lines", service.requestCount("lines") + 1, kLong));
+    service.outage(kind, 500ms);
+    letGo();
+    EXPECT_EQ(doneJob(id).exitCode, 0);
+    expectNumbered(service.lines(id), 5000);
+    EXPECT_EQ(finish(), ExitReason::clean());
+    EXPECT_EQ(log->has("server unreachable, retrying: POST"), refused);
+    log = std::make_shared<RecordingLog>();
+  }
+}
+
+TEST_F(Outage, RetriesOfACompletionHammerTheServerOrNeverEnd) {
+  service.addFault({.endpoint = "complete", .reply = FaultReply{.status = 500, .body = "down"}});
+  config.serveJobs = 1;
+  addJob("say a");
+  EXPECT_EQ(run(), ExitReason::clean());
+  // 0, 1, 3, 7, 15, 30, 45, 60, 75 and 90 units of 20 ms.
+  const std::vector<double> pauses{20, 40, 80, 160, 300, 300, 300, 300, 300};
+  const auto seen = gaps("complete");
+  ASSERT_EQ(seen.size(), pauses.size());
+  for (std::size_t i = 0; i < seen.size(); ++i) {
+    EXPECT_GE(seen[i], pauses[i] - 2);
+    EXPECT_LE(seen[i], pauses[i] + 250);
+  }
+  EXPECT_THAT(log->lines().back().text, StartsWith("job 1: could not report completion: POST "
+                                                   "/api/driver/jobs/1/complete -> 500: down"));
+  EXPECT_EQ(log->lines().back().level, 'e');
+}
+
+TEST_F(Outage, StoppingDriverKeepsRetryingForTheWholeTime) {
+  service.addFault({.endpoint = "complete", .delivery = Delivery::reset});
+  timings.retryLongest = timings.retryFirst;
+  timings.postDeadline = 60s;
+  addJob("say a");
+  start();
+  ASSERT_TRUE(service.waitForRequest("complete", 3, kLong));
+  EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
+  EXPECT_LT(elapsed.count(), 5);
+  EXPECT_TRUE(log->has("job 1: could not report completion: "));
+}
+
+TEST_F(Outage, ThrottledRequestIsTakenForDone) {
+  const FaultReply throttled{.status = 429, .body = "slow down"};
+  for (const char* endpoint : {"poll", "lines", "complete"}) {
+    service.addFault({.endpoint = endpoint, .after = 0, .count = 2, .reply = throttled});
+  }
+  config.serveJobs = 1;
+  const auto id = addJob("number 100");
+  EXPECT_EQ(run(), ExitReason::clean());
+  EXPECT_EQ(service.lines(id).size(), 100u);
+  EXPECT_EQ(service.job(id)->linesPosts, service.requestCount("lines") - 2);
+  EXPECT_EQ(service.requestCount("complete"), 3u);
+  EXPECT_EQ(service.requestCount("poll"), 3u);
+  EXPECT_THAT(texts('w'), Contains("server unreachable, retrying: POST /api/driver/jobs/1/complete "
+                                   "-> 429: slow down"));
+  EXPECT_THAT(texts('w'), Not(Contains(HasSubstr("poll failed"))));
+  EXPECT_EQ(log->lines().back().text, "job 1: finished with exit 0");
+}
+
+TEST_F(Outage, ThrottledBatchIsNotSentAgainUnchanged) {
+  service.addFault({.endpoint = "lines",
+                    .after = 1,
+                    .count = 3,
+                    .reply = FaultReply{.status = 429, .body = ""}});
+  config.serveJobs = 1;
+  const auto id = addJob("number 20000");
+  EXPECT_EQ(run(), ExitReason::clean());
+  const auto posts = service.requests("lines");
+  ASSERT_GE(posts.size(), 5u);
+  for (std::size_t i = 2; i < 5; ++i) EXPECT_EQ(posts[i].body, posts[1].body);
+  EXPECT_EQ(service.lines(id).size(), 20000u);
+  EXPECT_EQ(service.lines(id).back(), numberedLine(19999));
+}
+
+TEST_F(Outage, LostReplyOfACompletionFailsTheJob) {
+  service.addFault(
+      {.endpoint = "complete", .count = 1, .delivery = Delivery::reset, .processed = true});
+  config.serveJobs = 1;
+  addJob("exit 4");
+  EXPECT_EQ(run(), ExitReason::clean());
+  EXPECT_EQ(service.job(1)->completePosts, 2u);
+  EXPECT_EQ(service.job(1)->exitCode, 4);
+  EXPECT_EQ(log->lines().back(), (RecordingLog::Line{'w', "job 1: finished with exit 4"}));
+}
+
+TEST_F(Outage, LostServerLeavesTheJobRunning) {
+  struct Case {
+    local::Fault fault;
+    const char* message;
+    bool retried;
+  };
+  const Case cases[] = {
+      {{.delivery = Delivery::reset}, "-> URLError: ", true},
+      {{.delivery = Delivery::garbage}, "-> URLError: ", true},
+      {{.reply = FaultReply{.status = 503, .body = "down"}}, "-> 503: down", true},
+      {{.reply = FaultReply{.status = 200, .body = "[]"}},
+       "-> JSONDecodeError: body is not an object",
+       true},
+      {{.reply = FaultReply{.status = 426, .body = "update"}}, "-> 426: update", false},
+  };
+  timings.postDeadline = 150ms;
+  for (auto row : cases) {
+    SCOPED_TRACE(row.message);
+    service.reset();
+    log = std::make_shared<RecordingLog>();
+    observer = std::make_shared<RecordingObserver>();
+    const auto id = startJob("grandchild sleep 100");
+    row.fault.endpoint = "lines";
+    service.addFault(row.fault);
+    const auto job = doneJob(id);
+    EXPECT_EQ(job.exitCode, -SIGTERM);
+    EXPECT_EQ(job.error, "driver lost the server mid-job");
+    const std::string number = std::to_string(id);
+    EXPECT_THAT(texts('e'), testing::ElementsAre(
+                                StartsWith("job " + number + ": lost the server, killing the job: "
+                                           "POST /api/driver/jobs/" + number + "/lines " +
+                                           row.message)));
+    EXPECT_EQ(log->has("server unreachable, retrying"), row.retried);
+    EXPECT_TRUE(observer->waitFor("finished " + number +
+                                  " mail -15 driver lost the server mid-job"));
+    EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
+    EXPECT_TRUE(log->has("job " + number + ": finished with exit -15 (cancelled)"));
+  }
+}
+
+TEST_F(Outage, TokenRevokedInTheMiddleOfAJobIsNotTheEnd) {
+  startJob("sleep 100");
+  service.addJob({.label = "mail"});  // stays queued: its lane is busy
+  ASSERT_TRUE(service.waitForRequest("poll", 2, kLong));
+  service.revokeToken();
+  const auto reason = finish();
+  EXPECT_EQ(reason, ExitReason::tokenRevoked(
+                        "driver token revoked — issue a new one in the UI (Browser driver card)"));
+  EXPECT_TRUE(observer->waitFor("finished 1 mail -15 driver token revoked mid-job"));
+  EXPECT_EQ(service.requestCount("complete"), 0u);
+  // The poll that was in flight does not hold the run up.
+  EXPECT_TRUE(service.waitForHangUps("poll", 1, kLong));
+  ASSERT_EQ(texts('e').size(), 2u);
+  EXPECT_THAT(texts('e')[0], StartsWith("job 1: POST /api/driver/jobs/1/lines -> 401: "));
+  EXPECT_EQ(texts('e')[1], reason.message());
+}
+
+TEST_F(Outage, TokenRevokedAtTheCompletionIsNotTheEnd) {
+  service.addFault({.endpoint = "complete", .reply = FaultReply{.status = 401, .body = "no"}});
+  addJob("say a");
+  EXPECT_EQ(run().code(), 3);
+  EXPECT_TRUE(log->has("job 1: could not report completion: POST "
+                       "/api/driver/jobs/1/complete -> 401: no"));
+}
+
+TEST_F(Outage, PollThatIsRefusedForGoodIsRepeated) {
+  struct Case {
+    int status;
+    int code;
+    const char* message;
+  };
+  const Case cases[] = {
+      {401, 3, "driver token revoked — issue a new one in the UI (Browser driver card)"},
+      {426, 6, "driver out of date — re-run the install command from the Browser driver card"},
+  };
+  for (const auto& row : cases) {
+    service.reset();
+    log = std::make_shared<RecordingLog>();
+    // A job of another lane is killed, and its end is reported.
+    const auto id = startJob("sleep 100", {.taskSpace = "u1-a"});
+    const std::string body(10, 'x');
+    service.addFault({.endpoint = "poll", .reply = FaultReply{.status = row.status, .body = body}});
+    addJob("say a");  // lets the poll in flight return
+    const auto reason = finish();
+    EXPECT_EQ(reason.code(), row.code);
+    EXPECT_EQ(reason.message(), row.message);
+    EXPECT_THAT(texts('e')[0], StartsWith("GET /api/driver/poll?wait=25&busy="));
+    EXPECT_THAT(texts('e')[0], testing::EndsWith("-> " + std::to_string(row.status) + ": " + body));
+    EXPECT_EQ(texts('e')[1], row.message);
+    EXPECT_EQ(service.job(id)->exitCode, -SIGTERM);
+    EXPECT_TRUE(log->has("space 'u1-a': close -> exit 0"));
+  }
+}
+
+}  // namespace
+}  // namespace verdo::test

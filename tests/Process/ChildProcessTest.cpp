@@ -1,0 +1,126 @@
+#include "VerdoDriverCore/Process/ChildProcess.h"
+#include "tests/Support/Children.h"
+
+#include <future>
+
+#include <gmock/gmock.h>
+#include <signal.h>
+
+namespace verdo {
+namespace {
+
+using namespace test;
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+constexpr TerminationTimings kShort{10ms, 10};
+
+/// Every test must leave no descriptor and no process behind, not even a zombie.
+class ChildProcessTest : public testing::Test {
+ protected:
+  ~ChildProcessTest() override {
+    EXPECT_EQ(openDescriptors(), descriptorsBefore_);
+    EXPECT_FALSE(hasChildren());
+  }
+
+ private:
+  const std::vector<std::string> descriptorsBefore_ = openDescriptors();
+};
+
+TEST_F(ChildProcessTest, TellsHowTheChildEnded) {
+  const struct {
+    Lines role;
+    std::int32_t status;
+  } cases[] = {{{"exit", "0"}, 0},
+               {{"exit", "3"}, 3},
+               {{"exit", "255"}, 255},
+               {{"raise", std::to_string(SIGTERM)}, -SIGTERM},
+               {{"raise", std::to_string(SIGKILL)}, -SIGKILL}};
+  for (const auto& [role, status] : cases) {
+    const auto child = launchRole(role);
+    EXPECT_EQ(child->wait(), status);
+    EXPECT_EQ(child->poll(), status);
+    child->release();
+    child->release();
+    EXPECT_EQ(child->poll(), status) << "the status outlives the process";
+    EXPECT_EQ(child->wait(), status);
+    EXPECT_FALSE(child->signalGroup(0)) << "the pid may be somebody else's by now";
+  }
+}
+
+TEST_F(ChildProcessTest, MayBeWaitedForByManyThreads) {
+  const auto child = launchRole({"sleep", "60"});
+  std::vector<std::future<std::int32_t>> waiting;
+  for (int i = 0; i < 4; ++i) {
+    waiting.push_back(std::async(std::launch::async, [&] { return child->wait(); }));
+  }
+  EXPECT_EQ(child->poll(), std::nullopt);
+  child->release();
+  for (auto& status : waiting) EXPECT_EQ(status.get(), -SIGKILL);
+}
+
+TEST_F(ChildProcessTest, IsTerminatedAtOnceWhenItListens) {
+  const auto child = launchRole({"sleep", "60"});
+  const auto begin = Clock::now();
+  child->terminateGroup({5ms, 4000});
+  EXPECT_EQ(child->poll(), -SIGTERM);
+  EXPECT_LT(Clock::now() - begin, 5s);
+}
+
+TEST_F(ChildProcessTest, IsKilledAfterTheGraceWhenItIsDeaf) {
+  const auto child = launchRole({"deaf"});
+  CollectedLines output(child->takeStdout());
+  ASSERT_TRUE(output.start().waitForCount(1));
+  const auto begin = Clock::now();
+  child->terminateGroup(kShort);
+  EXPECT_GE(Clock::now() - begin, kShort.step * kShort.steps);
+  EXPECT_EQ(child->wait(), -SIGKILL);
+}
+
+TEST_F(ChildProcessTest, SignalsTheGroupAfterItsLeaderHasGone) {
+  const auto child = launchRole({"leave", "sleep", "60"});
+  CollectedLines output(child->takeStdout());
+  const pid_t grandchild = grandchildPid(output.start());
+  EXPECT_EQ(child->wait(), 0);
+  EXPECT_FALSE(isGone(grandchild));
+  EXPECT_TRUE(child->signalGroup(SIGTERM));
+  EXPECT_TRUE(eventually([&] { return isGone(grandchild); }));
+}
+
+TEST_F(ChildProcessTest, LeavesNobodyOfTheGroupBehind) {
+  for (const bool leaderStays : {true, false}) {
+    auto child = launchRole({leaderStays ? "grandchild" : "leave", "deaf"});
+    CollectedLines output(child->takeStdout());
+    const pid_t grandchild = grandchildPid(output.start());
+    ASSERT_TRUE(output.waitForCount(2));
+    child.reset();
+    EXPECT_TRUE(eventually([&] { return isGone(grandchild); }));
+  }
+}
+
+// Such a child is out of the reach of signals to "its" group.
+TEST_F(ChildProcessTest, IsReleasedEvenWhenItLeftItsGroup) {
+  const auto child = launchRole({"regroup", "sleep", "20"});
+  CollectedLines output(child->takeStdout());
+  ASSERT_TRUE(output.start().waitForCount(1));
+  const auto begin = Clock::now();
+  child->release();
+  EXPECT_LT(Clock::now() - begin, 5s);
+  EXPECT_EQ(child->poll(), -SIGKILL);
+}
+
+// The pid could be given to another process between a look and a signal.
+TEST_F(ChildProcessTest, MayBeSignalledWhileItIsReleased) {
+  for (int i = 0; i < 20; ++i) {
+    const auto child = launchRole({"exit", "0"});
+    const auto signalling = std::async(std::launch::async, [&] {
+      while (child->signalGroup(SIGTERM)) {
+      }
+    });
+    child->poll();
+    child->release();
+  }
+}
+
+}  // namespace
+}  // namespace verdo

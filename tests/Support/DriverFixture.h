@@ -1,0 +1,91 @@
+#pragma once
+
+#include <gmock/gmock.h>
+
+#include <chrono>
+#include <future>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "LocalService/LocalService.h"
+#include "VerdoDriverCore/Run/Runner.h"
+#include "tests/Support/RecordingLog.h"
+#include "tests/Support/RecordingObserver.h"
+#include "tests/Support/ScopedEnv.h"
+#include "tests/Support/TempDir.h"
+
+namespace verdo::test {
+
+/// Sanitizers slow everything down: what measures speed or volume asks for less under them.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr bool kSanitized = true;
+#else
+inline constexpr bool kSanitized = false;
+#endif
+
+/// A service, a home directory and, once started, a run against that service on a thread of its
+/// own, with every time constant a fiftieth of the real one. When the test ends, the run is
+/// stopped, and neither a descriptor, a thread, a child, a process of a job nor a staging
+/// directory may be left.
+class DriverFixture : public testing::Test {
+ protected:
+  explicit DriverFixture(local::LocalServiceOptions options = {});
+  ~DriverFixture() override;
+  void TearDown() override;
+
+  /// The real constants divided by fifty; limits that only guard against a hang stay longer.
+  static Timings scaledTimings();
+
+  /// Begins the run that `config` and `timings` describe.
+  void start();
+  /// Waits for the run to end by itself and gives its reason.
+  ExitReason finish(std::chrono::milliseconds timeout = std::chrono::seconds(30));
+  /// Stops the run, and gives its reason and, in `elapsed`, how long that took.
+  ExitReason stopAndFinish();
+  /// start() and finish().
+  ExitReason run();
+
+  /// Queues a job whose script is `script` (ExecutorRole.h).
+  std::int64_t addJob(const std::string& script, local::JobSpec spec = {});
+  /// What the service knows of a job, once it is done.
+  local::JobSnapshot doneJob(std::int64_t id);
+  /// The task spaces that the executor has, and those that were closed, in order.
+  void setSpaces(const std::vector<std::string>& names);
+  std::vector<std::string> spaces() const;
+  std::vector<std::string> closedSpaces() const;
+  /// The texts of the log lines of one level.
+  std::vector<std::string> texts(char level) const;
+  /// Times between the arrivals of the requests on an endpoint, milliseconds.
+  std::vector<double> gaps(const std::string& endpoint) const;
+  std::string path(const std::string& name) const { return home_ / name; }
+  const std::string& home() const { return home_.path(); }
+  std::string stagingCache() const { return home_ / ".cache/verdo"; }
+
+  static constexpr std::chrono::seconds kLong{20};  ///< a wait that fails the test when it is over
+
+ private:
+  const std::vector<std::string> descriptorsBefore_;
+  const std::size_t threadsBefore_;
+  TempDir home_;
+  ScopedEnv homeVariable_;
+  std::unique_ptr<local::LocalService> ownedService_;
+
+ protected:
+  local::LocalService& service;
+  std::shared_ptr<RecordingLog> log = std::make_shared<RecordingLog>();
+  std::shared_ptr<RecordingObserver> observer = std::make_shared<RecordingObserver>();
+  DriverConfig config;
+  Timings timings = scaledTimings();
+  std::shared_ptr<DriverRunner> runner;
+  std::chrono::duration<double> elapsed{};
+
+ private:
+  std::vector<std::string> linesOf(const std::string& name) const;
+
+  std::future<ExitReason> reason_;
+  std::thread thread_;
+};
+
+}  // namespace verdo::test

@@ -1,0 +1,16 @@
+#include <gmock/gmock.h>
+#include <signal.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/Support/Misbehaviour.h"
+
+int main(int argc, char** argv) {
+  if (argc > 2 && std::string(argv[1]) == "--misbehave") {
+    return verdo::test::misbehave(std::vector<std::string>(argv + 2, argv + argc));
+  }
+  ::signal(SIGPIPE, SIG_IGN);
+  testing::InitGoogleMock(&argc, argv);
+  return RUN_ALL_TESTS();
+}

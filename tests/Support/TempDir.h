@@ -1,0 +1,47 @@
+#pragma once
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+namespace verdo::test {
+
+/// A fresh directory, removed with everything in it at the end.
+class TempDir {
+ public:
+  TempDir() {
+    std::string path = std::filesystem::temp_directory_path() / "verdo-test-XXXXXX";
+    if (!::mkdtemp(path.data())) throw std::filesystem::filesystem_error("mkdtemp", path, {});
+    path_ = path;
+  }
+  ~TempDir() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::string& path() const { return path_; }
+  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+  /// Writes a file with exactly this mode and gives its path.
+  std::string write(const std::string& name, const std::string& content,
+                    std::filesystem::perms mode = std::filesystem::perms{0600}) const {
+    const std::string path = *this / name;
+    std::ofstream(path, std::ios::binary) << content;
+    std::filesystem::permissions(path, mode);
+    return path;
+  }
+
+ private:
+  std::string path_;
+};
+
+/// The whole content of a file.
+inline std::string contentOf(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+}  // namespace verdo::test
