@@ -12,9 +12,9 @@
 namespace verdo::local {
 namespace {
 
-constexpr std::size_t kInputSize = 64 * 1024;
-constexpr std::size_t kOutputSize = 64 * 1024;
-constexpr std::size_t kMaxKeptHead = 256 * 1024;
+constexpr std::size_t kInputSize = 1 << 16;
+constexpr std::size_t kOutputSize = 1 << 16;
+constexpr std::size_t kMaxKeptHead = 1 << 18;
 /// Patience with a peer that neither takes nor gives a byte. Far above what any slow client of a
 /// test needs; it only keeps a forgotten one from holding a thread for ever.
 constexpr timeval kStallLimit{.tv_sec = 120, .tv_usec = 0};

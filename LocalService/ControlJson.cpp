@@ -72,9 +72,10 @@ class Reader {
   void refuseOthers(std::initializer_list<std::string_view> known) const {
     for (const auto& [key, value] : json_.items()) {
       if (std::ranges::find(known, key) != known.end()) continue;
-      std::string list;
-      for (const auto name : known) list += (list.empty() ? "" : ", ") + std::string(name);
-      throw HttpError(400, what_ + ": unknown key \"" + key + "\"; known are " + list);
+      auto message = what_;
+      message.append(": unknown key \"").append(key).append("\"; known are");
+      for (const auto name : known) message.append(" ").append(name);
+      throw HttpError(400, message);
     }
   }
 

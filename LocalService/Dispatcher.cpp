@@ -62,14 +62,16 @@ void run(const Route& route, Exchange& exchange) {
 
 /// The request that a connection's thread is working on.
 struct Dispatcher::Current {
+  Current(Dispatcher& owner, Connection& from) : dispatcher(owner), connection(from) {}
+
   Dispatcher& dispatcher;
   Connection& connection;
-  std::string path{};                    // percent-decoded
-  std::optional<std::uint64_t> entry{};  // in the request log
-  std::optional<Fault> fault{};
+  std::string path;                    // percent-decoded
+  std::optional<std::uint64_t> entry;  // in the request log
+  std::optional<Fault> fault;
   int status = 0;  // of the ordinary reply; 0: answered otherwise
-  std::function<void()> undo{};
-  std::function<void()> afterReply{};
+  std::function<void()> undo;
+  std::function<void()> afterReply;
 };
 
 /// cpp-httplib without its sockets: requests come from and replies go to a Connection. All
@@ -119,7 +121,7 @@ Dispatcher::~Dispatcher() = default;
 
 bool Dispatcher::serveOne(Connection& connection) {
   connection.beginRequest();
-  Current current{.dispatcher = *this, .connection = connection};
+  Current current(*this, connection);
   const bool goOn = engine_->process(current);
   finish(current);
   return goOn && !connection.ending();

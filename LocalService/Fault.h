@@ -10,6 +10,8 @@
 
 namespace verdo::local {
 
+// NOLINTBEGIN(readability-redundant-member-init): lets callers name only the fields they set.
+
 /// A reply that is shown in place of the ordinary one.
 struct FaultReply {
   int status = 200;
@@ -58,6 +60,8 @@ struct Fault {
   /// way. With a `delay` alone: the delay comes after the effect instead of before it.
   bool processed = false;
 };
+
+// NOLINTEND(readability-redundant-member-init)
 
 /// A fault in force.
 struct FaultStatus {

@@ -21,9 +21,10 @@ JobStore::Waiter::~Waiter() {
 }
 
 void JobStore::Waiter::clear() {
+  // Nobody sets the flag while the waiter counts as notified.
+  event_.clear();
   const std::lock_guard lock(store_.mutex_);
   notified_ = false;
-  event_.clear();
 }
 
 JobStore::JobStore(std::chrono::milliseconds lease)
@@ -90,8 +91,8 @@ void JobStore::wakeWaiters() {
   auto asleep = std::ranges::count_if(waiters_, [](const Waiter* w) { return !w->notified_; });
   for (const auto& [id, lane] : ready_) {
     if (asleep == 0) return;
-    const auto taker = std::ranges::find_if(waiters_, [&lane = lane](const Waiter* waiter) {
-      return !waiter->notified_ && !waiter->busy_.contains(lane);
+    const auto taker = std::ranges::find_if(waiters_, [&wanted = lane](const Waiter* waiter) {
+      return !waiter->notified_ && !waiter->busy_.contains(wanted);
     });
     if (taker == waiters_.end()) continue;
     (*taker)->notified_ = true;
@@ -258,6 +259,7 @@ std::optional<JobSnapshot> JobStore::job(std::int64_t id) const {
 std::vector<JobSnapshot> JobStore::jobs() const {
   std::vector<JobSnapshot> all;
   const std::lock_guard lock(mutex_);
+  all.reserve(jobs_.size());
   for (const auto& [id, record] : jobs_) all.push_back(snapshotOf(record));
   return all;
 }

@@ -98,7 +98,7 @@ class JobStore {
     std::string body;
     std::shared_ptr<LineLog> lines;
     std::uint64_t lease = 0;
-    Clock::time_point leasedUntil{};
+    Clock::time_point leasedUntil;
   };
   struct Lane {
     std::set<std::int64_t> queued;

@@ -11,6 +11,8 @@
 
 namespace verdo::local {
 
+// NOLINTBEGIN(readability-redundant-member-init): lets callers name only the fields they set.
+
 /// A file that the service hands out under /files/. A plain value.
 struct FileSpec {
   std::string name{};     ///< the name that the job gives it
@@ -42,6 +44,8 @@ struct JobSpec {
   bool cancelled = false;  ///< handed out as usual, and the first reply already says cancel
 };
 
+// NOLINTEND(readability-redundant-member-init)
+
 /// Where a job is in its life.
 enum class JobState {
   queued,  ///< waiting for a driver; also again after its lease ran out
@@ -54,8 +58,8 @@ struct JobSnapshot {
   using Time = std::chrono::steady_clock::time_point;
 
   std::int64_t id = 0;
-  std::string lane{};
-  std::string kind{};
+  std::string lane;
+  std::string kind;
   JobState state = JobState::queued;
   bool cancelled = false;
   std::uint64_t timesLeased = 0;  ///< how often it was handed out; put-back replies not counted
@@ -63,18 +67,18 @@ struct JobSnapshot {
   std::uint64_t lineCount = 0;
   std::uint64_t lineBytes = 0;  ///< UTF-8 bytes of all lines, line ends not counted
   /// SHA-256, in lowercase hexadecimal, over every line followed by "\n", in order of arrival.
-  std::string linesSha256{};
-  bool completed = false;                  ///< a completion record was accepted
-  std::uint64_t completePosts = 0;         ///< completion posts, refused ones included
-  std::optional<std::int64_t> exitCode{};  ///< of the completion record
-  std::optional<std::string> error{};      ///< of the completion record; absent: null
+  std::string linesSha256;
+  bool completed = false;                ///< a completion record was accepted
+  std::uint64_t completePosts = 0;       ///< completion posts, refused ones included
+  std::optional<std::int64_t> exitCode;  ///< of the completion record
+  std::optional<std::string> error;      ///< of the completion record; absent: null
 
-  Time created{};
-  std::optional<Time> leased{};        ///< the latest lease
-  std::optional<Time> acknowledged{};  ///< the first lines post after the latest lease
-  std::optional<Time> firstLine{};     ///< the first post that brought a line
-  std::optional<Time> lastLine{};      ///< the latest post that brought a line
-  std::optional<Time> finished{};      ///< the state became done
+  Time created;
+  std::optional<Time> leased;        ///< the latest lease
+  std::optional<Time> acknowledged;  ///< the first lines post after the latest lease
+  std::optional<Time> firstLine;     ///< the first post that brought a line
+  std::optional<Time> lastLine;      ///< the latest post that brought a line
+  std::optional<Time> finished;      ///< the state became done
 };
 
 }  // namespace verdo::local

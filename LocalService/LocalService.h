@@ -17,6 +17,7 @@
 
 namespace verdo::local {
 
+// NOLINTBEGIN(readability-redundant-member-init): lets callers name only the fields they set.
 struct LocalServiceOptions {
   std::uint16_t port = 0;  ///< on 127.0.0.1; 0 picks a free one
   std::string token{};     ///< driver token; empty: a random one
@@ -29,6 +30,7 @@ struct LocalServiceOptions {
   /// Also hands out the files of this folder as /files/{name}; empty: none.
   std::filesystem::path filesDirectory{};
 };
+// NOLINTEND(readability-redundant-member-init)
 
 /// A stand-in on loopback of the web service that the driver works for: jobs with real leases, job
 /// files, and failures on demand. Many instances can live in one process, each on its own port.

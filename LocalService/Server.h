@@ -68,7 +68,7 @@ class Server {
   bool running_ = false;
   std::uint16_t port_ = 0;
   std::optional<OutageKind> outage_;
-  Clock::time_point outageEnd_{};
+  Clock::time_point outageEnd_;
   std::set<Connection*> connections_;
   std::uint64_t accepted_ = 0;
 };

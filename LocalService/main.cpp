@@ -25,11 +25,11 @@ int serve(const verdo::local::LocalServiceOptions& options) {
   try {
     service.start();
   } catch (const std::exception& error) {
-    std::cerr << "verdo-local-service: " << error.what() << std::endl;
+    std::cerr << "verdo-local-service: " << error.what() << "\n";
     return EXIT_FAILURE;
   }
-  std::cout << "listening on " << service.url() << std::endl;
-  std::cout << "token " << service.token() << std::endl;
+  std::cout << "listening on " << service.url() << "\ntoken " << service.token() << "\n"
+            << std::flush;
   int signal = 0;
   sigwait(&ends, &signal);
   service.stop();
@@ -66,7 +66,7 @@ int main(int argc, char** argv) {
   try {
     return serve(options);
   } catch (const std::exception& error) {
-    std::cerr << "verdo-local-service: " << error.what() << std::endl;
+    std::cerr << "verdo-local-service: " << error.what() << "\n";
     return EXIT_FAILURE;
   }
 }

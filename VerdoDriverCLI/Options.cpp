@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cmath>
 #include <limits>
 #include <map>
 
@@ -26,9 +27,22 @@ const char* const kFooter =
     "Exit status: 0 done, 1 server unreachable, 2 bad configuration or usage, 3 token revoked,\n"
     "6 driver out of date, 7 LLM key rejected, 127 executor not found, 130 stopped.";
 
+/// A number within the range; not-a-number, which no comparison rules out, is not.
+CLI::Validator between(double least, double most) {
+  return CLI::Range(least, most) & CLI::Validator(
+                                       [](std::string& text) {
+                                         double value = 0;
+                                         const bool number = CLI::detail::lexical_cast(text, value);
+                                         return number && !std::isnan(value)
+                                                    ? std::string()
+                                                    : "Value " + text + " is not a number";
+                                       },
+                                       "");
+}
+
 void define(CLI::App& app, Options& options, std::string& color) {
   DriverConfig& config = options.config;
-  const auto seconds = CLI::Range(0.0, kYear);
+  const auto seconds = between(0.0, kYear);
   const auto count = CLI::Range(1, std::numeric_limits<int>::max());
   app.add_option("--server", options.server, "Base URL of the service")->type_name("URL");
   app.add_option("--exec", config.execCommand, "Browser executor")->type_name("COMMAND");
@@ -40,7 +54,7 @@ void define(CLI::App& app, Options& options, std::string& color) {
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
   app.add_option("--poll-wait", config.pollWait, "Seconds that one poll waits for a job")
       ->type_name("S")
-      ->check(CLI::Range(0.0, kLongestPoll));
+      ->check(between(0.0, kLongestPoll));
   app.add_option("--max-jobs", config.maxJobs, "Jobs at once, instead of what the service says")
       ->type_name("N")
       ->check(CLI::Range(1, kMostLanes));
@@ -55,7 +69,7 @@ void define(CLI::App& app, Options& options, std::string& color) {
       ->check(seconds);
   app.add_option("--reap-interval", config.reapInterval, "Look for idle task spaces every S seconds")
       ->type_name("S")
-      ->check(CLI::Range(0.1, kYear));
+      ->check(between(0.1, kYear));
   app.add_flag("--sweep-all", config.sweepAll, "At start, close every task space");
   app.add_flag("--no-sweep", config.noSweep, "At start, close no task space")
       ->excludes("--sweep-all");

@@ -8,6 +8,7 @@
 #include "VerdoDriverCLI/Options.h"
 #include "VerdoDriverCLI/Secrets.h"
 #include "VerdoDriverCLI/SignalThread.h"
+#include "VerdoDriverCore/Contract/DriverConstants.h"
 #include "VerdoDriverCore/Run/Log.h"
 #include "VerdoDriverCore/Run/Runner.h"
 
@@ -47,7 +48,10 @@ int serve(verdo::cli::Options options) {
                                   exitNow(verdo::ExitReason::stopped().code());
                                 });
   const verdo::ExitReason reason = runner->run();
-  if (!reason.message().empty()) log->error(reason.message());
+  // These two the serve loop has said already.
+  const bool said = reason.message() == verdo::DriverConstants::tokenRevokedMessage ||
+                    reason.message() == verdo::DriverConstants::outOfDateHint;
+  if (!reason.message().empty() && !said) log->error(reason.message());
   return reason.code();
 }
 

@@ -29,7 +29,7 @@ const std::string& mixedText() {
 }
 
 void countBytes(benchmark::State& state, const std::string& text) {
-  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * text.size()));
+  state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(text.size()));
 }
 
 void writeText(benchmark::State& state, const std::string& text) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include "VerdoDriverCore/Contract/LogSink.h"
@@ -21,6 +22,12 @@ class JobHost {
   virtual LogSink& log() = 0;
   virtual Browser& browser() = 0;
   virtual const Timings& timings() const = 0;
+  /// The provider key; empty: there is none.
+  virtual const std::string& llmKey() const = 0;
+  /// The provider's base URL.
+  virtual const std::string& llmBase() const = 0;
+  /// The session that all provider calls share; made at the first call.
+  virtual std::shared_ptr<HttpSession> providerSession() = 0;
   /// Set once the run must end.
   virtual const Event& stopping() const = 0;
   /// A call of the worker's learnt that the service has revoked the token: ends the run.

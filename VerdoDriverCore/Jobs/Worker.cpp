@@ -163,23 +163,25 @@ void Worker::cleanUp() {
 }
 
 void Worker::kill() {
-  std::shared_ptr<ChildProcess> proc;
-  {
-    MutexLock lock(stateLock_);
-    cancelled_ = true;
-    proc = proc_;
-  }
-  if (proc) proc->terminateGroup(host_->timings().termination);
+  if (const auto proc = cancelAndGetProcess()) proc->terminateGroup(host_->timings().termination);
 }
 
 void Worker::killNow() {
+  if (const auto proc = cancelAndGetProcess()) proc->signalGroup(SIGKILL);
+}
+
+/// Marks the job as cancelled, ends its provider call, and gives its child, if it has one.
+std::shared_ptr<ChildProcess> Worker::cancelAndGetProcess() {
+  std::shared_ptr<ChatClient> client;
   std::shared_ptr<ChildProcess> proc;
   {
     MutexLock lock(stateLock_);
     cancelled_ = true;
+    client = llmClient_;
     proc = proc_;
   }
-  if (proc) proc->signalGroup(SIGKILL);
+  if (client) client->cancel();
+  return proc;
 }
 
 bool Worker::isCancelled() const {

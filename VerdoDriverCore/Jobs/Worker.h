@@ -10,6 +10,7 @@
 #include "VerdoDriverCore/Jobs/JobHost.h"
 #include "VerdoDriverCore/Jobs/PendingLines.h"
 #include "VerdoDriverCore/Jobs/StagingDirectory.h"
+#include "VerdoDriverCore/Network/ChatClient.h"
 #include "VerdoDriverCore/Process/ChildProcess.h"
 #include "VerdoDriverCore/Process/LineReader.h"
 #include "VerdoDriverCore/Process/Sync.h"
@@ -31,8 +32,8 @@ class Worker : public std::enable_shared_from_this<Worker> {
   /// Starts the thread "job-{id}", which keeps the worker alive until it has ended. Called once.
   /// Throws std::system_error.
   void start();
-  /// Stops the job: SIGTERM to its processes, SIGKILL after the grace. Blocks for that grace at
-  /// most. Any thread may call it, at any time, again and again.
+  /// Stops the job: SIGTERM to its processes, SIGKILL after the grace; a provider call ends at
+  /// once. Blocks for that grace at most. Any thread may call it, at any time, again and again.
   void kill() EXCLUDES(stateLock_);
   /// SIGKILL to the job's processes, without waiting for anything.
   void killNow() EXCLUDES(stateLock_);
@@ -57,6 +58,7 @@ class Worker : public std::enable_shared_from_this<Worker> {
   void reportFinished();
   void closeSpaceOnBadEnd();
   bool isCancelled() const EXCLUDES(stateLock_);
+  std::shared_ptr<ChildProcess> cancelAndGetProcess() EXCLUDES(stateLock_);
   /// Posts a batch through the retry rule.
   LinesReply postLines(LineBatch batch);
   /// The retry rule: repeats `call` while it fails with a ServerError of the kind that is worth
@@ -73,7 +75,11 @@ class Worker : public std::enable_shared_from_this<Worker> {
   void touchSpace();
 
   // LLM jobs (WorkerLLM.cpp).
+  struct LLMCall;
   void runLLM();
+  void failCall(const char* category, const std::string& message, const char* complaint);
+  void runCall(LLMCall& call, const JV& payload);
+  void postResult(const LLMCall& call);
 
   const std::shared_ptr<JobHost> host_;
   const Job job_;
@@ -89,6 +95,7 @@ class Worker : public std::enable_shared_from_this<Worker> {
   mutable Mutex stateLock_;
   bool cancelled_ GUARDED_BY(stateLock_) = false;
   std::shared_ptr<ChildProcess> proc_ GUARDED_BY(stateLock_);
+  std::shared_ptr<ChatClient> llmClient_ GUARDED_BY(stateLock_);
 };
 
 }  // namespace verdo

@@ -41,6 +41,21 @@ std::string quote(const std::string& text) {
   return out;
 }
 
+/// The beginning of an error's body, for a message. Should the service quote our token in it, the
+/// token is left out: messages reach the log.
+std::string quoted(const std::string& body, const std::string& token) {
+  constexpr std::size_t kEnough = 4 * kQuotedBody;  // a character has at most 4 bytes
+  std::string text;
+  for (std::size_t at = 0; at < body.size() && text.size() < kEnough;) {
+    const auto found = token.empty() ? std::string::npos : body.find(token, at);
+    text.append(body, at, std::min(found - at, kEnough));
+    if (found == std::string::npos) break;
+    text += "…";
+    at = found + token.size();
+  }
+  return firstCharacters(text, kQuotedBody);
+}
+
 JV parseObject(const std::string& body, const std::string& call) {
   JV value;
   try {
@@ -140,7 +155,7 @@ Api::Reply Api::request(const Call& call) {
     return {parseObject(body, name), std::nullopt};
   }
   const std::string message =
-      fmt::format("{} -> {}: {}", name, status, firstCharacters(body, kQuotedBody));
+      fmt::format("{} -> {}: {}", name, status, quoted(body, options_.token));
   switch (status) {
     case 401: throw ServerError(ServerError::Kind::auth, message);
     case 426: throw ServerError(ServerError::Kind::outOfDate, message);
@@ -154,14 +169,11 @@ HttpResult Api::perform(HttpRequest request, bool untilStop) {
   const auto enter = [&](const std::shared_ptr<HttpTask>& task) {
     MutexLock lock(pollLock_);
     identifier = task->identifier();
-    inFlight_.emplace(identifier, task);
-    if (!untilStop) return;
-    pollTask_ = task;
-    if (pollingStopped_) task->cancel();
+    inFlight_.emplace(identifier, InFlight{task, untilStop});
+    if (untilStop && pollingStopped_) task->cancel();
   };
   HttpResult result = session_->perform(std::move(request), enter);
   MutexLock lock(pollLock_);
-  if (pollTask_ && pollTask_->identifier() == identifier) pollTask_.reset();
   inFlight_.erase(identifier);
   return result;
 }
@@ -177,7 +189,7 @@ std::string Api::download(const std::string& url, const std::string& destination
   const auto file = std::make_shared<FileDownload>(destination);
   request.sink = file;
   try {
-    const HttpResult result = perform(std::move(request), false);
+    const HttpResult result = perform(std::move(request), true);
     if (file->failure()) throw *file->failure();
     if (result.error) throw PyError("URLError", result.error->description);
     const int status = result.response ? result.response->status : 0;
@@ -192,14 +204,16 @@ std::string Api::download(const std::string& url, const std::string& destination
 void Api::stopPolling() {
   MutexLock lock(pollLock_);
   pollingStopped_ = true;
-  if (pollTask_) pollTask_->cancel();
+  for (const auto& [identifier, call] : inFlight_) {
+    if (call.untilStop) call.task->cancel();
+  }
 }
 
 void Api::cancelAll() {
   stopPolling();
   interrupted_.set();
   MutexLock lock(pollLock_);
-  for (const auto& [identifier, task] : inFlight_) task->cancel();
+  for (const auto& [identifier, call] : inFlight_) call.task->cancel();
 }
 
 const char* Api::errorName(const TransportError& error) {

@@ -55,10 +55,11 @@ class Api {
   /// "ValueError", "URLError", "HTTPError" or "OSError".
   std::string download(const std::string& url, const std::string& destination, Duration timeout);
 
-  /// Cancels the poll in flight, if any, and refuses later ones as cancelled.
+  /// Takes no new work: cancels the hello, poll and downloads in flight, and refuses later ones as
+  /// cancelled.
   void stopPolling() EXCLUDES(pollLock_);
-  /// stopPolling(), and cancels every other request in flight. Later posts and downloads are
-  /// sent as usual: a stopping driver still reports its jobs.
+  /// stopPolling(), and cancels every other request in flight. Later posts are sent as usual: a
+  /// stopping driver still reports its jobs.
   void cancelAll() EXCLUDES(pollLock_);
 
   /// "Cancelled" or "URLError".
@@ -89,8 +90,11 @@ class Api {
   std::shared_ptr<HttpSession> session_;
   Event interrupted_;
   Mutex pollLock_;
-  std::shared_ptr<HttpTask> pollTask_ GUARDED_BY(pollLock_);
-  std::map<std::int64_t, std::shared_ptr<HttpTask>> inFlight_ GUARDED_BY(pollLock_);
+  struct InFlight {
+    std::shared_ptr<HttpTask> task;
+    bool untilStop = false;
+  };
+  std::map<std::int64_t, InFlight> inFlight_ GUARDED_BY(pollLock_);
   bool pollingStopped_ GUARDED_BY(pollLock_) = false;
 };
 

@@ -21,6 +21,19 @@ void addHeader(std::unique_ptr<curl_slist, CurlListFree>& list, const std::strin
   list.reset(longer);
 }
 
+/// True for a URL of this very computer, which no proxy could reach, nor should hear of.
+bool isLoopback(const std::string& url) {
+  const std::unique_ptr<CURLU, void (*)(CURLU*)> parsed(curl_url(), &curl_url_cleanup);
+  char* host = nullptr;
+  if (!parsed || curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK ||
+      curl_url_get(parsed.get(), CURLUPART_HOST, &host, 0) != CURLUE_OK) {
+    return false;
+  }
+  const std::unique_ptr<char, void (*)(void*)> owner(host, &curl_free);
+  const std::string_view name = host;
+  return name == "127.0.0.1" || name == "localhost" || name == "[::1]";
+}
+
 }  // namespace
 
 HttpTransfer::HttpTransfer(HttpRequest req, HttpSession::Completion done,
@@ -39,11 +52,14 @@ HttpTransfer::HttpTransfer(HttpRequest req, HttpSession::Completion done,
   set(CURLOPT_PROTOCOLS_STR, "http,https");
   // A download that began encrypted does not go on in clear.
   set(CURLOPT_REDIR_PROTOCOLS_STR, request.url.starts_with("https:") ? "https" : "http,https");
+  if (isLoopback(request.url)) set(CURLOPT_PROXY, "");
   set(CURLOPT_NOSIGNAL, 1L);
   set(CURLOPT_QUICK_EXIT, 1L);  // cancelling must not wait for a name resolution
   set(CURLOPT_ERRORBUFFER, errorText);
   set(CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_2TLS});
-  set(CURLOPT_PIPEWAIT, 1L);
+  // Share a connection that is being made, which TLS tells at once. Without TLS only the first reply
+  // would tell, and a long poll's comes late.
+  if (request.url.starts_with("https:")) set(CURLOPT_PIPEWAIT, 1L);
   set(CURLOPT_SSLVERSION, long{CURL_SSLVERSION_TLSv1_2});
   if (!options.caCertificates.empty()) {
     curl_blob blob{const_cast<char*>(options.caCertificates.data()),

@@ -168,11 +168,16 @@ void Driver::tokenWasRevoked() {
 
 std::int32_t Driver::shutdown() {
   stopping_.set();
+  api_->stopPolling();  // no job waits for its files any more
   const Workers workers = workersNow();
-  // All at once, so that their grace periods overlap.
+  // All at once, so that the grace periods of their children overlap. LLM jobs have no child.
   std::vector<std::thread> killers;
   for (const auto& [lane, worker] : workers) {
-    killers.emplace_back([&doomed = *worker] { doomed.kill(); });
+    if (worker->job().kind == "llm") {
+      worker->kill();
+    } else {
+      killers.emplace_back([&doomed = *worker] { doomed.kill(); });
+    }
   }
   for (auto& killer : killers) killer.join();
   for (const auto& [lane, worker] : workers) {
@@ -203,6 +208,12 @@ void Driver::workerDone(Worker& worker) {
                                 worker.error());
   }
   reportBusyLanes();
+}
+
+std::shared_ptr<HttpSession> Driver::providerSession() {
+  MutexLock lock(guardLock_);
+  if (!providerSession_) providerSession_ = std::make_shared<HttpSession>();
+  return providerSession_;
 }
 
 void Driver::touchSpace(const std::string& name) {

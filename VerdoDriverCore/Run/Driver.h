@@ -55,6 +55,9 @@ class Driver : public JobHost, public std::enable_shared_from_this<Driver> {
   LogSink& log() override { return *log_; }
   Browser& browser() override { return *browser_; }
   const Timings& timings() const override { return options_.timings; }
+  const std::string& llmKey() const override { return options_.llmKey; }
+  const std::string& llmBase() const override { return options_.llmBase; }
+  std::shared_ptr<HttpSession> providerSession() override EXCLUDES(guardLock_);
   const Event& stopping() const override { return stopping_; }
   void tokenWasRevoked() override;
   void touchSpace(const std::string& name) override EXCLUDES(guardLock_);
@@ -94,6 +97,7 @@ class Driver : public JobHost, public std::enable_shared_from_this<Driver> {
   Mutex guardLock_;
   Workers workers_ GUARDED_BY(guardLock_);
   std::map<std::string, Clock::time_point> spaceSeen_ GUARDED_BY(guardLock_);
+  std::shared_ptr<HttpSession> providerSession_ GUARDED_BY(guardLock_);
   int served_ GUARDED_BY(guardLock_) = 0;
   Clock::time_point lastActivity_ GUARDED_BY(guardLock_) = Clock::now();
 };

@@ -12,6 +12,7 @@
 #include "VerdoDriverCore/Jobs/StagingDirectory.h"
 #include "VerdoDriverCore/Network/Api.h"
 #include "VerdoDriverCore/Network/CertificateFile.h"
+#include "VerdoDriverCore/Network/ChatClient.h"
 #include "VerdoDriverCore/Process/Shlex.h"
 #include "VerdoDriverCore/Process/Which.h"
 #include "VerdoDriverCore/Run/Driver.h"
@@ -236,12 +237,43 @@ std::optional<ExitReason> DriverRunner::sayHello(Api& api, Hello& hello) {
 
 /// Looks after the LLM key. Gives the reason when the run ends there.
 std::optional<ExitReason> DriverRunner::checkKey(const std::string& envFile) {
-  if (!config_.llmKey.empty()) return std::nullopt;
+  if (!config_.llmKey.empty()) return config_.checkLLM ? validateKey() : std::nullopt;
   if (config_.checkLLM) {
     return ExitReason::badConfig("--check-llm: no LLM key — " +
                                  howToGive(DriverConstants::llmKeyEnv, envFile));
   }
   log_->warn("llm key  : none — browser jobs only (enrich/apply stay off until a key is installed)");
+  return std::nullopt;
+}
+
+/// Asks the provider about the key. Gives the reason when the run ends there; a provider that cannot
+/// be asked does not end it.
+std::optional<ExitReason> DriverRunner::validateKey() {
+  const std::string host = hostname(config_.llmBase);
+  const std::string last = DriverConstants::lastFour(config_.llmKey);
+  std::optional<std::string> problem;
+  try {
+    const auto client =
+        std::make_shared<ChatClient>(config_.llmKey, config_.llmBase, [](const std::string&) {},
+                                     std::make_shared<HttpSession>());
+    {
+      MutexLock lock(lock_);
+      keyCheck_ = client;
+      if (stopRequested_) client->cancel();
+    }
+    problem = client->validate();
+  } catch (const PyError& error) {
+    problem = error.what();
+  }
+  if (problem == "rejected") {
+    return ExitReason::llmKeyRejected(
+        fmt::format("the LLM provider at {} rejected the key …{}", host, last));
+  }
+  if (problem) {
+    log_->warn(fmt::format("could not validate the LLM key against {}: {}", host, *problem));
+  } else {
+    log_->success(fmt::format("llm key  : …{} accepted by {}", last, host));
+  }
   return std::nullopt;
 }
 
@@ -272,15 +304,18 @@ bool DriverRunner::isStopRequested() {
 void DriverRunner::stop() {
   std::shared_ptr<Driver> driver;
   std::shared_ptr<Api> api;
+  std::shared_ptr<ChatClient> keyCheck;
   {
     MutexLock lock(lock_);
     stopRequested_ = true;
     driver = driver_;
     api = api_;
+    keyCheck = keyCheck_;
   }
   log_->warn("stopping — killing jobs and closing their tabs");
   if (driver) driver->stop();
   if (api) api->cancelAll();
+  if (keyCheck) keyCheck->cancel();
 }
 
 void DriverRunner::killJobsNow() {

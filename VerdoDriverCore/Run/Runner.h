@@ -16,6 +16,7 @@
 namespace verdo {
 
 class Api;
+class ChatClient;
 class Driver;
 
 /// The one way to run the driver: checks the configuration, says hello, serves jobs, and tells
@@ -51,6 +52,7 @@ class DriverRunner {
   ExitReason runImpl();
   std::optional<ExitReason> sayHello(Api& api, Hello& hello);
   std::optional<ExitReason> checkKey(const std::string& envFile);
+  std::optional<ExitReason> validateKey() EXCLUDES(lock_);
   std::shared_ptr<Api> makeApi(const std::string& server);
   std::shared_ptr<Driver> makeDriver(const Hello& hello, std::shared_ptr<Api> api,
                                      const std::vector<std::string>& argv,
@@ -65,6 +67,7 @@ class DriverRunner {
   Mutex lock_;
   std::shared_ptr<Driver> driver_ GUARDED_BY(lock_);
   std::shared_ptr<Api> api_ GUARDED_BY(lock_);
+  std::shared_ptr<ChatClient> keyCheck_ GUARDED_BY(lock_);
   bool stopRequested_ GUARDED_BY(lock_) = false;
 };
 

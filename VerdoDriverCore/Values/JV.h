@@ -17,17 +17,22 @@ class JV {
   using Array = std::vector<JV>;
   using Object = std::vector<Member>;
 
-  JV() = default;
-  JV(std::nullptr_t) {}
-  JV(bool value) : value_(value) {}
-  JV(int value) : value_(std::int64_t{value}) {}
-  JV(std::int64_t value) : value_(value) {}
-  JV(double value) : value_(value) {}
-  JV(std::string value) : value_(std::move(value)) {}
-  JV(std::string_view value) : value_(std::string(value)) {}
-  JV(const char* value) : value_(std::string(value)) {}
+  JV();
+  JV(std::nullptr_t);
+  JV(bool value);
+  JV(int value);
+  JV(std::int64_t value);
+  JV(double value);
+  JV(std::string value);
+  JV(std::string_view value);
+  JV(const char* value);
   JV(Array value);
   JV(Object value);
+  JV(const JV& other);
+  JV(JV&& other) noexcept;
+  JV& operator=(const JV& other);
+  JV& operator=(JV&& other) noexcept;
+  ~JV();
 
   bool isNull() const { return std::holds_alternative<std::nullptr_t>(value_); }
   const bool* asBool() const { return std::get_if<bool>(&value_); }
@@ -56,7 +61,22 @@ struct JV::Member {
   bool operator==(const Member& other) const = default;
 };
 
+// Behind Member, which they need whole.
+inline JV::JV() = default;
+inline JV::JV(std::nullptr_t) {}
+inline JV::JV(bool value) : value_(value) {}
+inline JV::JV(int value) : value_(std::int64_t{value}) {}
+inline JV::JV(std::int64_t value) : value_(value) {}
+inline JV::JV(double value) : value_(value) {}
+inline JV::JV(std::string value) : value_(std::move(value)) {}
+inline JV::JV(std::string_view value) : value_(std::string(value)) {}
+inline JV::JV(const char* value) : value_(std::string(value)) {}
 inline JV::JV(Array value) : value_(std::move(value)) {}
 inline JV::JV(Object value) : value_(std::move(value)) {}
+inline JV::JV(const JV& other) = default;
+inline JV::JV(JV&& other) noexcept = default;
+inline JV& JV::operator=(const JV& other) = default;
+inline JV& JV::operator=(JV&& other) noexcept = default;
+inline JV::~JV() = default;
 
 }  // namespace verdo

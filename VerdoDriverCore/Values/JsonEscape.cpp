@@ -40,17 +40,15 @@ char* copyPlain(std::string_view text, std::size_t& at, char* out) {
     out += plain;
     if (plain < sizeof block) return out;
   }
-  const std::size_t rest = text.size() - at;
-  // The last bytes of a longer text are looked at once more together with those before them, which
-  // are plain already or were dealt with: only the new ones count.
-  if (rest > 0 && text.size() >= sizeof block) {
+  if (at < text.size() && text.size() >= sizeof block) {
+    // The last bytes, together with some before them. When all are plain, those before stand in
+    // the output already, just as they are, and may be written once more.
     std::memcpy(&block, text.data() + text.size() - sizeof block, sizeof block);
-    const std::size_t known = sizeof block - rest;
-    for (std::size_t i = 0; i < known; ++i) block[i] = ' ';
     if (plainBytes(block) == sizeof block) {
-      std::memcpy(out, text.data() + at, rest);
+      out += text.size() - at;
       at = text.size();
-      return out + rest;
+      std::memcpy(out - sizeof block, &block, sizeof block);
+      return out;
     }
   }
   while (at < text.size() && isPlain(static_cast<unsigned char>(text[at]))) *out++ = text[at++];

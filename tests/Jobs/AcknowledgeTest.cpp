@@ -35,18 +35,18 @@ TEST_F(Acknowledge, OneJobMakesExactlyTheRequestsAndTextsThatPeopleRelyOn) {
   const auto id = addJob("say a b", {.label = "mail", .taskSpace = "u1-x"});
   EXPECT_EQ(run(), ExitReason::clean());
 
-  EXPECT_THAT(log->lines(),
-              ElementsAre(Line{'s', "local (user 1) · driver v2026.09.04"},
-                          Line{'w', "llm key  : none — browser jobs only (enrich/apply stay off "
-                                    "until a key is installed)"},
-                          Line{'i', "serving up to 3 job(s) at once — ctrl-c to stop"},
-                          Line{'i', "job 1 [run u1-x]: starting `" + selfPath() +
-                                        " --misbehave executor " + path("spaces") +
-                                        "` (7 bytes of JS)"},
-                          Line{'s', "job 1: finished with exit 0"}));
-  EXPECT_THAT(observer->events(),
-              ElementsAre("connected local 1 2026.09.04", "started 1 mail run", "lanes [mail]",
-                          "finished 1 mail 0 -", "lanes []"));
+  EXPECT_THAT(
+      log->lines(),
+      ElementsAre(Line{'s', "local (user 1) · driver v2026.09.04"},
+                  Line{'w',
+                       "llm key  : none — browser jobs only (enrich/apply stay off "
+                       "until a key is installed)"},
+                  Line{'i', "serving up to 3 job(s) at once — ctrl-c to stop"},
+                  Line{'i', "job 1 [run u1-x]: starting `" + selfPath() + " --misbehave executor " +
+                                path("spaces") + "` (7 bytes of JS)"},
+                  Line{'s', "job 1: finished with exit 0"}));
+  EXPECT_THAT(observer->events(), ElementsAre("connected local 1 2026.09.04", "started 1 mail run",
+                                              "lanes [mail]", "finished 1 mail 0 -", "lanes []"));
   const auto requests = service.requests();
   ASSERT_GE(requests.size(), 5u);
   EXPECT_EQ(requests[0].target, "/api/driver/hello");
@@ -96,8 +96,9 @@ TEST_F(Acknowledge, ShortOutageDropsTheJob) {
   const auto id = runJob({.count = 2, .delivery = Delivery::reset});
   EXPECT_EQ(finish(), ExitReason::clean());
   EXPECT_TRUE(service.job(id)->completed);
-  EXPECT_THAT(texts('w'), Contains(StartsWith("server unreachable, retrying: POST /api/driver/jobs/" +
-                                              std::to_string(id) + "/lines -> URLError: ")));
+  EXPECT_THAT(texts('w'),
+              Contains(StartsWith("server unreachable, retrying: POST /api/driver/jobs/" +
+                                  std::to_string(id) + "/lines -> URLError: ")));
 }
 
 TEST_F(Acknowledge, LongOutageLeavesTheDriverWaitingForOneJob) {
@@ -120,8 +121,10 @@ TEST_F(Acknowledge, DriverOutOfDateIsRetried) {
   EXPECT_EQ(service.requestCount("lines"), 1u);
   const std::string number = std::to_string(id);
   EXPECT_EQ(log->lines().back(),
-            (Line{'w', "job " + number + ": could not acknowledge delivery, dropping it unrun: "
-                           "POST /api/driver/jobs/" + number + "/lines -> 426: update"}));
+            (Line{'w', "job " + number +
+                           ": could not acknowledge delivery, dropping it unrun: "
+                           "POST /api/driver/jobs/" +
+                           number + "/lines -> 426: update"}));
 }
 
 TEST_F(Acknowledge, RevokedTokenGoesUnnoticed) {

@@ -1,8 +1,8 @@
-#include <signal.h>
-
 #include "tests/Support/DriverFixture.h"
 #include "tests/Support/Leaks.h"
 #include "tests/Support/Misbehaviour.h"
+
+#include <signal.h>
 
 namespace verdo::test {
 namespace {
@@ -52,8 +52,8 @@ TEST_F(Kill, CancelledJobKeepsAProcessOrNeverEnds) {
     EXPECT_EQ(job.exitCode, row.exit);
     EXPECT_EQ(job.error, std::nullopt);
     const std::string prefix = "job " + std::to_string(id) + ": ";
-    EXPECT_TRUE(log->waitFor(prefix + "finished with exit " + std::to_string(row.exit) +
-                             " (cancelled)"));
+    EXPECT_TRUE(
+        log->waitFor(prefix + "finished with exit " + std::to_string(row.exit) + " (cancelled)"));
     EXPECT_THAT(texts('w'), Contains(prefix + "cancel requested — killing the browser process"));
     // Cancellation does not change the level.
     EXPECT_EQ(log->lines().back().level, row.exit == 0 ? 's' : 'w');
@@ -154,7 +154,7 @@ TEST_F(Kill, CloseOfTheSpaceDependsOnTheWrongThings) {
     bool closed;
   };
   const Case cases[] = {
-      {"say a", "run", false},   {"exit 3", "run", true},    {"raise 9", "browser", true},
+      {"say a", "run", false},    {"exit 3", "run", true},   {"raise 9", "browser", true},
       {"exit 3", "close", false}, {"exit 3", "list", false}, {"say a", "", false},
       {"exit 3", "LLM", true},
   };
@@ -167,9 +167,9 @@ TEST_F(Kill, CloseOfTheSpaceDependsOnTheWrongThings) {
     log = std::make_shared<RecordingLog>();
     addJob(row.script, {.kind = row.kind, .taskSpace = "it's"});
     EXPECT_EQ(run(), ExitReason::clean());
-    EXPECT_THAT(closedSpaces(), row.closed ? testing::Matcher<std::vector<std::string>>(
-                                                 ElementsAre("it's"))
-                                           : IsEmpty());
+    EXPECT_THAT(
+        closedSpaces(),
+        row.closed ? testing::Matcher<std::vector<std::string>>(ElementsAre("it's")) : IsEmpty());
     EXPECT_EQ(log->has("space \"it's\": close -> exit 0"), row.closed);
   }
 }

@@ -1,7 +1,7 @@
-#include <fstream>
-
 #include "tests/Support/DriverFixture.h"
 #include "tests/Support/ExecutorRole.h"
+
+#include <fstream>
 
 namespace verdo::test {
 namespace {
@@ -159,13 +159,13 @@ TEST_F(Outage, LostServerLeavesTheJobRunning) {
     EXPECT_EQ(job.exitCode, -SIGTERM);
     EXPECT_EQ(job.error, "driver lost the server mid-job");
     const std::string number = std::to_string(id);
-    EXPECT_THAT(texts('e'), testing::ElementsAre(
-                                StartsWith("job " + number + ": lost the server, killing the job: "
-                                           "POST /api/driver/jobs/" + number + "/lines " +
-                                           row.message)));
+    EXPECT_THAT(texts('e'), testing::ElementsAre(StartsWith("job " + number +
+                                                            ": lost the server, killing the job: "
+                                                            "POST /api/driver/jobs/" +
+                                                            number + "/lines " + row.message)));
     EXPECT_EQ(log->has("server unreachable, retrying"), row.retried);
-    EXPECT_TRUE(observer->waitFor("finished " + number +
-                                  " mail -15 driver lost the server mid-job"));
+    EXPECT_TRUE(
+        observer->waitFor("finished " + number + " mail -15 driver lost the server mid-job"));
     EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
     EXPECT_TRUE(log->has("job " + number + ": finished with exit -15 (cancelled)"));
   }
@@ -192,8 +192,9 @@ TEST_F(Outage, TokenRevokedAtTheCompletionIsNotTheEnd) {
   service.addFault({.endpoint = "complete", .reply = FaultReply{.status = 401, .body = "no"}});
   addJob("say a");
   EXPECT_EQ(run().code(), 3);
-  EXPECT_TRUE(log->has("job 1: could not report completion: POST "
-                       "/api/driver/jobs/1/complete -> 401: no"));
+  EXPECT_TRUE(
+      log->has("job 1: could not report completion: POST "
+               "/api/driver/jobs/1/complete -> 401: no"));
 }
 
 TEST_F(Outage, PollThatIsRefusedForGoodIsRepeated) {

@@ -12,7 +12,6 @@ namespace verdo::local::test {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::HasSubstr;
 using testing::StartsWith;
 
 class Faulty : public testing::Test {

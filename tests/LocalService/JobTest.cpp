@@ -35,6 +35,7 @@ TEST_F(Jobs, ManyDriversNeverGetTheSameJobOrLaneTwiceAtOnce) {
   std::map<std::int64_t, int> times;
   std::atomic<int> clashes = 0;
   std::vector<std::thread> drivers;
+  drivers.reserve(8);
   for (int i = 0; i < 8; ++i) {
     drivers.emplace_back([&] {
       Driver driver(service);

@@ -24,8 +24,8 @@ struct Seen {
   enum class End { reply, closed, reset, timeout };
   End end = End::timeout;  ///< reply: a whole one came
   int status = 0;          ///< 0: no HTTP head came
-  std::string head{};
-  std::string body{};  ///< as much of it as came
+  std::string head;
+  std::string body;  ///< as much of it as came
 
   nlohmann::json json() const { return nlohmann::json::parse(body, nullptr, false); }
 };

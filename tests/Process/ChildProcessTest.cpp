@@ -59,14 +59,6 @@ TEST_F(ChildProcessTest, MayBeWaitedForByManyThreads) {
   for (auto& status : waiting) EXPECT_EQ(status.get(), -SIGKILL);
 }
 
-TEST_F(ChildProcessTest, IsTerminatedAtOnceWhenItListens) {
-  const auto child = launchRole({"sleep", "60"});
-  const auto begin = Clock::now();
-  child->terminateGroup({5ms, 4000});
-  EXPECT_EQ(child->poll(), -SIGTERM);
-  EXPECT_LT(Clock::now() - begin, 5s);
-}
-
 TEST_F(ChildProcessTest, IsKilledAfterTheGraceWhenItIsDeaf) {
   const auto child = launchRole({"deaf"});
   CollectedLines output(child->takeStdout());
@@ -107,19 +99,6 @@ TEST_F(ChildProcessTest, IsReleasedEvenWhenItLeftItsGroup) {
   child->release();
   EXPECT_LT(Clock::now() - begin, 5s);
   EXPECT_EQ(child->poll(), -SIGKILL);
-}
-
-// The pid could be given to another process between a look and a signal.
-TEST_F(ChildProcessTest, MayBeSignalledWhileItIsReleased) {
-  for (int i = 0; i < 20; ++i) {
-    const auto child = launchRole({"exit", "0"});
-    const auto signalling = std::async(std::launch::async, [&] {
-      while (child->signalGroup(SIGTERM)) {
-      }
-    });
-    child->poll();
-    child->release();
-  }
 }
 
 }  // namespace

@@ -36,16 +36,14 @@ TEST(LineSplitter, CutsAtLineEndsWhateverThePieces) {
   const struct {
     std::string_view text;
     Lines lines;
-  } cases[] = {
-      {"", {}},
-      {"\n", {""}},
-      {"\r\n\n", {"", ""}},
-      {"a\r\nb", {"a", "b"}},
-      {"a\nb\n", {"a", "b"}},
-      {"a\r\r\n\rb\r", {"a\r", "\rb\r"}},
-      {"\xff\xc3\n\xa9\n", {"\xff\xc3", "\xa9"}},
-      {{"a\0b\n", 4}, {std::string("a\0b", 3)}},
-  };
+  } cases[] = {{"", {}},
+               {"\n", {""}},
+               {"\r\n\n", {"", ""}},
+               {"a\r\nb", {"a", "b"}},
+               {"a\nb\n", {"a", "b"}},
+               {"a\r\r\n\rb\r", {"a\r", "\rb\r"}},
+               {"\xff\xc3\n\xa9\n", {"\xff\xc3", "\xa9"}},
+               {{"a\0b\n", 4}, {std::string("a\0b", 3)}}};
   for (const auto& [text, lines] : cases) {
     for (std::size_t size = 1; size <= text.size() + 1; ++size) {
       EXPECT_EQ(split(text, size), lines) << text << " in pieces of " << size;
@@ -53,39 +51,22 @@ TEST(LineSplitter, CutsAtLineEndsWhateverThePieces) {
   }
 }
 
-TEST(LineSplitter, LosesNothingOfLongLines) {
-  Lines lines;
-  std::string text;
-  for (const std::size_t size : {0, 1, 65534, 65535, 65536, 65537, 300000, 2, 131072, 5}) {
-    lines.push_back(std::string(size, static_cast<char>('a' + lines.size())));
-    text += lines.back() + "\r\n";
-  }
-  for (const std::size_t size : {4096, 65536, 1 << 20}) EXPECT_EQ(split(text, size), lines) << size;
-}
-
-TEST(LineSplitter, DeliversAnEndlessLineInPiecesOfWholeCharacters) {
-  constexpr std::size_t kPiece = 1 << 20;
-  // Units whose size does not divide the limit, so that it falls inside one of them.
-  for (const std::string unit : {"x€", "😀x", "€"}) {
-    LineSplitter splitter;
-    std::string block;
-    while (block.size() + unit.size() <= kPiece) block += unit;
-    std::size_t fed = 0;
-    std::size_t got = 0;
-    std::size_t longest = 0;
-    for (; fed < 2 * kMaxLineBytes + 2 * kPiece; fed += block.size()) {
-      const auto room = splitter.space(block.size());
-      std::memcpy(room.data(), block.data(), block.size());
-      for (const auto line : splitter.advance(block.size())) {
-        EXPECT_NE(unit[got % unit.size()] & 0xC0, 0x80) << "inside a character of " << unit;
-        longest = std::max(longest, line.size());
-        got += line.size();
-      }
+TEST(LineSplitter, DeliversAnEndlessLineInBoundedPieces) {
+  constexpr std::size_t kRead = 1 << 20;
+  LineSplitter splitter;
+  std::size_t got = 0;
+  std::size_t fed = 0;
+  while (fed < 2 * kMaxLineBytes + kRead) {
+    const auto room = splitter.space(kRead);
+    std::memset(room.data(), 'x', kRead);
+    fed += kRead;
+    for (const auto line : splitter.advance(kRead)) {
+      EXPECT_LE(line.size(), kMaxLineBytes + kRead);
+      got += line.size();
     }
     EXPECT_EQ(got + splitter.rest().size(), fed);
-    EXPECT_GT(got, kMaxLineBytes);
-    EXPECT_LE(longest, kMaxLineBytes + kPiece);
   }
+  EXPECT_GE(got, 2 * kMaxLineBytes);
 }
 
 TEST(LineSplitter, BreaksNoCharacterNextToBrokenBytes) {
@@ -99,15 +80,6 @@ TEST(LineSplitter, BreaksNoCharacterNextToBrokenBytes) {
     const std::string piece(lines[0].substr(kMaxLineBytes - tail.size() - 1));
     EXPECT_EQ(repairUtf8(piece) + repairUtf8(splitter.rest()), repairUtf8("x" + tail));
   }
-}
-
-TEST(LineReader, DeliversUntouchedBytesAndTheUnfinishedLine) {
-  const auto child = launchRole({"garbage"});
-  EXPECT_THAT(CollectedLines(child->takeStdout()).start().all(), ElementsAre("a\xff"
-                                                                             "b\xc3",
-                                                                             "\xe2\x82"));
-  const auto printing = launchRole({"print", "one\r\ntwo", "", "0"});
-  EXPECT_THAT(CollectedLines(printing->takeStdout()).start().all(), ElementsAre("one", "two"));
 }
 
 TEST(LineReader, FeedsMoreThanAPipeHoldsWhileTheChildPrints) {

@@ -1,11 +1,11 @@
 #include "tests/Support/DriverFixture.h"
 
-#include <filesystem>
-#include <fstream>
-
 #include "VerdoDriverCore/Process/ThreadName.h"
 #include "tests/Support/Leaks.h"
 #include "tests/Support/Misbehaviour.h"
+
+#include <filesystem>
+#include <fstream>
 
 namespace verdo::test {
 

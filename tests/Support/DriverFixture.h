@@ -1,6 +1,11 @@
 #pragma once
 
-#include <gmock/gmock.h>
+#include "LocalService/LocalService.h"
+#include "VerdoDriverCore/Run/Runner.h"
+#include "tests/Support/RecordingLog.h"
+#include "tests/Support/RecordingObserver.h"
+#include "tests/Support/ScopedEnv.h"
+#include "tests/Support/TempDir.h"
 
 #include <chrono>
 #include <future>
@@ -9,12 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "LocalService/LocalService.h"
-#include "VerdoDriverCore/Run/Runner.h"
-#include "tests/Support/RecordingLog.h"
-#include "tests/Support/RecordingObserver.h"
-#include "tests/Support/ScopedEnv.h"
-#include "tests/Support/TempDir.h"
+#include <gmock/gmock.h>
 
 namespace verdo::test {
 

@@ -1,20 +1,20 @@
 #include "tests/Support/ExecutorRole.h"
 
-#include <unistd.h>
-
-#include <chrono>
-#include <filesystem>
-#include <fmt/format.h>
-#include <fstream>
-#include <iostream>
-#include <iterator>
-#include <nlohmann/json.hpp>
-#include <thread>
-#include <vector>
-
 #include "VerdoDriverCore/Process/Shlex.h"
 #include "tests/Support/Misbehaviour.h"
 #include "tests/Support/TempDir.h"
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <thread>
+#include <vector>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+#include <unistd.h>
 
 namespace verdo::test {
 namespace {
@@ -40,8 +40,7 @@ int list(const std::string& stateFile) {
 
 int close(const std::string& stateFile, const std::string& script) {
   const auto end = script.find(", { keep: false })");
-  const std::string name =
-      nlohmann::json::parse(script.substr(kClose.size(), end - kClose.size()));
+  const std::string name = nlohmann::json::parse(script.substr(kClose.size(), end - kClose.size()));
   std::string rest;
   for (const auto& space : spacesIn(stateFile)) {
     if (space != name) rest += space + "\n";

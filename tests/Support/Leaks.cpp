@@ -1,13 +1,13 @@
 #include "tests/Support/Leaks.h"
 
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include "tests/Support/TempDir.h"
 
 #include <filesystem>
 #include <thread>
 
-#include "tests/Support/TempDir.h"
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace verdo::test {
 

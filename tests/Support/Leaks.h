@@ -1,11 +1,11 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
+
+#include <sys/types.h>
 
 namespace verdo::test {
 

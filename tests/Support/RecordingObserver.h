@@ -1,14 +1,15 @@
 #pragma once
 
+#include "VerdoDriverCore/Contract/DriverObserver.h"
+
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <fmt/format.h>
 #include <mutex>
 #include <string>
 #include <vector>
 
-#include "VerdoDriverCore/Contract/DriverObserver.h"
+#include <fmt/format.h>
 
 namespace verdo::test {
 

@@ -1,0 +1,177 @@
+#include "VerdoDriverCore/Network/ChatClient.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "VerdoDriverCore/Contract/DriverConstants.h"
+#include "VerdoDriverCore/Network/Api.h"
+#include "VerdoDriverCore/Network/ChatRequest.h"
+#include "VerdoDriverCore/Values/PyJSON.h"
+#include "VerdoDriverCore/Values/PyValue.h"
+#include "VerdoDriverCore/Values/Utf8.h"
+
+namespace verdo {
+namespace {
+
+using std::chrono::seconds;
+
+constexpr double kDefaultBudget = 600;  // seconds
+constexpr auto kLeastForRetry = seconds(10);
+constexpr auto kLongestRetryPause = seconds(2);
+constexpr int kAttempts = 2;
+constexpr auto kValidationTimeout = seconds(20);
+constexpr std::size_t kValidationExcerpt = 120;  // characters
+/// A reply has to fit into memory several times over; beyond this size it is none.
+constexpr std::size_t kLongestReply = 256u << 20;
+
+bool isPort(std::string_view text) {
+  const bool digits = std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+  return digits && !text.empty() && text.size() <= 5;
+}
+
+/// True for http(s)://host[:port][/path], and nothing else.
+bool isBaseURL(const std::string& url) {
+  const std::size_t begin = url.starts_with("https://") ? 8 : url.starts_with("http://") ? 7 : 0;
+  if (begin == 0 || url.find_first_of("@?# \t\r\n") != std::string::npos) return false;
+  const std::string authority = url.substr(begin, url.find('/', begin) - begin);
+  // A colon inside the brackets of an IPv6 address does not begin a port.
+  const auto colon = authority.find(':', authority.starts_with('[') ? authority.find(']') : 0);
+  if (colon == 0 || authority.empty()) return false;
+  if (colon != std::string::npos && !isPort(authority.substr(colon + 1))) return false;
+  return HttpSession::isValidUrl(url);
+}
+
+std::string checkedBase(const std::string& value) {
+  std::string base = value.empty() ? DriverConstants::llmDefaultBase : value;
+  if (!isBaseURL(base)) {
+    throw PyError("ValueError",
+                  fmt::format("LLM base URL must be http(s)://host[:port][/path], got {}", value));
+  }
+  while (base.ends_with('/')) base.pop_back();
+  return base;
+}
+
+double budgetOf(const JV& payload) {
+  const JV* value = payload.find("timeout_seconds");
+  const double budget = value ? value->number().value_or(0) : 0;
+  return budget == 0 ? kDefaultBudget : budget;
+}
+
+std::size_t promptCharacters(const JV& payload) {
+  std::size_t count = 0;
+  for (const char* key : {"prompt", "system"}) {
+    count += countCharacters(pyStrIfTruthy(payload.find(key)).value_or(""));
+  }
+  return count;
+}
+
+std::int64_t wholeSeconds(ChatClient::Duration duration) {
+  return std::chrono::duration_cast<seconds>(duration).count();
+}
+
+}  // namespace
+
+ChatClient::ChatClient(std::string apiKey, const std::string& baseURL, Log log,
+                       std::shared_ptr<HttpSession> session)
+    : key_(std::move(apiKey)),
+      base_(checkedBase(baseURL)),
+      log_(std::move(log)),
+      session_(std::move(session)) {}
+
+ChatClient::Completion ChatClient::complete(const JV& payload) {
+  const double budget = budgetOf(payload);
+  const auto deadline = Clock::now() + fromSeconds(budget);
+  const std::string role = pyStrIfTruthy(payload.find("role")).value_or("?");
+  if (Clock::now() >= deadline) {
+    throw LLMCallError("transient",
+                       fmt::format("call budget of {}s exhausted", wholeSeconds(fromSeconds(budget))),
+                       true);
+  }
+  for (int attempt = 1;; ++attempt) {
+    const auto begin = Clock::now();
+    const auto elapsed = [&] { return toSeconds(Clock::now() - begin); };
+    try {
+      Completion completion = once(payload, deadline - begin);
+      log_(fmt::format("llm {}: model={} prompt_chars={} reply_chars={} {:.1f}s attempt={}", role,
+                       completion.model, promptCharacters(payload),
+                       countCharacters(completion.text), elapsed(), attempt));
+      return completion;
+    } catch (const LLMCallError& error) {
+      log_(fmt::format("llm {}: attempt {} failed after {:.1f}s ({}{}): {}", role, attempt,
+                       elapsed(), error.category(), error.isRetryable() ? ", retryable" : "",
+                       error.what()));
+      const auto remaining = deadline - Clock::now();
+      if (attempt == kAttempts || !error.isRetryable() || remaining < kLeastForRetry) throw;
+      cancelledEvent_.waitFor(std::min<Duration>(remaining / 4, kLongestRetryPause));
+    }
+    throwIfCancelled();
+  }
+}
+
+ChatClient::Completion ChatClient::once(const JV& payload, Duration timeout) {
+  const auto body =
+      std::make_shared<const ByteBuffer>(PyJSON::text(ChatRequest::body(payload)));
+  return ChatRequest::read(http("POST", "/v1/chat/completions", body, timeout), payload);
+}
+
+std::optional<std::string> ChatClient::validate() try {
+  const HttpResponse response = http("GET", "/models", nullptr, kValidationTimeout);
+  if (response.status == 200) return std::nullopt;
+  if (response.status == 401 || response.status == 403) return "rejected";
+  return fmt::format("unreachable: HTTP {} {}", response.status,
+                     ChatRequest::excerpt(response.body, kValidationExcerpt));
+} catch (const Error& error) {
+  return fmt::format("unreachable: {}", error.what());
+}
+
+HttpResponse ChatClient::http(const char* method, const std::string& path,
+                              std::shared_ptr<const ByteBuffer> body, Duration timeout) {
+  HttpRequest request;
+  request.method = method;
+  request.url = base_ + path;
+  if (!HttpSession::isValidUrl(request.url)) {
+    throw LLMCallError("transient", "provider unreachable: bad URL", false);
+  }
+  request.headers = {{"Authorization", "Bearer " + key_}, {"Accept", "application/json"}};
+  if (body) request.headers.emplace_back("Content-Type", "application/json");
+  request.body = std::move(body);
+  request.timeout = timeout;
+  // Absolute as well: providers send blank lines to keep a connection alive.
+  request.deadline = Clock::now() + timeout;
+  request.maxBody = kLongestReply;
+
+  const HttpResult result =
+      session_->perform(std::move(request), [this](const std::shared_ptr<HttpTask>& task) {
+        MutexLock lock(lock_);
+        task_ = task;
+        if (cancelledEvent_.isSet()) task->cancel();
+      });
+  {
+    MutexLock lock(lock_);
+    task_.reset();
+  }
+  if (result.response) return *result.response;
+  throwIfCancelled();
+  if (!result.error) throw LLMCallError("transient", "provider unreachable: no response", true);
+  if (result.error->kind == TransportError::Kind::timedOut) {
+    throw LLMCallError("transient",
+                       fmt::format("provider timed out after {}s", wholeSeconds(timeout)), true);
+  }
+  throw LLMCallError("transient",
+                     fmt::format("provider unreachable: {}: {}", Api::errorName(*result.error),
+                                 result.error->description),
+                     true);
+}
+
+void ChatClient::cancel() {
+  cancelledEvent_.set();
+  MutexLock lock(lock_);
+  if (task_) task_->cancel();
+}
+
+void ChatClient::throwIfCancelled() {
+  if (cancelledEvent_.isSet()) throw LLMCancelled();
+}
+
+}  // namespace verdo

@@ -1,0 +1,85 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "VerdoDriverCore/Network/HttpSession.h"
+#include "VerdoDriverCore/Process/Sync.h"
+#include "VerdoDriverCore/Values/JV.h"
+#include "VerdoDriverCore/Values/PyError.h"
+
+namespace verdo {
+
+/// A provider call that failed, as the service wants to hear of it.
+class LLMCallError : public Error {
+ public:
+  /// `category` is "transient", "permission", "validation" or "config".
+  LLMCallError(const char* category, const std::string& message, bool retryable)
+      : Error(message), category_(category), retryable_(retryable) {}
+  const char* category() const { return category_; }
+  /// Whether another attempt may succeed.
+  bool isRetryable() const { return retryable_; }
+  std::string pyName() const override { return "LLMCallError"; }
+
+ private:
+  const char* category_;
+  bool retryable_;
+};
+
+/// A provider call that was cancelled from another thread.
+class LLMCancelled : public Error {
+ public:
+  LLMCancelled() : Error("cancelled") {}
+  std::string pyName() const override { return "LLMCancelled"; }
+};
+
+/// Calls an OpenAI-style chat-completion provider with the user's key. One call at a time, on the
+/// caller's thread; cancel() may come from any thread.
+class ChatClient {
+ public:
+  using Log = std::function<void(const std::string&)>;
+  using Duration = std::chrono::steady_clock::duration;
+
+  /// What the provider answered.
+  struct Completion {
+    std::string text;
+    std::string model;        ///< as the provider named it, else as the payload did
+    std::optional<JV> usage;  ///< the provider's "usage"
+  };
+
+  /// `baseURL` is http(s)://host[:port][/path]; empty means the default provider. `log` gets one
+  /// line for each attempt. Throws PyError "ValueError" for another form of base URL.
+  ChatClient(std::string apiKey, const std::string& baseURL, Log log,
+             std::shared_ptr<HttpSession> session);
+
+  /// One completion within the payload's time budget ("timeout_seconds", 600 s when absent or
+  /// zero), with at most one retry, and none when less than 10 s are left. Throws LLMCallError or
+  /// LLMCancelled.
+  Completion complete(const JV& payload) EXCLUDES(lock_);
+  /// Asks the provider whether it takes the key. Absent when it does, else "rejected" or
+  /// "unreachable: {reason}".
+  std::optional<std::string> validate() EXCLUDES(lock_);
+  /// Ends the call in flight at once and refuses later ones.
+  void cancel() EXCLUDES(lock_);
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  Completion once(const JV& payload, Duration timeout);
+  HttpResponse http(const char* method, const std::string& path,
+                    std::shared_ptr<const ByteBuffer> body, Duration timeout) EXCLUDES(lock_);
+  void throwIfCancelled() EXCLUDES(lock_);
+
+  const std::string key_;
+  const std::string base_;  ///< without a trailing "/"
+  const Log log_;
+  const std::shared_ptr<HttpSession> session_;
+  Event cancelledEvent_;
+  Mutex lock_;
+  std::shared_ptr<HttpTask> task_ GUARDED_BY(lock_);
+};
+
+}  // namespace verdo

@@ -1,0 +1,119 @@
+#include "VerdoDriverCore/Network/ChatRequest.h"
+
+#include <fmt/format.h>
+
+#include "VerdoDriverCore/Values/JsonReader.h"
+#include "VerdoDriverCore/Values/PyValue.h"
+#include "VerdoDriverCore/Values/Utf8.h"
+
+namespace verdo::ChatRequest {
+namespace {
+
+constexpr std::size_t kExcerpt = 200;  // characters of a refused request's reply
+
+JV message(const char* role, const JV* content) {
+  return JV::Object{{"role", role}, {"content", pyStr(content).value_or("")}};
+}
+
+JV messages(const JV& payload) {
+  JV::Array list;
+  if (const JV* system = payload.find("system"); pyTruthy(system)) {
+    list.push_back(message("system", system));
+  }
+  list.push_back(message("user", payload.find("prompt")));
+  return list;
+}
+
+[[noreturn]] void failStatus(int status, const std::string& body) {
+  if (status == 401 || status == 403) {
+    throw LLMCallError("permission", fmt::format("provider rejected the key (HTTP {})", status),
+                       false);
+  }
+  if (status < 400) {
+    throw LLMCallError("transient", fmt::format("unexpected provider HTTP {}", status), false);
+  }
+  const bool transient = status == 429 || status >= 500;
+  throw LLMCallError(transient ? "transient" : "validation",
+                     fmt::format("provider HTTP {}: {}", status, excerpt(body, kExcerpt)),
+                     transient);
+}
+
+JV parseReply(const std::string& body) {
+  JV reply;
+  try {
+    reply = parseJson(body);
+  } catch (const PyError& error) {
+    throw LLMCallError("transient", fmt::format("unreadable provider reply: {}", error.what()),
+                       true);
+  }
+  if (!reply.asObject()) {
+    throw LLMCallError("transient", "unreadable provider reply: JSON value is not an object", true);
+  }
+  return reply;
+}
+
+/// The member of a value that may be missing itself.
+const JV* member(const JV* value, const char* key) { return value ? value->find(key) : nullptr; }
+
+const JV* firstChoice(const JV& reply) {
+  const JV* choices = reply.find("choices");
+  const auto* list = choices ? choices->asArray() : nullptr;
+  return list && !list->empty() ? &list->front() : nullptr;
+}
+
+}  // namespace
+
+JV body(const JV& payload) {
+  JV::Object request{{"model", pyStr(payload.find("model")).value_or("")},
+                     {"messages", messages(payload)}};
+  if (const JV* tokens = payload.find("max_tokens"); pyTruthy(tokens)) {
+    if (const auto count = pyInt(tokens)) request.push_back({"max_tokens", *count});
+  }
+  const JV* temperature = payload.find("temperature");
+  if (const auto degree = temperature ? temperature->number() : std::nullopt) {
+    request.push_back({"temperature", *degree});
+  }
+  request.push_back({"stream", false});
+  if (pyTruthy(payload.find("json_mode"))) {
+    request.push_back({"response_format", JV::Object{{"type", "json_object"}}});
+  }
+  if (const JV* thinking = payload.find("thinking"); thinking && !thinking->isNull()) {
+    request.push_back(
+        {"thinking", JV::Object{{"type", pyTruthy(thinking) ? "enabled" : "disabled"}}});
+  }
+  if (const JV* effort = payload.find("reasoning_effort"); effort && !effort->isNull()) {
+    request.push_back({"reasoning_effort", *effort});
+  }
+  return request;
+}
+
+ChatClient::Completion read(const HttpResponse& response, const JV& payload) {
+  if (response.status != 200) failStatus(response.status, response.body);
+  const JV reply = parseReply(response.body);
+  const JV* choice = firstChoice(reply);
+  const JV* content = member(member(choice, "message"), "content");
+  const auto* text = content ? content->asString() : nullptr;
+  if (!text || text->empty()) {
+    const std::string reason = pyStr(member(choice, "finish_reason")).value_or("None");
+    if (reason == "length") {
+      throw LLMCallError("config",
+                         "empty completion (finish_reason=length) — raise the role's max_tokens or "
+                         "disable thinking",
+                         false);
+    }
+    throw LLMCallError("transient", fmt::format("empty completion (finish_reason={})", reason),
+                       true);
+  }
+  ChatClient::Completion completion;
+  completion.text = *text;
+  completion.model =
+      pyStrIfTruthy(reply.find("model")).value_or(pyStr(payload.find("model")).value_or(""));
+  if (const JV* usage = reply.find("usage")) completion.usage = *usage;
+  return completion;
+}
+
+std::string excerpt(const std::string& data, std::size_t limit) {
+  return firstCharacters(data, limit);
+}
+
+}  // namespace verdo::ChatRequest

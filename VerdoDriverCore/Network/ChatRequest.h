@@ -1,0 +1,18 @@
+#pragma once
+
+#include "VerdoDriverCore/Network/ChatClient.h"
+#include "VerdoDriverCore/Values/JV.h"
+
+/// The provider's wire format: what a payload becomes on the way out, and what a reply means.
+namespace verdo::ChatRequest {
+
+/// The body of a chat-completion request for a job's payload.
+JV body(const JV& payload);
+
+/// Reads a reply with its status. Throws LLMCallError for everything but a completion with text.
+ChatClient::Completion read(const HttpResponse& response, const JV& payload);
+
+/// The first `limit` characters of a reply's body, repaired.
+std::string excerpt(const std::string& data, std::size_t limit);
+
+}  // namespace verdo::ChatRequest

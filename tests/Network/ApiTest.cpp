@@ -1,0 +1,212 @@
+#include "tests/Support/ApiFixture.h"
+
+namespace verdo::test {
+namespace {
+
+using namespace std::chrono_literals;
+using local::FaultReply;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Pair;
+using testing::StartsWith;
+
+class ApiRequests : public ApiFixture {};
+
+TEST_F(ApiRequests, HeadersOrBodiesDifferFromTheProtocol) {
+  auto given = options();
+  given.base += "//";
+  given.llmInfo = JV::Object{{"present", false}, {"last4", JV()}, {"base_url", "https://p/ü"}};
+  given.clientHeader = "app 1.0";
+  make(std::move(given));
+  addJob("");
+  api->hello();
+  api->poll(25.9, {});
+  api->lines(1, batch({"a\"b", "ä\x01"}));
+  api->complete(1, -15, std::nullopt);
+
+  const auto requests = service.requests();
+  ASSERT_EQ(requests.size(), 4u);
+  const auto host = Pair("Host", "127.0.0.1:" + std::to_string(service.port()));
+  const auto accept = Pair("Accept", "*/*");
+  const auto token = Pair("Authorization", "Bearer " + service.token());
+  const auto protocol = Pair("X-VERDO-Driver-Protocol", "2");
+  const auto version = Pair("X-VERDO-Driver-Version", "2026.09.04");
+  const auto client = Pair("X-VERDO-Driver-Client", "app 1.0");
+  const auto json = Pair("Content-Type", "application/json");
+
+  EXPECT_EQ(requests[0].target, "/api/driver/hello");
+  EXPECT_THAT(
+      requests[0].headers,
+      ElementsAre(host, accept, token, protocol, version, client,
+                  Pair("X-VERDO-Driver-LLM",
+                       R"({"present": false, "last4": null, "base_url": "https://p/\u00fc"})")));
+  EXPECT_EQ(requests[1].method + " " + requests[1].target, "GET /api/driver/poll?wait=25");
+  EXPECT_THAT(requests[1].headers, ElementsAre(host, accept, token, protocol, version, client));
+  EXPECT_EQ(requests[2].method + " " + requests[2].target, "POST /api/driver/jobs/1/lines");
+  EXPECT_EQ(requests[2].body, "{\"lines\": [\"a\\\"b\", \"\\u00e4\\u0001\"]}");
+  EXPECT_THAT(requests[2].headers,
+              ElementsAre(host, accept, token, protocol, version, client, json,
+                          Pair("Content-Length", std::to_string(requests[2].body.size()))));
+  EXPECT_EQ(requests[3].method + " " + requests[3].target, "POST /api/driver/jobs/1/complete");
+  EXPECT_EQ(requests[3].body, R"({"exit_code": -15, "error": null})");
+  // All of it over one connection.
+  EXPECT_EQ(service.acceptedConnections(), 1u);
+}
+
+TEST_F(ApiRequests, LanesAreNamedInAQueryThatMeansSomethingElse) {
+  struct Case {
+    std::set<std::string> lanes;
+    const char* query;
+  };
+  const Case cases[] = {
+      {{"b", "a"}, "&busy=a%2Cb"},
+      {{"a b&c=d#e?f%", "~-_./"}, "&busy=a%20b%26c%3Dd%23e%3Ff%25%2C~-_./"},
+      {{"Zürich", "日本"}, "&busy=Z%C3%BCrich%2C%E6%97%A5%E6%9C%AC"},
+      {{"\xff\n"}, "&busy=%FF%0A"},
+      {{""}, "&busy="},
+  };
+  for (const auto& row : cases) {
+    service.clearRequests();
+    api->poll(0.9, row.lanes);
+    EXPECT_EQ(service.requests().at(0).target, std::string("/api/driver/poll?wait=0") + row.query);
+  }
+}
+
+TEST_F(ApiRequests, ReplyIsReadWrongly) {
+  const std::string deep(100'000, '[');
+  struct Case {
+    int status;
+    std::string body;
+    const char* failure;  ///< how the message goes on; null: none
+    bool object = false;
+  };
+  const Case cases[] = {
+      {200, "{}", nullptr, true},
+      {200, R"({"big":123456789012345678901234567890})", nullptr, true},
+      {200, R"({"big":1e400})", "-> JSONDecodeError: number overflow"},
+      {200, "", nullptr},
+      {204, "", nullptr},
+      {302, "", nullptr},
+      {304, "", nullptr},
+      {302, "moved", "-> JSONDecodeError: "},
+      {200, "[]", "-> JSONDecodeError: body is not an object"},
+      {200, "null", "-> JSONDecodeError: body is not an object"},
+      {200, "\"text\"", "-> JSONDecodeError: body is not an object"},
+      {200, "<html>", "-> JSONDecodeError: "},
+      {200, "{\"a\":\"\xff\"}", "-> JSONDecodeError: "},
+      {200, "{\"a\":1} x", "-> JSONDecodeError: "},
+      {200, R"({"a":)" + deep, "-> "},
+      {400, "bad", "-> 400: bad"},
+      {404, "", "-> 404: "},
+      {500, std::string(1000, 'e'), "-> 500: "},
+      {503, "\xff\xc3", "-> 503: \xEF\xBF\xBD\xEF\xBF\xBD"},
+  };
+  for (const auto& row : cases) {
+    SCOPED_TRACE(std::to_string(row.status) + " " + row.body.substr(0, 40));
+    service.clearFaults();
+    service.addFault(
+        {.reply = FaultReply{.status = row.status,
+                             .body = row.body,
+                             .headers = {{"Location", service.url() + "/elsewhere"}}}});
+    std::optional<JV> reply;
+    const auto message = failureOf([&] { reply = api->poll(0, {}); });
+    EXPECT_EQ(reply.has_value(), row.object);
+    if (row.failure) {
+      EXPECT_THAT(message, StartsWith(std::string("GET /api/driver/poll?wait=0 ") + row.failure));
+    } else {
+      EXPECT_EQ(message, "");
+    }
+    EXPECT_LE(message.size(), 400u);
+  }
+  // Redirects of protocol calls are not followed.
+  EXPECT_EQ(service.requestCount(), std::size(cases));
+}
+
+TEST_F(ApiRequests, ErrorsBodyIsCutInTheMiddleOfACharacterOrNotAtAll) {
+  std::string body;
+  for (int i = 0; i < 1000; ++i) body += "é";
+  service.addFault({.reply = FaultReply{.status = 500, .body = body}});
+  EXPECT_EQ(failureOf([&] { api->hello(); }),
+            "GET /api/driver/hello -> 500: " + body.substr(0, 600));
+}
+
+TEST_F(ApiRequests, KindOfAnErrorIsTakenForAnother) {
+  const auto kindFor = [&](int status) -> std::optional<ServerError::Kind> {
+    service.clearFaults();
+    service.addFault({.reply = FaultReply{.status = status, .body = "no"}});
+    try {
+      api->hello();
+      return std::nullopt;
+    } catch (const ServerError& error) {
+      return error.kind();
+    }
+  };
+  EXPECT_EQ(kindFor(401), ServerError::Kind::auth);
+  EXPECT_EQ(kindFor(426), ServerError::Kind::outOfDate);
+  for (const int status : {400, 403, 404, 408, 500, 503}) {
+    EXPECT_EQ(kindFor(status), ServerError::Kind::server) << status;
+  }
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(kindFor(429), std::nullopt);
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, 50ms);
+  EXPECT_EQ(failureOf([&] { api->complete(1, 0, "x"); }),
+            "POST /api/driver/jobs/1/complete -> 429: no");
+}
+
+TEST_F(ApiRequests, TokenThatTheServiceQuotesReachesAMessage) {
+  const std::string token = service.token();
+  for (const std::size_t before : {0, 290, 298, 299}) {
+    service.clearFaults();
+    service.addFault(
+        {.reply = FaultReply{.status = 500, .body = std::string(before, 'x') + token + token}});
+    const auto message = failureOf([&] { api->hello(); });
+    EXPECT_THAT(message, Not(HasSubstr(token.substr(0, 3)))) << before;
+    EXPECT_THAT(message, HasSubstr("…"));
+  }
+}
+
+TEST_F(ApiRequests, UnusableUrlIsRequested) {
+  for (const char* base :
+       {"", "nowhere", "ftp://127.0.0.1", "http://", "http://a b", "http://[::1"}) {
+    auto given = options();
+    given.base = base;
+    make(std::move(given));
+    EXPECT_EQ(failureOf([&] { api->hello(); }), "GET /api/driver/hello -> ValueError: bad URL")
+        << base;
+  }
+}
+
+TEST_F(ApiRequests, BrokenConnectionIsNotNamed) {
+  for (const auto delivery : {local::Delivery::reset, local::Delivery::close,
+                              local::Delivery::garbage, local::Delivery::truncated}) {
+    service.clearFaults();
+    service.addFault({.delivery = delivery});
+    EXPECT_THAT(failureOf([&] { api->hello(); }),
+                testing::MatchesRegex("GET /api/driver/hello -> URLError: .*[a-z].*"));
+  }
+  service.stop();
+  EXPECT_THAT(failureOf([&] { api->hello(); }),
+              StartsWith("GET /api/driver/hello -> URLError: Failed to connect to 127.0.0.1"));
+}
+
+TEST_F(ApiRequests, RequestWaitsForTheReplyOfALongPoll) {
+  // The poll is the first on a new connection, as after an outage.
+  std::thread poll([&] { failureOf([&] { api->poll(20, {}); }); });
+  EXPECT_TRUE(service.waitForRequest("poll", 1, kLong));
+  const auto begin = std::chrono::steady_clock::now();
+  api->hello();
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s);
+  api->cancelAll();
+  poll.join();
+}
+
+TEST_F(ApiRequests, ProxyHearsOfRequestsToThisComputer) {
+  const ScopedEnv proxy("http_proxy", "http://127.0.0.1:1");
+  const ScopedEnv every("ALL_PROXY", "http://127.0.0.1:1");
+  make();
+  EXPECT_EQ(failureOf([&] { api->hello(); }), "");
+}
+
+}  // namespace
+}  // namespace verdo::test

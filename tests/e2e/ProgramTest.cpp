@@ -1,0 +1,191 @@
+#include "tests/Support/DriverFixture.h"
+#include "tests/Support/ExecutorRole.h"
+#include "tests/Support/Leaks.h"
+#include "tests/Support/Misbehaviour.h"
+#include "tests/Support/Program.h"
+
+namespace verdo::test {
+namespace {
+
+using namespace std::chrono_literals;
+using local::FaultReply;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::Not;
+using Arguments = std::vector<std::string>;
+
+constexpr const char* kKey = "sk-key-of-the-provider";
+
+/// The program itself, with its real time constants.
+class TheProgram : public DriverFixture {
+ protected:
+  TheProgram() {
+    environment = {
+        {"PATH", "/usr/bin:/bin"}, {"HOME", home()}, {"VERDO_DRIVER_TOKEN", service.token()}};
+    // Sanitizers of a child take their options from its environment.
+    for (const char* name : {"ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"}) {
+      if (const char* value = std::getenv(name)) environment[name] = value;
+    }
+  }
+
+  Arguments arguments(const Arguments& more = {}) const {
+    Arguments all{"--server", service.url(), "--exec", config.execCommand};
+    all.insert(all.end(), more.begin(), more.end());
+    return all;
+  }
+
+  Environment environment;
+};
+
+TEST_F(TheProgram, HelpVersionOrUsageEndWithTheWrongStatus) {
+  struct Case {
+    Arguments arguments;
+    int status;
+    const char* output;
+    const char* errors;
+  };
+  const Case cases[] = {
+      {{"--version"}, 0, "verdo-driver 2026.09.04\n", ""},
+      {{"--help"}, 0, "(.|\n)*--serve-jobs(.|\n)*Exit status: 0 done(.|\n)*", ""},
+      {{"--max-jobs", "none"}, 2, "", "verdo-driver: [^\n]*--max-jobs[^\n]*--help\\)\n"},
+      {{"--frobnicate"}, 2, "", "verdo-driver: [^\n]*--frobnicate[^\n]*\n"},
+  };
+  for (const auto& row : cases) {
+    Program program(row.arguments, environment);
+    EXPECT_EQ(program.wait(), row.status);
+    EXPECT_THAT(program.output(), testing::MatchesRegex(row.output));
+    EXPECT_THAT(program.errors(), testing::MatchesRegex(row.errors));
+  }
+}
+
+TEST_F(TheProgram, EndsWithTheWrongStatusOrWithoutAWord) {
+  struct Case {
+    std::optional<local::Fault> fault;
+    Arguments more;
+    int status;
+    std::string last;
+  };
+  const auto reply = [](int status) {
+    return local::Fault{.endpoint = "hello", .reply = FaultReply{.status = status, .body = "no"}};
+  };
+  const std::string call = "GET /api/driver/hello -> ";
+  const Case cases[] = {
+      {{}, {}, 0, "! dry run — not serving jobs\n"},
+      {reply(500), {}, 1, "✗ " + call + "500: no\n"},
+      {{},
+       {"--ca-cert", "/no/such.pem"},
+       2,
+       "✗ OSError: [Errno 2] No such file or directory: '/no/such.pem'\n"},
+      {reply(401), {}, 3, "✗ token rejected: " + call + "401: no\n"},
+      {reply(426),
+       {},
+       6,
+       "✗ " + call +
+           "426: no\n"
+           "driver out of date — re-run the install command from the Browser driver card\n"},
+      {{}, {"--exec", "no-such-program"}, 127, "✗ executor not found: no-such-program\n"},
+  };
+  for (const auto& row : cases) {
+    SCOPED_TRACE(row.status);
+    service.clearFaults();
+    if (row.fault) service.addFault(*row.fault);
+    Arguments all = arguments({"--dry-run"});
+    if (row.more.size() == 2 && row.more[0] == "--exec") all = {"--server", service.url()};
+    all.insert(all.end(), row.more.begin(), row.more.end());
+    Program program(all, environment);
+    EXPECT_EQ(program.wait(), row.status);
+    EXPECT_THAT(program.errors(), EndsWith(row.last));
+    EXPECT_EQ(program.output(), "");
+  }
+}
+
+TEST_F(TheProgram, ReadsAnEnvFileThatOthersCanRead) {
+  const std::string file = path("driver.env");
+  std::ofstream(file) << "VERDO_DRIVER_TOKEN=" << service.token() << "\n";
+  std::filesystem::permissions(file, std::filesystem::perms{0644});
+  environment.erase("VERDO_DRIVER_TOKEN");
+  const Arguments all = arguments({"--dry-run", "--env-file", file});
+  {
+    Program program(all, environment);
+    EXPECT_EQ(program.wait(), 2);
+    EXPECT_EQ(program.errors(),
+              "✗ " + file + " is readable by others — fix it first:  chmod 600 " + file + "\n");
+    EXPECT_EQ(service.requestCount(), 0u);
+  }
+  std::filesystem::permissions(file, std::filesystem::perms{0600});
+  Program program(all, environment);
+  EXPECT_EQ(program.wait(), 0);
+}
+
+TEST_F(TheProgram, ShowsASecretToSomebody) {
+  environment["VERDO_LLM_API_KEY"] = kKey;
+  const auto id = addJob("environment");
+  const auto waiting = addJob("sleep 100");
+  service.addFault({.endpoint = "lines",
+                    .after = 3,
+                    .count = 1,
+                    .reply = FaultReply{.status = 500, .body = "Bearer " + service.token()}});
+  Program program(arguments(), environment);
+  EXPECT_EQ(doneJob(id).exitCode, 0);
+  std::string seen;
+  for (const auto& line : service.lines(id)) seen += line + "\n";
+  EXPECT_THAT(seen, HasSubstr("HOME=" + home()));
+  EXPECT_TRUE(service.waitForLine(waiting, "ready", kLong));
+  EXPECT_TRUE(program.waitForError("server unreachable, retrying: "));
+  seen += program.proc("environ") + program.proc("cmdline");
+  service.addFault(
+      {.endpoint = "poll", .reply = FaultReply{.status = 401, .body = "no: " + service.token()}});
+  addJob("say a");
+  EXPECT_EQ(program.wait(), 3);
+  seen += program.errors() + program.output();
+  EXPECT_THAT(seen, Not(HasSubstr(service.token())));
+  // And the last word is said once.
+  const std::string last =
+      "✗ driver token revoked — issue a new one in the UI (Browser driver card)\n";
+  EXPECT_THAT(program.errors(), EndsWith(last));
+  EXPECT_EQ(program.errors().find(last), program.errors().size() - last.size());
+  EXPECT_THAT(seen, Not(HasSubstr("sk-key-of")));
+}
+
+TEST_F(TheProgram, SignalDuringAPollIsNotHeard) {
+  for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
+    service.clearRequests();
+    Program program(arguments(), environment);
+    ASSERT_TRUE(service.waitForRequest("poll", 1, kLong));
+    const auto begin = std::chrono::steady_clock::now();
+    program.signal(number);
+    EXPECT_EQ(program.wait(), 130);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 3s);
+    EXPECT_THAT(program.errors(), HasSubstr("! stopping — killing jobs and closing their tabs\n"));
+  }
+}
+
+TEST_F(TheProgram, SignalLeavesAJobUnreported) {
+  setSpaces({"u1-a"});
+  const auto id = addJob("sleep 100", {.taskSpace = "u1-a"});
+  Program program(arguments({"--no-sweep"}), environment);
+  ASSERT_TRUE(service.waitForLine(id, "ready", kLong));
+  program.signal(SIGTERM);
+  EXPECT_EQ(program.wait(), 130);
+  EXPECT_EQ(service.job(id)->exitCode, -SIGTERM);
+  EXPECT_EQ(closedSpaces(), std::vector<std::string>{"u1-a"});
+  EXPECT_THAT(program.errors(), HasSubstr("! job 1: finished with exit -15 (cancelled)\n"));
+}
+
+TEST_F(TheProgram, SecondSignalIsWaitedForLikeTheFirst) {
+  const auto id = addJob("deaf");
+  Program program(arguments({"--no-sweep"}), environment);
+  ASSERT_TRUE(service.waitForLine(id, "ready", kLong));
+  program.signal(SIGTERM);
+  ASSERT_TRUE(program.waitForError("stopping — killing jobs"));
+  const auto begin = std::chrono::steady_clock::now();
+  program.signal(SIGTERM);
+  EXPECT_EQ(program.wait(), 130);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 3s);
+  EXPECT_THAT(program.errors(), EndsWith("! stopping at once\n"));
+  // Nobody outlives it, however deaf.
+  EXPECT_TRUE(eventually([&] { return processesOf(home()).empty(); }));
+}
+
+}  // namespace
+}  // namespace verdo::test

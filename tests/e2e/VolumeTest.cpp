@@ -1,0 +1,84 @@
+#include "tests/Support/DriverFixture.h"
+#include "tests/Support/ExecutorRole.h"
+#include "tests/Support/Program.h"
+
+#include <fmt/format.h>
+#include <openssl/evp.h>
+
+namespace verdo::test {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+
+/// SHA-256 over the first numbered lines, each with its line end.
+std::string shaOfNumbered(int count) {
+  const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> digest(EVP_MD_CTX_new(),
+                                                                       &EVP_MD_CTX_free);
+  EVP_DigestInit_ex(digest.get(), EVP_sha256(), nullptr);
+  for (int i = 0; i < count; ++i) {
+    const std::string line = numberedLine(i) + "\n";
+    EVP_DigestUpdate(digest.get(), line.data(), line.size());
+  }
+  unsigned char hash[EVP_MAX_MD_SIZE];
+  unsigned int size = 0;
+  EVP_DigestFinal_ex(digest.get(), hash, &size);
+  std::string digits;
+  for (unsigned int i = 0; i < size; ++i) digits += fmt::format("{:02x}", hash[i]);
+  return digits;
+}
+
+class Volume : public DriverFixture {
+ protected:
+  Environment environment() const {
+    return {{"PATH", "/usr/bin:/bin"}, {"HOME", home()}, {"VERDO_DRIVER_TOKEN", service.token()}};
+  }
+};
+
+TEST_F(Volume, FloodIsLostReorderedOrKeptInMemory) {
+  // 200 MB of output, and a file of 64 MiB before it.
+  const int lines = kSanitized ? 200'000 : 2'000'000;
+  const auto id = addJob(
+      "number " + std::to_string(lines),
+      {.files = {{.name = "big", .content = std::string(64u << 20, 'b')}}, .keepLines = false});
+  Program program({"--server", service.url(), "--exec", config.execCommand}, environment());
+  const auto job = doneJob(id);
+  EXPECT_EQ(job.exitCode, 0);
+  EXPECT_EQ(job.lineCount, static_cast<std::uint64_t>(lines));
+  EXPECT_EQ(job.linesSha256, shaOfNumbered(lines));
+  EXPECT_LT(program.peakMemory(), kSanitized ? 1000u << 20 : 80u << 20);
+  program.signal(SIGTERM);
+  EXPECT_EQ(program.wait(), 130);
+}
+
+TEST_F(Volume, VeryLongLineIsCut) {
+  config.serveJobs = 1;
+  const auto id = addJob("long 5000000");
+  EXPECT_EQ(run(), ExitReason::clean());
+  EXPECT_THAT(service.lines(id), ElementsAre(std::string(5'000'000, 'y')));
+}
+
+TEST_F(Volume, OutputThatIsNotTextBreaksThePost) {
+  config.serveJobs = 1;
+  const auto id = addJob("garbage");
+  EXPECT_EQ(run(), ExitReason::clean());
+  const std::string replaced = "\xEF\xBF\xBD";
+  EXPECT_THAT(service.lines(id), ElementsAre("a" + replaced + "b" + replaced, replaced));
+}
+
+TEST_F(Volume, OutputIsThrottledWhileTheServerIsAwayAndThenLost) {
+  // Memory stays bounded through an outage: the child has to wait.
+  service.addFault({.endpoint = "lines",
+                    .after = 1,
+                    .count = 5,
+                    .reply = local::FaultReply{.status = 503, .body = ""}});
+  config.serveJobs = 1;
+  const int lines = kSanitized ? 100'000 : 500'000;
+  const auto id = addJob("number " + std::to_string(lines), {.keepLines = false});
+  EXPECT_EQ(run(), ExitReason::clean());
+  EXPECT_EQ(service.job(id)->linesSha256, shaOfNumbered(lines));
+  for (const auto& post : service.requests("lines")) EXPECT_LE(post.bodySize, 8u << 20);
+}
+
+}  // namespace
+}  // namespace verdo::test
