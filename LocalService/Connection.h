@@ -71,7 +71,8 @@ class Connection final : public httplib::Stream {
   using httplib::Stream::write;
   void get_remote_ip_and_port(std::string& ip, int& port) const override;
   void get_local_ip_and_port(std::string& ip, int& port) const override;
-  /// Only used by httplib to refuse descriptors that do not fit select(2), which nothing here uses.
+  /// httplib may be built to refuse descriptors that do not fit select(2), and uses this for
+  /// nothing else; nothing here selects.
   socket_t socket() const override { return 0; }
 
  private:

@@ -64,6 +64,7 @@ void ControlEndpoints::dispatch(Exchange& exchange, const Words& words) const {
                       : first == "outage"   ? outage(exchange)
                       : first == "hello"    ? hello(exchange)
                       : first == "requests" ? requests(exchange)
+                      : first == "provider" ? provider(exchange)
                                             : rest(exchange, first);
   if (!served) {
     throw HttpError(404, "the control interface has no " + exchange.request.method + " " +
@@ -229,6 +230,32 @@ bool ControlEndpoints::requests(Exchange& exchange) const {
   }
   replyJson(exchange.response,
             {{"count", service_.requestCount(endpoint)}, {"requests", std::move(list)}});
+  return true;
+}
+
+bool ControlEndpoints::provider(Exchange& exchange) const {
+  const auto& method = exchange.request.method;
+  if (method == "POST") {
+    try {
+      const auto id = service_.addProviderRule(readProviderRule(parseJson(exchange.request.body)));
+      replyJson(exchange.response, {{"id", id}});
+    } catch (const std::invalid_argument& error) {
+      throw HttpError(400, error.what());
+    }
+  } else if (method == "DELETE") {
+    service_.clearProviderRules();
+    replyJson(exchange.response, {{"ok", true}});
+  } else if (method == "GET") {
+    auto list = ordered_json::array();
+    for (const auto& rule : service_.providerRules()) list.push_back(toJson(rule));
+    replyJson(exchange.response, {{"url", service_.providerUrl()},
+                                  {"rules", std::move(list)},
+                                  {"requests", service_.requestCount("chat")},
+                                  {"in_flight", service_.inFlight("chat")},
+                                  {"max_in_flight", service_.maxInFlight("chat")}});
+  } else {
+    return false;
+  }
   return true;
 }
 

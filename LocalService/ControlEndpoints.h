@@ -28,6 +28,7 @@ class ControlEndpoints final : public RouteGroup {
   bool outage(Exchange& exchange) const;
   bool hello(Exchange& exchange) const;
   bool requests(Exchange& exchange) const;
+  bool provider(Exchange& exchange) const;
   bool rest(Exchange& exchange, const std::string& word) const;
   nlohmann::ordered_json known(std::int64_t id) const;
 

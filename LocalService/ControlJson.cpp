@@ -62,6 +62,14 @@ class Reader {
       value = member->get<double>();
     }
   }
+  void delay(const char* key, std::chrono::milliseconds& value) const {
+    double given = 0;
+    number(key, given);
+    if (!(given >= 0 && given <= 86'400'000)) {
+      throw HttpError(400, what_ + ": \"" + key + "\" must be from 0 to 86400000, a day");
+    }
+    value = std::chrono::milliseconds(static_cast<std::int64_t>(given));
+  }
   const ordered_json* find(const char* key, bool (ordered_json::*is)() const noexcept,
                            const char* wanted) const {
     const auto found = json_.find(key);
@@ -118,6 +126,10 @@ ordered_json headerList(const std::vector<std::pair<std::string, std::string>>& 
   auto list = ordered_json::array();
   for (const auto& [name, value] : headers) list.push_back({name, masked(value)});
   return list;
+}
+
+std::string textOrJson(const ordered_json& value) {
+  return value.is_string() ? value.get<std::string>() : value.dump();
 }
 
 void readHeaders(const ordered_json& json, FaultReply& reply) {
@@ -195,19 +207,11 @@ Fault readFault(const ordered_json& json) {
   reader.count("after", fault.after);
   reader.count("count", fault.count);
   reader.number("probability", fault.probability);
-  double delay = 0;
-  reader.number("delay_ms", delay);
-  if (!(delay >= 0 && delay <= 86'400'000)) {
-    throw HttpError(400, "a fault: \"delay_ms\" must be from 0 to 86400000, a day");
-  }
-  fault.delay = std::chrono::milliseconds(static_cast<std::int64_t>(delay));
+  reader.delay("delay_ms", fault.delay);
   if (reader.has("status") || reader.has("body") || reader.has("headers")) {
     auto& reply = fault.reply.emplace();
     reader.count("status", reply.status);
-    if (reader.has("body")) {
-      const auto& body = json["body"];
-      reply.body = body.is_string() ? body.get<std::string>() : body.dump();
-    }
+    if (reader.has("body")) reply.body = textOrJson(json["body"]);
     if (const auto* headers = reader.find("headers", &ordered_json::is_object, "an object")) {
       readHeaders(*headers, reply);
     }
@@ -228,6 +232,33 @@ Fault readFault(const ordered_json& json) {
   reader.text("garbage", fault.garbage);
   reader.flag("processed", fault.processed);
   return fault;
+}
+
+ProviderRule readProviderRule(const ordered_json& json) {
+  const Reader reader(json, "a provider rule");
+  ProviderRule rule;
+  reader.refuseOthers({"match", "count", "delay_ms", "never", "keep_alive_ms", "until_close",
+                       "status", "body", "content", "model", "finish_reason", "usage", "omit"});
+  reader.text("match", rule.match);
+  reader.count("count", rule.count);
+  reader.delay("delay_ms", rule.delay);
+  reader.flag("never", rule.never);
+  reader.delay("keep_alive_ms", rule.keepAlive);
+  reader.flag("until_close", rule.untilClose);
+  reader.count("status", rule.status);
+  if (reader.has("body")) rule.body = textOrJson(json["body"]);
+  reader.text("content", rule.content);
+  reader.text("model", rule.model);
+  if (reader.has("finish_reason") && json["finish_reason"].is_null()) {
+    rule.finishReason.reset();
+  } else {
+    reader.text("finish_reason", rule.finishReason);
+  }
+  if (reader.has("usage")) rule.usage = json["usage"];
+  if (const auto* keys = reader.find("omit", &ordered_json::is_array, "a list of keys")) {
+    for (const auto& key : *keys) rule.omit.push_back(textOrJson(key));
+  }
+  return rule;
 }
 
 const char* toText(JobState state) {
@@ -279,6 +310,20 @@ ordered_json toJson(const FaultStatus& status) {
       std::ranges::find(kDeliveries, fault.delivery, &std::pair<Delivery, const char*>::first)
           ->second;
   json["processed"] = fault.processed;
+  return json;
+}
+
+ordered_json toJson(const ProviderRuleStatus& status) {
+  const auto& rule = status.rule;
+  ordered_json json{{"id", status.id}, {"hits", status.hits}, {"match", rule.match}};
+  if (rule.count) json["count"] = *rule.count;
+  json["delay_ms"] = rule.delay.count();
+  json["never"] = rule.never;
+  json["keep_alive_ms"] = rule.keepAlive.count();
+  json["status"] = rule.status;
+  if (rule.body) json["body_size"] = rule.body->size();
+  if (rule.content) json["content_size"] = rule.content->size();
+  if (rule.model) json["model"] = *rule.model;
   return json;
 }
 

@@ -147,6 +147,7 @@ void Dispatcher::handle(Current& current, const httplib::Request& request,
                     .connection = connection,
                     .undo = {},
                     .truncateAfter = {},
+                    .stream = {},
                     .afterReply = {}};
   response.status = 200;
   if (!route.observed) {
@@ -205,6 +206,7 @@ void Dispatcher::deliver(Current& current, Exchange& exchange) {
   const auto& fault = current.fault;
   if (connection.hungUp()) return abandon(current);
   if (!fault || (fault->delivery == Delivery::whole && !fault->reply)) {
+    if (exchange.stream && !exchange.stream()) return abandon(current);
     current.status = response.status;
     log_.replied(*current.entry, current.status);
     return;

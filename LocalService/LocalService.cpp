@@ -7,6 +7,8 @@
 #include "LocalService/FileEndpoints.h"
 #include "LocalService/FileStore.h"
 #include "LocalService/JobStore.h"
+#include "LocalService/ProviderEndpoints.h"
+#include "LocalService/ProviderRules.h"
 #include "LocalService/RequestLog.h"
 #include "LocalService/Server.h"
 #include "LocalService/Sha256.h"
@@ -59,9 +61,11 @@ struct LocalService::Impl {
         server(dispatcher, hang),
         driverEndpoints(jobs, settings, hang),
         fileEndpoints(files),
+        providerEndpoints(providerRules, options.providerKey),
         controlEndpoints(service, files) {
     dispatcher.addRoutes(driverEndpoints);
     dispatcher.addRoutes(fileEndpoints);
+    dispatcher.addRoutes(providerEndpoints);
     dispatcher.addRoutes(controlEndpoints);
   }
 
@@ -71,11 +75,13 @@ struct LocalService::Impl {
   JobStore jobs;
   DriverSettings settings;
   FileStore files;
+  ProviderRules providerRules;
   HangGate hang;
   Dispatcher dispatcher;
   Server server;
   DriverEndpoints driverEndpoints;
   FileEndpoints fileEndpoints;
+  ProviderEndpoints providerEndpoints;
   ControlEndpoints controlEndpoints;
 };
 
@@ -190,6 +196,22 @@ void LocalService::revokeToken() { impl_->settings.revokeToken(); }
 
 void LocalService::setToken(std::string token) { impl_->settings.setToken(std::move(token)); }
 
+std::string LocalService::providerUrl() const {
+  return url() + std::string(ProviderEndpoints::kPrefix);
+}
+
+const std::string& LocalService::providerKey() const { return impl_->options.providerKey; }
+
+std::uint64_t LocalService::addProviderRule(ProviderRule rule) {
+  return impl_->providerRules.add(std::move(rule));
+}
+
+std::vector<ProviderRuleStatus> LocalService::providerRules() const {
+  return impl_->providerRules.list();
+}
+
+void LocalService::clearProviderRules() { impl_->providerRules.clear(); }
+
 std::uint64_t LocalService::addFault(Fault fault) { return impl_->faults.add(std::move(fault)); }
 
 std::uint64_t LocalService::faultHits(std::uint64_t id) const { return impl_->faults.hits(id); }
@@ -231,6 +253,14 @@ bool LocalService::waitForHangUps(const std::string& endpoint, std::uint64_t n,
   return impl_->log.waitForHangUps(endpoint, n, deadlineAfter(timeout));
 }
 
+std::uint64_t LocalService::inFlight(const std::string& endpoint) const {
+  return impl_->log.inFlight(endpoint);
+}
+
+std::uint64_t LocalService::maxInFlight(const std::string& endpoint) const {
+  return impl_->log.maxInFlight(endpoint);
+}
+
 void LocalService::clearRequests() { impl_->log.clear(); }
 
 std::uint64_t LocalService::acceptedConnections() const {
@@ -246,6 +276,7 @@ bool LocalService::waitForConnections(std::uint64_t atMost, Milliseconds timeout
 void LocalService::reset() {
   endOutage();
   clearFaults();
+  clearProviderRules();
   impl_->jobs.clear();
   impl_->files.clear();
   impl_->settings.setHello(DriverSettings::defaultHello());

@@ -2,6 +2,7 @@
 
 #include "LocalService/Fault.h"
 #include "LocalService/JobTypes.h"
+#include "LocalService/ProviderRule.h"
 #include "LocalService/RequestRecord.h"
 
 #include <chrono>
@@ -29,6 +30,7 @@ struct LocalServiceOptions {
   std::uint64_t seed = 1;  ///< of the generator behind Fault::probability
   /// Also hands out the files of this folder as /files/{name}; empty: none.
   std::filesystem::path filesDirectory{};
+  std::string providerKey = "provider-key";  ///< that the LLM provider accepts; not empty
 };
 // NOLINTEND(readability-redundant-member-init)
 
@@ -110,6 +112,19 @@ class LocalService {
   void revokeToken();
   void setToken(std::string token);
 
+  // -- LLM provider -------------------------------------------------------------------------
+
+  // An OpenAI-style provider: POST {providerUrl}/v1/chat/completions, GET {providerUrl}/models.
+  // Faults apply to it as the endpoints "chat" and "models". A completion that no rule is for is
+  // answered at once with "echo: " and the text of the last user message.
+
+  std::string providerUrl() const;         ///< {url}/llm
+  const std::string& providerKey() const;  ///< wanted as "Authorization: Bearer KEY", else 401
+  /// Gives an identifier. Throws std::invalid_argument when a field is out of its range.
+  std::uint64_t addProviderRule(ProviderRule rule);
+  std::vector<ProviderRuleStatus> providerRules() const;  ///< since the last clearing, used up too
+  void clearProviderRules();                              ///< answers under way are not affected
+
   // -- Failures -----------------------------------------------------------------------------
 
   /// Gives an identifier. Throws std::invalid_argument when a field is out of its range.
@@ -126,9 +141,9 @@ class LocalService {
 
   // -- What was asked -----------------------------------------------------------------------
 
-  // An `endpoint` is hello, poll, lines, complete, files, or "" for all. Requests to /control/ are
-  // not logged. The log keeps the latest 20,000 requests and 256 MiB of bodies. Requests that an
-  // outage or a stop cut off count as left by their client.
+  // An `endpoint` is hello, poll, lines, complete, files, chat, models, or "" for all. Requests to
+  // /control/ are not logged. The log keeps the latest 20,000 requests and 256 MiB of bodies.
+  // Requests that an outage or a stop cut off count as left by their client.
 
   std::vector<RequestRecord> requests(const std::string& endpoint = "") const;
   std::uint64_t requestCount(const std::string& endpoint = "") const;
@@ -142,16 +157,20 @@ class LocalService {
   /// At least `n` requests on the endpoint were left by their client before they were answered
   /// (a long poll that was cancelled).
   bool waitForHangUps(const std::string& endpoint, std::uint64_t n, Milliseconds timeout) const;
-  void clearRequests();  ///< counts begin at 0 again
+  /// Requests that have arrived and are neither answered nor left by their client.
+  std::uint64_t inFlight(const std::string& endpoint = "") const;
+  std::uint64_t maxInFlight(const std::string& endpoint = "") const;  ///< the most at once
+  /// All counts begin at 0 again; requests in flight are forgotten.
+  void clearRequests();
 
   std::uint64_t acceptedConnections() const;  ///< since the construction
   std::uint64_t openConnections() const;
   /// Not more than `n` connections are open.
   bool waitForConnections(std::uint64_t atMost, Milliseconds timeout) const;
 
-  /// No jobs, files, faults, outage or requests, and the first hello reply. Connections, token and
-  /// lease time stay, and so does the count of job identifiers: a driver left over from before
-  /// cannot meet a new job under an old identifier.
+  /// No jobs, files, faults, provider rules, outage or requests, and the first hello reply.
+  /// Connections, token, provider key and lease time stay, and so does the count of job
+  /// identifiers: a driver left over from before cannot meet a new job under an old identifier.
   void reset();
 
  private:

@@ -24,6 +24,7 @@ std::uint64_t RequestLog::arrived(RequestRecord record, std::string_view body) {
   for (const auto& name : {record.endpoint, std::string()}) {
     auto& endpoint = endpoints_[name];
     ++endpoint.arrived;
+    endpoint.maxInFlight = std::max(endpoint.maxInFlight, ++endpoint.inFlight);
     endpoint.kept.push_back(record.sequence);
   }
   records_.push_back(std::move(record));
@@ -41,11 +42,18 @@ void RequestLog::dropExcess() {
     record.body = std::string();
   }
   while (records_.size() > limits_.entries) {
+    leftFlight(records_.front());
     bodyBytes_ -= records_.front().body.size();
     endpoints_[records_.front().endpoint].kept.pop_front();
     endpoints_[""].kept.pop_front();
     records_.pop_front();
   }
+}
+
+void RequestLog::leftFlight(const RequestRecord& record) {
+  if (record.replied || record.hungUp) return;  // it had left before
+  --endpoints_[record.endpoint].inFlight;
+  --endpoints_[""].inFlight;
 }
 
 template <typename Function>
@@ -63,6 +71,7 @@ void RequestLog::faultApplied(std::uint64_t sequence, std::uint64_t fault) {
 
 void RequestLog::replied(std::uint64_t sequence, int status) {
   update(sequence, [&](RequestRecord& record) {
+    leftFlight(record);
     record.status = status;
     record.replied = RequestRecord::Clock::now();
   });
@@ -71,6 +80,7 @@ void RequestLog::replied(std::uint64_t sequence, int status) {
 void RequestLog::hungUp(std::uint64_t sequence) {
   update(sequence, [&](RequestRecord& record) {
     if (record.hungUp) return;
+    leftFlight(record);
     record.hungUp = RequestRecord::Clock::now();
     record.replied.reset();
     record.status = 0;
@@ -103,10 +113,23 @@ std::uint64_t RequestLog::count(const std::string& endpoint) const {
   return arrivedOn(endpoint);
 }
 
+std::uint64_t RequestLog::inFlight(const std::string& endpoint) const {
+  const std::lock_guard lock(mutex_);
+  const auto found = endpoints_.find(endpoint);
+  return found == endpoints_.end() ? 0 : found->second.inFlight;
+}
+
+std::uint64_t RequestLog::maxInFlight(const std::string& endpoint) const {
+  const std::lock_guard lock(mutex_);
+  const auto found = endpoints_.find(endpoint);
+  return found == endpoints_.end() ? 0 : found->second.maxInFlight;
+}
+
 const RequestRecord* RequestLog::find(const std::string& endpoint, std::uint64_t n) const {
   const auto found = endpoints_.find(endpoint);
   if (found == endpoints_.end()) return nullptr;
-  const auto& [arrived, hungUp, kept] = found->second;
+  const auto& kept = found->second.kept;
+  const auto arrived = found->second.arrived;
   const auto dropped = arrived - kept.size();
   if (n <= dropped || n > arrived) return nullptr;
   return &records_[kept[n - dropped - 1] - (nextSequence_ - records_.size())];

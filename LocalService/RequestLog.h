@@ -45,7 +45,10 @@ class RequestLog {
                                             Deadline deadline) const;
   bool waitForHangUps(const std::string& endpoint, std::uint64_t n, Deadline deadline) const;
 
-  void clear();
+  std::uint64_t inFlight(const std::string& endpoint) const;     ///< neither replied nor hung up
+  std::uint64_t maxInFlight(const std::string& endpoint) const;  ///< since the last clear()
+
+  void clear();      ///< also forgets the requests in flight
   void interrupt();  ///< waits end now with what there is
   void resume();     ///< waits wait again
 
@@ -53,6 +56,8 @@ class RequestLog {
   struct Endpoint {
     std::uint64_t arrived = 0;
     std::uint64_t hungUp = 0;
+    std::uint64_t inFlight = 0;
+    std::uint64_t maxInFlight = 0;
     std::deque<std::uint64_t> kept;  // sequences
   };
   template <typename Function>
@@ -61,6 +66,7 @@ class RequestLog {
   const RequestRecord* find(const std::string& endpoint, std::uint64_t n) const;  // null: not kept
   std::uint64_t arrivedOn(const std::string& endpoint) const;
   std::uint64_t hungUpOn(const std::string& endpoint) const;
+  void leftFlight(const RequestRecord& record);
   void dropExcess();
 
   const RequestLogLimits limits_;

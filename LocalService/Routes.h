@@ -30,6 +30,9 @@ struct Exchange {
   /// got the reply.
   std::function<void()> undo;
   std::optional<std::size_t> truncateAfter;  ///< the reply's body breaks off after so many bytes
+  /// Sends the reply in its own time through the connection, which it takes over, unless a fault
+  /// shapes the reply: then `response` stands for it. False: the client is gone.
+  std::function<bool()> stream;
   /// Called after the reply was sent, whatever became of it.
   std::function<void()> afterReply;
 };

@@ -28,7 +28,8 @@ int serve(const verdo::local::LocalServiceOptions& options) {
     std::cerr << "verdo-local-service: " << error.what() << "\n";
     return EXIT_FAILURE;
   }
-  std::cout << "listening on " << service.url() << "\ntoken " << service.token() << "\n"
+  std::cout << "listening on " << service.url() << "\ntoken " << service.token() << "\nprovider "
+            << service.providerUrl() << "\n"
             << std::flush;
   int signal = 0;
   sigwait(&ends, &signal);
@@ -46,6 +47,8 @@ int main(int argc, char** argv) {
   app.add_option("--port", options.port, "port on 127.0.0.1; 0 picks a free one")
       ->capture_default_str();
   app.add_option("--token", options.token, "driver token (default: a random one)");
+  app.add_option("--provider-key", options.providerKey, "key that the LLM provider accepts")
+      ->capture_default_str();
   auto* certificate = app.add_option("--cert", options.certificate, "certificate chain, PEM")
                           ->check(CLI::ExistingFile);
   auto* key =

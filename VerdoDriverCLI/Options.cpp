@@ -1,17 +1,17 @@
 #include "VerdoDriverCLI/Options.h"
 
-#include <fmt/format.h>
+#include "VerdoDriverCore/Contract/DriverConstants.h"
+#include "VerdoDriverCore/Contract/EnvFile.h"
+#include "VerdoDriverCore/Contract/Protocol.h"
+#include "VerdoDriverCore/Contract/ServerURLPolicy.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cmath>
 #include <limits>
 #include <map>
 
-#include "VerdoDriverCore/Contract/DriverConstants.h"
-#include "VerdoDriverCore/Contract/EnvFile.h"
-#include "VerdoDriverCore/Contract/Protocol.h"
-#include "VerdoDriverCore/Contract/ServerURLPolicy.h"
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
 
 namespace verdo::cli {
 namespace {
@@ -22,7 +22,8 @@ constexpr double kYear = 365.0 * 24 * 3600;
 constexpr int kMostLanes = 1000;
 
 const char* const kFooter =
-    "The driver token comes from VERDO_DRIVER_TOKEN and the LLM key from VERDO_LLM_API_KEY, in the\n"
+    "The driver token comes from VERDO_DRIVER_TOKEN and the LLM key from VERDO_LLM_API_KEY, in "
+    "the\n"
     "environment or in the env file (~/.config/verdo/driver.env, chmod 600).\n\n"
     "Exit status: 0 done, 1 server unreachable, 2 bad configuration or usage, 3 token revoked,\n"
     "6 driver out of date, 7 LLM key rejected, 127 executor not found, 130 stopped.";
@@ -67,7 +68,8 @@ void define(CLI::App& app, Options& options, std::string& color) {
   app.add_option("--idle-close", config.idleClose, "Close task spaces idle for S seconds")
       ->type_name("S")
       ->check(seconds);
-  app.add_option("--reap-interval", config.reapInterval, "Look for idle task spaces every S seconds")
+  app.add_option("--reap-interval", config.reapInterval,
+                 "Look for idle task spaces every S seconds")
       ->type_name("S")
       ->check(between(0.1, kYear));
   app.add_flag("--sweep-all", config.sweepAll, "At start, close every task space");
@@ -138,9 +140,8 @@ DriverConfig resolveConfig(Options options, const Environment& environment) {
   config.llmKey = given(std::nullopt, DriverConstants::llmKeyEnv).value_or("");
   config.server = ServerURLPolicy::lowerScheme(
       given(options.server, DriverConstants::serverEnv).value_or(DriverConstants::defaultServer));
-  config.llmBase = ServerURLPolicy::lowerScheme(
-      given(options.llmBase, DriverConstants::llmBaseEnv)
-          .value_or(DriverConstants::llmDefaultBase));
+  config.llmBase = ServerURLPolicy::lowerScheme(given(options.llmBase, DriverConstants::llmBaseEnv)
+                                                    .value_or(DriverConstants::llmDefaultBase));
   return config;
 }
 

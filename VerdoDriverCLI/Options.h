@@ -1,11 +1,11 @@
 #pragma once
 
+#include "VerdoDriverCore/Contract/DriverConfig.h"
+#include "VerdoDriverCore/Process/Spawn.h"
+
 #include <optional>
 #include <string>
 #include <variant>
-
-#include "VerdoDriverCore/Contract/DriverConfig.h"
-#include "VerdoDriverCore/Process/Spawn.h"
 
 namespace verdo::cli {
 

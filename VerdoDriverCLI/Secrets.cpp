@@ -1,11 +1,11 @@
 #include "VerdoDriverCLI/Secrets.h"
 
-#include <openssl/crypto.h>
+#include "VerdoDriverCore/Contract/DriverConstants.h"
 
 #include <cstdlib>
 #include <cstring>
 
-#include "VerdoDriverCore/Contract/DriverConstants.h"
+#include <openssl/crypto.h>
 
 namespace verdo::cli {
 

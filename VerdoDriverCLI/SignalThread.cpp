@@ -1,17 +1,17 @@
 #include "VerdoDriverCLI/SignalThread.h"
 
-#include <pthread.h>
-#include <signal.h>
+#include "VerdoDriverCore/Process/ThreadName.h"
 
 #include <thread>
 
-#include "VerdoDriverCore/Process/ThreadName.h"
+#include <pthread.h>
+#include <signal.h>
 
 namespace verdo::cli {
 namespace {
 
 bool isIgnored(int signal) {
-  struct sigaction action {};
+  struct sigaction action{};
   return ::sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
 }
 

@@ -1,16 +1,16 @@
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cstdlib>
-#include <cstdio>
-#include <memory>
-
 #include "VerdoDriverCLI/Options.h"
 #include "VerdoDriverCLI/Secrets.h"
 #include "VerdoDriverCLI/SignalThread.h"
 #include "VerdoDriverCore/Contract/DriverConstants.h"
 #include "VerdoDriverCore/Run/Log.h"
 #include "VerdoDriverCore/Run/Runner.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace {
 

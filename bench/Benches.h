@@ -1,8 +1,8 @@
 #pragma once
 
-#include <vector>
-
 #include "bench/Table.h"
+
+#include <vector>
 
 namespace verdo::bench {
 

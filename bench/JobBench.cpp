@@ -1,11 +1,11 @@
-#include <fmt/format.h>
-
-#include <stdexcept>
-
 #include "VerdoDriverCore/Network/HttpSession.h"
 #include "bench/Benches.h"
 #include "bench/Child.h"
 #include "bench/Driver.h"
+
+#include <stdexcept>
+
+#include <fmt/format.h>
 
 namespace verdo::bench {
 namespace {
@@ -41,8 +41,8 @@ double referenceSpawn() {
   for (int i = 0; i < kJobs; ++i) {
     std::vector<std::string> lines;
     const auto begin = Clock::now();
-    const auto child = Spawn::launch(VERDO_CHILD_PATH, childArgv({"stamp"}),
-                                     currentEnvironment(), true);
+    const auto child =
+        Spawn::launch(VERDO_CHILD_PATH, childArgv({"stamp"}), currentEnvironment(), true);
     LineReader reader(child->takeStdout(), [&](auto some) {
       for (const auto line : some) lines.emplace_back(line);
     });
@@ -78,13 +78,12 @@ void benchJobs(std::vector<Row>& rows) {
       break;
     }
   }
-  rows.push_back({"poll reply → acknowledgement on the wire",
-                  fmt::format("{:.2f} ms", median(acknowledged)), "1 ms",
-                  median(acknowledged) <= 1,
-                  fmt::format("round trip on an open connection {:.2f} ms",
-                              referenceRoundTrip(service))});
-  rows.push_back({"acknowledgement → child runs", fmt::format("{:.2f} ms", median(running)),
-                  "2 ms", median(running) <= 2,
+  rows.push_back(
+      {"poll reply → acknowledgement on the wire", fmt::format("{:.2f} ms", median(acknowledged)),
+       "1 ms", median(acknowledged) <= 1,
+       fmt::format("round trip on an open connection {:.2f} ms", referenceRoundTrip(service))});
+  rows.push_back({"acknowledgement → child runs", fmt::format("{:.2f} ms", median(running)), "2 ms",
+                  median(running) <= 2,
                   fmt::format("starting the same child {:.2f} ms", referenceSpawn())});
 }
 

@@ -1,11 +1,11 @@
-#include <benchmark/benchmark.h>
-#include <fmt/format.h>
-
-#include <map>
-#include <nlohmann/json.hpp>
-
 #include "VerdoDriverCore/Values/PyJSON.h"
 #include "bench/Benches.h"
+
+#include <map>
+
+#include <benchmark/benchmark.h>
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 namespace verdo::bench {
 namespace {
@@ -82,10 +82,10 @@ void benchJson(std::vector<Row>& rows) {
   benchmark::RunSpecifiedBenchmarks(&speeds);
   for (const auto& [name, text, target] : texts) {
     const double speed = speeds.of(name);
-    rows.push_back({fmt::format("JSON strings, {}", name), fmt::format("{:.0f} MB/s", speed),
-                    fmt::format("{:.0f} MB/s", target), speed >= target,
-                    fmt::format("nlohmann-json {:.0f} MB/s",
-                                speeds.of(std::string(name) + " reference"))});
+    rows.push_back(
+        {fmt::format("JSON strings, {}", name), fmt::format("{:.0f} MB/s", speed),
+         fmt::format("{:.0f} MB/s", target), speed >= target,
+         fmt::format("nlohmann-json {:.0f} MB/s", speeds.of(std::string(name) + " reference"))});
   }
 }
 

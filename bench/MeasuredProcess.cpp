@@ -1,12 +1,12 @@
 #include "bench/MeasuredProcess.h"
 
-#include <signal.h>
-#include <unistd.h>
-
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <thread>
+
+#include <signal.h>
+#include <unistd.h>
 
 namespace verdo::bench {
 namespace {

@@ -1,14 +1,14 @@
 #pragma once
 
+#include "VerdoDriverCore/Process/ChildProcess.h"
+#include "VerdoDriverCore/Process/LineReader.h"
+#include "VerdoDriverCore/Process/Spawn.h"
+
 #include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
-
-#include "VerdoDriverCore/Process/ChildProcess.h"
-#include "VerdoDriverCore/Process/LineReader.h"
-#include "VerdoDriverCore/Process/Spawn.h"
 
 namespace verdo::bench {
 

@@ -1,16 +1,16 @@
-#include <fmt/format.h>
-#include <openssl/evp.h>
-#include <sys/resource.h>
-#include <unistd.h>
+#include "bench/Benches.h"
+#include "bench/Child.h"
+#include "bench/Driver.h"
 
 #include <cerrno>
 #include <cstring>
 #include <memory>
 #include <stdexcept>
 
-#include "bench/Benches.h"
-#include "bench/Child.h"
-#include "bench/Driver.h"
+#include <fmt/format.h>
+#include <openssl/evp.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 namespace verdo::bench {
 namespace {
@@ -71,7 +71,7 @@ Reference measureReference() {
   reference.cpu = threadCpu() - before;
 
   const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(),
-                                                                       &EVP_MD_CTX_free);
+                                                                        &EVP_MD_CTX_free);
   EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr);
   readChild(context.get());
   unsigned char hash[EVP_MAX_MD_SIZE];

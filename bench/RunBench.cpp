@@ -1,11 +1,11 @@
-#include <fmt/format.h>
+#include "bench/Benches.h"
+#include "bench/Child.h"
+#include "bench/Driver.h"
 
 #include <stdexcept>
 #include <thread>
 
-#include "bench/Benches.h"
-#include "bench/Child.h"
-#include "bench/Driver.h"
+#include <fmt/format.h>
 
 namespace verdo::bench {
 namespace {
@@ -53,8 +53,8 @@ void benchRun(std::vector<Row>& rows) {
     stops.push_back(driver.stop() * 1e3);
   }
   for (int i = 0; i < 5; ++i) {
-    const MeasuredProcess python("/usr/bin/python3", {VERDO_REFERENCE_DIR "/hello.py",
-                                                      service.url(), service.token()});
+    const MeasuredProcess python("/usr/bin/python3",
+                                 {VERDO_REFERENCE_DIR "/hello.py", service.url(), service.token()});
     referenceStarts.push_back(untilHello(service, ++hellos, python) * 1e3);
     MeasuredProcess sleeper("/bin/sleep", {"60"});
     std::this_thread::sleep_for(50ms);
@@ -76,8 +76,7 @@ void benchRun(std::vector<Row>& rows) {
                          reference.cpu * 1e3 / toSeconds(kIdleTime)));
   rows.push_back(idleRow("wake-ups", idle.wakeups, "/s", 1, reference.wakeups));
   rows.push_back({"SIGTERM during a poll → exit", fmt::format("{:.1f} ms", median(stops)), "20 ms",
-                  median(stops) <= 20,
-                  fmt::format("sleep(1) {:.1f} ms", median(referenceStops))});
+                  median(stops) <= 20, fmt::format("sleep(1) {:.1f} ms", median(referenceStops))});
 }
 
 }  // namespace verdo::bench

@@ -1,11 +1,11 @@
 #include "bench/Table.h"
 
-#include <fmt/format.h>
+#include "VerdoDriverCore/Values/Utf8.h"
 
 #include <algorithm>
 #include <array>
 
-#include "VerdoDriverCore/Values/Utf8.h"
+#include <fmt/format.h>
 
 namespace verdo::bench {
 namespace {

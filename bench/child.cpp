@@ -4,12 +4,12 @@
 //
 //   stamp        prints the monotonic clock, nanoseconds, as its first act
 //   flood BYTES  prints that many bytes in numbered 100-byte lines
-#include <unistd.h>
-
 #include <chrono>
 #include <cstring>
 #include <string>
 #include <string_view>
+
+#include <unistd.h>
 
 namespace {
 
@@ -27,8 +27,9 @@ void writeAll(std::string_view bytes) {
 bool isOnlyListing() {
   char script[4096];
   const ssize_t size = ::read(STDIN_FILENO, script, sizeof script);
-  return size > 0 && std::string_view(script, static_cast<std::size_t>(size)).find("listTaskSpaces") !=
-                         std::string_view::npos;
+  return size > 0 &&
+         std::string_view(script, static_cast<std::size_t>(size)).find("listTaskSpaces") !=
+             std::string_view::npos;
 }
 
 void flood(long long bytes) {

@@ -1,11 +1,11 @@
-#include <fmt/format.h>
-#include <signal.h>
+#include "bench/Benches.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <exception>
 
-#include "bench/Benches.h"
+#include <fmt/format.h>
+#include <signal.h>
 
 int main() {
   using namespace verdo::bench;

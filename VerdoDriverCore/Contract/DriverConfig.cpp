@@ -1,8 +1,8 @@
 #include "VerdoDriverCore/Contract/DriverConfig.h"
 
-#include <fmt/format.h>
-
 #include "VerdoDriverCore/Values/PyJSON.h"
+
+#include <fmt/format.h>
 
 namespace verdo {
 namespace {

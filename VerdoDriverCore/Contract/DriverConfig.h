@@ -1,10 +1,10 @@
 #pragma once
 
+#include "VerdoDriverCore/Contract/DriverConstants.h"
+
 #include <optional>
 #include <string>
 #include <vector>
-
-#include "VerdoDriverCore/Contract/DriverConstants.h"
 
 namespace verdo {
 
@@ -23,11 +23,11 @@ struct DriverConfig {
   std::optional<int> maxJobs;              ///< lanes; absent: the server decides
   std::optional<int> serveJobs;            ///< end after this many jobs
   std::optional<double> idleExit;          ///< end after this long without a job, seconds
-  std::optional<double> idleClose;     ///< overrides the server's idle_close_seconds, seconds
-  std::optional<double> reapInterval;  ///< overrides the server's reap_interval_seconds, seconds
-  bool sweepAll = false;               ///< at start, close every task space, not only our own
-  bool noSweep = false;                ///< skip the sweep of task spaces at start
-  bool insecure = false;               ///< allow plain http to a host that is not loopback
+  std::optional<double> idleClose;         ///< overrides the server's idle_close_seconds, seconds
+  std::optional<double> reapInterval;     ///< overrides the server's reap_interval_seconds, seconds
+  bool sweepAll = false;                  ///< at start, close every task space, not only our own
+  bool noSweep = false;                   ///< skip the sweep of task spaces at start
+  bool insecure = false;                  ///< allow plain http to a host that is not loopback
   std::optional<std::string> caCertPath;  ///< PEM file; its certificates become the only anchors
   bool dryRun = false;                    ///< check configuration and server, then end
   bool checkLLM = false;                  ///< validate the LLM key before serving

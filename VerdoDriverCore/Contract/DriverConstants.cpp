@@ -1,11 +1,11 @@
 #include "VerdoDriverCore/Contract/DriverConstants.h"
 
-#include <pwd.h>
-#include <unistd.h>
+#include "VerdoDriverCore/Values/Utf8.h"
 
 #include <cstdlib>
 
-#include "VerdoDriverCore/Values/Utf8.h"
+#include <pwd.h>
+#include <unistd.h>
 
 namespace verdo::DriverConstants {
 namespace {

@@ -1,14 +1,14 @@
 #include "VerdoDriverCore/Contract/EnvFile.h"
 
+#include "VerdoDriverCore/Process/UniqueFd.h"
+#include "VerdoDriverCore/Values/Utf8.h"
+
+#include <cerrno>
+
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <cerrno>
-
-#include "VerdoDriverCore/Process/UniqueFd.h"
-#include "VerdoDriverCore/Values/Utf8.h"
 
 namespace verdo::EnvFile {
 namespace {
@@ -52,7 +52,7 @@ std::map<std::string, std::string> read(const std::string& path) {
   // Opened first and examined through the descriptor, so that what was checked is what is read.
   // Non-blocking, should someone have put a FIFO there.
   const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  struct stat status {};
+  struct stat status{};
   if (!file) {
     const int reason = errno;
     if (reason == ENOENT) return {};

@@ -1,10 +1,10 @@
 #pragma once
 
+#include "VerdoDriverCore/Values/PyError.h"
+
 #include <map>
 #include <string>
 #include <string_view>
-
-#include "VerdoDriverCore/Values/PyError.h"
 
 /// The env file in which a headless driver finds its secrets: KEY=VALUE lines, "#" comments.
 namespace verdo::EnvFile {

@@ -26,8 +26,9 @@ std::optional<std::string> refusal(const std::string& server, bool insecure) {
 std::string lowerScheme(std::string server) {
   const auto end = server.find("://");
   if (end == std::string::npos) return server;
-  std::transform(server.begin(), server.begin() + static_cast<std::ptrdiff_t>(end), server.begin(),
-                 [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+  std::transform(
+      server.begin(), server.begin() + static_cast<std::ptrdiff_t>(end), server.begin(),
+      [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
   return server;
 }
 

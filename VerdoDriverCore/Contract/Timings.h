@@ -1,8 +1,8 @@
 #pragma once
 
-#include <chrono>
-
 #include "VerdoDriverCore/Process/ChildProcess.h"
+
+#include <chrono>
 
 namespace verdo {
 
@@ -21,7 +21,7 @@ struct Timings {
 
   // Ending a job.
   TerminationTimings termination;
-  Duration drainAfterKill = std::chrono::seconds(5);     ///< for the output of a killed job
+  Duration drainAfterKill = std::chrono::seconds(5);      ///< for the output of a killed job
   Duration shutdownPerWorker = std::chrono::seconds(60);  ///< wait for one worker at shutdown
 
   // Polling for jobs.

@@ -1,15 +1,15 @@
 #include "VerdoDriverCore/Jobs/Browser.h"
 
-#include <fmt/format.h>
-
-#include <algorithm>
-#include <thread>
-
 #include "VerdoDriverCore/Process/LineReader.h"
 #include "VerdoDriverCore/Values/JsonReader.h"
 #include "VerdoDriverCore/Values/PyJSON.h"
 #include "VerdoDriverCore/Values/PyValue.h"
 #include "VerdoDriverCore/Values/Utf8.h"
+
+#include <algorithm>
+#include <thread>
+
+#include <fmt/format.h>
 
 namespace verdo {
 namespace {
@@ -29,7 +29,8 @@ constexpr std::int32_t kNotStarted = 127;
 constexpr std::size_t kMostOutput = 16u << 20;
 
 std::string closeScript(const std::string& space) {
-  return "await completeTaskSpace(" + PyJSON::text(space) + ", { keep: false })\ncliLog('closed')\n";
+  return "await completeTaskSpace(" + PyJSON::text(space) +
+         ", { keep: false })\ncliLog('closed')\n";
 }
 
 /// The two outputs of a child, collected by two readers.
@@ -102,10 +103,7 @@ std::optional<std::int32_t> waitForExit(ChildProcess& child, const Event& output
 
 Browser::Browser(ExecutorCommand command, Duration timeout, std::shared_ptr<LogSink> log,
                  Timings timings)
-    : command_(std::move(command)),
-      timeout_(timeout),
-      log_(std::move(log)),
-      timings_(timings) {}
+    : command_(std::move(command)), timeout_(timeout), log_(std::move(log)), timings_(timings) {}
 
 Browser::Result Browser::run(const std::string& script) try {
   const auto child = Spawn::launch(command_.path, command_.argv, command_.env, false);

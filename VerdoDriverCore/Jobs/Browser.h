@@ -1,16 +1,16 @@
 #pragma once
 
-#include <cstdint>
-#include <map>
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "VerdoDriverCore/Contract/LogSink.h"
 #include "VerdoDriverCore/Contract/Timings.h"
 #include "VerdoDriverCore/Process/Spawn.h"
 #include "VerdoDriverCore/Process/Sync.h"
 #include "VerdoDriverCore/Values/JV.h"
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
 
 namespace verdo {
 

@@ -1,11 +1,11 @@
 #include "VerdoDriverCore/Jobs/FileStager.h"
 
-#include <fmt/format.h>
+#include "VerdoDriverCore/Values/PyError.h"
+#include "VerdoDriverCore/Values/Utf8.h"
 
 #include <set>
 
-#include "VerdoDriverCore/Values/PyError.h"
-#include "VerdoDriverCore/Values/Utf8.h"
+#include <fmt/format.h>
 
 namespace verdo::FileStager {
 namespace {
@@ -33,13 +33,27 @@ std::string literal(const std::string& path) {
   std::string out = "\"";
   for (const char c : path) {
     switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\b': out += "\\b"; break;
-      case '\t': out += "\\t"; break;
-      case '\n': out += "\\n"; break;
-      case '\f': out += "\\f"; break;
-      case '\r': out += "\\r"; break;
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\b':
+        out += "\\b";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\f':
+        out += "\\f";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
       default:
         if (static_cast<unsigned char>(c) < 0x20) {
           out += fmt::format("\\u{:04x}", static_cast<unsigned char>(c));

@@ -1,10 +1,10 @@
 #pragma once
 
-#include <functional>
-#include <string>
-
 #include "VerdoDriverCore/Contract/LogSink.h"
 #include "VerdoDriverCore/Jobs/Job.h"
+
+#include <functional>
+#include <string>
 
 namespace verdo::FileStager {
 

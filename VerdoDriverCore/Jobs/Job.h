@@ -1,11 +1,11 @@
 #pragma once
 
+#include "VerdoDriverCore/Values/JV.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
-
-#include "VerdoDriverCore/Values/JV.h"
 
 namespace verdo {
 

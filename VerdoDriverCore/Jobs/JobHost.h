@@ -1,13 +1,13 @@
 #pragma once
 
-#include <memory>
-#include <string>
-
 #include "VerdoDriverCore/Contract/LogSink.h"
 #include "VerdoDriverCore/Contract/Timings.h"
 #include "VerdoDriverCore/Jobs/Browser.h"
 #include "VerdoDriverCore/Network/Api.h"
 #include "VerdoDriverCore/Process/Sync.h"
+
+#include <memory>
+#include <string>
 
 namespace verdo {
 

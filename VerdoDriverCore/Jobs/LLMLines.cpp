@@ -1,13 +1,13 @@
 #include "VerdoDriverCore/Jobs/LLMLines.h"
 
-#include <fmt/format.h>
-#include <openssl/evp.h>
-
-#include <array>
-
 #include "VerdoDriverCore/Values/JsonReader.h"
 #include "VerdoDriverCore/Values/PyJSON.h"
 #include "VerdoDriverCore/Values/PyValue.h"
+
+#include <array>
+
+#include <fmt/format.h>
+#include <openssl/evp.h>
 
 namespace verdo::LLMLines {
 namespace {
@@ -34,8 +34,8 @@ JV parsePayload(const std::string& text) {
   if (!payload.asObject()) throw PyError("ValueError", "payload is not a JSON object");
   const JV* version = payload.find("v");
   if (!version || version->number() != 1.0) {
-    throw PyError("ValueError", "unsupported payload version " +
-                                    PyJSON::pyRepr(pyStr(version).value_or("None")));
+    throw PyError("ValueError",
+                  "unsupported payload version " + PyJSON::pyRepr(pyStr(version).value_or("None")));
   }
   for (const char* key : {"model", "prompt"}) {
     if (!pyTruthy(payload.find(key))) throw PyError("ValueError", fmt::format("missing {}", key));

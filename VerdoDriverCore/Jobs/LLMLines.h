@@ -1,11 +1,11 @@
 #pragma once
 
+#include "VerdoDriverCore/Network/ChatClient.h"
+#include "VerdoDriverCore/Values/JV.h"
+
 #include <functional>
 #include <string>
 #include <string_view>
-
-#include "VerdoDriverCore/Network/ChatClient.h"
-#include "VerdoDriverCore/Values/JV.h"
 
 /// How LLM jobs come and how their replies go back, in ordinary job lines.
 namespace verdo::LLMLines {

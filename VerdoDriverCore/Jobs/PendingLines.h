@@ -1,11 +1,11 @@
 #pragma once
 
+#include "VerdoDriverCore/Network/LineBatch.h"
+#include "VerdoDriverCore/Process/Sync.h"
+
 #include <memory>
 #include <span>
 #include <string_view>
-
-#include "VerdoDriverCore/Network/LineBatch.h"
-#include "VerdoDriverCore/Process/Sync.h"
 
 namespace verdo {
 

@@ -1,18 +1,18 @@
 #include "VerdoDriverCore/Jobs/StagingDirectory.h"
 
-#include <fcntl.h>
-#include <fmt/format.h>
-#include <sys/file.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include "VerdoDriverCore/Contract/DriverConstants.h"
+#include "VerdoDriverCore/Values/PyError.h"
 
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <system_error>
 
-#include "VerdoDriverCore/Contract/DriverConstants.h"
-#include "VerdoDriverCore/Values/PyError.h"
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace verdo {
 namespace {
@@ -59,8 +59,8 @@ StagingDirectory::StagingDirectory(const std::string& cache) {
   const UniqueFd cacheLock = lockCache(cache);
   std::string path = cache + "/" + kPrefix + "XXXXXX";
   if (!::mkdtemp(path.data())) {
-    throw PyError("OSError", fmt::format("mkdtemp failed: {}",
-                                         std::generic_category().message(errno)));
+    throw PyError("OSError",
+                  fmt::format("mkdtemp failed: {}", std::generic_category().message(errno)));
   }
   path_ = std::move(path);
   lock_ = openDirectory(path_);

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <string>
-
 #include "VerdoDriverCore/Process/UniqueFd.h"
+
+#include <string>
 
 namespace verdo {
 

@@ -1,14 +1,14 @@
 #include "VerdoDriverCore/Jobs/Worker.h"
 
-#include <fmt/format.h>
-#include <signal.h>
+#include "VerdoDriverCore/Network/Errors.h"
+#include "VerdoDriverCore/Process/ThreadName.h"
+#include "VerdoDriverCore/Values/PyError.h"
 
 #include <algorithm>
 #include <thread>
 
-#include "VerdoDriverCore/Network/Errors.h"
-#include "VerdoDriverCore/Process/ThreadName.h"
-#include "VerdoDriverCore/Values/PyError.h"
+#include <fmt/format.h>
+#include <signal.h>
 
 namespace verdo {
 namespace {
@@ -71,8 +71,8 @@ bool Worker::acknowledge() {
     return false;
   }
   if (reply.ok && !reply.cancel) return true;
-  host_->log().warn(prefixed(fmt::format("no longer ours (state={}); dropping it unrun",
-                                         reply.state.value_or("None"))));
+  host_->log().warn(prefixed(
+      fmt::format("no longer ours (state={}); dropping it unrun", reply.state.value_or("None"))));
   return false;
 }
 
@@ -134,9 +134,9 @@ void Worker::completeAndReport() {
 }
 
 void Worker::reportFinished() {
-  const std::string text = prefixed(
-      fmt::format("finished with exit {}{}", exitCode_ ? std::to_string(*exitCode_) : "None",
-                  isCancelled() ? " (cancelled)" : ""));
+  const std::string text = prefixed(fmt::format("finished with exit {}{}",
+                                                exitCode_ ? std::to_string(*exitCode_) : "None",
+                                                isCancelled() ? " (cancelled)" : ""));
   if (exitCode_ == 0 && err_.value_or("").empty()) {
     host_->log().success(text);
   } else {

@@ -1,11 +1,5 @@
 #pragma once
 
-#include <cstdint>
-#include <functional>
-#include <memory>
-#include <optional>
-#include <string>
-
 #include "VerdoDriverCore/Jobs/Job.h"
 #include "VerdoDriverCore/Jobs/JobHost.h"
 #include "VerdoDriverCore/Jobs/PendingLines.h"
@@ -14,6 +8,12 @@
 #include "VerdoDriverCore/Process/ChildProcess.h"
 #include "VerdoDriverCore/Process/LineReader.h"
 #include "VerdoDriverCore/Process/Sync.h"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
 
 namespace verdo {
 
@@ -75,11 +75,11 @@ class Worker : public std::enable_shared_from_this<Worker> {
   void touchSpace();
 
   // LLM jobs (WorkerLLM.cpp).
-  struct LLMCall;
   void runLLM();
   void failCall(const char* category, const std::string& message, const char* complaint);
-  void runCall(LLMCall& call, const JV& payload);
-  void postResult(const LLMCall& call);
+  void runCall(const std::shared_ptr<ChatClient>& client, const JV& payload);
+  void heartbeat();
+  void postReply(const ChatClient::Completion& completion);
 
   const std::shared_ptr<JobHost> host_;
   const Job job_;
@@ -91,6 +91,7 @@ class Worker : public std::enable_shared_from_this<Worker> {
   std::optional<std::string> err_;
   std::unique_ptr<StagingDirectory> files_;
   bool spaceClosed_ = false;
+  bool cancelledByServer_ = false;  ///< LLM jobs only
 
   mutable Mutex stateLock_;
   bool cancelled_ GUARDED_BY(stateLock_) = false;

@@ -1,13 +1,13 @@
-#include <fmt/format.h>
-#include <signal.h>
-
-#include <algorithm>
-
 #include "VerdoDriverCore/Jobs/FileStager.h"
 #include "VerdoDriverCore/Jobs/Worker.h"
 #include "VerdoDriverCore/Network/Errors.h"
 #include "VerdoDriverCore/Process/Spawn.h"
 #include "VerdoDriverCore/Values/PyError.h"
+
+#include <algorithm>
+
+#include <fmt/format.h>
+#include <signal.h>
 
 namespace verdo {
 namespace {

@@ -1,14 +1,13 @@
-#include <fmt/format.h>
-
-#include <thread>
-
 #include "VerdoDriverCore/Contract/DriverConstants.h"
 #include "VerdoDriverCore/Jobs/LLMLines.h"
 #include "VerdoDriverCore/Jobs/Worker.h"
 #include "VerdoDriverCore/Network/ChatClient.h"
 #include "VerdoDriverCore/Network/Errors.h"
-#include "VerdoDriverCore/Process/ThreadName.h"
 #include "VerdoDriverCore/Values/PyValue.h"
+
+#include <utility>
+
+#include <fmt/format.h>
 
 namespace verdo {
 namespace {
@@ -19,40 +18,6 @@ constexpr std::int32_t kCallFailed = 1;
 constexpr std::int32_t kEndedByDriver = 143;
 
 }  // namespace
-
-/// One provider call on a thread of its own, and how it ended.
-struct Worker::LLMCall {
-  std::shared_ptr<ChatClient> client;
-  Event done;
-  // Written by the call's thread before `done`, read after it.
-  std::optional<ChatClient::Completion> completion;
-  std::optional<LLMCallError> failure;  ///< neither: the call was cancelled
-  std::thread thread;
-
-  LLMCall() = default;
-  LLMCall(const LLMCall&) = delete;
-  LLMCall& operator=(const LLMCall&) = delete;
-  ~LLMCall() {
-    client->cancel();
-    if (thread.joinable()) thread.join();
-  }
-
-  void start(const JV& payload, const std::string& name) {
-    thread = std::thread([this, &payload, name] {
-      setThreadName(name);
-      try {
-        completion = client->complete(payload);
-      } catch (const LLMCancelled&) {
-        // Whoever cancelled knows what to report.
-      } catch (const LLMCallError& error) {
-        failure = error;
-      } catch (const std::exception& error) {
-        failure.emplace("transient", pyDescribe(error), true);
-      }
-      done.set();
-    });
-  }
-};
 
 void Worker::runLLM() {
   JV payload;
@@ -70,9 +35,9 @@ void Worker::runLLM() {
     host_->log().warn(fmt::format("{}: {}", start, DriverConstants::noLLMKeyMessage));
     return failCall("config", DriverConstants::noLLMKeyMessage, "could not report the missing key");
   }
-  LLMCall call;
+  std::shared_ptr<ChatClient> client;
   try {
-    call.client = std::make_shared<ChatClient>(
+    client = std::make_shared<ChatClient>(
         host_->llmKey(), host_->llmBase(),
         [this](const std::string& text) { host_->log().info(prefixed(text)); },
         host_->providerSession());
@@ -83,7 +48,7 @@ void Worker::runLLM() {
   }
   const auto prompt = pyStr(payload.find("prompt")).value_or("");
   host_->log().info(fmt::format("{} ({} bytes prompt)", start, prompt.size()));
-  runCall(call, payload);
+  runCall(client, payload);
   completeAndReport();
 }
 
@@ -101,31 +66,28 @@ void Worker::failCall(const char* category, const std::string& message, const ch
   completeAndReport();
 }
 
-/// Runs the call under the reporting cycle and posts what came of it.
-void Worker::runCall(LLMCall& call, const JV& payload) {
+/// Runs the call, reporting meanwhile, and posts what came of it.
+void Worker::runCall(const std::shared_ptr<ChatClient>& client, const JV& payload) {
   bool cancelledBefore = false;
   {
     MutexLock lock(stateLock_);
-    llmClient_ = call.client;
+    llmClient_ = client;
     cancelledBefore = cancelled_;
   }
-  if (cancelledBefore) call.client->cancel();
-  bool cancelledByServer = false;
+  if (cancelledBefore) client->cancel();
   try {
-    call.start(payload, fmt::format("llm-{}", job_.id));
-    while (!call.done.waitFor(host_->timings().reportCycle)) {
-      const LinesReply reply = postLines(LineBatch());
-      if (reply.cancel && !isCancelled()) {
-        host_->log().warn(prefixed("cancel requested — closing the provider call"));
-        cancelledByServer = true;
-        kill();
-      }
-      if (host_->stopping().isSet() && !isCancelled()) kill();
-    }
-    if (call.completion || call.failure) {
-      postResult(call);
-    } else if (!cancelledByServer) {
-      exitCode_ = kEndedByDriver;
+    try {
+      const HttpMeanwhile report{host_->timings().reportCycle, [this] { heartbeat(); }};
+      postReply(client->complete(payload, report));
+      exitCode_ = 0;
+    } catch (const LLMCallError& error) {
+      LineBatch batch;
+      batch.add(LLMLines::end(error.category(), error.what(), error.isRetryable()));
+      postLines(std::move(batch));
+      exitCode_ = kCallFailed;
+    } catch (const LLMCancelled&) {
+      // A job that the service cancelled has no exit code: nothing of it failed.
+      if (!cancelledByServer_) exitCode_ = kEndedByDriver;
     }
   } catch (const ServerError& error) {
     kill();
@@ -140,22 +102,28 @@ void Worker::runCall(LLMCall& call, const JV& payload) {
   }
 }
 
-/// Posts the reply in chunk lines, or the failure, and the line that ends it.
-void Worker::postResult(const LLMCall& call) {
-  LineBatch batch;
-  if (call.completion) {
-    LLMLines::chunk(call.completion->text, [&](std::string_view line) {
-      batch.add(line);
-      if (batch.bytes() < PendingLines::kBatchBytes / 2) return;
-      postLines(std::exchange(batch, LineBatch()));
-    });
-    batch.add(LLMLines::end(*call.completion));
-  } else {
-    const LLMCallError& failure = *call.failure;
-    batch.add(LLMLines::end(failure.category(), failure.what(), failure.isRetryable()));
+/// Tells the service that the call goes on, and hears whether it should.
+void Worker::heartbeat() {
+  const LinesReply reply = postLines(LineBatch());
+  if (reply.cancel && !isCancelled()) {
+    host_->log().warn(prefixed("cancel requested — closing the provider call"));
+    cancelledByServer_ = true;
+    kill();
   }
+  if (host_->stopping().isSet() && !isCancelled()) kill();
+}
+
+/// Posts the provider's text in chunk lines, and the line that ends it.
+void Worker::postReply(const ChatClient::Completion& completion) {
+  LineBatch batch;
+  LLMLines::chunk(completion.text, [&](std::string_view line) {
+    batch.add(line);
+    if (batch.bytes() > PendingLines::kBatchBytes / 2) {
+      postLines(std::exchange(batch, LineBatch()));
+    }
+  });
+  batch.add(LLMLines::end(completion));
   postLines(std::move(batch));
-  exitCode_ = call.completion ? 0 : kCallFailed;
 }
 
 }  // namespace verdo

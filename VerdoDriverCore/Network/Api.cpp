@@ -1,14 +1,14 @@
 #include "VerdoDriverCore/Network/Api.h"
 
-#include <fmt/format.h>
-
-#include <algorithm>
-
 #include "VerdoDriverCore/Contract/Protocol.h"
 #include "VerdoDriverCore/Network/FileDownload.h"
 #include "VerdoDriverCore/Values/JsonReader.h"
 #include "VerdoDriverCore/Values/PyJSON.h"
 #include "VerdoDriverCore/Values/Utf8.h"
+
+#include <algorithm>
+
+#include <fmt/format.h>
 
 namespace verdo {
 namespace {
@@ -35,7 +35,9 @@ std::string quote(const std::string& text) {
     if (kept) {
       out.push_back(c);
     } else {
-      out += fmt::format("%{:02X}", static_cast<unsigned char>(c));
+      constexpr char kDigits[] = "0123456789ABCDEF";
+      const auto byte = static_cast<unsigned char>(c);
+      out += {'%', kDigits[byte >> 4], kDigits[byte & 0xF]};
     }
   }
   return out;
@@ -72,6 +74,8 @@ JV parseObject(const std::string& body, const std::string& call) {
 Api::Api(Options options, std::shared_ptr<HttpSession> session)
     : options_(std::move(options)), session_(std::move(session)) {
   while (options_.base.ends_with('/')) options_.base.pop_back();
+  // The paths of the calls are sound by construction.
+  isBaseValid_ = HttpSession::isValidUrl(options_.base);
 }
 
 JV Api::hello() {
@@ -85,10 +89,11 @@ JV Api::hello() {
   return request(call).object.value_or(JV::Object{});
 }
 
-std::optional<JV> Api::poll(double wait, const std::set<std::string>& busy) {
+std::optional<JV> Api::poll(double wait, std::vector<std::string> busy) {
   Call call;
   call.path = fmt::format("/api/driver/poll?wait={}", static_cast<std::int64_t>(wait));
   if (!busy.empty()) {
+    std::sort(busy.begin(), busy.end());
     call.path += "&busy=" + quote(fmt::format("{}", fmt::join(busy, ",")));
   }
   call.timeout = fromSeconds(wait) + kPollMargin;
@@ -131,7 +136,7 @@ Api::Reply Api::request(const Call& call) {
   HttpRequest request;
   request.method = call.method;
   request.url = options_.base + call.path;
-  if (!HttpSession::isValidUrl(request.url)) failServer(name + " -> ValueError: bad URL");
+  if (!isBaseValid_) failServer(name + " -> ValueError: bad URL");
   request.timeout = call.timeout;
   if (const auto cap = options_.timeoutCap()) {
     request.timeout = std::min(request.timeout, fromSeconds(*cap));
@@ -145,8 +150,8 @@ Api::Reply Api::request(const Call& call) {
 
   const HttpResult result = perform(std::move(request), call.untilStop);
   if (result.error) {
-    failServer(fmt::format("{} -> {}: {}", name, errorName(*result.error),
-                           result.error->description));
+    failServer(
+        fmt::format("{} -> {}: {}", name, errorName(*result.error), result.error->description));
   }
   if (!result.response) failServer(name + " -> URLError: no response");
   const auto& [status, body] = *result.response;
@@ -157,10 +162,15 @@ Api::Reply Api::request(const Call& call) {
   const std::string message =
       fmt::format("{} -> {}: {}", name, status, quoted(body, options_.token));
   switch (status) {
-    case 401: throw ServerError(ServerError::Kind::auth, message);
-    case 426: throw ServerError(ServerError::Kind::outOfDate, message);
-    case 429: interrupted_.waitFor(options_.throttlePause); return {std::nullopt, message};
-    default: failServer(message);
+    case 401:
+      throw ServerError(ServerError::Kind::auth, message);
+    case 426:
+      throw ServerError(ServerError::Kind::outOfDate, message);
+    case 429:
+      interrupted_.waitFor(options_.throttlePause);
+      return {std::nullopt, message};
+    default:
+      failServer(message);
   }
 }
 
@@ -181,8 +191,8 @@ HttpResult Api::perform(HttpRequest request, bool untilStop) {
 std::string Api::download(const std::string& url, const std::string& destination,
                           Duration timeout) {
   HttpRequest request;
-  request.url = url.starts_with("http://") || url.starts_with("https://") ? url
-                                                                          : options_.base + url;
+  request.url =
+      url.starts_with("http://") || url.starts_with("https://") ? url : options_.base + url;
   if (!HttpSession::isValidUrl(request.url)) throw PyError("ValueError", "bad file URL");
   request.timeout = timeout;
   request.followRedirects = true;

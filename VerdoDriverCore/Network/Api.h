@@ -1,20 +1,19 @@
 #pragma once
 
-#include <cstdint>
-#include <functional>
-#include <map>
-#include <memory>
-#include <optional>
-#include <set>
-#include <string>
-#include <utility>
-#include <vector>
-
 #include "VerdoDriverCore/Contract/Timings.h"
 #include "VerdoDriverCore/Network/Errors.h"
 #include "VerdoDriverCore/Network/HttpSession.h"
 #include "VerdoDriverCore/Process/Sync.h"
 #include "VerdoDriverCore/Values/JV.h"
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace verdo {
 
@@ -42,7 +41,7 @@ class Api {
   JV hello();
   /// Waits up to `wait` seconds for a job, naming the lanes that are busy here. Absent when the
   /// service has nothing.
-  std::optional<JV> poll(double wait, const std::set<std::string>& busy);
+  std::optional<JV> poll(double wait, std::vector<std::string> busy);
   /// Posts a batch of output lines (a finished LineBatch). An empty object when the service
   /// answered nothing. A throttled post (429) counts as a failed one: nothing was taken.
   JV lines(std::int64_t jobId, std::shared_ptr<const ByteBuffer> body);
@@ -87,6 +86,7 @@ class Api {
   JV post(const std::string& path, std::shared_ptr<const ByteBuffer> body);
 
   Options options_;
+  bool isBaseValid_ = false;
   std::shared_ptr<HttpSession> session_;
   Event interrupted_;
   Mutex pollLock_;

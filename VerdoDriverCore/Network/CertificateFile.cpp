@@ -1,16 +1,16 @@
 #include "VerdoDriverCore/Network/CertificateFile.h"
 
-#include <openssl/bio.h>
-#include <openssl/evp.h>
-#include <openssl/pem.h>
-#include <openssl/x509.h>
+#include "VerdoDriverCore/Values/PyError.h"
 
 #include <cerrno>
 #include <fstream>
 #include <memory>
 #include <vector>
 
-#include "VerdoDriverCore/Values/PyError.h"
+#include <openssl/bio.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
 
 namespace verdo {
 namespace {

@@ -1,15 +1,15 @@
 #include "VerdoDriverCore/Network/ChatClient.h"
 
-#include <fmt/format.h>
-
-#include <algorithm>
-
 #include "VerdoDriverCore/Contract/DriverConstants.h"
 #include "VerdoDriverCore/Network/Api.h"
 #include "VerdoDriverCore/Network/ChatRequest.h"
 #include "VerdoDriverCore/Values/PyJSON.h"
 #include "VerdoDriverCore/Values/PyValue.h"
 #include "VerdoDriverCore/Values/Utf8.h"
+
+#include <algorithm>
+
+#include <fmt/format.h>
 
 namespace verdo {
 namespace {
@@ -26,7 +26,8 @@ constexpr std::size_t kValidationExcerpt = 120;  // characters
 constexpr std::size_t kLongestReply = 256u << 20;
 
 bool isPort(std::string_view text) {
-  const bool digits = std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+  const bool digits =
+      std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
   return digits && !text.empty() && text.size() <= 5;
 }
 
@@ -79,20 +80,20 @@ ChatClient::ChatClient(std::string apiKey, const std::string& baseURL, Log log,
       log_(std::move(log)),
       session_(std::move(session)) {}
 
-ChatClient::Completion ChatClient::complete(const JV& payload) {
+ChatClient::Completion ChatClient::complete(const JV& payload, const HttpMeanwhile& meanwhile) {
   const double budget = budgetOf(payload);
   const auto deadline = Clock::now() + fromSeconds(budget);
   const std::string role = pyStrIfTruthy(payload.find("role")).value_or("?");
   if (Clock::now() >= deadline) {
-    throw LLMCallError("transient",
-                       fmt::format("call budget of {}s exhausted", wholeSeconds(fromSeconds(budget))),
-                       true);
+    throw LLMCallError(
+        "transient", fmt::format("call budget of {}s exhausted", wholeSeconds(fromSeconds(budget))),
+        true);
   }
   for (int attempt = 1;; ++attempt) {
     const auto begin = Clock::now();
     const auto elapsed = [&] { return toSeconds(Clock::now() - begin); };
     try {
-      Completion completion = once(payload, deadline - begin);
+      Completion completion = once(payload, deadline - begin, meanwhile);
       log_(fmt::format("llm {}: model={} prompt_chars={} reply_chars={} {:.1f}s attempt={}", role,
                        completion.model, promptCharacters(payload),
                        countCharacters(completion.text), elapsed(), attempt));
@@ -109,14 +110,14 @@ ChatClient::Completion ChatClient::complete(const JV& payload) {
   }
 }
 
-ChatClient::Completion ChatClient::once(const JV& payload, Duration timeout) {
-  const auto body =
-      std::make_shared<const ByteBuffer>(PyJSON::text(ChatRequest::body(payload)));
-  return ChatRequest::read(http("POST", "/v1/chat/completions", body, timeout), payload);
+ChatClient::Completion ChatClient::once(const JV& payload, Duration timeout,
+                                        const HttpMeanwhile& meanwhile) {
+  const auto body = std::make_shared<const ByteBuffer>(PyJSON::text(ChatRequest::body(payload)));
+  return ChatRequest::read(http("POST", "/v1/chat/completions", body, timeout, meanwhile), payload);
 }
 
 std::optional<std::string> ChatClient::validate() try {
-  const HttpResponse response = http("GET", "/models", nullptr, kValidationTimeout);
+  const HttpResponse response = http("GET", "/models", nullptr, kValidationTimeout, {});
   if (response.status == 200) return std::nullopt;
   if (response.status == 401 || response.status == 403) return "rejected";
   return fmt::format("unreachable: HTTP {} {}", response.status,
@@ -126,13 +127,11 @@ std::optional<std::string> ChatClient::validate() try {
 }
 
 HttpResponse ChatClient::http(const char* method, const std::string& path,
-                              std::shared_ptr<const ByteBuffer> body, Duration timeout) {
+                              std::shared_ptr<const ByteBuffer> body, Duration timeout,
+                              const HttpMeanwhile& meanwhile) {
   HttpRequest request;
   request.method = method;
   request.url = base_ + path;
-  if (!HttpSession::isValidUrl(request.url)) {
-    throw LLMCallError("transient", "provider unreachable: bad URL", false);
-  }
   request.headers = {{"Authorization", "Bearer " + key_}, {"Accept", "application/json"}};
   if (body) request.headers.emplace_back("Content-Type", "application/json");
   request.body = std::move(body);
@@ -141,16 +140,12 @@ HttpResponse ChatClient::http(const char* method, const std::string& path,
   request.deadline = Clock::now() + timeout;
   request.maxBody = kLongestReply;
 
-  const HttpResult result =
-      session_->perform(std::move(request), [this](const std::shared_ptr<HttpTask>& task) {
-        MutexLock lock(lock_);
-        task_ = task;
-        if (cancelledEvent_.isSet()) task->cancel();
-      });
-  {
+  const auto enter = [this](const std::shared_ptr<HttpTask>& task) {
     MutexLock lock(lock_);
-    task_.reset();
-  }
+    task_ = task;
+    if (cancelledEvent_.isSet()) task->cancel();
+  };
+  const HttpResult result = session_->perform(std::move(request), enter, meanwhile);
   if (result.response) return *result.response;
   throwIfCancelled();
   if (!result.error) throw LLMCallError("transient", "provider unreachable: no response", true);

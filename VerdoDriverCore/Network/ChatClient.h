@@ -1,15 +1,15 @@
 #pragma once
 
+#include "VerdoDriverCore/Network/HttpSession.h"
+#include "VerdoDriverCore/Process/Sync.h"
+#include "VerdoDriverCore/Values/JV.h"
+#include "VerdoDriverCore/Values/PyError.h"
+
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
-
-#include "VerdoDriverCore/Network/HttpSession.h"
-#include "VerdoDriverCore/Process/Sync.h"
-#include "VerdoDriverCore/Values/JV.h"
-#include "VerdoDriverCore/Values/PyError.h"
 
 namespace verdo {
 
@@ -56,9 +56,10 @@ class ChatClient {
              std::shared_ptr<HttpSession> session);
 
   /// One completion within the payload's time budget ("timeout_seconds", 600 s when absent or
-  /// zero), with at most one retry, and none when less than 10 s are left. Throws LLMCallError or
-  /// LLMCancelled.
-  Completion complete(const JV& payload) EXCLUDES(lock_);
+  /// zero), with at most one retry, and none when less than 10 s are left. While the provider
+  /// thinks, the caller does `meanwhile`. Throws LLMCallError, LLMCancelled, or what `meanwhile`
+  /// throws.
+  Completion complete(const JV& payload, const HttpMeanwhile& meanwhile = {}) EXCLUDES(lock_);
   /// Asks the provider whether it takes the key. Absent when it does, else "rejected" or
   /// "unreachable: {reason}".
   std::optional<std::string> validate() EXCLUDES(lock_);
@@ -68,9 +69,10 @@ class ChatClient {
  private:
   using Clock = std::chrono::steady_clock;
 
-  Completion once(const JV& payload, Duration timeout);
+  Completion once(const JV& payload, Duration timeout, const HttpMeanwhile& meanwhile);
   HttpResponse http(const char* method, const std::string& path,
-                    std::shared_ptr<const ByteBuffer> body, Duration timeout) EXCLUDES(lock_);
+                    std::shared_ptr<const ByteBuffer> body, Duration timeout,
+                    const HttpMeanwhile& meanwhile) EXCLUDES(lock_);
   void throwIfCancelled() EXCLUDES(lock_);
 
   const std::string key_;
@@ -79,7 +81,8 @@ class ChatClient {
   const std::shared_ptr<HttpSession> session_;
   Event cancelledEvent_;
   Mutex lock_;
-  std::shared_ptr<HttpTask> task_ GUARDED_BY(lock_);
+  std::shared_ptr<HttpTask> task_
+      GUARDED_BY(lock_);  ///< the latest; cancelling an ended one is harmless
 };
 
 }  // namespace verdo

@@ -1,10 +1,10 @@
 #include "VerdoDriverCore/Network/ChatRequest.h"
 
-#include <fmt/format.h>
-
 #include "VerdoDriverCore/Values/JsonReader.h"
 #include "VerdoDriverCore/Values/PyValue.h"
 #include "VerdoDriverCore/Values/Utf8.h"
+
+#include <fmt/format.h>
 
 namespace verdo::ChatRequest {
 namespace {

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <string>
-
 #include "VerdoDriverCore/Values/PyError.h"
+
+#include <string>
 
 namespace verdo {
 
@@ -19,9 +19,12 @@ class ServerError : public Error {
   Kind kind() const { return kind_; }
   std::string pyName() const override {
     switch (kind_) {
-      case Kind::auth: return "AuthError";
-      case Kind::outOfDate: return "OutOfDateError";
-      case Kind::server: break;
+      case Kind::auth:
+        return "AuthError";
+      case Kind::outOfDate:
+        return "OutOfDateError";
+      case Kind::server:
+        break;
     }
     return "ServerError";
   }

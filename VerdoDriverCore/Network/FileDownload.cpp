@@ -1,13 +1,13 @@
 #include "VerdoDriverCore/Network/FileDownload.h"
 
+#include <cerrno>
+#include <new>
+#include <system_error>
+
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <openssl/evp.h>
 #include <unistd.h>
-
-#include <cerrno>
-#include <new>
-#include <system_error>
 
 namespace verdo {
 
@@ -31,8 +31,8 @@ bool FileDownload::onBytes(int status, std::string_view bytes) {
 }
 
 bool FileDownload::open() {
-  file_ = UniqueFd(
-      ::open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
+  file_ =
+      UniqueFd(::open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
   if (!file_) failure_.emplace("OSError", fmt::format("cannot write {}", path_));
   return static_cast<bool>(file_);
 }
@@ -43,8 +43,8 @@ bool FileDownload::writeAll(std::string_view bytes) {
     if (size >= 0) {
       bytes.remove_prefix(static_cast<std::size_t>(size));
     } else if (errno != EINTR) {
-      failure_.emplace("OSError", fmt::format("write failed: {}",
-                                              std::generic_category().message(errno)));
+      failure_.emplace("OSError",
+                       fmt::format("write failed: {}", std::generic_category().message(errno)));
       return false;
     }
   }

@@ -1,11 +1,11 @@
 #pragma once
 
-#include <optional>
-#include <string>
-
 #include "VerdoDriverCore/Network/HttpSession.h"
 #include "VerdoDriverCore/Process/UniqueFd.h"
 #include "VerdoDriverCore/Values/PyError.h"
+
+#include <optional>
+#include <string>
 
 struct evp_md_ctx_st;
 

@@ -1,12 +1,12 @@
 #include "VerdoDriverCore/Network/HttpSession.h"
 
-#include <curl/curl.h>
-
-#include <stdexcept>
-
 #include "VerdoDriverCore/Network/HttpSessionLoop.h"
 #include "VerdoDriverCore/Network/HttpTransfer.h"
 #include "VerdoDriverCore/Process/Sync.h"
+
+#include <stdexcept>
+
+#include <curl/curl.h>
 
 namespace verdo {
 namespace {
@@ -77,8 +77,9 @@ std::shared_ptr<HttpTask> HttpSession::task(HttpRequest request, Completion comp
   return std::make_shared<HttpTask>(loop_, std::move(transfer), identifier);
 }
 
-HttpResult HttpSession::perform(
-    HttpRequest request, const std::function<void(const std::shared_ptr<HttpTask>&)>& onTask) {
+HttpResult HttpSession::perform(HttpRequest request,
+                                const std::function<void(const std::shared_ptr<HttpTask>&)>& onTask,
+                                const HttpMeanwhile& meanwhile) {
   HttpResult result;
   Event ended;
   const auto started = task(std::move(request), [&](HttpResult outcome) {
@@ -87,6 +88,13 @@ HttpResult HttpSession::perform(
   });
   if (onTask) onTask(started);
   started->start();
+  try {
+    while (meanwhile.act && !ended.waitFor(meanwhile.every)) meanwhile.act();
+  } catch (...) {
+    started->cancel();
+    ended.wait();
+    throw;
+  }
   ended.wait();
   return result;
 }

@@ -1,5 +1,8 @@
 #pragma once
 
+#include "VerdoDriverCore/Process/Sync.h"
+#include "VerdoDriverCore/Values/ByteBuffer.h"
+
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -9,9 +12,6 @@
 #include <string_view>
 #include <utility>
 #include <vector>
-
-#include "VerdoDriverCore/Process/Sync.h"
-#include "VerdoDriverCore/Values/ByteBuffer.h"
 
 namespace verdo {
 
@@ -57,6 +57,12 @@ struct TransportError {
 struct HttpResult {
   std::optional<HttpResponse> response;
   std::optional<TransportError> error;
+};
+
+/// What the blocked caller of a request does from time to time while it waits.
+struct HttpMeanwhile {
+  std::chrono::steady_clock::duration every{};
+  std::function<void()> act;  ///< null: nothing; an exception ends the request and is passed on
 };
 
 class HttpSessionLoop;
@@ -112,7 +118,8 @@ class HttpSession {
   std::shared_ptr<HttpTask> task(HttpRequest request, Completion completion);
   /// Sends the request and blocks until it has ended. `onTask` is given the task before it starts.
   HttpResult perform(HttpRequest request,
-                     const std::function<void(const std::shared_ptr<HttpTask>&)>& onTask = {});
+                     const std::function<void(const std::shared_ptr<HttpTask>&)>& onTask = {},
+                     const HttpMeanwhile& meanwhile = {});
 
  private:
   Options options_;

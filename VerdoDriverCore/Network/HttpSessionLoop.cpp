@@ -1,11 +1,12 @@
 #include "VerdoDriverCore/Network/HttpSessionLoop.h"
 
+#include "VerdoDriverCore/Process/ThreadName.h"
+
 #include <algorithm>
 #include <chrono>
 #include <limits>
 #include <stdexcept>
-
-#include "VerdoDriverCore/Process/ThreadName.h"
+#include <system_error>
 
 namespace verdo {
 namespace {
@@ -14,12 +15,19 @@ namespace {
 /// this number even while it needs them.
 constexpr long kConnectionCache = 4096;
 
+constexpr std::chrono::milliseconds kShortestWait{0};
+constexpr std::chrono::milliseconds kLongestWait{std::numeric_limits<int>::max()};
+
 }  // namespace
 
 HttpSessionLoop::HttpSessionLoop() : multi_(curl_multi_init()) {
   if (!multi_) throw std::runtime_error("no memory for another network session");
   curl_multi_setopt(multi_.get(), CURLMOPT_PIPELINING, long{CURLPIPE_MULTIPLEX});
   curl_multi_setopt(multi_.get(), CURLMOPT_MAXCONNECTS, kConnectionCache);
+  curl_multi_setopt(multi_.get(), CURLMOPT_SOCKETFUNCTION, &HttpSessionLoop::onSocket);
+  curl_multi_setopt(multi_.get(), CURLMOPT_SOCKETDATA, this);
+  curl_multi_setopt(multi_.get(), CURLMOPT_TIMERFUNCTION, &HttpSessionLoop::onTimer);
+  curl_multi_setopt(multi_.get(), CURLMOPT_TIMERDATA, this);
   thread_ = std::thread([this] { run(); });
 }
 
@@ -31,21 +39,26 @@ std::int64_t HttpSessionLoop::nextIdentifier() {
 }
 
 std::unique_ptr<HttpTransfer> HttpSessionLoop::start(std::unique_ptr<HttpTransfer> transfer) {
+  bool first = false;
   {
     MutexLock lock(lock_);
     if (ending_) return transfer;
+    first = isMailboxEmpty();
     starting_.push_back(std::move(transfer));
   }
-  curl_multi_wakeup(multi_.get());
+  // Later mail is found by the wake-up that is on its way already.
+  if (first) poller_.wakeUp();
   return nullptr;
 }
 
 void HttpSessionLoop::cancel(std::int64_t identifier) {
+  bool first = false;
   {
     MutexLock lock(lock_);
+    first = isMailboxEmpty();
     cancelling_.push_back(identifier);
   }
-  curl_multi_wakeup(multi_.get());
+  if (first) poller_.wakeUp();
 }
 
 void HttpSessionLoop::shutDown() {
@@ -53,22 +66,47 @@ void HttpSessionLoop::shutDown() {
     MutexLock lock(lock_);
     ending_ = true;
   }
-  curl_multi_wakeup(multi_.get());
+  poller_.wakeUp();
   if (thread_.joinable()) thread_.join();
+}
+
+int HttpSessionLoop::onSocket(CURL*, curl_socket_t socket, int what, void* self, void*) {
+  auto& loop = *static_cast<HttpSessionLoop*>(self);
+  const bool read = what == CURL_POLL_IN || what == CURL_POLL_INOUT;
+  const bool write = what == CURL_POLL_OUT || what == CURL_POLL_INOUT;
+  try {
+    loop.poller_.watch(socket, read, write);
+    return 0;
+  } catch (const std::system_error&) {
+    return -1;  // libcurl fails the transfers of this multi handle rather than wait in vain
+  }
+}
+
+int HttpSessionLoop::onTimer(CURLM*, long milliseconds, void* self) {
+  auto& loop = *static_cast<HttpSessionLoop*>(self);
+  loop.curlTimer_.reset();
+  if (milliseconds >= 0) loop.curlTimer_ = Clock::now() + std::chrono::milliseconds(milliseconds);
+  return 0;
 }
 
 void HttpSessionLoop::run() {
   setThreadName("http");
   while (readMailbox()) {
-    int active = 0;
-    curl_multi_perform(multi_.get(), &active);
-    reportFinished();
-    const auto wait = expireOverdue() - Clock::now();
+    auto next = expireOverdue();
+    if (curlTimer_) next = std::min(next, *curlTimer_);
     // Rounded up, lest the loop spins through the last millisecond.
-    const auto milliseconds = std::chrono::ceil<std::chrono::milliseconds>(wait).count();
-    constexpr std::int64_t kLongest = std::numeric_limits<int>::max();
-    curl_multi_poll(multi_.get(), nullptr, 0,
-                    static_cast<int>(std::clamp<std::int64_t>(milliseconds, 0, kLongest)), nullptr);
+    const auto wait = std::chrono::ceil<std::chrono::milliseconds>(next - Clock::now());
+    const auto ready = poller_.wait(std::clamp(wait, kShortestWait, kLongestWait));
+    int active = 0;
+    for (const auto& [fd, readable, writable] : ready) {
+      const int events = (readable ? CURL_CSELECT_IN : 0) | (writable ? CURL_CSELECT_OUT : 0);
+      curl_multi_socket_action(multi_.get(), fd, events, &active);
+    }
+    if (curlTimer_ && *curlTimer_ <= Clock::now()) {
+      curlTimer_.reset();
+      curl_multi_socket_action(multi_.get(), CURL_SOCKET_TIMEOUT, 0, &active);
+    }
+    reportFinished();
   }
   while (!running_.empty()) remove(running_.begin()->first)->fail(TransportError::cancelled());
 }

@@ -1,20 +1,25 @@
 #pragma once
 
-#include <curl/curl.h>
+#include "VerdoDriverCore/Network/HttpTransfer.h"
+#include "VerdoDriverCore/Network/Poller.h"
+#include "VerdoDriverCore/Process/Sync.h"
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <thread>
 #include <unordered_map>
 #include <vector>
 
-#include "VerdoDriverCore/Network/HttpTransfer.h"
-#include "VerdoDriverCore/Process/Sync.h"
+#include <curl/curl.h>
 
 namespace verdo {
 
-/// The I/O thread of a session with libcurl's multi handle. Other threads hand it transfers and
-/// cancellations through a mailbox; transfers themselves are touched by this thread only.
+/// The I/O thread of a session with libcurl's multi handle. libcurl says which sockets to watch and
+/// when it wants to be called; a turn of the loop costs what has happened, however many transfers
+/// wait (curl_multi_perform and poll(2) would look at all of them each time). Other threads hand it
+/// transfers and cancellations through a mailbox; transfers themselves are touched by this thread
+/// only.
 class HttpSessionLoop {
  public:
   /// Throws std::runtime_error or std::system_error when there is no room for another thread.
@@ -43,13 +48,18 @@ class HttpSessionLoop {
     Looks::iterator look;
   };
 
+  static int onSocket(CURL* handle, curl_socket_t socket, int what, void* self, void* perSocket);
+  static int onTimer(CURLM* multi, long milliseconds, void* self);
+
   void run();
+  bool isMailboxEmpty() const REQUIRES(lock_) { return starting_.empty() && cancelling_.empty(); }
   bool readMailbox() EXCLUDES(lock_);
   void add(std::unique_ptr<HttpTransfer> transfer);
   void reportFinished();
   Clock::time_point expireOverdue();
   std::unique_ptr<HttpTransfer> remove(std::int64_t identifier);
 
+  Poller poller_;
   std::unique_ptr<CURLM, MultiFree> multi_;
   std::thread thread_;
 
@@ -60,6 +70,7 @@ class HttpSessionLoop {
   bool ending_ GUARDED_BY(lock_) = false;
 
   // The I/O thread's own.
+  std::optional<Clock::time_point> curlTimer_;  ///< when libcurl wants to be called next
   std::unordered_map<std::int64_t, Running> running_;
   Looks looks_;
 };

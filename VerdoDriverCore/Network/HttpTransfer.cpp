@@ -1,9 +1,11 @@
 #include "VerdoDriverCore/Network/HttpTransfer.h"
 
-#include <fmt/format.h>
+#include "VerdoDriverCore/Network/UrlHost.h"
 
 #include <algorithm>
 #include <new>
+
+#include <fmt/format.h>
 
 namespace verdo {
 namespace {
@@ -23,15 +25,8 @@ void addHeader(std::unique_ptr<curl_slist, CurlListFree>& list, const std::strin
 
 /// True for a URL of this very computer, which no proxy could reach, nor should hear of.
 bool isLoopback(const std::string& url) {
-  const std::unique_ptr<CURLU, void (*)(CURLU*)> parsed(curl_url(), &curl_url_cleanup);
-  char* host = nullptr;
-  if (!parsed || curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK ||
-      curl_url_get(parsed.get(), CURLUPART_HOST, &host, 0) != CURLUE_OK) {
-    return false;
-  }
-  const std::unique_ptr<char, void (*)(void*)> owner(host, &curl_free);
-  const std::string_view name = host;
-  return name == "127.0.0.1" || name == "localhost" || name == "[::1]";
+  const std::string_view host = hostOfUrl(url);
+  return host == "127.0.0.1" || host == "localhost" || host == "[::1]";
 }
 
 }  // namespace
@@ -57,13 +52,13 @@ HttpTransfer::HttpTransfer(HttpRequest req, HttpSession::Completion done,
   set(CURLOPT_QUICK_EXIT, 1L);  // cancelling must not wait for a name resolution
   set(CURLOPT_ERRORBUFFER, errorText);
   set(CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_2TLS});
-  // Share a connection that is being made, which TLS tells at once. Without TLS only the first reply
-  // would tell, and a long poll's comes late.
+  // Whether a connection can be shared, its TLS handshake tells at once. Without TLS only the first
+  // reply would tell, and a long poll's comes late.
   if (request.url.starts_with("https:")) set(CURLOPT_PIPEWAIT, 1L);
   set(CURLOPT_SSLVERSION, long{CURL_SSLVERSION_TLSv1_2});
   if (!options.caCertificates.empty()) {
-    curl_blob blob{const_cast<char*>(options.caCertificates.data()),
-                   options.caCertificates.size(), CURL_BLOB_NOCOPY};
+    curl_blob blob{const_cast<char*>(options.caCertificates.data()), options.caCertificates.size(),
+                   CURL_BLOB_NOCOPY};
     set(CURLOPT_CAINFO, static_cast<char*>(nullptr));
     set(CURLOPT_CAPATH, static_cast<char*>(nullptr));
     set(CURLOPT_CAINFO_BLOB, &blob);
@@ -78,8 +73,9 @@ HttpTransfer::HttpTransfer(HttpRequest req, HttpSession::Completion done,
     set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body->size()));
     set(CURLOPT_POSTFIELDS, request.body->view().data());
     // libcurl would otherwise name its own type, and ask before it sends a large body.
-    const bool hasType = std::any_of(request.headers.begin(), request.headers.end(),
-                                     [](const auto& header) { return header.first == "Content-Type"; });
+    const bool hasType =
+        std::any_of(request.headers.begin(), request.headers.end(),
+                    [](const auto& header) { return header.first == "Content-Type"; });
     if (!hasType) addHeader(headers, "Content-Type:");
     addHeader(headers, "Expect:");
     if (request.body->size() > kLargeBody) set(CURLOPT_UPLOAD_BUFFERSIZE, kUploadPiece);

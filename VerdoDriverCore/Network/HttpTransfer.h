@@ -1,12 +1,12 @@
 #pragma once
 
-#include <curl/curl.h>
+#include "VerdoDriverCore/Network/HttpSession.h"
 
 #include <memory>
 #include <optional>
 #include <string>
 
-#include "VerdoDriverCore/Network/HttpSession.h"
+#include <curl/curl.h>
 
 namespace verdo {
 

@@ -1,8 +1,8 @@
 #include "VerdoDriverCore/Network/LineBatch.h"
 
-#include <algorithm>
-
 #include "VerdoDriverCore/Values/JsonEscape.h"
+
+#include <algorithm>
 
 namespace verdo {
 namespace {

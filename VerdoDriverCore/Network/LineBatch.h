@@ -1,9 +1,9 @@
 #pragma once
 
+#include "VerdoDriverCore/Values/ByteBuffer.h"
+
 #include <cstddef>
 #include <string_view>
-
-#include "VerdoDriverCore/Values/ByteBuffer.h"
 
 namespace verdo {
 

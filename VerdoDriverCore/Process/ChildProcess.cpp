@@ -1,11 +1,11 @@
 #include "VerdoDriverCore/Process/ChildProcess.h"
 
+#include <cerrno>
+#include <thread>
+
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <cerrno>
-#include <thread>
 
 namespace verdo {
 namespace {
@@ -14,10 +14,13 @@ constexpr std::int32_t kUnknownStatus = -1;
 
 std::int32_t decode(const siginfo_t& info) {
   switch (info.si_code) {
-    case CLD_EXITED: return info.si_status;
+    case CLD_EXITED:
+      return info.si_status;
     case CLD_KILLED:
-    case CLD_DUMPED: return -info.si_status;
-    default: return kUnknownStatus;
+    case CLD_DUMPED:
+      return -info.si_status;
+    default:
+      return kUnknownStatus;
   }
 }
 

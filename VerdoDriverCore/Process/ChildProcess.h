@@ -1,13 +1,13 @@
 #pragma once
 
-#include <sys/types.h>
+#include "VerdoDriverCore/Process/Sync.h"
+#include "VerdoDriverCore/Process/UniqueFd.h"
 
 #include <chrono>
 #include <cstdint>
 #include <optional>
 
-#include "VerdoDriverCore/Process/Sync.h"
-#include "VerdoDriverCore/Process/UniqueFd.h"
+#include <sys/types.h>
 
 namespace verdo {
 
@@ -46,8 +46,8 @@ class ChildProcess {
   /// Blocks until the child has exited.
   std::int32_t wait() EXCLUDES(lock_);
 
-  /// Sends a signal to the child and its whole group, also after the child has exited. False when there is
-  /// nobody left to signal.
+  /// Sends a signal to the child and its whole group, also after the child has exited. False when
+  /// there is nobody left to signal.
   bool signalGroup(int signal) EXCLUDES(lock_);
   /// SIGTERM to the group; then SIGKILL, should the child not exit within the time. Blocks no
   /// longer than `timings` say; the child may not be dead yet when SIGKILL was needed.

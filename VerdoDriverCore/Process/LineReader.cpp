@@ -1,13 +1,13 @@
 #include "VerdoDriverCore/Process/LineReader.h"
 
-#include <poll.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <new>
+
+#include <poll.h>
+#include <unistd.h>
 
 namespace verdo {
 namespace {
@@ -122,9 +122,8 @@ void LineReader::run() {
 
 /// Blocks until there is something to read or room to write, or the thread shall stop.
 void LineReader::waitForWork() {
-  pollfd polled[3] = {{wakeUp_.readEnd.get(), POLLIN, 0},
-                      {source_.get(), POLLIN, 0},
-                      {sink_.get(), POLLOUT, 0}};
+  pollfd polled[3] = {
+      {wakeUp_.readEnd.get(), POLLIN, 0}, {source_.get(), POLLIN, 0}, {sink_.get(), POLLOUT, 0}};
   // Without memory for the wait there is nothing to go on with.
   if (::poll(polled, sink_ ? 3 : 2, -1) < 0 && errno != EINTR) abandoned_ = true;
 }

@@ -1,5 +1,8 @@
 #pragma once
 
+#include "VerdoDriverCore/Process/Sync.h"
+#include "VerdoDriverCore/Process/UniqueFd.h"
+
 #include <atomic>
 #include <cstddef>
 #include <functional>
@@ -9,9 +12,6 @@
 #include <string_view>
 #include <thread>
 #include <vector>
-
-#include "VerdoDriverCore/Process/Sync.h"
-#include "VerdoDriverCore/Process/UniqueFd.h"
 
 namespace verdo {
 
@@ -59,7 +59,8 @@ class LineReader {
   ~LineReader();
 
   /// Writes `text` to `sink` and then closes it, while lines are read and, if need be, after the
-  /// last one; an error (the child has closed its input) ends the writing silently. Call it before start(), if at all.
+  /// last one; an error (the child has closed its input) ends the writing silently. Call it before
+  /// start(), if at all.
   void feed(UniqueFd sink, std::string text);
   /// Starts the thread. Throws std::system_error.
   void start();

@@ -1,10 +1,10 @@
 #pragma once
 
+#include "VerdoDriverCore/Values/PyError.h"
+
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include "VerdoDriverCore/Values/PyError.h"
 
 /// Splits a command line into words with the quoting rules of a POSIX shell.
 namespace verdo::Shlex {

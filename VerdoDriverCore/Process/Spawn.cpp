@@ -1,12 +1,12 @@
 #include "VerdoDriverCore/Process/Spawn.h"
 
-#include <signal.h>
-#include <spawn.h>
-#include <unistd.h>
+#include "VerdoDriverCore/Process/SpawnPlatform.h"
 
 #include <system_error>
 
-#include "VerdoDriverCore/Process/SpawnPlatform.h"
+#include <signal.h>
+#include <spawn.h>
+#include <unistd.h>
 
 extern char** environ;
 

@@ -1,12 +1,12 @@
 #pragma once
 
+#include "VerdoDriverCore/Process/ChildProcess.h"
+#include "VerdoDriverCore/Values/PyError.h"
+
 #include <map>
 #include <memory>
 #include <string>
 #include <vector>
-
-#include "VerdoDriverCore/Process/ChildProcess.h"
-#include "VerdoDriverCore/Values/PyError.h"
 
 namespace verdo {
 
@@ -20,8 +20,7 @@ namespace Spawn {
 /// A child that could not be started. what() is "[Errno {code}] {strerror}: '{path}'".
 class Error : public verdo::Error {
  public:
-  Error(int code, const std::string& path)
-      : verdo::Error(pyErrnoText(code, path)), code_(code) {}
+  Error(int code, const std::string& path) : verdo::Error(pyErrnoText(code, path)), code_(code) {}
   std::string pyName() const override { return "OSError"; }
   /// The errno.
   int code() const { return code_; }

@@ -1,10 +1,10 @@
 #pragma once
 
+#include "VerdoDriverCore/Process/ThreadSafety.h"
+
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
-
-#include "VerdoDriverCore/Process/ThreadSafety.h"
 
 namespace verdo {
 

@@ -1,6 +1,6 @@
-#include <pthread.h>
-
 #include "VerdoDriverCore/Process/ThreadName.h"
+
+#include <pthread.h>
 
 namespace verdo {
 

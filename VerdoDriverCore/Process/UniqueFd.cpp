@@ -1,10 +1,10 @@
 #include "VerdoDriverCore/Process/UniqueFd.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <system_error>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace verdo {
 

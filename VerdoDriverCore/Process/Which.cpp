@@ -1,9 +1,9 @@
 #include "VerdoDriverCore/Process/Which.h"
 
+#include <cstdlib>
+
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <cstdlib>
 
 namespace verdo::Which {
 namespace {
@@ -26,7 +26,7 @@ std::vector<std::string> searchPieces(const std::optional<std::string>& path) {
 }  // namespace
 
 bool isExecutableFile(const std::string& path) {
-  struct stat status {};
+  struct stat status{};
   return ::stat(path.c_str(), &status) == 0 && !S_ISDIR(status.st_mode) &&
          ::access(path.c_str(), X_OK) == 0;
 }

@@ -1,14 +1,14 @@
 #include "VerdoDriverCore/Run/Driver.h"
 
-#include <fmt/format.h>
-
-#include <algorithm>
-#include <thread>
-
 #include "VerdoDriverCore/Contract/DriverConstants.h"
 #include "VerdoDriverCore/Contract/ExitReason.h"
 #include "VerdoDriverCore/Process/ThreadName.h"
 #include "VerdoDriverCore/Values/PyValue.h"
+
+#include <algorithm>
+#include <thread>
+
+#include <fmt/format.h>
 
 namespace verdo {
 namespace {
@@ -30,7 +30,7 @@ std::int32_t Driver::serve(std::optional<int> serveJobs, std::optional<Duration>
   Duration retryDelay = options_.timings.pollRetryFirst;
   int quickEmptyReplies = 0;
   while (!stopping_.isSet() && !tokenRevoked_.isSet()) {
-    if ((hasServed(serveJobs) && busyLanes().empty()) || isIdleFor(idleExit)) {
+    if ((hasServed(serveJobs) && workersNow().empty()) || isIdleFor(idleExit)) {
       stopping_.set();
       reaperEnded_.waitFor(options_.timings.shutdownPerWorker);
       return code(ExitReason::Kind::clean);
@@ -44,8 +44,8 @@ std::int32_t Driver::serve(std::optional<int> serveJobs, std::optional<Duration>
     const auto asked = Clock::now();
     const PollOutcome outcome = pollOnce(retryDelay);
     if (outcome == PollOutcome::ended) break;
-    const bool quick = outcome == PollOutcome::empty &&
-                       Clock::now() - asked < options_.timings.emptyPollQuick;
+    const bool quick =
+        outcome == PollOutcome::empty && Clock::now() - asked < options_.timings.emptyPollQuick;
     quickEmptyReplies = quick ? quickEmptyReplies + 1 : 0;
     if (quickEmptyReplies >= 2) stopping_.waitFor(options_.timings.emptyPollPause);
   }
@@ -70,7 +70,8 @@ Driver::PollOutcome Driver::pollOnce(Duration& retryDelay) {
         log_->error(failure.what());
         outOfDate_.set();
         return PollOutcome::ended;
-      case ServerError::Kind::server: break;
+      case ServerError::Kind::server:
+        break;
     }
     return waitAfterFailure(failure, retryDelay) ? PollOutcome::served : PollOutcome::ended;
   }
@@ -101,7 +102,7 @@ bool Driver::accept(const JV& reply) {
     log_->warn("poll returned a job without a usable job_id — ignoring it");
     return false;
   }
-  if (busyLanes().contains(job->lane)) {
+  if (isBusy(job->lane)) {
     log_->warn(fmt::format("job {}: lane {} already busy here — refusing", job->id, job->lane));
     return false;
   }
@@ -245,8 +246,8 @@ void Driver::reapIdle() {
     spaceSeen_.erase(name);
   }
   if (!closed.empty()) {
-    log_->info(fmt::format("idle reaper closed {} space(s): {}", closed.size(),
-                           fmt::join(closed, ", ")));
+    log_->info(
+        fmt::format("idle reaper closed {} space(s): {}", closed.size(), fmt::join(closed, ", ")));
   }
 }
 
@@ -271,10 +272,17 @@ Driver::Workers Driver::workersNow() {
   return workers_;
 }
 
-std::set<std::string> Driver::busyLanes() {
-  std::set<std::string> lanes;
-  for (const auto& [lane, worker] : workersNow()) lanes.insert(lane);
+std::vector<std::string> Driver::busyLanes() {
+  MutexLock lock(guardLock_);
+  std::vector<std::string> lanes;
+  lanes.reserve(workers_.size());
+  for (const auto& [lane, worker] : workers_) lanes.push_back(lane);
   return lanes;
+}
+
+bool Driver::isBusy(const std::string& lane) {
+  MutexLock lock(guardLock_);
+  return workers_.contains(lane);
 }
 
 std::set<std::string> Driver::ownedSpaces() {
@@ -288,8 +296,7 @@ std::set<std::string> Driver::ownedSpaces() {
 void Driver::reportBusyLanes() {
   const auto observer = observer_.lock();
   if (!observer) return;
-  const auto lanes = busyLanes();
-  observer->driverBusyLanesChanged({lanes.begin(), lanes.end()});
+  observer->driverBusyLanesChanged(busyLanes());
 }
 
 }  // namespace verdo

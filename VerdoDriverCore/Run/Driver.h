@@ -1,5 +1,10 @@
 #pragma once
 
+#include "VerdoDriverCore/Contract/DriverObserver.h"
+#include "VerdoDriverCore/Jobs/JobHost.h"
+#include "VerdoDriverCore/Jobs/Worker.h"
+#include "VerdoDriverCore/Run/SpacePattern.h"
+
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -7,11 +12,6 @@
 #include <set>
 #include <string>
 #include <vector>
-
-#include "VerdoDriverCore/Contract/DriverObserver.h"
-#include "VerdoDriverCore/Jobs/JobHost.h"
-#include "VerdoDriverCore/Jobs/Worker.h"
-#include "VerdoDriverCore/Run/SpacePattern.h"
 
 namespace verdo {
 
@@ -77,7 +77,8 @@ class Driver : public JobHost, public std::enable_shared_from_this<Driver> {
   void startWorker(Job job) EXCLUDES(guardLock_);
   std::int32_t shutdown() EXCLUDES(guardLock_);
   void startReaper();
-  std::set<std::string> busyLanes() EXCLUDES(guardLock_);
+  std::vector<std::string> busyLanes() EXCLUDES(guardLock_);
+  bool isBusy(const std::string& lane) EXCLUDES(guardLock_);
   std::set<std::string> ownedSpaces() EXCLUDES(guardLock_);
   Workers workersNow() EXCLUDES(guardLock_);
   void reportBusyLanes() EXCLUDES(guardLock_);

@@ -1,11 +1,11 @@
 #include "VerdoDriverCore/Run/Log.h"
 
-#include <fmt/format.h>
-#include <unistd.h>
+#include "VerdoDriverCore/Values/Utf8.h"
 
 #include <cerrno>
 
-#include "VerdoDriverCore/Values/Utf8.h"
+#include <fmt/format.h>
+#include <unistd.h>
 
 namespace verdo {
 namespace {
@@ -37,13 +37,12 @@ void StderrLogSink::warn(const std::string& text) { write("33", "!", text); }
 void StderrLogSink::error(const std::string& text) { write("31", "✗", text); }
 
 void StderrLogSink::write(const char* color, const char* sign, const std::string& text) {
-  const std::string line = tty_ ? fmt::format("\x1b[{}m{} \x1b[0m{}\n", color, sign,
-                                              withoutControls(text))
-                                : fmt::format("{} {}\n", sign, withoutControls(text));
+  const std::string line =
+      tty_ ? fmt::format("\x1b[{}m{} \x1b[0m{}\n", color, sign, withoutControls(text))
+           : fmt::format("{} {}\n", sign, withoutControls(text));
   MutexLock lock(lock_);
   for (std::size_t written = 0; written < line.size();) {
-    const ssize_t size =
-        ::write(STDERR_FILENO, line.data() + written, line.size() - written);
+    const ssize_t size = ::write(STDERR_FILENO, line.data() + written, line.size() - written);
     if (size >= 0) {
       written += static_cast<std::size_t>(size);
     } else if (errno != EINTR) {

@@ -1,10 +1,10 @@
 #pragma once
 
-#include <optional>
-#include <string>
-
 #include "VerdoDriverCore/Contract/LogSink.h"
 #include "VerdoDriverCore/Process/Sync.h"
+
+#include <optional>
+#include <string>
 
 namespace verdo {
 

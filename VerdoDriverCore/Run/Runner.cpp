@@ -1,11 +1,5 @@
 #include "VerdoDriverCore/Run/Runner.h"
 
-#include <fmt/format.h>
-#include <signal.h>
-
-#include <algorithm>
-#include <cstdlib>
-
 #include "VerdoDriverCore/Contract/DriverConstants.h"
 #include "VerdoDriverCore/Contract/Protocol.h"
 #include "VerdoDriverCore/Contract/ServerURLPolicy.h"
@@ -13,10 +7,17 @@
 #include "VerdoDriverCore/Network/Api.h"
 #include "VerdoDriverCore/Network/CertificateFile.h"
 #include "VerdoDriverCore/Network/ChatClient.h"
+#include "VerdoDriverCore/Network/UrlHost.h"
 #include "VerdoDriverCore/Process/Shlex.h"
 #include "VerdoDriverCore/Process/Which.h"
 #include "VerdoDriverCore/Run/Driver.h"
 #include "VerdoDriverCore/Values/PyValue.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+#include <fmt/format.h>
+#include <signal.h>
 
 namespace verdo {
 
@@ -160,10 +161,14 @@ ExitReason DriverRunner::runImpl() {
   const auto idleExit =
       config_.idleExit ? std::optional(fromSeconds(*config_.idleExit)) : std::nullopt;
   switch (driver->serve(config_.serveJobs, idleExit)) {
-    case 0: return ExitReason::clean();
-    case 3: return ExitReason::tokenRevoked(DriverConstants::tokenRevokedMessage);
-    case 6: return ExitReason::outOfDate(DriverConstants::outOfDateHint);
-    default: return ExitReason::stopped();
+    case 0:
+      return ExitReason::clean();
+    case 3:
+      return ExitReason::tokenRevoked(DriverConstants::tokenRevokedMessage);
+    case 6:
+      return ExitReason::outOfDate(DriverConstants::outOfDateHint);
+    default:
+      return ExitReason::stopped();
   }
 }
 
@@ -177,10 +182,10 @@ std::shared_ptr<Api> DriverRunner::makeApi(const std::string& server) {
   options.throttlePause = timings_.throttlePause;
   // The key itself stays here.
   const bool hasKey = !config_.llmKey.empty();
-  options.llmInfo = JV::Object{
-      {"present", hasKey},
-      {"last4", hasKey ? JV(DriverConstants::lastFour(config_.llmKey)) : JV()},
-      {"base_url", config_.llmBase}};
+  options.llmInfo =
+      JV::Object{{"present", hasKey},
+                 {"last4", hasKey ? JV(DriverConstants::lastFour(config_.llmKey)) : JV()},
+                 {"base_url", config_.llmBase}};
   return std::make_shared<Api>(std::move(options), std::make_shared<HttpSession>(session));
 }
 
@@ -196,7 +201,8 @@ std::optional<ExitReason> DriverRunner::sayHello(Api& api, Hello& hello) {
       case ServerError::Kind::outOfDate:
         return ExitReason::outOfDate(
             fmt::format("{}\n{}", error.what(), DriverConstants::outOfDateHint));
-      case ServerError::Kind::server: break;
+      case ServerError::Kind::server:
+        break;
     }
     return ExitReason::serverUnreachable(error.what());
   }
@@ -242,20 +248,21 @@ std::optional<ExitReason> DriverRunner::checkKey(const std::string& envFile) {
     return ExitReason::badConfig("--check-llm: no LLM key — " +
                                  howToGive(DriverConstants::llmKeyEnv, envFile));
   }
-  log_->warn("llm key  : none — browser jobs only (enrich/apply stay off until a key is installed)");
+  log_->warn(
+      "llm key  : none — browser jobs only (enrich/apply stay off until a key is installed)");
   return std::nullopt;
 }
 
-/// Asks the provider about the key. Gives the reason when the run ends there; a provider that cannot
-/// be asked does not end it.
+/// Asks the provider about the key. Gives the reason when the run ends there; a provider that
+/// cannot be asked does not end it.
 std::optional<ExitReason> DriverRunner::validateKey() {
   const std::string host = hostname(config_.llmBase);
   const std::string last = DriverConstants::lastFour(config_.llmKey);
   std::optional<std::string> problem;
   try {
-    const auto client =
-        std::make_shared<ChatClient>(config_.llmKey, config_.llmBase, [](const std::string&) {},
-                                     std::make_shared<HttpSession>());
+    const auto client = std::make_shared<ChatClient>(
+        config_.llmKey, config_.llmBase, [](const std::string&) {},
+        std::make_shared<HttpSession>());
     {
       MutexLock lock(lock_);
       keyCheck_ = client;
@@ -328,14 +335,8 @@ void DriverRunner::killJobsNow() {
 }
 
 std::string DriverRunner::hostname(const std::string& url) {
-  const auto scheme = url.find("://");
-  const auto begin = scheme == std::string::npos ? 0 : scheme + 3;
-  std::string host = url.substr(begin, url.find_first_of("/?#", begin) - begin);
-  if (const auto user = host.rfind('@'); user != std::string::npos) host.erase(0, user + 1);
-  // A colon inside the brackets of an IPv6 address does not begin a port.
-  const auto port = host.find(':', host.starts_with('[') ? host.find(']') : 0);
-  if (port != std::string::npos) host.erase(port);
-  return host.empty() ? url : host;
+  const std::string_view host = hostOfUrl(url);
+  return host.empty() ? url : std::string(host);
 }
 
 Environment DriverRunner::childEnvironment(const std::string& execPath,

@@ -1,10 +1,5 @@
 #pragma once
 
-#include <memory>
-#include <optional>
-#include <string>
-#include <vector>
-
 #include "VerdoDriverCore/Contract/DriverConfig.h"
 #include "VerdoDriverCore/Contract/DriverObserver.h"
 #include "VerdoDriverCore/Contract/ExitReason.h"
@@ -12,6 +7,11 @@
 #include "VerdoDriverCore/Contract/Timings.h"
 #include "VerdoDriverCore/Process/Spawn.h"
 #include "VerdoDriverCore/Process/Sync.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
 
 namespace verdo {
 
@@ -35,7 +35,8 @@ class DriverRunner {
   /// Makes run() return soon, having ended its jobs; a run that has not begun will not serve.
   /// Never waits. Any thread may call it, at any time, again and again.
   void stop() EXCLUDES(lock_);
-  /// SIGKILL to the processes of all jobs, for a caller that is about to exit. Any thread may call it.
+  /// SIGKILL to the processes of all jobs, for a caller that is about to exit. Any thread may call
+  /// it.
   void killJobsNow() EXCLUDES(lock_);
 
   /// The host of a URL, for messages; the text itself when it has none.

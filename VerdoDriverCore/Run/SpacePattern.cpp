@@ -1,11 +1,11 @@
 #define PCRE2_CODE_UNIT_WIDTH 8
 #include "VerdoDriverCore/Run/SpacePattern.h"
 
-#include <pcre2.h>
+#include "VerdoDriverCore/Values/PyError.h"
 
 #include <array>
 
-#include "VerdoDriverCore/Values/PyError.h"
+#include <pcre2.h>
 
 namespace verdo {
 namespace {
@@ -19,10 +19,10 @@ constexpr std::uint32_t kHeapLimit = 1024;  // KiB
 SpacePattern::SpacePattern(std::string_view pattern) {
   int error = 0;
   PCRE2_SIZE offset = 0;
-  code_.reset(pcre2_compile(reinterpret_cast<PCRE2_SPTR>(pattern.data()), pattern.size(),
-                            PCRE2_UTF | PCRE2_UCP | PCRE2_MATCH_INVALID_UTF, &error, &offset,
-                            nullptr),
-              &pcre2_code_free);
+  code_.reset(
+      pcre2_compile(reinterpret_cast<PCRE2_SPTR>(pattern.data()), pattern.size(),
+                    PCRE2_UTF | PCRE2_UCP | PCRE2_MATCH_INVALID_UTF, &error, &offset, nullptr),
+      &pcre2_code_free);
   if (code_) return;
   std::array<PCRE2_UCHAR, 128> text{};
   pcre2_get_error_message(error, text.data(), text.size());

@@ -14,8 +14,7 @@ namespace verdo {
 class SpacePattern {
  public:
   /// What names a driver's spaces when the service says nothing.
-  static constexpr const char* kDefault =
-      "^(u\\d+-|replay-|apply-|audit-|agent-|co-sweep-|co-id-)";
+  static constexpr const char* kDefault = "^(u\\d+-|replay-|apply-|audit-|agent-|co-sweep-|co-id-)";
 
   /// Throws PyError "re.error" with the reason when the pattern does not compile.
   explicit SpacePattern(std::string_view pattern = kDefault);

@@ -1,10 +1,10 @@
 #include "VerdoDriverCore/Values/JsonEscape.h"
 
+#include "VerdoDriverCore/Values/Utf8.h"
+
 #include <bit>
 #include <cstdint>
 #include <cstring>
-
-#include "VerdoDriverCore/Values/Utf8.h"
 
 namespace verdo {
 namespace {
@@ -66,14 +66,22 @@ char* putUnit(std::uint32_t unit, char* out) {
 /// The letter behind the backslash, or 0 for a character without a short escape.
 char shortEscape(char32_t character) {
   switch (character) {
-    case '\b': return 'b';
-    case '\t': return 't';
-    case '\n': return 'n';
-    case '\f': return 'f';
-    case '\r': return 'r';
-    case '"': return '"';
-    case '\\': return '\\';
-    default: return 0;
+    case '\b':
+      return 'b';
+    case '\t':
+      return 't';
+    case '\n':
+      return 'n';
+    case '\f':
+      return 'f';
+    case '\r':
+      return 'r';
+    case '"':
+      return '"';
+    case '\\':
+      return '\\';
+    default:
+      return 0;
   }
 }
 

@@ -1,16 +1,16 @@
 #include "VerdoDriverCore/Values/JsonReader.h"
 
-#include <fmt/format.h>
+#include "VerdoDriverCore/Values/PyError.h"
+#include "VerdoDriverCore/Values/Utf8.h"
 
 #include <limits>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
-#include "VerdoDriverCore/Values/PyError.h"
-#include "VerdoDriverCore/Values/Utf8.h"
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 namespace verdo {
 namespace {

@@ -1,9 +1,9 @@
 #pragma once
 
+#include "VerdoDriverCore/Values/JV.h"
+
 #include <cstddef>
 #include <string_view>
-
-#include "VerdoDriverCore/Values/JV.h"
 
 namespace verdo {
 

@@ -1,12 +1,12 @@
 #include "VerdoDriverCore/Values/PyError.h"
 
-#include <cxxabi.h>
-#include <fmt/format.h>
-
 #include <cstdlib>
 #include <memory>
 #include <system_error>
 #include <typeinfo>
+
+#include <cxxabi.h>
+#include <fmt/format.h>
 
 namespace verdo {
 

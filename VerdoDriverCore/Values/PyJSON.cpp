@@ -1,10 +1,10 @@
 #include "VerdoDriverCore/Values/PyJSON.h"
 
+#include "VerdoDriverCore/Values/JsonEscape.h"
+
 #include <array>
 #include <charconv>
 #include <cmath>
-
-#include "VerdoDriverCore/Values/JsonEscape.h"
 
 namespace verdo::PyJSON {
 void writeString(std::string_view text, std::string& out) {
@@ -21,9 +21,9 @@ std::string pyFloat(double value) {
   if (std::isnan(value)) return "NaN";
   if (std::isinf(value)) return value > 0 ? "Infinity" : "-Infinity";
   std::array<char, 32> buffer;
-  const auto end =
-      std::to_chars(buffer.data(), buffer.data() + buffer.size(), value, std::chars_format::scientific)
-          .ptr;
+  const auto end = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value,
+                                 std::chars_format::scientific)
+                       .ptr;
   const std::string_view scientific(buffer.data(), static_cast<std::size_t>(end - buffer.data()));
   const auto mark = scientific.find('e');
   int exponent = 0;

@@ -1,9 +1,9 @@
 #pragma once
 
+#include "VerdoDriverCore/Values/JV.h"
+
 #include <string>
 #include <string_view>
-
-#include "VerdoDriverCore/Values/JV.h"
 
 /// JSON and quoted texts laid out byte for byte as Python's json.dumps and repr lay them out: the
 /// service and its users compare such texts.

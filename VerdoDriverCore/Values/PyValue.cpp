@@ -1,8 +1,8 @@
 #include "VerdoDriverCore/Values/PyValue.h"
 
-#include <charconv>
-
 #include "VerdoDriverCore/Values/PyJSON.h"
+
+#include <charconv>
 
 namespace verdo {
 

@@ -1,10 +1,10 @@
 #pragma once
 
+#include "VerdoDriverCore/Values/JV.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
-
-#include "VerdoDriverCore/Values/JV.h"
 
 namespace verdo {
 

@@ -1,15 +1,15 @@
 // The least that holds a long poll with libcurl: what the driver's idle memory is compared with.
 // Usage: verdo-bench-client URL TOKEN
-#include <curl/curl.h>
-
 #include <memory>
 #include <string>
+
+#include <curl/curl.h>
 
 int main(int argc, char** argv) {
   if (argc != 3) return 2;
   curl_global_init(CURL_GLOBAL_DEFAULT);
   const std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> handle(curl_easy_init(),
-                                                                    &curl_easy_cleanup);
+                                                                   &curl_easy_cleanup);
   const std::string authorization = std::string("Authorization: Bearer ") + argv[2];
   const std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> headers(
       curl_slist_append(curl_slist_append(nullptr, authorization.c_str()),

@@ -109,6 +109,16 @@ TEST_F(Faulty, LostPollReplyKeepsTheLeaseAndAFaultedPollTakesNone) {
       {.endpoint = "poll", .count = 1, .delivery = Delivery::close, .processed = true});
   EXPECT_EQ(Driver(service).poll().end, Seen::End::closed);
   EXPECT_EQ(service.job(id)->state, JobState::leased);
+
+  // The same when the client does not wait for the late reply.
+  const auto second = service.addJob();
+  service.addFault({.endpoint = "poll", .delay = 60s, .processed = true});
+  Driver leaving(service);
+  leaving.start("GET", "/api/driver/poll?wait=0");
+  ASSERT_TRUE(service.waitFor(second, JobState::leased, 5s));
+  leaving.client().close();
+  ASSERT_TRUE(service.waitForHangUps("poll", 1, 5s));
+  EXPECT_EQ(service.job(second)->state, JobState::leased);
 }
 
 TEST_F(Faulty, FaultsPickTheirRequests) {

@@ -56,7 +56,7 @@ TEST_F(ApiRequests, HeadersOrBodiesDifferFromTheProtocol) {
 
 TEST_F(ApiRequests, LanesAreNamedInAQueryThatMeansSomethingElse) {
   struct Case {
-    std::set<std::string> lanes;
+    std::vector<std::string> lanes;
     const char* query;
   };
   const Case cases[] = {

@@ -1,10 +1,10 @@
-#include <gmock/gmock.h>
-#include <signal.h>
+#include "tests/Support/Misbehaviour.h"
 
 #include <string>
 #include <vector>
 
-#include "tests/Support/Misbehaviour.h"
+#include <gmock/gmock.h>
+#include <signal.h>
 
 int main(int argc, char** argv) {
   if (argc > 2 && std::string(argv[1]) == "--misbehave") {

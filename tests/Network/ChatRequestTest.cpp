@@ -1,0 +1,123 @@
+#include "VerdoDriverCore/Jobs/LLMLines.h"
+#include "VerdoDriverCore/Network/ChatRequest.h"
+#include "VerdoDriverCore/Values/JsonReader.h"
+#include "VerdoDriverCore/Values/PyJSON.h"
+
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+
+namespace verdo::test {
+namespace {
+
+/// How the reading of a reply ends: "text|model|usage", or "category retryable?: message".
+std::string outcome(int status, const std::string& body) {
+  try {
+    const auto completion = ChatRequest::read({status, body}, parseJson(R"({"model": "asked"})"));
+    return fmt::format("{}|{}|{}", completion.text, completion.model,
+                       completion.usage ? PyJSON::text(*completion.usage) : "none");
+  } catch (const LLMCallError& error) {
+    return fmt::format("{}{}: {}", error.category(), error.isRetryable() ? " retryable" : "",
+                       error.what());
+  }
+}
+
+TEST(ChatRequest, SendsWhatThePayloadDidNotAskFor) {
+  const std::pair<const char*, const char*> table[] = {
+      {R"({"model": "m", "prompt": "p"})",
+       R"({"model": "m", "messages": [{"role": "user", "content": "p"}], "stream": false})"},
+      {R"({"model": "m", "prompt": "é", "system": "s", "max_tokens": "12", "temperature": 1,
+           "json_mode": 1, "thinking": false, "reasoning_effort": "high"})",
+       R"({"model": "m", "messages": [{"role": "system", "content": "s"}, )"
+       R"({"role": "user", "content": "\u00e9"}], "max_tokens": 12, "temperature": 1.0, )"
+       R"("stream": false, "response_format": {"type": "json_object"}, )"
+       R"("thinking": {"type": "disabled"}, "reasoning_effort": "high"})"},
+      {R"({"model": "m", "prompt": "p", "system": "", "max_tokens": 0, "temperature": null,
+           "json_mode": "", "thinking": true})",
+       R"({"model": "m", "messages": [{"role": "user", "content": "p"}], "stream": false, )"
+       R"("thinking": {"type": "enabled"}})"},
+      {R"({"model": "m", "prompt": "p", "max_tokens": 1.5, "temperature": true,
+           "thinking": null, "reasoning_effort": null})",
+       R"({"model": "m", "messages": [{"role": "user", "content": "p"}], "stream": false})"}};
+  for (const auto& [payload, body] : table) {
+    EXPECT_EQ(PyJSON::text(ChatRequest::body(parseJson(payload))), body);
+  }
+}
+
+TEST(ChatRequest, MisjudgesAReply) {
+  const std::string longBody(500, 'x');
+  const std::string cut(200, 'x');
+  const struct {
+    int status;
+    std::string body;
+    std::string expected;
+  } table[] = {
+      {200, R"({"choices": [{"message": {"content": "hi"}}], "model": "m", "usage": {"n": 1}})",
+       R"(hi|m|{"n": 1})"},
+      {200, R"({"choices": [{"message": {"content": "hi"}}]})", "hi|asked|none"},
+      {401, "", "permission: provider rejected the key (HTTP 401)"},
+      {403, "", "permission: provider rejected the key (HTTP 403)"},
+      {429, longBody, "transient retryable: provider HTTP 429: " + cut},
+      {500, "\xff", "transient retryable: provider HTTP 500: \xEF\xBF\xBD"},
+      {503, "", "transient retryable: provider HTTP 503: "},
+      {404, "no", "validation: provider HTTP 404: no"},
+      {204, "", "transient: unexpected provider HTTP 204"},
+      {302, "", "transient: unexpected provider HTTP 302"},
+      {200, "[]", "transient retryable: unreadable provider reply: JSON value is not an object"},
+      {200, R"({"choices": [{"finish_reason": "length", "message": {"content": ""}}]})",
+       "config: empty completion (finish_reason=length) — raise the role's max_tokens or disable "
+       "thinking"},
+      {200, R"({"choices": [{"finish_reason": "stop", "message": {"content": null}}]})",
+       "transient retryable: empty completion (finish_reason=stop)"},
+      {200, R"({"choices": []})", "transient retryable: empty completion (finish_reason=None)"},
+      {200, R"({"choices": {"0": 1}})",
+       "transient retryable: empty completion (finish_reason=None)"},
+      {200, R"({"choices": [[1]]})", "transient retryable: empty completion (finish_reason=None)"},
+  };
+  for (const auto& row : table) EXPECT_EQ(outcome(row.status, row.body), row.expected);
+  EXPECT_THAT(outcome(200, "{"),
+              testing::StartsWith("transient retryable: unreadable provider reply: "));
+}
+
+TEST(LLMLines, AcceptsABadPayloadOrHidesWhatIsWrong) {
+  const std::pair<const char*, const char*> table[] = {
+      {"", "Expecting value: line 1 column 1 (char 0)"},
+      {"{\"v\": 1,", "Expecting value: line 1 column 1 (char 0)"},
+      {"[1]", "payload is not a JSON object"},
+      {R"({})", "unsupported payload version 'None'"},
+      {R"({"v": true})", "unsupported payload version 'True'"},
+      {R"({"v": 2})", "unsupported payload version '2'"},
+      {R"({"v": "1"})", "unsupported payload version '1'"},
+      {R"({"v": 1, "prompt": "p"})", "missing model"},
+      {R"({"v": 1.0, "model": "m", "prompt": ""})", "missing prompt"}};
+  for (const auto& [payload, message] : table) {
+    try {
+      LLMLines::parsePayload(payload);
+      ADD_FAILURE() << payload << " was accepted";
+    } catch (const PyError& error) {
+      EXPECT_EQ(pyDescribe(error), std::string("ValueError: ") + message);
+    }
+  }
+  EXPECT_NO_THROW(LLMLines::parsePayload(R"({"v": 1, "model": "m", "prompt": "p"})"));
+}
+
+TEST(LLMLines, LosesBytesBetweenChunks) {
+  for (const std::size_t size : {0u, 1u, 5999u, 6000u, 6001u, 9000u, 12000u}) {
+    std::vector<std::string> lines;
+    LLMLines::chunk(std::string(size, 'a'),
+                    [&](std::string_view line) { lines.emplace_back(line); });
+    ASSERT_EQ(lines.size(), (size + 5999) / 6000) << size;
+    std::size_t characters = 0;
+    for (const auto& line : lines) {
+      ASSERT_TRUE(line.starts_with("__LLMCHUNK__"));
+      EXPECT_LE(line.size(), 12u + 8000u);
+      if (&line != &lines.back()) {
+        EXPECT_EQ(line.size(), 12u + 8000u);
+      }
+      characters += line.size() - 12;
+    }
+    EXPECT_EQ(characters, (size + 2) / 3 * 4);
+  }
+}
+
+}  // namespace
+}  // namespace verdo::test
