@@ -3,6 +3,7 @@
 //
 // Usage: node demo/demo.mjs PROGRAM_DIRECTORY
 import { execFileSync } from 'node:child_process'
+import { randomUUID } from 'node:crypto'
 import { mkdtempSync, readFileSync, rmSync } from 'node:fs'
 import { tmpdir } from 'node:os'
 import { join } from 'node:path'
@@ -23,13 +24,14 @@ const runtime = mkdtempSync(join(tmpdir(), 'verdo-demo-'))
 process.env.XDG_RUNTIME_DIR = runtime
 
 async function main() {
-  const service = await Service.start(processes, `${programs}/verdo-local-service`)
+  const providerKey = randomUUID()
+  const service = await Service.start(processes, `${programs}/verdo-local-service`, providerKey)
   const page = await servePage(source('page.html'))
   console.log(`local service on ${service.url}`)
   processes.start('driver', `${programs}/verdo-driver`, [
-    '--server', service.url, '--exec', 'verdo-browser nodejs', '--extra-path', programs,
+    '--server', service.url, '--llm-base', service.provider, '--check-llm', '--exec', 'verdo-browser nodejs', '--extra-path', programs,
     '--color', process.stdout.isTTY ? 'always' : 'never',
-  ], { env: { ...process.env, VERDO_DRIVER_TOKEN: service.token }, show: true })
+  ], { env: { ...process.env, VERDO_DRIVER_TOKEN: service.token, VERDO_LLM_API_KEY: providerKey }, show: true })
 
   const rows = []
   const run = async (title, job, check, meanwhile = async () => {}) => {
@@ -66,9 +68,28 @@ async function main() {
       await service.cancel(id)
     })
 
+  await service.addProviderRule({ match: 'forbidden', status: 401 })
+  await service.addProviderRule({ match: 'endless', never: true })
+  const ask = (prompt) => ({ kind: 'llm',
+    payload: JSON.stringify({ v: 1, role: 'demo', model: 'demo-model', prompt }) })
+  const result = (job, lines) => JSON.parse(/^__LLMEND__(.*)$/.exec(lines.at(-1))[1])
+  await Promise.all([
+    run('asks the provider', ask('How are you?'),
+      (job, lines) => job.exit_code === 0 && result(job, lines).ok),
+    run('is refused by the provider', ask('a forbidden question'),
+      (job, lines) => job.exit_code === 1 && result(job, lines).category === 'permission'),
+    run('is cancelled in flight', ask('an endless question'),
+      (job) => job.cancelled && job.line_count === 0,
+      async (id) => {
+        await service.waitUntilLeased(id)
+        console.log('-- cancelling the endless call')
+        await service.cancel(id)
+      }),
+  ])
+
   const status = await processes.stop('driver')
   if (status !== 130) failures.push(`the driver ended with status ${status}, not 130`)
-  console.log(`\n${resultTable(rows)}`)
+  console.log(`\n${resultTable(rows.sort((a, b) => a.id - b.id))}`)
 }
 
 try {

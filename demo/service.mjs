@@ -2,30 +2,32 @@ import { createInterface } from 'node:readline'
 
 const kStartLimit = 10_000 // ms
 const kJobLimit = 90 // s
+const kShownLine = 160 // characters
 
 /** The running local service, spoken to through its control interface. */
 export class Service {
-  constructor(url, token) {
+  constructor(url, token, provider) {
     this.url = url
     this.token = token
+    this.provider = provider // base URL of the LLM provider's stand-in
   }
 
-  static async start(processes, program) {
-    const { child, ended } = processes.start('service', program, ['--port', '0'])
+  static async start(processes, program, providerKey) {
+    const { child, ended } = processes.start('service', program, ['--port', '0', '--provider-key', providerKey])
     const announced = {}
     const lines = createInterface({ input: child.stdout })
     const ready = new Promise((resolve) => {
       lines.on('line', (line) => {
-        const [, key, value] = /^(listening on|token) (\S+)$/.exec(line) ?? []
+        const [, key, value] = /^(listening on|token|provider) (\S+)$/.exec(line) ?? []
         announced[key] = value
-        if (announced['listening on'] && announced.token) resolve(true)
+        if (announced['listening on'] && announced.token && announced.provider) resolve(true)
       })
     })
     const late = new Promise((resolve) => setTimeout(resolve, kStartLimit, false).unref())
     if (await Promise.race([ready, late, ended.then(() => false)]) !== true) {
       throw new Error('the local service did not start')
     }
-    return new Service(announced['listening on'], announced.token)
+    return new Service(announced['listening on'], announced.token, announced.provider)
   }
 
   async #call(path, method = 'GET', body = undefined) {
@@ -36,6 +38,11 @@ export class Service {
     return reply
   }
 
+  /** Sets how the provider's stand-in answers the calls that hold a text. */
+  async addProviderRule(rule) {
+    await this.#call('provider', 'POST', rule)
+  }
+
   async addJob(job) {
     return (await this.#call('jobs', 'POST', job)).id
   }
@@ -44,7 +51,7 @@ export class Service {
   async showLines(id, name) {
     for (let from = 0; ;) {
       const { lines, next, state } = await this.#call(`jobs/${id}/lines?from=${from}&wait=10`)
-      for (const line of lines) console.log(`${name} | ${line}`)
+      for (const line of lines) console.log(`${name} | ${line.slice(0, kShownLine)}`)
       from = next
       if (state === 'done' && lines.length === 0) return
     }
@@ -63,6 +70,10 @@ export class Service {
     const job = await this.#call(`jobs/${id}`)
     if (job.state !== 'done') throw new Error(`job ${id} did not end within ${kJobLimit} s`)
     return job
+  }
+
+  async waitUntilLeased(id) {
+    await this.#call(`jobs/${id}/wait?for=leased&timeout=${kJobLimit}`)
   }
 
   async cancel(id) {

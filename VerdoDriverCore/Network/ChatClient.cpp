@@ -82,15 +82,16 @@ ChatClient::ChatClient(std::string apiKey, const std::string& baseURL, Log log,
 
 ChatClient::Completion ChatClient::complete(const JV& payload, const HttpMeanwhile& meanwhile) {
   const double budget = budgetOf(payload);
-  const auto deadline = Clock::now() + fromSeconds(budget);
+  const auto start = Clock::now();
+  const auto deadline = start + fromSeconds(budget);
   const std::string role = pyStrIfTruthy(payload.find("role")).value_or("?");
-  if (Clock::now() >= deadline) {
+  if (start >= deadline) {
     throw LLMCallError(
         "transient", fmt::format("call budget of {}s exhausted", wholeSeconds(fromSeconds(budget))),
         true);
   }
   for (int attempt = 1;; ++attempt) {
-    const auto begin = Clock::now();
+    const auto begin = attempt == 1 ? start : Clock::now();
     const auto elapsed = [&] { return toSeconds(Clock::now() - begin); };
     try {
       Completion completion = once(payload, deadline - begin, meanwhile);

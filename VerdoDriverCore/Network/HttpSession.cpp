@@ -16,6 +16,36 @@ void initialiseCurlOnce() {
   if (code != CURLE_OK) throw std::runtime_error(curl_easy_strerror(code));
 }
 
+/// Where a blocked caller finds its result. Shared with the completion, which can therefore wake
+/// the caller after it has let go of the lock: a caller woken before would block on it at once.
+class Reply {
+ public:
+  void put(HttpResult result) EXCLUDES(lock_) {
+    {
+      MutexLock lock(lock_);
+      result_ = std::move(result);
+    }
+    arrived_.notifyOne();
+  }
+  bool waitFor(std::chrono::steady_clock::duration timeout) EXCLUDES(lock_) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    MutexLock lock(lock_);
+    while (!result_ && arrived_.waitUntil(lock_, deadline)) {
+    }
+    return result_.has_value();
+  }
+  HttpResult take() EXCLUDES(lock_) {
+    MutexLock lock(lock_);
+    while (!result_) arrived_.wait(lock_);
+    return std::move(*result_);
+  }
+
+ private:
+  Mutex lock_;
+  Condition arrived_;
+  std::optional<HttpResult> result_ GUARDED_BY(lock_);
+};
+
 struct CurlUrlFree {
   void operator()(CURLU* url) const { curl_url_cleanup(url); }
 };
@@ -80,23 +110,19 @@ std::shared_ptr<HttpTask> HttpSession::task(HttpRequest request, Completion comp
 HttpResult HttpSession::perform(HttpRequest request,
                                 const std::function<void(const std::shared_ptr<HttpTask>&)>& onTask,
                                 const HttpMeanwhile& meanwhile) {
-  HttpResult result;
-  Event ended;
-  const auto started = task(std::move(request), [&](HttpResult outcome) {
-    result = std::move(outcome);
-    ended.set();
-  });
+  const auto reply = std::make_shared<Reply>();
+  const auto started =
+      task(std::move(request), [reply](HttpResult result) { reply->put(std::move(result)); });
   if (onTask) onTask(started);
   started->start();
   try {
-    while (meanwhile.act && !ended.waitFor(meanwhile.every)) meanwhile.act();
+    while (meanwhile.act && !reply->waitFor(meanwhile.every)) meanwhile.act();
   } catch (...) {
     started->cancel();
-    ended.wait();
+    reply->take();
     throw;
   }
-  ended.wait();
-  return result;
+  return reply->take();
 }
 
 }  // namespace verdo

@@ -13,6 +13,9 @@
 namespace verdo {
 namespace {
 
+/// LLM jobs take no lane: they only wait for the provider.
+bool takesLane(const Job& job) { return job.kind != "llm"; }
+
 constexpr std::int32_t code(ExitReason::Kind kind) { return static_cast<std::int32_t>(kind); }
 
 }  // namespace
@@ -115,6 +118,7 @@ void Driver::startWorker(Job job) {
   {
     MutexLock lock(guardLock_);
     workers_.emplace(worker->job().lane, worker);
+    if (takesLane(worker->job())) ++lanesTaken_;
     ++served_;
     lastActivity_ = Clock::now();
   }
@@ -145,11 +149,7 @@ bool Driver::isIdleFor(std::optional<Duration> limit) {
 
 bool Driver::hasFreeLane() {
   MutexLock lock(guardLock_);
-  // LLM jobs take no lane: they only wait for the provider.
-  const auto inLanes = std::count_if(workers_.begin(), workers_.end(), [](const auto& entry) {
-    return entry.second->job().kind != "llm";
-  });
-  return inLanes < options_.maxJobs;
+  return lanesTaken_ < options_.maxJobs;
 }
 
 void Driver::stop() {
@@ -174,7 +174,7 @@ std::int32_t Driver::shutdown() {
   // All at once, so that the grace periods of their children overlap. LLM jobs have no child.
   std::vector<std::thread> killers;
   for (const auto& [lane, worker] : workers) {
-    if (worker->job().kind == "llm") {
+    if (!takesLane(worker->job())) {
       worker->kill();
     } else {
       killers.emplace_back([&doomed = *worker] { doomed.kill(); });
@@ -200,7 +200,10 @@ void Driver::workerDone(Worker& worker) {
   {
     MutexLock lock(guardLock_);
     const auto entry = workers_.find(worker.job().lane);
-    if (entry != workers_.end() && entry->second.get() == &worker) workers_.erase(entry);
+    if (entry != workers_.end() && entry->second.get() == &worker) {
+      if (takesLane(worker.job())) --lanesTaken_;
+      workers_.erase(entry);
+    }
     lastActivity_ = Clock::now();
   }
   slotFree_.set();

@@ -99,6 +99,7 @@ class Driver : public JobHost, public std::enable_shared_from_this<Driver> {
   Workers workers_ GUARDED_BY(guardLock_);
   std::map<std::string, Clock::time_point> spaceSeen_ GUARDED_BY(guardLock_);
   std::shared_ptr<HttpSession> providerSession_ GUARDED_BY(guardLock_);
+  int lanesTaken_ GUARDED_BY(guardLock_) = 0;
   int served_ GUARDED_BY(guardLock_) = 0;
   Clock::time_point lastActivity_ GUARDED_BY(guardLock_) = Clock::now();
 };
