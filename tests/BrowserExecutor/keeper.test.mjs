@@ -127,31 +127,3 @@ test('a keeper that nobody needs ends, but not before', async (t) => {
   await sandbox.output(`await completeTaskSpace('a', { keep: false })`);
   await assertGone(sandbox, family);
 });
-
-test('a client that talks nonsense loses its connection and nothing else', async (t) => {
-  const sandbox = new Sandbox(t);
-  await sandbox.output(OPEN);
-  const nonsense = {
-    'no JSON': 'GET / HTTP/1.1\r\n\r\n',
-    'no request': '{"id": "1", "method": 5}\n',
-    'an array': '[]\n',
-    'an endless line': Buffer.alloc(65 * 1024 * 1024, 'x'),
-  };
-  for (const [name, bytes] of Object.entries(nonsense)) {
-    const socket = net.connect(sandbox.socket);
-    let closed = false;
-    socket.on('error', () => {}).on('close', () => (closed = true));
-    socket.write(bytes);
-    await waitFor(`${name}: the connection to close`, () => closed);
-  }
-  const foreign = net.connect(sandbox.socket);
-  t.after(() => foreign.destroy());
-  let reply = '';
-  foreign.on('data', (text) => (reply += text));
-  foreign.write('{"id":1,"method":"send","params":{"session":"x","method":"Browser.close"}}\n');
-  foreign.write('{"id":2,"method":"toString"}\n');
-  await waitFor('both refusals', () => reply.split('\n').length === 3);
-  assert.match(reply, /"id":1,"error":/);
-  assert.match(reply, /"id":2,"error":/);
-  assert.equal(await sandbox.output(OPEN), '42\n');
-});

@@ -66,21 +66,6 @@ test('failures of a page reject with their reason at the line of the script', as
   assert.equal(code, 1);
 });
 
-test('loading outlasts dialogs and pages that move on by themselves', async (t) => {
-  const sandbox = new Sandbox(t);
-  const origin = await serve(t, {
-    '/': HOME,
-    '/moves': '<script>location.replace("/")</script><img src="/never">',
-    '/never': () => {},
-    '/asks': '<script>alert(1); document.title = String(confirm(2))</script>',
-  });
-  const stdout = await sandbox.output(`
-    const page = await openTaskSpace('moves')
-    await page.goto('${origin}/moves'); cliLog(await page.title())
-    await page.goto('${origin}/asks'); cliLog(await page.title())`);
-  assert.equal(stdout, 'Home\nfalse\n');
-});
-
 test('a task space outlives its script, with cookies that no other space sees', async (t) => {
   const sandbox = new Sandbox(t);
   const origin = await serve(t, {

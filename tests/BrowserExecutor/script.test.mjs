@@ -52,28 +52,6 @@ test('a script has what node has, and prints in order to the last byte', async (
   assert.equal(lines[8].length, 300003);
 });
 
-test('without a browser there are no task spaces, and asking starts none', async (t) => {
-  const sandbox = new Sandbox(t);
-  const stdout = await sandbox.output(
-    `cliLog(await listTaskSpaces()); cliLog(await completeTaskSpace('a "b"\\n', { keep: false }))`,
-  );
-  assert.equal(stdout, '[]\n{"name":"a \\"b\\"\\n","found":false,"closed":false}\n');
-  assert.equal(await sandbox.output('', { args: ['status'] }), 'not running\n');
-  assert.equal(await sandbox.output('', { args: ['stop'] }), 'not running\n');
-  assert.equal(fs.existsSync(sandbox.directory), false);
-});
-
-test('usage errors exit 2 with one line', async (t) => {
-  const sandbox = new Sandbox(t);
-  for (const args of [[], ['node'], ['nodejs', 'file.js'], ['toString']]) {
-    const { code, stdout, stderr } = await sandbox.run('', { args });
-    assert.equal(code, 2);
-    assert.match(stdout + stderr, /^verdo-browser: .*--help\)\n$/);
-  }
-  assert.match(await sandbox.output('', { args: ['--help'] }), /nodejs/);
-  assert.match(await sandbox.output('', { args: ['--version'] }), /^verdo-browser \d/);
-});
-
 test('what keeps the browser from starting is said with its remedy', async (t) => {
   const sandbox = new Sandbox(t);
   const nodeOnly = path.join(sandbox.root, 'bin');

@@ -23,53 +23,6 @@ cli::Options options(std::vector<std::string> arguments) {
   return std::get<cli::Options>(std::move(parsed));
 }
 
-TEST(Options, OptionIsNotRead) {
-  const auto config = options({"--exec",
-                               "a 'b c'",
-                               "--extra-path",
-                               "/x",
-                               "--extra-path=/y",
-                               "--poll-wait",
-                               "1.5",
-                               "--max-jobs",
-                               "2",
-                               "--serve-jobs",
-                               "7",
-                               "--idle-exit",
-                               "3",
-                               "--idle-close",
-                               "0",
-                               "--reap-interval",
-                               "9",
-                               "--sweep-all",
-                               "--insecure",
-                               "--ca-cert",
-                               "ca.pem",
-                               "--dry-run",
-                               "--check-llm",
-                               "--client",
-                               "cli",
-                               "--env-file",
-                               "e"})
-                          .config;
-  EXPECT_EQ(config.execCommand, "a 'b c'");
-  EXPECT_THAT(config.extraPathDirs, ElementsAre("/x", "/y"));
-  EXPECT_EQ(config.pollWait, 1.5);
-  EXPECT_EQ(config.maxJobs, 2);
-  EXPECT_EQ(config.serveJobs, 7);
-  EXPECT_EQ(config.idleExit, 3);
-  EXPECT_EQ(config.idleClose, 0);
-  EXPECT_EQ(config.reapInterval, 9);
-  EXPECT_TRUE(config.sweepAll && config.insecure && config.dryRun && config.checkLLM);
-  EXPECT_FALSE(config.noSweep);
-  EXPECT_EQ(config.caCertPath, "ca.pem");
-  EXPECT_EQ(config.clientHeader, "cli");
-  EXPECT_EQ(config.envFilePath, "e");
-  EXPECT_EQ(options({}).color, std::nullopt);
-  EXPECT_EQ(options({"--color=always"}).color, true);
-  EXPECT_EQ(options({"--color", "never"}).color, false);
-}
-
 TEST(Options, NonsenseIsAccepted) {
   const std::vector<std::vector<std::string>> cases{
       {"--max-jobs", "0"},

@@ -51,16 +51,6 @@ TEST(ServerURLPolicy, LetsTheTokenTravelInClearOnLoopbackOnly) {
   EXPECT_EQ(ServerURLPolicy::lowerScheme("HTTPS://Host/A://B"), "https://Host/A://B");
 }
 
-TEST(Executor, LooksForTheFirstWord) {
-  const TempDir directory;
-  const std::string tool = directory.write("my tool", "", Mode{0755});
-  EXPECT_EQ(Executor::locate("'my tool' nodejs", {directory.path()}), tool);
-  EXPECT_EQ(Executor::locate("\"" + tool + "\"", {}), tool);
-  for (const char* command : {"", "  ", "''", "'my tool", "no-such-tool-anywhere", "my tool"}) {
-    EXPECT_EQ(Executor::locate(command, {directory.path()}), std::nullopt) << command;
-  }
-}
-
 TEST(EnvFile, ParsesLines) {
   const std::pair<std::string, Values> cases[] = {
       {"\n\r\n \t\n# A=1\n  # B=2\nno equals sign\n", {}},
@@ -89,25 +79,6 @@ TEST(EnvFile, IsReadOnlyWhenNobodyElseCan) {
         failureOf([&] { EnvFile::read(path); }),
         "InsecureError: " + path + " is readable by others — fix it first:  chmod 600 " + path);
   }
-}
-
-TEST(EnvFile, SaysWhyItCannotBeRead) {
-  const TempDir directory;
-  const auto failure = [](const std::string& path) {
-    return failureOf([&] { EnvFile::read(path); });
-  };
-  EXPECT_EQ(EnvFile::read(directory / "no/such/file"), Values{});
-  const auto file = directory.write("file", "A=1");
-  EXPECT_EQ(failure(file + "/x"), "OSError: [Errno 20] Not a directory: '" + file + "/x'");
-  const std::string folder = directory / "folder";
-  ASSERT_EQ(::mkdir(folder.c_str(), 0700), 0);
-  EXPECT_EQ(failure(folder), "OSError: [Errno 21] Is a directory: '" + folder + "'");
-  EXPECT_THAT(failure(directory.write("latin", "A=\xe9\n")), testing::StartsWith("UnicodeDecode"));
-  const auto closed = directory.write("closed", "A=1", Mode{0});
-  EXPECT_EQ(failure(closed),
-            ::geteuid() == 0 ? "" : "OSError: [Errno 13] Permission denied: '" + closed + "'");
-  ASSERT_EQ(::mkfifo((directory / "fifo").c_str(), 0600), 0);
-  EXPECT_EQ(EnvFile::read(directory / "fifo"), Values{}) << "and it does not hang";
 }
 
 }  // namespace

@@ -127,19 +127,5 @@ TEST_F(Acknowledge, DriverOutOfDateIsRetried) {
                            number + "/lines -> 426: update"}));
 }
 
-TEST_F(Acknowledge, RevokedTokenGoesUnnoticed) {
-  config.serveJobs.reset();
-  const auto id = runJob({.reply = local::FaultReply{.status = 401, .body = "revoked"}});
-  const auto reason = finish();
-  EXPECT_EQ(reason.code(), 3);
-  EXPECT_EQ(reason.message(),
-            "driver token revoked — issue a new one in the UI (Browser driver card)");
-  const std::string number = std::to_string(id);
-  EXPECT_THAT(texts('e'), ElementsAre("job " + number + ": POST /api/driver/jobs/" + number +
-                                          "/lines -> 401: revoked",
-                                      reason.message()));
-  EXPECT_EQ(service.requestCount("complete"), 0u);
-}
-
 }  // namespace
 }  // namespace verdo::test

@@ -34,15 +34,6 @@ class BrowserTest : public testing::Test {
   const std::shared_ptr<RecordingLog> log = std::make_shared<RecordingLog>();
 };
 
-TEST_F(BrowserTest, GivesStatusOutputAndErrorsApart) {
-  const auto result = printing("a\nb\xff\n", "e", 3).run("script");
-  EXPECT_EQ(result.exit, 3);
-  EXPECT_THAT(result.lines, ElementsAre("a", "b\xef\xbf\xbd", "", "e"));
-  EXPECT_THAT(printing("").run("").lines, ElementsAre(""));
-  EXPECT_THAT(browser({"echo"}).run("one\ntwo").lines, ElementsAre("one", "two", ""));
-  EXPECT_EQ(browser({"raise", std::to_string(SIGTERM)}).run("").exit, -SIGTERM);
-}
-
 TEST_F(BrowserTest, ReportsWhatCannotStart) {
   Browser missing({"/no/such/tool", {"tool"}, {}}, 1s, log);
   const auto result = missing.run("x");
@@ -59,12 +50,6 @@ TEST_F(BrowserTest, EndsTheWholeGroupOfAScriptThatTakesTooLong) {
   ASSERT_NE(line, result.lines.end());
   EXPECT_TRUE(eventually([&] { return isGone(std::stoi(line->substr(11))); }));
   EXPECT_EQ(openDescriptors(), descriptors);
-}
-
-TEST_F(BrowserTest, IsNotHeldUpByADescendantOutsideTheGroup) {
-  const auto begin = std::chrono::steady_clock::now();
-  EXPECT_EQ(browser({"leave", "session", "sleep", "3"}, 300ms).run("x").exit, 124);
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, 2500ms);
 }
 
 TEST_F(BrowserTest, SendsItsTwoScripts) {
@@ -101,16 +86,6 @@ TEST_F(BrowserTest, ReadsTheFirstAnswerOnly) {
   const std::string named = "__SPACES__[{\"name\": \"a\"}, {\"name\": \"\"}, {}, {\"name\": 7}]";
   EXPECT_THAT(printing(named).spaceNames(), ElementsAre("a", "7"));
   EXPECT_THAT(log->lines(), IsEmpty());
-}
-
-TEST_F(BrowserTest, NeverClosesOneSpaceTwiceAtOnce) {
-  const TempDir directory;
-  Browser alone = browser({"alone", directory / "running"});
-  std::vector<std::future<bool>> closing;
-  for (int i = 0; i < 4; ++i) {
-    closing.push_back(std::async(std::launch::async, [&] { return alone.closeSpace("s"); }));
-  }
-  for (auto& closed : closing) EXPECT_TRUE(closed.get());
 }
 
 }  // namespace

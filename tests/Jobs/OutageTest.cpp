@@ -57,24 +57,6 @@ TEST_F(Outage, OutputOfAnOutageIsLostOrDoubled) {
   }
 }
 
-TEST_F(Outage, RetriesOfACompletionHammerTheServerOrNeverEnd) {
-  service.addFault({.endpoint = "complete", .reply = FaultReply{.status = 500, .body = "down"}});
-  config.serveJobs = 1;
-  addJob("say a");
-  EXPECT_EQ(run(), ExitReason::clean());
-  // 0, 1, 3, 7, 15, 30, 45, 60, 75 and 90 units of 20 ms.
-  const std::vector<double> pauses{20, 40, 80, 160, 300, 300, 300, 300, 300};
-  const auto seen = gaps("complete");
-  ASSERT_EQ(seen.size(), pauses.size());
-  for (std::size_t i = 0; i < seen.size(); ++i) {
-    EXPECT_GE(seen[i], pauses[i] - 2);
-    EXPECT_LE(seen[i], pauses[i] + 250);
-  }
-  EXPECT_THAT(log->lines().back().text, StartsWith("job 1: could not report completion: POST "
-                                                   "/api/driver/jobs/1/complete -> 500: down"));
-  EXPECT_EQ(log->lines().back().level, 'e');
-}
-
 TEST_F(Outage, StoppingDriverKeepsRetryingForTheWholeTime) {
   service.addFault({.endpoint = "complete", .delivery = Delivery::reset});
   timings.retryLongest = timings.retryFirst;
@@ -103,32 +85,6 @@ TEST_F(Outage, ThrottledRequestIsTakenForDone) {
                                    "-> 429: slow down"));
   EXPECT_THAT(texts('w'), Not(Contains(HasSubstr("poll failed"))));
   EXPECT_EQ(log->lines().back().text, "job 1: finished with exit 0");
-}
-
-TEST_F(Outage, ThrottledBatchIsNotSentAgainUnchanged) {
-  service.addFault({.endpoint = "lines",
-                    .after = 1,
-                    .count = 3,
-                    .reply = FaultReply{.status = 429, .body = ""}});
-  config.serveJobs = 1;
-  const auto id = addJob("number 20000");
-  EXPECT_EQ(run(), ExitReason::clean());
-  const auto posts = service.requests("lines");
-  ASSERT_GE(posts.size(), 5u);
-  for (std::size_t i = 2; i < 5; ++i) EXPECT_EQ(posts[i].body, posts[1].body);
-  EXPECT_EQ(service.lines(id).size(), 20000u);
-  EXPECT_EQ(service.lines(id).back(), numberedLine(19999));
-}
-
-TEST_F(Outage, LostReplyOfACompletionFailsTheJob) {
-  service.addFault(
-      {.endpoint = "complete", .count = 1, .delivery = Delivery::reset, .processed = true});
-  config.serveJobs = 1;
-  addJob("exit 4");
-  EXPECT_EQ(run(), ExitReason::clean());
-  EXPECT_EQ(service.job(1)->completePosts, 2u);
-  EXPECT_EQ(service.job(1)->exitCode, 4);
-  EXPECT_EQ(log->lines().back(), (RecordingLog::Line{'w', "job 1: finished with exit 4"}));
 }
 
 TEST_F(Outage, LostServerLeavesTheJobRunning) {
@@ -195,35 +151,6 @@ TEST_F(Outage, TokenRevokedAtTheCompletionIsNotTheEnd) {
   EXPECT_TRUE(
       log->has("job 1: could not report completion: POST "
                "/api/driver/jobs/1/complete -> 401: no"));
-}
-
-TEST_F(Outage, PollThatIsRefusedForGoodIsRepeated) {
-  struct Case {
-    int status;
-    int code;
-    const char* message;
-  };
-  const Case cases[] = {
-      {401, 3, "driver token revoked — issue a new one in the UI (Browser driver card)"},
-      {426, 6, "driver out of date — re-run the install command from the Browser driver card"},
-  };
-  for (const auto& row : cases) {
-    service.reset();
-    log = std::make_shared<RecordingLog>();
-    // A job of another lane is killed, and its end is reported.
-    const auto id = startJob("sleep 100", {.taskSpace = "u1-a"});
-    const std::string body(10, 'x');
-    service.addFault({.endpoint = "poll", .reply = FaultReply{.status = row.status, .body = body}});
-    addJob("say a");  // lets the poll in flight return
-    const auto reason = finish();
-    EXPECT_EQ(reason.code(), row.code);
-    EXPECT_EQ(reason.message(), row.message);
-    EXPECT_THAT(texts('e')[0], StartsWith("GET /api/driver/poll?wait=25&busy="));
-    EXPECT_THAT(texts('e')[0], testing::EndsWith("-> " + std::to_string(row.status) + ": " + body));
-    EXPECT_EQ(texts('e')[1], row.message);
-    EXPECT_EQ(service.job(id)->exitCode, -SIGTERM);
-    EXPECT_TRUE(log->has("space 'u1-a': close -> exit 0"));
-  }
 }
 
 }  // namespace

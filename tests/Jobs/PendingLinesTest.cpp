@@ -21,21 +21,6 @@ std::string bodyOf(LineBatch batch) {
   return std::string(body.view());
 }
 
-// A long line is escaped in pieces; where they meet must not show.
-TEST(LineBatch, EscapesALongLineLikeAShortOne) {
-  for (const std::string piece :
-       {"é", "€", "😀", "😀\x80", "€\x80\x80", "\x80", "\xf0\x9f\x98", "\"\n"}) {
-    for (std::size_t shift = 0; shift < 6; ++shift) {
-      std::string line(shift, 'x');
-      while (line.size() < 300'000) line += piece;
-      LineBatch batch(ByteBuffer("old content"));
-      batch.add(line);
-      ASSERT_TRUE(bodyOf(std::move(batch)) == "{\"lines\": [" + PyJSON::text(line) + "]}")
-          << testing::PrintToString(piece) << " shifted by " << shift;
-    }
-  }
-}
-
 std::future<void> addInBackground(PendingLines& pending, std::string line) {
   return std::async(std::launch::async, [&pending, line] {
     const std::string_view view = line;
@@ -61,20 +46,6 @@ TEST(PendingLines, FillsABatchToTheLastByte) {
   EXPECT_EQ(pending.take().bytes(), PendingLines::kBatchBytes);
   third.get();
   EXPECT_EQ(bodyOf(pending.take()), "{\"lines\": [\"\"]}");
-}
-
-TEST(PendingLines, GivesALongerLineABatchOfItsOwn) {
-  PendingLines pending(100);
-  addInBackground(pending, "first").get();
-  auto adding = addInBackground(pending, std::string(500, 'x'));
-  EXPECT_TRUE(isBlocked(adding));
-  EXPECT_EQ(bodyOf(pending.take()), "{\"lines\": [\"first\"]}");
-  adding.get();
-  adding = addInBackground(pending, "last");
-  EXPECT_TRUE(isBlocked(adding));
-  EXPECT_EQ(pending.take().bytes(), LineBatch().bytes() + 502);
-  adding.get();
-  EXPECT_EQ(bodyOf(pending.take()), "{\"lines\": [\"last\"]}");
 }
 
 TEST(PendingLines, KeepsTheOrderOverManyBatches) {

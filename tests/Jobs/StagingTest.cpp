@@ -42,29 +42,6 @@ TEST(Job, ReadsTheServicesObjectTolerantly) {
   }
 }
 
-TEST(LinesReply, TellsWhatTheServiceWants) {
-  const auto read = [](const char* json) {
-    const LinesReply reply = LinesReply::from(parseJson(json));
-    return std::tuple(reply.ok, reply.cancel, reply.state.value_or("none"));
-  };
-  EXPECT_EQ(read("{}"), std::tuple(true, false, "none"));
-  EXPECT_EQ(read(R"({"ok": 0, "cancel": "yes", "state": 1})"), std::tuple(false, true, "none"));
-  EXPECT_EQ(read(R"({"ok": 1, "cancel": 0, "state": "s"})"), std::tuple(true, false, "s"));
-}
-
-TEST(FileStager, MakesSafeNames) {
-  const std::pair<std::string, std::string> cases[] = {
-      {"Report-1_final.PDF", "Report-1_final.PDF"},
-      {"../../etc/passwd", ".._.._etc_passwd"},
-      {"grüße 😀.txt", "gr__e__.txt"},
-      {std::string("\xff\0", 2), "__"},
-      {"", "file"},
-      {".", "file"},
-      {"..", "file"},
-      {std::string(300, 'x') + ".pdf", std::string(196, 'x') + ".pdf"}};
-  for (const auto& [name, safe] : cases) EXPECT_EQ(FileStager::safeName(name), safe) << name;
-}
-
 class FileStagerTest : public testing::Test {
  protected:
   /// The payload, or the failure. Every download has the checksum "sum".
@@ -84,36 +61,6 @@ class FileStagerTest : public testing::Test {
   RecordingLog log;
   Lines destinations;
 };
-
-TEST_F(FileStagerTest, KeepsFilesApartWhoseSafeNamesCollide) {
-  std::vector<JobFile> files;
-  const std::string longName(250, 'x');
-  for (const std::string& name : Lines{"a b", "a_b", "2-a_b", "a/b", longName + "x", longName}) {
-    files.push_back({name, "u", "sum"});
-  }
-  stage(files, "");
-  EXPECT_EQ(std::set(destinations.begin(), destinations.end()).size(), files.size());
-  for (const auto& path : destinations) EXPECT_LE(path.size(), 3u + 255u);
-}
-
-TEST_F(FileStagerTest, ReplacesPlaceholdersByStringLiterals) {
-  const std::string quoted = "\"/tmp/q\\\"\\\\\\n\\t\\b\\f\\r\\u0001\\u001f ü/";
-  EXPECT_EQ(stage({{"a.pdf", "u", "sum"}, {"b c", "u", "sum"}},
-                  "f(__VERDO_FILE__a.pdf__, __VERDO_FILE__a.pdf__); g(__VERDO_FILE__b c__, "
-                  "__VERDO_FILE__other__, __VERDO_FILE__a.pdf_)",
-                  "/tmp/q\"\\\n\t\b\f\r\x01\x1f ü"),
-            "f(" + quoted + "a.pdf\", " + quoted + "a.pdf\"); g(" + quoted +
-                "b_c\", __VERDO_FILE__other__, __VERDO_FILE__a.pdf_)");
-  EXPECT_THAT(log.lines(),
-              testing::ElementsAre(RecordingLog::Line{'i', "job 9: 2 file(s) staged"}));
-}
-
-TEST_F(FileStagerTest, FailsLikePython) {
-  EXPECT_EQ(stage({{"a", {}, "sum"}}, ""), "KeyError: 'url'");
-  EXPECT_EQ(stage({{"a", "u", {}}}, ""), "KeyError: 'sha256'");
-  EXPECT_EQ(stage({{"a b", "u", "bad"}}, ""), "ValueError: staged file a b failed its checksum");
-  EXPECT_TRUE(log.lines().empty());
-}
 
 TEST(StagingDirectory, IsPrivateAndGoesWithItsContent) {
   const TempDir home;

@@ -123,14 +123,6 @@ TEST_F(ApiRequests, ReplyIsReadWrongly) {
   EXPECT_EQ(service.requestCount(), std::size(cases));
 }
 
-TEST_F(ApiRequests, ErrorsBodyIsCutInTheMiddleOfACharacterOrNotAtAll) {
-  std::string body;
-  for (int i = 0; i < 1000; ++i) body += "é";
-  service.addFault({.reply = FaultReply{.status = 500, .body = body}});
-  EXPECT_EQ(failureOf([&] { api->hello(); }),
-            "GET /api/driver/hello -> 500: " + body.substr(0, 600));
-}
-
 TEST_F(ApiRequests, KindOfAnErrorIsTakenForAnother) {
   const auto kindFor = [&](int status) -> std::optional<ServerError::Kind> {
     service.clearFaults();
@@ -164,41 +156,6 @@ TEST_F(ApiRequests, TokenThatTheServiceQuotesReachesAMessage) {
     EXPECT_THAT(message, Not(HasSubstr(token.substr(0, 3)))) << before;
     EXPECT_THAT(message, HasSubstr("…"));
   }
-}
-
-TEST_F(ApiRequests, UnusableUrlIsRequested) {
-  for (const char* base :
-       {"", "nowhere", "ftp://127.0.0.1", "http://", "http://a b", "http://[::1"}) {
-    auto given = options();
-    given.base = base;
-    make(std::move(given));
-    EXPECT_EQ(failureOf([&] { api->hello(); }), "GET /api/driver/hello -> ValueError: bad URL")
-        << base;
-  }
-}
-
-TEST_F(ApiRequests, BrokenConnectionIsNotNamed) {
-  for (const auto delivery : {local::Delivery::reset, local::Delivery::close,
-                              local::Delivery::garbage, local::Delivery::truncated}) {
-    service.clearFaults();
-    service.addFault({.delivery = delivery});
-    EXPECT_THAT(failureOf([&] { api->hello(); }),
-                testing::MatchesRegex("GET /api/driver/hello -> URLError: .*[a-z].*"));
-  }
-  service.stop();
-  EXPECT_THAT(failureOf([&] { api->hello(); }),
-              StartsWith("GET /api/driver/hello -> URLError: Failed to connect to 127.0.0.1"));
-}
-
-TEST_F(ApiRequests, RequestWaitsForTheReplyOfALongPoll) {
-  // The poll is the first on a new connection, as after an outage.
-  std::thread poll([&] { failureOf([&] { api->poll(20, {}); }); });
-  EXPECT_TRUE(service.waitForRequest("poll", 1, kLong));
-  const auto begin = std::chrono::steady_clock::now();
-  api->hello();
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s);
-  api->cancelAll();
-  poll.join();
 }
 
 TEST_F(ApiRequests, ProxyHearsOfRequestsToThisComputer) {

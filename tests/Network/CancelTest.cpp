@@ -138,18 +138,6 @@ TEST_F(Cancel, CancelAllLeavesACallerBlockedOrRefusesLaterPosts) {
   EXPECT_EQ(failureOf(calls[3]), "");
 }
 
-TEST_F(Cancel, EndOfTheSessionWaitsForItsRequests) {
-  service.outage(local::OutageKind::hang, 60s);
-  Event ended;
-  session->task(to(service.url()), [&](HttpResult) { ended.set(); })->start();
-  EXPECT_TRUE(service.waitForRequest("hello", 1, kLong));
-  api.reset();
-  const auto begin = Clock::now();
-  session.reset();
-  EXPECT_TRUE(ended.isSet());
-  EXPECT_LT(Clock::now() - begin, kAtOnce);
-}
-
 TEST_F(Cancel, TimeoutEndsAReplyThatMovesOrSparesOneThatDoesNot) {
   auto request = to(service.url());
   request.timeout = 300ms;
@@ -174,17 +162,6 @@ TEST_F(Cancel, TimeoutEndsAReplyThatMovesOrSparesOneThatDoesNot) {
   result = session->perform(request);
   EXPECT_TRUE(result.error && result.error->kind == TransportError::Kind::timedOut);
   EXPECT_LT(Clock::now() - begin, 2s);
-}
-
-TEST_F(Cancel, CapOfTheTimeoutsIsIgnored) {
-  auto given = options();
-  given.timeoutCap = [] { return 0.2; };
-  make(std::move(given));
-  service.outage(local::OutageKind::hang, 60s);
-  const auto begin = Clock::now();
-  EXPECT_EQ(failureOf([&] { api->poll(25, {}); }),
-            "GET /api/driver/poll?wait=25 -> URLError: Timeout was reached");
-  EXPECT_LT(Clock::now() - begin, 3s);
 }
 
 }  // namespace

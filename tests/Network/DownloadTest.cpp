@@ -112,26 +112,5 @@ TEST_F(Pinned, CertificateOfAnotherAuthorityIsAccepted) {
   EXPECT_EQ(helloWith(path("both.pem")), "");
 }
 
-TEST_F(Pinned, RequestWaitsForTheReplyOfALongPoll) {
-  HttpSession::Options trust;
-  trust.caCertificates = loadCertificates(ours->authority());
-  make(options(), trust);
-  std::thread poll([&] { failureOf([&] { api->poll(20, {}); }); });
-  EXPECT_TRUE(service.waitForRequest("poll", 1, kLong));
-  const auto begin = std::chrono::steady_clock::now();
-  api->hello();
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s);
-  api->cancelAll();
-  poll.join();
-}
-
-TEST_F(Pinned, RunWithAPinnedAuthorityDoesNotServe) {
-  config.caCertPath = ours->authority();
-  config.serveJobs = 1;
-  const auto id = addJob("say secret", {.files = {{.name = "a", .content = "x"}}});
-  EXPECT_EQ(run(), ExitReason::clean());
-  EXPECT_EQ(service.lines(id), std::vector<std::string>{"secret"});
-}
-
 }  // namespace
 }  // namespace verdo::test

@@ -48,17 +48,6 @@ TEST_F(ChildProcessTest, TellsHowTheChildEnded) {
   }
 }
 
-TEST_F(ChildProcessTest, MayBeWaitedForByManyThreads) {
-  const auto child = launchRole({"sleep", "60"});
-  std::vector<std::future<std::int32_t>> waiting;
-  for (int i = 0; i < 4; ++i) {
-    waiting.push_back(std::async(std::launch::async, [&] { return child->wait(); }));
-  }
-  EXPECT_EQ(child->poll(), std::nullopt);
-  child->release();
-  for (auto& status : waiting) EXPECT_EQ(status.get(), -SIGKILL);
-}
-
 TEST_F(ChildProcessTest, IsKilledAfterTheGraceWhenItIsDeaf) {
   const auto child = launchRole({"deaf"});
   CollectedLines output(child->takeStdout());

@@ -36,37 +36,5 @@ TEST(Shlex, SplitsLikeAShell) {
   }
 }
 
-TEST(Which, PassesOverWhatCannotRun) {
-  const TempDir a, b;
-  a.write("tool", "", std::filesystem::perms{0644});
-  std::filesystem::create_directory(a / "folder");
-  std::filesystem::create_symlink(a / "missing", a / "dangling");
-  for (const char* name : {"tool", "folder", "dangling"}) {
-    b.write(name, "", kRunnable);
-    EXPECT_EQ(Which::find(name, {}, a.path() + ":" + b.path()), b / name);
-    EXPECT_EQ(Which::find(name, {a.path(), b.path()}, ""), b / name);
-    EXPECT_EQ(Which::find(a / name, {b.path()}), std::nullopt) << "a path is not searched for";
-    EXPECT_EQ(Which::find(b / name, {}, ""), b / name);
-  }
-  EXPECT_EQ(Which::find("", {a.path()}), std::nullopt);
-}
-
-TEST(Which, ReadsAnEmptyPieceAsTheCurrentDirectory) {
-  const TempDir directory;
-  directory.write("own-tool", "", kRunnable);
-  const auto before = std::filesystem::current_path();
-  std::filesystem::current_path(directory.path());
-  for (const char* path : {"", ":", "/no/such:", ":/no/such", "/no::/such"}) {
-    const ScopedEnv variable("PATH", path);
-    EXPECT_EQ(Which::find("own-tool"), "./own-tool") << path;
-    EXPECT_EQ(Which::find("./own-tool", {"/bin"}), "./own-tool");
-    EXPECT_EQ(Which::find("sh"), std::nullopt) << path;
-  }
-  const ScopedEnv absent("PATH", std::nullopt);
-  EXPECT_EQ(Which::find("own-tool"), std::nullopt);
-  EXPECT_TRUE(Which::find("sh")) << "the default search path";
-  std::filesystem::current_path(before);
-}
-
 }  // namespace
 }  // namespace verdo

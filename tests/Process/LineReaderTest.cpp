@@ -82,31 +82,6 @@ TEST(LineSplitter, BreaksNoCharacterNextToBrokenBytes) {
   }
 }
 
-TEST(LineReader, FeedsMoreThanAPipeHoldsWhileTheChildPrints) {
-  std::string script;
-  for (int i = 0; script.size() < (4u << 20); ++i) script += "line " + std::to_string(i) + "\n";
-  const auto child = launchRole({"echo"});
-  CollectedLines output(child->takeStdout());
-  output.reader().feed(child->takeStdin(), script);
-  std::string again;
-  for (const auto& line : output.start().all()) again += line + "\n";
-  EXPECT_TRUE(again == script);
-  EXPECT_EQ(child->wait(), 0);
-}
-
-TEST(LineReader, IsNotHeldUpByAChildThatDoesNotRead) {
-  const auto descriptors = openDescriptors();
-  {
-    const auto child = launchRole({"noinput"});
-    CollectedLines output(child->takeStdout());
-    output.reader().feed(child->takeStdin(), std::string(1 << 20, 'x'));
-    EXPECT_TRUE(output.start().waitForCount(1)) << "its output must come all the same";
-    child->release();
-    EXPECT_THAT(output.all(), ElementsAre("ready"));
-  }
-  EXPECT_EQ(openDescriptors(), descriptors);
-}
-
 // A child may send its output elsewhere and still want the whole of its input.
 TEST(LineReader, FeedsAChildThatHasClosedItsOutput) {
   const TempDir directory;

@@ -35,24 +35,5 @@ TEST(Spawn, HandsDownNeitherDescriptorsNorEnvironmentNorSignals) {
   EXPECT_THAT(lines, ElementsAre("Group:\town", "SigBlk:\t0", "SigIgn:\t0"));
 }
 
-TEST(Spawn, ReportsWhatCannotStart) {
-  const TempDir directory;
-  const auto descriptors = openDescriptors();
-  EXPECT_EQ(failureOf([&] { Spawn::launch("/no/such", {"such"}, {}, false); }),
-            "OSError: [Errno 2] No such file or directory: '/no/such'");
-  EXPECT_EQ(failureOf([&] { Spawn::launch(directory.path(), {"d"}, {}, true); }),
-            "OSError: [Errno 13] Permission denied: '" + directory.path() + "'");
-  EXPECT_EQ(openDescriptors(), descriptors);
-}
-
-TEST(Spawn, MergesStandardErrorOnlyOnRequest) {
-  const auto merged = launchRole({"print", "out", "err", "0"});
-  EXPECT_FALSE(merged->takeStderr());
-  EXPECT_THAT(CollectedLines(merged->takeStdout()).start().all(), ElementsAre("outerr"));
-  const auto apart = launchRole({"print", "out", "err", "0"}, {}, false);
-  EXPECT_THAT(CollectedLines(apart->takeStdout()).start().all(), ElementsAre("out"));
-  EXPECT_THAT(CollectedLines(apart->takeStderr()).start().all(), ElementsAre("err"));
-}
-
 }  // namespace
 }  // namespace verdo

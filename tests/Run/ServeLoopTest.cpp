@@ -44,42 +44,6 @@ TEST_F(ServeLoop, FailingPollsHammerTheServerOrComeTooLate) {
                           "retrying 0.6 " + message, "retrying 0.6 " + message));
 }
 
-TEST_F(ServeLoop, RealPausesAreNamedWrongly) {
-  timings = {};
-  service.addFault(
-      {.endpoint = "poll", .count = 2, .reply = FaultReply{.status = 502, .body = ""}});
-  start();
-  ASSERT_TRUE(observer->waitFor("retrying", 2));
-  const std::string message = "poll failed (GET /api/driver/poll?wait=25 -> 502: )";
-  EXPECT_THAT(observer->events(), ElementsAre("connected local 1 2026.09.04",
-                                              "retrying 1 " + message, "retrying 2 " + message));
-  EXPECT_THAT(texts('w'), Contains(message + "; retrying in 1s"));
-  EXPECT_THAT(texts('w'), Contains(message + "; retrying in 2s"));
-  EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
-  EXPECT_LT(elapsed.count(), 1);
-}
-
-TEST_F(ServeLoop, PauseDoesNotShrinkAfterASuccess) {
-  const auto fail = [&](std::uint64_t after) {
-    service.addFault({.endpoint = "poll",
-                      .after = after,
-                      .count = 1,
-                      .reply = FaultReply{.status = 500, .body = "x"}});
-  };
-  // Fails, fails, succeeds with a job, fails. Each fault counts only what earlier ones left.
-  fail(0);
-  fail(0);
-  fail(1);
-  addJob(waitScript());
-  start();
-  ASSERT_TRUE(observer->waitFor("retrying", 3));
-  std::vector<std::string> pauses;
-  for (const auto& event : observer->events()) {
-    if (event.starts_with("retrying")) pauses.push_back(event.substr(0, 13));
-  }
-  EXPECT_THAT(pauses, ElementsAre("retrying 0.02", "retrying 0.04", "retrying 0.02"));
-}
-
 TEST_F(ServeLoop, PollsThatComeBackAtOnceSpin) {
   timings.emptyPollPause = 50ms;
   timings.emptyPollQuick = 200ms;
@@ -183,14 +147,6 @@ TEST_F(ServeLoop, IdleRunNeverEndsOrEndsUnderAJob) {
   const auto begin = std::chrono::steady_clock::now();
   EXPECT_EQ(finish(), ExitReason::clean());
   EXPECT_GE(std::chrono::steady_clock::now() - begin, 150ms);
-}
-
-TEST_F(ServeLoop, IdleExitOfZeroCountsAsALimit) {
-  config.pollWait = 0;
-  config.idleExit = 0;
-  start();
-  ASSERT_TRUE(service.waitForRequest("poll", 5, kLong));
-  EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
 }
 
 }  // namespace

@@ -51,15 +51,6 @@ TEST_F(Sweep, StartClosesForeignSpacesOrLeavesItsOwn) {
   }
 }
 
-TEST_F(Sweep, HangingExecutorHoldsUpTheStartForEver) {
-  config.execCommand = roleCommand("deaf");
-  service.patchHello({{"cleanup_timeout_seconds", 0.2}});
-  start();
-  EXPECT_TRUE(service.waitForRequest("poll", 1, kLong));
-  EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
-  EXPECT_LT(elapsed.count(), 5);
-}
-
 TEST_F(Sweep, ReaperClosesUsedOrForeignSpacesOrNone) {
   config.idleClose = 0.25;
   config.reapInterval = 0.05;
@@ -80,14 +71,6 @@ TEST_F(Sweep, ReaperClosesUsedOrForeignSpacesOrNone) {
   EXPECT_GE(std::chrono::steady_clock::now() - ended, 200ms);
   EXPECT_THAT(spaces(), ElementsAre("mine"));
   EXPECT_THAT(texts('i'), Not(Contains(HasSubstr("reaper closed 0"))));
-}
-
-TEST_F(Sweep, IntervalsOfTheServerAreIgnored) {
-  service.patchHello({{"idle_close_seconds", 0.05}, {"reap_interval_seconds", 0.02}});
-  config.noSweep = true;
-  setSpaces({"u1-old"});
-  start();
-  EXPECT_TRUE(log->waitFor("idle reaper closed 1 space(s): u1-old"));
 }
 
 }  // namespace

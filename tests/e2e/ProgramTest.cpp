@@ -160,18 +160,6 @@ TEST_F(TheProgram, SignalDuringAPollIsNotHeard) {
   }
 }
 
-TEST_F(TheProgram, SignalLeavesAJobUnreported) {
-  setSpaces({"u1-a"});
-  const auto id = addJob("sleep 100", {.taskSpace = "u1-a"});
-  Program program(arguments({"--no-sweep"}), environment);
-  ASSERT_TRUE(service.waitForLine(id, "ready", kLong));
-  program.signal(SIGTERM);
-  EXPECT_EQ(program.wait(), 130);
-  EXPECT_EQ(service.job(id)->exitCode, -SIGTERM);
-  EXPECT_EQ(closedSpaces(), std::vector<std::string>{"u1-a"});
-  EXPECT_THAT(program.errors(), HasSubstr("! job 1: finished with exit -15 (cancelled)\n"));
-}
-
 TEST_F(TheProgram, SecondSignalIsWaitedForLikeTheFirst) {
   const auto id = addJob("deaf");
   Program program(arguments({"--no-sweep"}), environment);

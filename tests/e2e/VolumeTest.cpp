@@ -51,13 +51,6 @@ TEST_F(Volume, FloodIsLostReorderedOrKeptInMemory) {
   EXPECT_EQ(program.wait(), 130);
 }
 
-TEST_F(Volume, VeryLongLineIsCut) {
-  config.serveJobs = 1;
-  const auto id = addJob("long 5000000");
-  EXPECT_EQ(run(), ExitReason::clean());
-  EXPECT_THAT(service.lines(id), ElementsAre(std::string(5'000'000, 'y')));
-}
-
 TEST_F(Volume, OutputThatIsNotTextBreaksThePost) {
   config.serveJobs = 1;
   const auto id = addJob("garbage");
