@@ -148,7 +148,7 @@ TEST_F(ApiRequests, KindOfAnErrorIsTakenForAnother) {
 
 TEST_F(ApiRequests, TokenThatTheServiceQuotesReachesAMessage) {
   const std::string token = service.token();
-  for (const std::size_t before : {0, 290, 298, 299}) {
+  for (const std::size_t before : {0u, 290u, 298u, 299u}) {
     service.clearFaults();
     service.addFault(
         {.reply = FaultReply{.status = 500, .body = std::string(before, 'x') + token + token}});

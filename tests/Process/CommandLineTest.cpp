@@ -12,7 +12,6 @@ namespace verdo {
 namespace {
 
 using namespace test;
-constexpr std::filesystem::perms kRunnable{0755};
 
 TEST(Shlex, SplitsLikeAShell) {
   const std::pair<std::string, std::vector<std::string>> cases[] = {

@@ -52,7 +52,7 @@ TEST(JsonReader, BoundsTheDepth) {
     for (std::size_t i = 0; i < depth; ++i) text = open + text + close;
     return text;
   };
-  for (const std::size_t depth : {511, 512}) EXPECT_NO_THROW(parseJson(nested(depth, "[", "]")));
+  for (const std::size_t depth : {511u, 512u}) EXPECT_NO_THROW(parseJson(nested(depth, "[", "]")));
   EXPECT_NO_THROW(parseJson(nested(255, "[{\"a\":", "}]").insert(255 * 6, "[{}]")));
   EXPECT_EQ(failureOf([&] { parseJson(nested(513, "[", "]")); }),
             "JSONDecodeError: nested more than 512 levels deep");

@@ -93,7 +93,7 @@ TEST(PyJSON, EscapesAnywhereInABlock) {
       {"\xf5\x80", bad + bad}};
   for (const auto& [bytes, json] : cases) {
     for (std::size_t before = 0; before <= 33; ++before) {
-      for (const std::size_t after : {0, 1, 15, 16, 17}) {
+      for (const std::size_t after : {0u, 1u, 15u, 16u, 17u}) {
         const std::string head(before, 'h');
         const std::string tail(after, 't');
         std::string out = "kept";
