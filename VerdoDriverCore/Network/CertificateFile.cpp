@@ -33,7 +33,7 @@ std::vector<unsigned char> decodeBase64(const std::string& text) {
       EVP_DecodeFinal(context.get(), bytes.data() + size, &rest) < 0) {
     return {};
   }
-  bytes.resize(static_cast<std::size_t>(size + rest));
+  bytes.resize(static_cast<std::size_t>(size) + static_cast<std::size_t>(rest));
   return bytes;
 }
 

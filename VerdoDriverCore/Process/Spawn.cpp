@@ -8,7 +8,7 @@
 #include <spawn.h>
 #include <unistd.h>
 
-extern char** environ;
+extern char** environ;  // NOLINT(readability-redundant-declaration): not declared on macOS
 
 namespace verdo {
 
