@@ -158,8 +158,8 @@ void Worker::cleanUp() {
   files_.reset();
   closeSpaceOnBadEnd();
   touchSpace();
-  tornDown_.set();
   host_->workerDone(*this);
+  tornDown_.set();  // last, so that no run ends before its jobs' ends are told
 }
 
 void Worker::kill() {

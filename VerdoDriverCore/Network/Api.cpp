@@ -7,6 +7,8 @@
 #include "VerdoDriverCore/Values/Utf8.h"
 
 #include <algorithm>
+#include <array>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -26,21 +28,27 @@ constexpr std::size_t kQuotedBody = 300;  // characters of an error's body that 
   throw ServerError(ServerError::Kind::server, message);
 }
 
-/// Percent-encodes everything but letters, digits and "_.-~/", as Python's quote does.
-std::string quote(const std::string& text) {
-  std::string out;
+/// Which bytes Python's quote leaves as they are: letters, digits and "_.-~/".
+constexpr std::array<bool, 256> kKeptByQuote = [] {
+  std::array<bool, 256> kept{};
+  for (char c = 'a'; c <= 'z'; ++c) kept[static_cast<unsigned char>(c)] = true;
+  for (char c = 'A'; c <= 'Z'; ++c) kept[static_cast<unsigned char>(c)] = true;
+  for (char c = '0'; c <= '9'; ++c) kept[static_cast<unsigned char>(c)] = true;
+  for (const char c : std::string_view("_.-~/")) kept[static_cast<unsigned char>(c)] = true;
+  return kept;
+}();
+
+/// Appends a text percent-encoded as Python's quote does.
+void appendQuoted(std::string& out, std::string_view text) {
   for (const char c : text) {
-    const bool kept = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
-                      std::string_view("_.-~/").find(c) != std::string_view::npos;
-    if (kept) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (kKeptByQuote[byte]) {
       out.push_back(c);
     } else {
       constexpr char kDigits[] = "0123456789ABCDEF";
-      const auto byte = static_cast<unsigned char>(c);
       out += {'%', kDigits[byte >> 4], kDigits[byte & 0xF]};
     }
   }
-  return out;
 }
 
 /// The beginning of an error's body, for a message. Should the service quote our token in it, the
@@ -95,7 +103,11 @@ std::optional<JV> Api::poll(double wait, std::vector<std::string> busy) {
   if (!busy.empty()) {
     // As a rule they are: a thousand LLM jobs would make sorting them again the poll's main cost.
     if (!std::is_sorted(busy.begin(), busy.end())) std::sort(busy.begin(), busy.end());
-    call.path += "&busy=" + quote(fmt::format("{}", fmt::join(busy, ",")));
+    const char* separator = "&busy=";
+    for (const auto& lane : busy) {
+      call.path += std::exchange(separator, "%2C");
+      appendQuoted(call.path, lane);
+    }
   }
   call.timeout = fromSeconds(wait) + kPollMargin;
   call.untilStop = true;

@@ -15,6 +15,8 @@ namespace {
 constexpr long kUploadPiece = 256 * 1024;
 constexpr std::size_t kLargeBody = 1 << 20;
 constexpr long kMaxRedirects = 20;
+/// libcurl copies a query byte by byte, more than once; the target that it is given, in one piece.
+constexpr std::size_t kLongQuery = 256;
 
 void addHeader(std::unique_ptr<curl_slist, CurlListFree>& list, const std::string& line) {
   curl_slist* longer = curl_slist_append(list.get(), line.c_str());
@@ -43,7 +45,7 @@ HttpTransfer::HttpTransfer(HttpRequest req, HttpSession::Completion done,
   CURL* easy = handle.get();
   const auto set = [easy](CURLoption option, auto value) { curl_easy_setopt(easy, option, value); };
   set(CURLOPT_PRIVATE, this);
-  set(CURLOPT_URL, request.url.c_str());
+  setUrl();
   set(CURLOPT_PROTOCOLS_STR, "http,https");
   // A download that began encrypted does not go on in clear.
   set(CURLOPT_REDIR_PROTOCOLS_STR, request.url.starts_with("https:") ? "https" : "http,https");
@@ -86,6 +88,21 @@ HttpTransfer::HttpTransfer(HttpRequest req, HttpSession::Completion done,
   set(CURLOPT_NOPROGRESS, 0L);
   set(CURLOPT_XFERINFOFUNCTION, &HttpTransfer::onProgress);
   set(CURLOPT_XFERINFODATA, this);
+}
+
+/// Gives libcurl the address, a long query apart. A proxy for plain http needs the whole address as
+/// the target, and a redirect another one.
+void HttpTransfer::setUrl() {
+  const std::string& url = request.url;
+  const auto path = url.find('/', url.find("://") + 3);
+  const auto query = std::min(url.find('?'), url.size());
+  const bool direct = url.starts_with("https:") || isLoopback(url);
+  if (url.size() - query < kLongQuery || path > query || request.followRedirects || !direct) {
+    curl_easy_setopt(handle.get(), CURLOPT_URL, url.c_str());
+    return;
+  }
+  curl_easy_setopt(handle.get(), CURLOPT_URL, url.substr(0, path).c_str());
+  curl_easy_setopt(handle.get(), CURLOPT_REQUEST_TARGET, url.c_str() + path);
 }
 
 HttpTransfer::Clock::time_point HttpTransfer::expiry() const {

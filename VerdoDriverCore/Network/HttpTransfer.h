@@ -48,6 +48,7 @@ struct HttpTransfer {
   static int onProgress(void* self, curl_off_t downTotal, curl_off_t downNow, curl_off_t upTotal,
                         curl_off_t upNow);
   int status() const;
+  void setUrl();
 
   HttpResponse response_;
   curl_off_t moved_ = 0;

@@ -33,7 +33,7 @@ std::int32_t Driver::serve(std::optional<int> serveJobs, std::optional<Duration>
   Duration retryDelay = options_.timings.pollRetryFirst;
   int quickEmptyReplies = 0;
   while (!stopping_.isSet() && !tokenRevoked_.isSet()) {
-    if ((hasServed(serveJobs) && workersNow().empty()) || isIdleFor(idleExit)) {
+    if ((hasServed(serveJobs) && isQuiet()) || isIdleFor(idleExit)) {
       stopping_.set();
       reaperEnded_.waitFor(options_.timings.shutdownPerWorker);
       return code(ExitReason::Kind::clean);
@@ -141,10 +141,15 @@ bool Driver::hasServed(std::optional<int> jobs) {
   return jobs && served_ >= *jobs;
 }
 
-bool Driver::isIdleFor(std::optional<Duration> limit) {
+bool Driver::isQuiet() {
   MutexLock lock(guardLock_);
-  return limit && *limit > Duration::zero() && workers_.empty() &&
-         Clock::now() - lastActivity_ > *limit;
+  return workers_.empty() && endsBeingReported_ == 0;
+}
+
+bool Driver::isIdleFor(std::optional<Duration> limit) {
+  if (!limit || *limit <= Duration::zero() || !isQuiet()) return false;
+  MutexLock lock(guardLock_);
+  return Clock::now() - lastActivity_ > *limit;
 }
 
 bool Driver::hasFreeLane() {
@@ -205,6 +210,7 @@ void Driver::workerDone(Worker& worker) {
       workers_.erase(entry);
     }
     lastActivity_ = Clock::now();
+    ++endsBeingReported_;
   }
   slotFree_.set();
   if (const auto observer = observer_.lock()) {
@@ -212,6 +218,11 @@ void Driver::workerDone(Worker& worker) {
                                 worker.error());
   }
   reportBusyLanes();
+  {
+    MutexLock lock(guardLock_);
+    --endsBeingReported_;
+  }
+  slotFree_.set();
 }
 
 std::shared_ptr<HttpSession> Driver::providerSession() {

@@ -69,6 +69,8 @@ class Driver : public JobHost, public std::enable_shared_from_this<Driver> {
   enum class PollOutcome { served, empty, ended };
 
   bool hasServed(std::optional<int> jobs) EXCLUDES(guardLock_);
+  /// No job runs, and the observer has heard of every end.
+  bool isQuiet() EXCLUDES(guardLock_);
   bool isIdleFor(std::optional<Duration> limit) EXCLUDES(guardLock_);
   bool hasFreeLane() EXCLUDES(guardLock_);
   PollOutcome pollOnce(Duration& retryDelay);
@@ -101,6 +103,7 @@ class Driver : public JobHost, public std::enable_shared_from_this<Driver> {
   std::shared_ptr<HttpSession> providerSession_ GUARDED_BY(guardLock_);
   int lanesTaken_ GUARDED_BY(guardLock_) = 0;
   int served_ GUARDED_BY(guardLock_) = 0;
+  int endsBeingReported_ GUARDED_BY(guardLock_) = 0;  ///< workers gone whose end is being told
   Clock::time_point lastActivity_ GUARDED_BY(guardLock_) = Clock::now();
 };
 

@@ -182,6 +182,8 @@ TEST_F(LLMJobs, KeepTheProviderCallOpen) {
   for (const auto& [end, record, text] : table) {
     service.clearRequests();
     service.clearFaults();
+    // The job shall learn of the revocation, not the next poll.
+    if (end == End::revoked) service.addFault({.endpoint = "poll", .after = 1, .delay = 60s});
     const auto id = addLLM("x", 60);
     start();
     ASSERT_TRUE(service.waitForRequest("chat", 1, kLong));

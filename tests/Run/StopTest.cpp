@@ -38,7 +38,9 @@ TEST_F(Stop, UnreachableServerHoldsUpAStopForLongerThanSaid) {
   service.stop();
   EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
   EXPECT_LT(elapsed.count(), 3);
-  EXPECT_THAT(texts('e'), Contains(testing::HasSubstr("job 1: lost the server, killing the job")));
+  // Which post notices first depends on the moment of the stop.
+  EXPECT_THAT(texts('e'), Contains(testing::ContainsRegex(
+                              "job 1: (lost the server, killing the job|could not report)")));
 }
 
 }  // namespace
