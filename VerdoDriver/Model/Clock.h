@@ -1,0 +1,46 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+
+namespace verdo {
+
+/// Calls off what was scheduled. Main thread only.
+class ClockToken {
+ public:
+  ClockToken() = default;
+  explicit ClockToken(std::function<void()> onCancel) : onCancel_(std::move(onCancel)) {}
+  ClockToken(const ClockToken&) = delete;
+  ClockToken& operator=(const ClockToken&) = delete;
+
+  bool isCancelled() const { return isCancelled_; }
+  /// The block will not run. Harmless when it has run, or when cancelled before. Letting go of the
+  /// token cancels nothing.
+  void cancel();
+
+ private:
+  bool isCancelled_ = false;
+  std::function<void()> onCancel_;
+};
+
+/// The model's only source of time, so that tests can drive whatever waits. Main thread only.
+class Clock {
+ public:
+  using TimePoint = std::chrono::system_clock::time_point;
+
+  virtual ~Clock() = default;
+  virtual TimePoint now() const = 0;
+  /// Runs `block` once on the main thread `seconds` from now, as soon as possible when negative,
+  /// unless the token is cancelled first. The block must hold its objects weakly.
+  virtual std::shared_ptr<ClockToken> after(double seconds, std::function<void()> block) = 0;
+};
+
+/// The computer's clock.
+class SystemClock : public Clock {
+ public:
+  TimePoint now() const override { return std::chrono::system_clock::now(); }
+  std::shared_ptr<ClockToken> after(double seconds, std::function<void()> block) override;
+};
+
+}  // namespace verdo

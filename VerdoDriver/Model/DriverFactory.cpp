@@ -1,0 +1,28 @@
+#include "VerdoDriver/Model/DriverFactory.h"
+
+#include "VerdoDriverCore/Run/Runner.h"
+
+namespace verdo {
+namespace {
+
+class RealDriver : public DriverHandle {
+ public:
+  RealDriver(const DriverConfig& config, std::shared_ptr<DriverLog> log,
+             std::weak_ptr<DriverObserver> observer)
+      : runner_(config, std::move(log), std::move(observer)) {}
+  ExitReason run() override { return runner_.run(); }
+  void stop() override { runner_.stop(); }
+
+ private:
+  DriverRunner runner_;
+};
+
+}  // namespace
+
+std::shared_ptr<DriverHandle> RealDriverFactory::makeDriver(
+    const DriverConfig& config, std::shared_ptr<DriverLog> log,
+    std::weak_ptr<DriverObserver> observer) {
+  return std::make_shared<RealDriver>(config, std::move(log), std::move(observer));
+}
+
+}  // namespace verdo

@@ -1,0 +1,40 @@
+#pragma once
+
+#include "VerdoDriver/Model/DriverLog.h"
+#include "VerdoDriverCore/Contract/DriverConfig.h"
+#include "VerdoDriverCore/Contract/DriverObserver.h"
+#include "VerdoDriverCore/Contract/ExitReason.h"
+
+#include <memory>
+
+namespace verdo {
+
+/// A driver run as the app sees it.
+class DriverHandle {
+ public:
+  virtual ~DriverHandle() = default;
+  /// Blocks until the run has ended. Called once, on a thread of the run's own.
+  virtual ExitReason run() = 0;
+  /// Asks the run to end. Never waits; any thread may call it, at any time, again and again.
+  virtual void stop() = 0;
+};
+
+/// Makes driver runs; a seam for tests. Main thread only.
+class DriverFactory {
+ public:
+  virtual ~DriverFactory() = default;
+  /// The run holds the log, and the observer weakly.
+  virtual std::shared_ptr<DriverHandle> makeDriver(const DriverConfig& config,
+                                                   std::shared_ptr<DriverLog> log,
+                                                   std::weak_ptr<DriverObserver> observer) = 0;
+};
+
+/// Runs of the driver itself.
+class RealDriverFactory : public DriverFactory {
+ public:
+  std::shared_ptr<DriverHandle> makeDriver(const DriverConfig& config,
+                                           std::shared_ptr<DriverLog> log,
+                                           std::weak_ptr<DriverObserver> observer) override;
+};
+
+}  // namespace verdo

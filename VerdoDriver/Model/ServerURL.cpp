@@ -1,0 +1,30 @@
+#include "VerdoDriver/Model/ServerURL.h"
+
+#include "VerdoDriverCore/Contract/ServerURLPolicy.h"
+
+#include <QString>
+#include <QUrl>
+
+#include <fmt/format.h>
+
+namespace verdo {
+
+tl::expected<std::string, Refusal> validateServerURL(const std::string& text, bool allowInsecure) {
+  const auto refuse = [](std::string message) {
+    return tl::make_unexpected(Refusal{std::move(message)});
+  };
+  std::string url = QString::fromStdString(text).trimmed().toStdString();
+  while (url.ends_with('/')) url.pop_back();
+  if (url.empty()) return refuse("Enter the server URL.");
+  if (!url.starts_with("https://") && !url.starts_with("http://")) {
+    return refuse(fmt::format("The server URL must start with https:// (got {}).", url));
+  }
+  const QUrl parsed(QString::fromStdString(url), QUrl::StrictMode);
+  if (!parsed.isValid() || parsed.host().isEmpty()) {
+    return refuse(fmt::format("{} is not a valid URL.", url));
+  }
+  if (const auto refusal = ServerURLPolicy::refusal(url, allowInsecure)) return refuse(*refusal);
+  return url;
+}
+
+}  // namespace verdo

@@ -1,0 +1,71 @@
+#include "VerdoDriver/Model/SettingsStore.h"
+
+#include "VerdoDriver/Model/AppLog.h"
+
+#include <QSettings>
+
+#include <fmt/format.h>
+
+namespace verdo {
+namespace {
+
+constexpr const char* kServerURL = "serverURL";
+constexpr const char* kLaunchAtLogin = "launchAtLogin";
+constexpr const char* kKeepAwakeMode = "keepAwakeMode";
+constexpr const char* kAutoStart = "autoStart";
+constexpr const char* kAllowInsecure = "allowInsecure";
+
+}  // namespace
+
+SettingsStore::SettingsStore(std::unique_ptr<QSettings> defaults)
+    : defaults_(std::move(defaults)),
+      serverURL_(defaults_->value(kServerURL).toString().toStdString()),
+      launchAtLogin_(defaults_->value(kLaunchAtLogin, false).toBool()),
+      keepAwakeMode_(keepAwakeModeOf(defaults_->value(kKeepAwakeMode).toString().toStdString())),
+      autoStart_(defaults_->value(kAutoStart, true).toBool()),
+      allowInsecure_(defaults_->value(kAllowInsecure, false).toBool()) {}
+
+SettingsStore::~SettingsStore() = default;
+
+void SettingsStore::setServerURL(const std::string& url) {
+  serverURL_ = url;
+  store(kServerURL, QString::fromStdString(url), url);
+  Q_EMIT serverURLChanged(serverURL_);
+}
+
+void SettingsStore::setLaunchAtLogin(bool launch) {
+  launchAtLogin_ = launch;
+  store(kLaunchAtLogin, launch);
+  Q_EMIT launchAtLoginChanged(launch);
+}
+
+void SettingsStore::setKeepAwakeMode(KeepAwakeMode mode) {
+  keepAwakeMode_ = mode;
+  store(kKeepAwakeMode, QString(nameOf(mode)), nameOf(mode));
+  Q_EMIT keepAwakeModeChanged(mode);
+}
+
+void SettingsStore::setAutoStart(bool start) {
+  autoStart_ = start;
+  store(kAutoStart, start);
+  Q_EMIT autoStartChanged(start);
+}
+
+void SettingsStore::setAllowInsecure(bool allow) {
+  allowInsecure_ = allow;
+  store(kAllowInsecure, allow);
+  Q_EMIT allowInsecureChanged(allow);
+}
+
+template <typename T>
+void SettingsStore::store(const char* key, const T& value, const std::string& text) {
+  defaults_->setValue(key, value);
+  defaults_->sync();  // at once: a crash later must not undo the choice
+  AppLog::settings.debug(fmt::format("[SettingsStore] {} = {}", key, text));
+}
+
+void SettingsStore::store(const char* key, bool value) {
+  store(key, value, value ? "true" : "false");
+}
+
+}  // namespace verdo

@@ -1,0 +1,57 @@
+#pragma once
+
+#include "VerdoDriver/Model/KeepAwakeMode.h"
+
+#include <QObject>
+#include <memory>
+#include <string>
+
+class QSettings;
+
+namespace verdo {
+
+/// The user's choices. Every assignment is written through at once, a repeated one too, and
+/// announced. Lives on the main thread.
+class SettingsStore : public QObject {
+  Q_OBJECT
+ public:
+  /// Reads all choices. Keys that are missing or hold nonsense give the defaults below.
+  explicit SettingsStore(std::unique_ptr<QSettings> defaults);
+  ~SettingsStore() override;
+
+  /// Base URL of the service; "" until the user has chosen one.
+  const std::string& serverURL() const { return serverURL_; }
+  bool launchAtLogin() const { return launchAtLogin_; }
+  KeepAwakeMode keepAwakeMode() const { return keepAwakeMode_; }
+  /// The driver starts together with the app; true by default, unlike the other two.
+  bool autoStart() const { return autoStart_; }
+  /// Plain http to a host that is not loopback is allowed.
+  bool allowInsecure() const { return allowInsecure_; }
+
+  void setServerURL(const std::string& url);
+  void setLaunchAtLogin(bool launch);
+  void setKeepAwakeMode(KeepAwakeMode mode);
+  void setAutoStart(bool start);
+  void setAllowInsecure(bool allow);
+
+ Q_SIGNALS:
+  void serverURLChanged(const std::string& url);
+  void launchAtLoginChanged(bool launch);
+  void keepAwakeModeChanged(KeepAwakeMode mode);
+  void autoStartChanged(bool start);
+  void allowInsecureChanged(bool allow);
+
+ private:
+  template <typename T>
+  void store(const char* key, const T& value, const std::string& text);
+  void store(const char* key, bool value);
+
+  const std::unique_ptr<QSettings> defaults_;
+  std::string serverURL_;
+  bool launchAtLogin_;
+  KeepAwakeMode keepAwakeMode_;
+  bool autoStart_;
+  bool allowInsecure_;
+};
+
+}  // namespace verdo

@@ -1,0 +1,18 @@
+#include "tests/Support/Misbehaviour.h"
+
+#include <QCoreApplication>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <signal.h>
+
+int main(int argc, char** argv) {
+  if (argc > 2 && std::string(argv[1]) == "--misbehave") {
+    return verdo::test::misbehave(std::vector<std::string>(argv + 2, argv + argc));
+  }
+  ::signal(SIGPIPE, SIG_IGN);
+  testing::InitGoogleMock(&argc, argv);
+  const QCoreApplication application(argc, argv);
+  return RUN_ALL_TESTS();
+}
