@@ -49,11 +49,12 @@ class ConnectFlow : public QObject {
                                                   bool checkLLM) const;
   /// Checks the draft with a run that only says hello and, if wanted, checks the LLM key.
   void dryRun(const ConnectDraft& draft, bool checkLLM, Completion completion);
-  /// A dry run with the key check; saves the draft when it ends clean. Empty fields of the draft
-  /// leave the stored secrets alone.
+  /// A dry run with the key check; saves the draft when it ends clean: the secrets, all or none of
+  /// them, and then the settings. With an empty key the stored one is checked, and stays.
   void connect(const ConnectDraft& draft, Completion completion);
 
  private:
+  void prove(const ConnectDraft& draft, const std::string& key, const Completion& completion);
   void save(const ConnectDraft& draft, const ConnectResult& result, const Completion& completion);
 
   const std::shared_ptr<DriverFactory> factory_;

@@ -1,0 +1,346 @@
+#include "VerdoDriver/Model/DriverSupervisor.h"
+
+#include "VerdoDriver/Model/AppLog.h"
+#include "VerdoDriver/Model/Background.h"
+#include "VerdoDriver/Model/Masked.h"
+
+#include <QPointer>
+#include <chrono>
+#include <cmath>
+#include <system_error>
+#include <utility>
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
+namespace verdo {
+namespace {
+
+std::int64_t wholeSeconds(double seconds) { return static_cast<std::int64_t>(seconds); }
+
+/// A key shows as "none" where a token shows as "(none)".
+std::string maskedKey(const std::string& key) { return key.empty() ? "none" : masked(key); }
+
+}  // namespace
+
+DriverSupervisor::State DriverSupervisor::State::backoff(Clock::TimePoint until,
+                                                         std::string reason) {
+  return {Kind::backoff, until, std::move(reason), std::nullopt};
+}
+
+DriverSupervisor::State DriverSupervisor::State::stopped(ExitReason exit) {
+  return {Kind::stopped, std::nullopt, {}, std::move(exit)};
+}
+
+DriverSupervisor::State DriverSupervisor::State::starting() {
+  return {Kind::starting, std::nullopt, {}, std::nullopt};
+}
+
+DriverSupervisor::State DriverSupervisor::State::running() {
+  return {Kind::running, std::nullopt, {}, std::nullopt};
+}
+
+std::string DriverSupervisor::State::text() const {
+  switch (kind) {
+    case Kind::backoff:
+      return fmt::format("backoff(until: {:%H:%M:%S}, reason: {})",
+                         fmt::localtime(Clock::TimePoint::clock::to_time_t(*until)), reason);
+    case Kind::stopped:
+      return fmt::format("stopped(exit {}{}{})", exit->code(), exit->message().empty() ? "" : ": ",
+                         exit->message());
+    case Kind::idle:
+      return "idle";
+    case Kind::starting:
+      return "starting";
+    case Kind::running:
+      break;
+  }
+  return "running";
+}
+
+struct DriverSupervisor::Run {
+  Generation generation;
+  std::shared_ptr<DriverHandle> handle;
+  Clock::TimePoint startedAt;
+  bool stopRequested = false;
+};
+
+/// Carries the reports of one run, which arrive on its threads, to the main thread. Reports of a
+/// run that is no longer current are dropped there.
+class DriverSupervisor::ObserverBridge : public DriverObserver {
+ public:
+  ObserverBridge(QPointer<DriverSupervisor> supervisor, Generation generation)
+      : supervisor_(std::move(supervisor)), generation_(generation) {}
+
+  void driverConnected(const std::string& username, std::int64_t,
+                       const std::string& serverVersion) override {
+    post([=](DriverSupervisor& supervisor) { supervisor.connected(username, serverVersion); });
+  }
+  void driverBusyLanesChanged(const std::vector<std::string>& lanes) override {
+    post([=](DriverSupervisor& supervisor) {
+      supervisor.assign(supervisor.busyLanes_, lanes, &DriverSupervisor::busyLanesChanged);
+    });
+  }
+  void driverJobStarted(std::int64_t id, const std::string& lane,
+                        const std::string& kind) override {
+    post([text = fmt::format("job {} · {} · {}…", id, lane, kind)](DriverSupervisor& supervisor) {
+      supervisor.assign(supervisor.lastJob_, text, &DriverSupervisor::lastJobChanged);
+    });
+  }
+  void driverJobFinished(std::int64_t id, const std::string& lane, std::int32_t exitCode,
+                         const std::optional<std::string>& error) override {
+    post([=](DriverSupervisor& supervisor) { supervisor.jobFinished(id, lane, exitCode, error); });
+  }
+  void driverRetrying(const std::string& message, double retryInSeconds) override {
+    post([=](DriverSupervisor& supervisor) { supervisor.retrying(message, retryInSeconds); });
+  }
+
+ private:
+  template <typename Report>
+  void post(Report report) {
+    MainThread::post([supervisor = supervisor_, generation = generation_, report] {
+      if (supervisor && supervisor->isCurrent(generation)) report(*supervisor);
+    });
+  }
+
+  const QPointer<DriverSupervisor> supervisor_;
+  const Generation generation_;
+};
+
+DriverSupervisor::DriverSupervisor(std::shared_ptr<DriverFactory> factory,
+                                   std::shared_ptr<DriverLog> log, std::shared_ptr<Clock> clock,
+                                   double restartImmediateAfter, double backoffDelay)
+    : factory_(std::move(factory)),
+      log_(std::move(log)),
+      clock_(std::move(clock)),
+      restartImmediateAfter_(restartImmediateAfter),
+      backoffDelay_(backoffDelay) {}
+
+DriverSupervisor::~DriverSupervisor() {
+  cancelBackoff();
+  if (stopTimeout_) stopTimeout_->cancel();
+}
+
+void DriverSupervisor::start(ConfigProvider configProvider) {
+  MainThread::require("DriverSupervisor::start");
+  configProvider_ = std::move(configProvider);
+  cancelBackoff();
+  if (current_) {
+    AppLog::supervisor.debug("[Supervisor] start ignored — a run is active");
+    return;
+  }
+  launch();
+}
+
+void DriverSupervisor::stop(double timeout, std::function<void()> completion) {
+  MainThread::require("DriverSupervisor::stop");
+  cancelBackoff();
+  if (!current_) {
+    launchPending_ = false;
+    ++configTicket_;
+    if (state_.kind == State::Kind::starting || state_.kind == State::Kind::backoff) {
+      transition(State::idle());
+    }
+    if (completion) completion();
+    return;
+  }
+  if (completion) stopWaiters_.push_back(std::move(completion));
+  if (std::exchange(current_->stopRequested, true)) return;
+  log_->write(fmt::format("» stop requested (run #{})", current_->generation));
+  current_->handle->stop();
+  stopTimeout_ =
+      clock_->after(timeout, [self = QPointer(this), generation = current_->generation, timeout] {
+        if (self) self->stopTimedOut(generation, timeout);
+      });
+}
+
+void DriverSupervisor::restart() {
+  MainThread::require("DriverSupervisor::restart");
+  if (!configProvider_) return;
+  if (!current_) return start(configProvider_);
+  stop(kStopTimeout, [self = QPointer(this), provider = configProvider_] {
+    if (self) self->start(provider);
+  });
+}
+
+void DriverSupervisor::kick() {
+  MainThread::require("DriverSupervisor::kick");
+  if (state_.kind != State::Kind::backoff || current_) return;
+  AppLog::supervisor.info("[Supervisor] kick — restarting now instead of waiting out the backoff");
+  cancelBackoff();
+  launch();
+}
+
+void DriverSupervisor::launch() {
+  if (draining_) {
+    launchPending_ = true;
+    transition(State::starting());
+    AppLog::supervisor.info(
+        fmt::format("[Supervisor] launch deferred — run #{} still draining", *draining_));
+    return;
+  }
+  launchPending_ = false;
+  const auto ticket = ++configTicket_;
+  if (!configProvider_) return launchWith(std::nullopt);
+  configProvider_([self = QPointer(this), ticket](const std::optional<DriverConfig>& config) {
+    if (self && self->configTicket_ == ticket) self->launchWith(config);
+  });
+  if (configTicket_ == ticket) transition(State::starting());  // the answer is still to come
+}
+
+void DriverSupervisor::launchWith(const std::optional<DriverConfig>& config) {
+  ++configTicket_;
+  if (!config) return transition(State::stopped(ExitReason::badConfig(kNotConnected)));
+  const auto generation = ++generation_;
+  const auto bridge = std::make_shared<ObserverBridge>(QPointer(this), generation);
+  const auto handle = factory_->makeDriver(*config, log_, bridge);
+  current_ = std::make_shared<Run>(Run{generation, handle, clock_->now()});
+  assign(retryMessage_, std::nullopt, &DriverSupervisor::retryMessageChanged);
+  transition(State::starting());
+  log_->write(fmt::format("» driver run #{} starting (server {}, token {}, key {})", generation,
+                          config->server, masked(config->token), maskedKey(config->llmKey)));
+  const auto ended = [self = QPointer(this), generation](const ExitReason& reason) {
+    if (self) self->runEnded(generation, reason);
+  };
+  try {
+    // The bridge lives as long as the run, which only knows it weakly.
+    runInBackground(
+        fmt::format("verdo-driver-{}", generation), [handle, bridge] { return handle->run(); },
+        ended);
+  } catch (const std::system_error& error) {
+    // As likely to go away by itself as a server that is down, and so treated alike.
+    MainThread::post(
+        [ended, reason = ExitReason::serverUnreachable(
+                    fmt::format("no thread for the driver: {}", error.what()))] { ended(reason); });
+  }
+}
+
+void DriverSupervisor::stopTimedOut(Generation generation, double timeout) {
+  if (!isCurrent(generation)) return;
+  AppLog::supervisor.error(fmt::format(
+      "[Supervisor] run #{} did not stop within {:f}s — draining it", generation, timeout));
+  log_->write(fmt::format("» driver did not stop in {}s — draining (no new run until it returns)",
+                          wholeSeconds(timeout)));
+  current_.reset();
+  draining_ = generation;
+  assign(busyLanes_, std::vector<std::string>(), &DriverSupervisor::busyLanesChanged);
+  transition(State::idle());
+  flushStopWaiters();
+}
+
+void DriverSupervisor::runEnded(Generation generation, const ExitReason& reason) {
+  if (draining_ == generation) return drainedRunEnded(reason);
+  if (!isCurrent(generation)) {
+    AppLog::supervisor.debug(
+        fmt::format("[Supervisor] stale run #{} ended ({}) — ignored", generation, reason.code()));
+    return;
+  }
+  const auto run = std::exchange(current_, nullptr);
+  if (stopTimeout_) stopTimeout_->cancel();
+  stopTimeout_.reset();
+  assign(busyLanes_, std::vector<std::string>(), &DriverSupervisor::busyLanesChanged);
+  const double elapsed = std::chrono::duration<double>(clock_->now() - run->startedAt).count();
+  const bool hasMessage = !reason.message().empty();
+  log_->write(fmt::format("» run #{} ended: exit {}{}{} after {}s", generation, reason.code(),
+                          hasMessage ? " — " : "", reason.message(), wholeSeconds(elapsed)));
+  if (hasMessage) assign(lastError_, reason.message(), &DriverSupervisor::lastErrorChanged);
+  decideAfter(*run, reason, elapsed);
+  flushStopWaiters();
+  Q_EMIT exited(reason);
+}
+
+void DriverSupervisor::drainedRunEnded(const ExitReason& reason) {
+  const auto generation = *std::exchange(draining_, std::nullopt);
+  log_->write(fmt::format("» drained run #{} returned (exit {})", generation, reason.code()));
+  AppLog::supervisor.info(fmt::format("[Supervisor] drained run #{} returned — {}", generation,
+                                      launchPending_ ? "launching the deferred run" : "idle"));
+  if (launchPending_) return launch();
+  if (state_.kind == State::Kind::starting) transition(State::idle());
+}
+
+void DriverSupervisor::decideAfter(const Run& run, const ExitReason& reason, double elapsed) {
+  if (run.stopRequested) return transition(State::idle());
+  switch (reason.kind()) {
+    case ExitReason::Kind::outOfDate:
+      assign(updateAvailable_, true, &DriverSupervisor::updateAvailableChanged);
+      [[fallthrough]];
+    case ExitReason::Kind::badConfig:
+    case ExitReason::Kind::tokenRevoked:
+    case ExitReason::Kind::llmKeyRejected:
+    case ExitReason::Kind::noExecutor:
+      return transition(State::stopped(reason));
+    case ExitReason::Kind::clean:
+    case ExitReason::Kind::stopped:
+      return transition(State::idle());
+    case ExitReason::Kind::serverUnreachable:
+      break;
+  }
+  if (elapsed < restartImmediateAfter_) return retryLater(reason, elapsed);
+  AppLog::supervisor.info(
+      fmt::format("[Supervisor] exit 1 after {}s — restarting immediately", wholeSeconds(elapsed)));
+  launch();
+}
+
+/// The pause is always the same: the service may be back at any moment.
+void DriverSupervisor::retryLater(const ExitReason& reason, double elapsed) {
+  AppLog::supervisor.info(fmt::format("[Supervisor] exit 1 after {}s — retry in {}s",
+                                      wholeSeconds(elapsed), wholeSeconds(backoffDelay_)));
+  const auto delay = std::chrono::duration<double>(backoffDelay_);
+  const auto until = clock_->now() + std::chrono::duration_cast<Clock::TimePoint::duration>(delay);
+  transition(State::backoff(until, reason.message()));
+  backoffToken_ = clock_->after(backoffDelay_, [self = QPointer(this)] {
+    if (self && self->state_.kind == State::Kind::backoff && !self->current_) self->launch();
+  });
+}
+
+void DriverSupervisor::cancelBackoff() {
+  if (backoffToken_) backoffToken_->cancel();
+  backoffToken_.reset();
+}
+
+void DriverSupervisor::flushStopWaiters() {
+  for (const auto& waiter : std::exchange(stopWaiters_, {})) waiter();
+}
+
+void DriverSupervisor::transition(State state) {
+  if (state == state_) return;
+  AppLog::supervisor.info(fmt::format("[Supervisor] {} → {}", state_.text(), state.text()));
+  assign(state_, std::move(state), &DriverSupervisor::stateChanged);
+}
+
+template <typename T, typename U>
+void DriverSupervisor::assign(T& property, U value, Changed changed) {
+  if (property == value) return;
+  property = std::move(value);
+  Q_EMIT(this->*changed)();
+}
+
+bool DriverSupervisor::isCurrent(Generation generation) const {
+  return current_ && current_->generation == generation;
+}
+
+void DriverSupervisor::connected(const std::string& username, const std::string& serverVersion) {
+  assign(username_, username, &DriverSupervisor::usernameChanged);
+  assign(serverVersion_, serverVersion, &DriverSupervisor::serverVersionChanged);
+  assign(retryMessage_, std::nullopt, &DriverSupervisor::retryMessageChanged);
+  assign(lastError_, std::nullopt, &DriverSupervisor::lastErrorChanged);
+  transition(State::running());
+  log_->write(fmt::format("» connected as {} (server driver v{})", username, serverVersion));
+}
+
+void DriverSupervisor::retrying(const std::string& message, double retryIn) {
+  assign(retryMessage_, fmt::format("{} — retrying in {} s", message, std::lround(retryIn)),
+         &DriverSupervisor::retryMessageChanged);
+}
+
+void DriverSupervisor::jobFinished(std::int64_t id, const std::string& lane, std::int32_t exitCode,
+                                   const std::optional<std::string>& error) {
+  assign(servedCount_, servedCount_ + 1, &DriverSupervisor::servedCountChanged);
+  assign(lastJob_, fmt::format("job {} · {} · exit {}", id, lane, exitCode),
+         &DriverSupervisor::lastJobChanged);
+  if (!error.value_or("").empty()) {
+    assign(lastError_, *error, &DriverSupervisor::lastErrorChanged);
+  }
+}
+
+}  // namespace verdo

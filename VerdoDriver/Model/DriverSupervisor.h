@@ -1,0 +1,161 @@
+#pragma once
+
+#include "VerdoDriver/Model/Clock.h"
+#include "VerdoDriver/Model/DriverFactory.h"
+#include "VerdoDriver/Model/DriverLog.h"
+
+#include <QObject>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace verdo {
+
+/// Owns the driver: runs it on a thread of its own, one run at a time, shows what it does, decides
+/// after each run whether to start another one, and lets go of a run that will not stop.
+///
+/// Lives on the main thread, never blocks it, and is driven by its clock. Destroying it abandons a
+/// run that is still going; the run then ends with the process.
+class DriverSupervisor : public QObject {
+  Q_OBJECT
+ public:
+  struct State {
+    enum class Kind {
+      backoff,   ///< the server could not be reached; a new run is scheduled
+      stopped,   ///< a run ended for a reason that needs the user; none is scheduled
+      idle,      ///< no run and none scheduled
+      starting,  ///< a run has been launched, or its launch waits, and it has not said hello
+      running,   ///< connected to the server
+    };
+    Kind kind = Kind::idle;
+    std::optional<Clock::TimePoint> until;  ///< of backoff: when the next run starts
+    std::string reason;                     ///< of backoff: why the last one failed
+    std::optional<ExitReason> exit;         ///< of stopped
+
+    static State backoff(Clock::TimePoint until, std::string reason);
+    static State stopped(ExitReason exit);
+    static State idle() { return {}; }
+    static State starting();
+    static State running();
+    bool operator==(const State&) const = default;
+    /// For the log.
+    std::string text() const;
+  };
+
+  /// Takes a configuration; absent when there is none to run with.
+  using ConfigReply = std::function<void(std::optional<DriverConfig>)>;
+  /// Asked for a configuration at every launch, so that each run uses what is set and stored then.
+  /// Answers once, on the main thread, at once or when it can (a keyring may take its time; until
+  /// then the state is `starting`). An answer that a later launch or a stop has overtaken is
+  /// dropped.
+  using ConfigProvider = std::function<void(ConfigReply)>;
+
+  /// Seconds that a stop waits for a run before it is abandoned, in every stop that the app makes.
+  static constexpr double kStopTimeout = 75;
+  /// What the user reads when there is no configuration.
+  static constexpr const char* kNotConnected = "not connected — press Connect to website in Setup";
+
+  /// A run that has lost the server after `restartImmediateAfter` seconds or more is followed by
+  /// the next one at once, a shorter one after `backoffDelay` seconds.
+  DriverSupervisor(std::shared_ptr<DriverFactory> factory, std::shared_ptr<DriverLog> log,
+                   std::shared_ptr<Clock> clock, double restartImmediateAfter = 60,
+                   double backoffDelay = 30);
+  ~DriverSupervisor() override;
+
+  // These four end the program when called on another thread.
+
+  /// Launches a run unless one is current; calls off a back-off. The provider replaces any earlier
+  /// one.
+  void start(ConfigProvider configProvider);
+  /// Asks the current run to end, and calls `completion` once there is none: when it has ended, or
+  /// after `timeout` seconds, when it is abandoned. Calls off whatever was scheduled.
+  void stop(double timeout, std::function<void()> completion = {});
+  /// Starts again with the same provider, after a stop if a run is current. Nothing before the
+  /// first start.
+  void restart();
+  /// The network is back or the computer woke up: ends a back-off now. Nothing in other states.
+  void kick();
+
+  // What the user interface shows. Each has its signal, emitted after a change only.
+  const State& state() const { return state_; }
+  const std::optional<std::string>& username() const { return username_; }
+  const std::optional<std::string>& serverVersion() const { return serverVersion_; }
+  const std::vector<std::string>& busyLanes() const { return busyLanes_; }
+  std::int64_t servedCount() const { return servedCount_; }
+  const std::optional<std::string>& lastJob() const { return lastJob_; }
+  const std::optional<std::string>& lastError() const { return lastError_; }
+  const std::optional<std::string>& retryMessage() const { return retryMessage_; }
+  bool updateAvailable() const { return updateAvailable_; }
+  /// A run is being supervised; an abandoned one is not.
+  bool hasCurrentRun() const { return current_ != nullptr; }
+
+ Q_SIGNALS:
+  void stateChanged();
+  void usernameChanged();
+  void serverVersionChanged();
+  void busyLanesChanged();
+  void servedCountChanged();
+  void lastJobChanged();
+  void lastErrorChanged();
+  void retryMessageChanged();
+  void updateAvailableChanged();
+  /// A run has ended that was not abandoned before.
+  void exited(const verdo::ExitReason& reason);
+
+ private:
+  class ObserverBridge;
+  struct Run;
+  using Changed = void (DriverSupervisor::*)();
+  using Generation = std::int64_t;
+
+  void launch();
+  void launchWith(const std::optional<DriverConfig>& config);
+  void runEnded(Generation generation, const ExitReason& reason);
+  void drainedRunEnded(const ExitReason& reason);
+  void decideAfter(const Run& run, const ExitReason& reason, double elapsed);
+  void retryLater(const ExitReason& reason, double elapsed);
+  void stopTimedOut(Generation generation, double timeout);
+  void cancelBackoff();
+  void flushStopWaiters();
+  void transition(State state);
+  template <typename T, typename U>
+  void assign(T& property, U value, Changed changed);
+
+  // Reports of the current run.
+  bool isCurrent(Generation generation) const;
+  void connected(const std::string& username, const std::string& serverVersion);
+  void retrying(const std::string& message, double retryIn);
+  void jobFinished(std::int64_t id, const std::string& lane, std::int32_t exitCode,
+                   const std::optional<std::string>& error);
+
+  const std::shared_ptr<DriverFactory> factory_;
+  const std::shared_ptr<DriverLog> log_;
+  const std::shared_ptr<Clock> clock_;
+  const double restartImmediateAfter_;
+  const double backoffDelay_;
+
+  State state_;
+  std::optional<std::string> username_;
+  std::optional<std::string> serverVersion_;
+  std::vector<std::string> busyLanes_;
+  std::int64_t servedCount_ = 0;
+  std::optional<std::string> lastJob_;
+  std::optional<std::string> lastError_;
+  std::optional<std::string> retryMessage_;
+  bool updateAvailable_ = false;
+
+  std::shared_ptr<Run> current_;
+  Generation generation_ = 0;           ///< number of the last run launched
+  std::optional<Generation> draining_;  ///< the abandoned run that still goes on
+  bool launchPending_ = false;          ///< to be launched once the abandoned run has ended
+  std::uint64_t configTicket_ = 0;      ///< of the question to the provider that counts
+  ConfigProvider configProvider_;
+  std::shared_ptr<ClockToken> backoffToken_;
+  std::shared_ptr<ClockToken> stopTimeout_;
+  std::vector<std::function<void()>> stopWaiters_;
+};
+
+}  // namespace verdo

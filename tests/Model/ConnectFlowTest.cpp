@@ -1,0 +1,225 @@
+#include "VerdoDriver/Model/ConnectFlow.h"
+#include "tests/Support/AppLogCapture.h"
+#include "tests/Support/MainLoop.h"
+#include "tests/Support/RecordingDriverLog.h"
+#include "tests/Support/ScriptedDriver.h"
+#include "tests/Support/TempDir.h"
+
+#include <QSettings>
+
+#include <gmock/gmock.h>
+
+namespace verdo::test {
+namespace {
+
+using Action = StatusText::Action;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+TEST(ServerURL, IsJudgedWrongly) {
+  const struct {
+    const char* text;
+    bool insecure;
+    const char* result;  ///< the URL, or the refusal
+  } table[] = {
+      {" \t https://s.example/// \n", false, "https://s.example"},
+      {"http://127.0.0.1:8765/", false, "http://127.0.0.1:8765"},
+      {"http://s.example", true, "http://s.example"},
+      {" // ", false, "Enter the server URL."},
+      {"ftp://x", false, "The server URL must start with https:// (got ftp://x)."},
+      {"HTTPS://x", false, "The server URL must start with https:// (got HTTPS://x)."},
+      {"https:///path", false, "https:///path is not a valid URL."},
+      {"https://a b", false, "https://a b is not a valid URL."},
+  };
+  for (const auto& [text, insecure, result] : table) {
+    const auto url = validateServerURL(text, insecure);
+    EXPECT_EQ(url ? *url : url.error().message, result);
+  }
+  EXPECT_FALSE(validateServerURL("http://s.example", false));
+}
+
+/// Fails every write to one account.
+class FailingStore : public MemorySecretStore {
+ public:
+  Result<void> write(const std::string& value, SecretAccount account) override {
+    if (account != failing) return MemorySecretStore::write(value, account);
+    return tl::make_unexpected(SecretError{SecretError::Kind::locked, 1, "The keyring is locked."});
+  }
+  std::optional<SecretAccount> failing;
+};
+
+class Connect : public testing::Test {
+ protected:
+  Connect() {
+    EXPECT_TRUE(secrets->write("old-token", SecretAccount::driverToken));
+    EXPECT_TRUE(secrets->write("old-key", SecretAccount::llmKey));
+    factory->endsAtOnce = ExitReason::clean();
+  }
+  ConnectResult connect() {
+    std::optional<ConnectResult> result;
+    flow.connect(draft, [&](const ConnectResult& given) {
+      EXPECT_FALSE(result) << "completed twice";
+      result = given;
+    });
+    EXPECT_TRUE(spinUntil([&] { return result.has_value(); }));
+    return result.value();
+  }
+  std::string stored(SecretAccount account) { return secrets->read(account)->value_or(""); }
+  std::vector<std::string> saved() {
+    return {stored(SecretAccount::driverToken), stored(SecretAccount::llmKey),
+            settings.serverURL()};
+  }
+
+  TempDir directory;
+  std::shared_ptr<ScriptedFactory> factory = std::make_shared<ScriptedFactory>();
+  std::shared_ptr<FailingStore> secrets = std::make_shared<FailingStore>();
+  SettingsStore settings{std::make_unique<QSettings>(QString::fromStdString(directory / "settings"),
+                                                     QSettings::IniFormat)};
+  std::shared_ptr<RecordingDriverLog> log = std::make_shared<RecordingDriverLog>();
+  std::optional<std::string> ego = "/bin/ego";
+  AppLogCapture appLog;
+  ConnectFlow flow{factory, secrets, settings, log, [this] { return ego; }};
+  ConnectDraft draft{"https://s.example/", "new-token", "new-key", false};
+};
+
+TEST_F(Connect, SavesWhatWasRefusedOrFailed) {
+  const auto noTool =
+      "ego-browser not found in ~/.local/bin, /opt/homebrew/bin, /usr/local/bin or PATH";
+  const struct {
+    const char* what;
+    std::function<void()> prepare;
+    ExitReason reason;
+    StatusText text;
+    std::size_t runs;
+  } table[] = {
+      {"URL",
+       [this] { draft.serverURL = ""; },
+       ExitReason::badConfig("Enter the server URL."),
+       {"Check the setup", "Enter the server URL.", Action::fixServer},
+       0},
+      {"token",
+       [this] { draft.token = ""; },
+       ExitReason::badConfig("Not connected yet — press Connect to website."),
+       {"Check the setup", "Not connected yet — press Connect to website.", Action::fixServer},
+       0},
+      {"tool",
+       [this] { ego.reset(); },
+       ExitReason::noExecutor(noTool),
+       {"ego lite not found", "Install ego lite and log in to LinkedIn there once.",
+        Action::installEgo},
+       0},
+      {"revoked",
+       [this] { factory->endsAtOnce = ExitReason::tokenRevoked("r"); },
+       ExitReason::tokenRevoked("r"),
+       {"Disconnected",
+        "The website no longer accepts this Mac — press Connect to website in Setup to pair again.",
+        Action::fixToken},
+       1},
+      {"rejected",
+       [this] { factory->endsAtOnce = ExitReason::llmKeyRejected("r"); },
+       ExitReason::llmKeyRejected("r"),
+       {"DeepSeek rejected the key ····-key", "Nothing saved — check the key and try again.",
+        Action::fixKey},
+       1},
+      {"token not written",
+       [this] { secrets->failing = SecretAccount::driverToken; },
+       ExitReason::clean(),
+       {"Could not save to the Keychain", "The keyring is locked.", Action::none},
+       1},
+      {"key not written",
+       [this] { secrets->failing = SecretAccount::llmKey; },
+       ExitReason::clean(),
+       {"Could not save to the Keychain", "The keyring is locked.", Action::none},
+       1},
+  };
+  const auto original = draft;
+  for (const auto& row : table) {
+    SCOPED_TRACE(row.what);
+    draft = original;
+    ego = "/bin/ego";
+    factory->endsAtOnce = ExitReason::clean();
+    factory->runs.clear();
+    secrets->failing.reset();
+    row.prepare();
+    const auto result = connect();
+    EXPECT_EQ(result.reason, row.reason);
+    EXPECT_EQ(result.text, row.text);
+    EXPECT_EQ(factory->runs.size(), row.runs);
+    EXPECT_THAT(saved(), ElementsAre("old-token", "old-key", ""));
+  }
+  EXPECT_TRUE(appLog.has("[ConnectFlow] refused before running: Enter the server URL."));
+  EXPECT_TRUE(appLog.has("[ConnectFlow] dry run → exit 3"));
+  EXPECT_TRUE(appLog.has("[ConnectFlow] keychain write failed: The keyring is locked."));
+}
+
+TEST_F(Connect, LosesWhatWasProven) {
+  draft.allowInsecure = true;
+  factory->endsAtOnce.reset();
+  std::optional<ConnectResult> result;
+  flow.connect(draft, [&](const ConnectResult& given) { result = given; });
+  ASSERT_EQ(factory->runs.size(), 1u);
+  const auto& run = *factory->runs[0];
+  EXPECT_TRUE(run.config.dryRun && run.config.checkLLM && run.config.insecure);
+  EXPECT_EQ(run.config.server, "https://s.example");
+  EXPECT_EQ(run.config.execCommand, "ego-browser nodejs");
+  run.observer.lock()->driverConnected("ann", 1, "1");
+  factory->runs[0]->end(ExitReason::clean());
+  ASSERT_TRUE(spinUntil([&] { return result.has_value(); }));
+  EXPECT_EQ(result->username, "ann");
+  EXPECT_THAT(saved(), ElementsAre("new-token", "new-key", "https://s.example"));
+  EXPECT_TRUE(settings.allowInsecure());
+  EXPECT_THAT(log->lines(),
+              ElementsAre("» dry run (check_llm=true) against https://s.example, token ····oken",
+                          "» connected as ann — settings saved"));
+  for (const auto& line : appLog.lines()) {
+    EXPECT_THAT(line, Not(testing::ContainsRegex("new-token|new-key"))) << line;
+  }
+}
+
+TEST_F(Connect, ErasesTheStoredKeyWithAnEmptyOne) {
+  draft.llmKey = "";
+  EXPECT_EQ(connect().reason, ExitReason::clean());
+  EXPECT_EQ(factory->runs.at(0)->config.llmKey, "old-key");
+  EXPECT_THAT(saved(), ElementsAre("new-token", "old-key", "https://s.example"));
+
+  EXPECT_TRUE(secrets->remove(SecretAccount::llmKey));
+  const auto refused = connect();
+  EXPECT_EQ(refused.reason, ExitReason::badConfig("Paste the DeepSeek key first."));
+  EXPECT_EQ(refused.text,
+            (StatusText{"Check the setup", "Paste the DeepSeek key first.", Action::fixServer}));
+}
+
+TEST(Settings, AreForgottenOrMisread) {
+  const TempDir directory;
+  const auto file = QString::fromStdString(directory / "settings");
+  const auto open = [&] {
+    return std::make_unique<SettingsStore>(std::make_unique<QSettings>(file, QSettings::IniFormat));
+  };
+  auto settings = open();
+  EXPECT_EQ(settings->serverURL(), "");
+  EXPECT_FALSE(settings->launchAtLogin());
+  EXPECT_EQ(settings->keepAwakeMode(), KeepAwakeMode::always);
+  EXPECT_TRUE(settings->autoStart());
+  EXPECT_FALSE(settings->allowInsecure());
+  int announced = 0;
+  QObject::connect(settings.get(), &SettingsStore::autoStartChanged, [&] { ++announced; });
+  settings->setServerURL("https://ü.example/,;\"");
+  settings->setLaunchAtLogin(true);
+  settings->setKeepAwakeMode(KeepAwakeMode::whileJobRuns);
+  settings->setAutoStart(false);
+  settings->setAutoStart(false);
+  settings->setAllowInsecure(true);
+  EXPECT_EQ(announced, 2);
+
+  const auto again = open();  // while the first one still lives: all has been written
+  EXPECT_EQ(again->serverURL(), "https://ü.example/,;\"");
+  EXPECT_TRUE(again->launchAtLogin());
+  EXPECT_EQ(again->keepAwakeMode(), KeepAwakeMode::whileJobRuns);
+  EXPECT_FALSE(again->autoStart());
+  EXPECT_TRUE(again->allowInsecure());
+  QSettings(file, QSettings::IniFormat).setValue("keepAwakeMode", "sometimes");
+  EXPECT_EQ(open()->keepAwakeMode(), KeepAwakeMode::always);
+}
+
+}  // namespace
+}  // namespace verdo::test

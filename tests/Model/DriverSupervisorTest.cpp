@@ -1,0 +1,284 @@
+#include "VerdoDriver/Model/DriverSupervisor.h"
+#include "tests/Support/AppLogCapture.h"
+#include "tests/Support/MainLoop.h"
+#include "tests/Support/ManualClock.h"
+#include "tests/Support/RecordingDriverLog.h"
+#include "tests/Support/ScriptedDriver.h"
+
+#include <thread>
+
+#include <gmock/gmock.h>
+
+namespace verdo::test {
+namespace {
+
+using Kind = DriverSupervisor::State::Kind;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class Supervisor : public testing::Test {
+ protected:
+  Supervisor() {
+    QObject::connect(&supervisor, &DriverSupervisor::exited,
+                     [this](const ExitReason& reason) { exits.push_back(reason); });
+    QObject::connect(&supervisor, &DriverSupervisor::stateChanged,
+                     [this] { states.push_back(supervisor.state().kind); });
+  }
+
+  void start() {
+    supervisor.start([this](const DriverSupervisor::ConfigReply& reply) {
+      ++asked;
+      reply(config);
+    });
+  }
+  ScriptedDriver& run(std::size_t number) { return *factory->runs.at(number - 1); }
+  /// Ends a run and lets the supervisor notice.
+  void end(std::size_t number, const ExitReason& reason) {
+    const auto line = "run #" + std::to_string(number);
+    const auto before = linesWith(line);
+    run(number).end(reason);
+    ASSERT_TRUE(spinUntil([&] { return linesWith(line) > before; }));
+  }
+  void report(std::size_t number, const std::function<void(DriverObserver&)>& what) {
+    const auto observer = run(number).observer.lock();
+    ASSERT_TRUE(observer);
+    std::thread([&] { what(*observer); }).join();
+    spin();
+  }
+  void connect(std::size_t number) {
+    report(number, [](auto& observer) { observer.driverConnected("ann", 7, "1.2"); });
+  }
+  Kind state() const { return supervisor.state().kind; }
+  std::ptrdiff_t linesWith(const std::string& text) const {
+    const auto lines = log->lines();
+    return std::count_if(lines.begin(), lines.end(), [&](const std::string& line) {
+      return line.find(text) != std::string::npos;
+    });
+  }
+
+  std::shared_ptr<ScriptedFactory> factory = std::make_shared<ScriptedFactory>();
+  std::shared_ptr<RecordingDriverLog> log = std::make_shared<RecordingDriverLog>();
+  std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
+  std::optional<DriverConfig> config = DriverConfig("https://s", "token-1234");
+  int asked = 0;
+  std::vector<ExitReason> exits;
+  std::vector<Kind> states;
+  AppLogCapture appLog;
+  DriverSupervisor supervisor{factory, log, clock};
+};
+
+TEST_F(Supervisor, DecidesWronglyAfterARun) {
+  const auto lost = ExitReason::serverUnreachable("gone");
+  const struct {
+    ExitReason reason;
+    double seconds;
+    bool stopRequested;
+    Kind next;
+    const char* line;
+  } table[] = {
+      {ExitReason::clean(), 1, false, Kind::idle, "» run #1 ended: exit 0 after 1s"},
+      {ExitReason::stopped(), 1.9, false, Kind::idle, "» run #1 ended: exit 130 after 1s"},
+      {ExitReason::badConfig("b"), 0, false, Kind::stopped, "» run #1 ended: exit 2 — b after 0s"},
+      {ExitReason::tokenRevoked("t"), 0, false, Kind::stopped,
+       "» run #1 ended: exit 3 — t after 0s"},
+      {ExitReason::outOfDate("o"), 0, false, Kind::stopped, "» run #1 ended: exit 6 — o after 0s"},
+      {ExitReason::llmKeyRejected("k"), 0, false, Kind::stopped,
+       "» run #1 ended: exit 7 — k after 0s"},
+      {ExitReason::noExecutor("e"), 0, false, Kind::stopped,
+       "» run #1 ended: exit 127 — e after 0s"},
+      {lost, 59.9, false, Kind::backoff, "» run #1 ended: exit 1 — gone after 59s"},
+      {lost, 60, false, Kind::starting, "» run #1 ended: exit 1 — gone after 60s"},
+      {lost, 60, true, Kind::idle, "» run #1 ended: exit 1 — gone after 60s"},
+      {ExitReason::badConfig("b"), 0, true, Kind::idle, "» run #1 ended: exit 2 — b after 0s"},
+  };
+  for (const auto& row : table) {
+    SCOPED_TRACE(row.line);
+    DriverSupervisor one(factory, log, clock);
+    factory->runs.clear();
+    one.start([this](const auto& reply) { reply(config); });
+    EXPECT_EQ(one.state().kind, Kind::starting);
+    const auto first = factory->runs.at(0);
+    clock->advance(row.seconds);
+    if (row.stopRequested) one.stop(75);
+    const auto lines = linesWith("» run #1 ended");
+    first->end(row.reason);
+    ASSERT_TRUE(spinUntil([&] { return linesWith("» run #1 ended") > lines; }));
+    EXPECT_THAT(log->lines(), Contains(row.line));
+    EXPECT_EQ(one.state().kind, row.next);
+    if (row.next == Kind::stopped) {
+      EXPECT_EQ(one.state().exit, row.reason);
+    }
+    EXPECT_EQ(one.updateAvailable(), row.reason.kind() == ExitReason::Kind::outOfDate);
+    EXPECT_EQ(one.lastError().value_or(""), row.reason.message());
+    EXPECT_EQ(factory->runs.size(), row.next == Kind::starting ? 2u : 1u);
+    for (const auto& run : factory->runs) run->end(ExitReason::stopped());
+  }
+}
+
+TEST_F(Supervisor, BacksOffTooLongOrTooShort) {
+  start();
+  end(1, ExitReason::serverUnreachable("gone"));
+  EXPECT_EQ(supervisor.state(),
+            DriverSupervisor::State::backoff(clock->now() + std::chrono::seconds(30), "gone"));
+  clock->advance(29.9);
+  EXPECT_EQ(factory->runs.size(), 1u);
+  clock->advance(0.1);
+  EXPECT_EQ(state(), Kind::starting);
+  ASSERT_EQ(factory->runs.size(), 2u);
+
+  end(2, ExitReason::serverUnreachable("gone"));
+  supervisor.kick();
+  ASSERT_EQ(factory->runs.size(), 3u);
+  supervisor.kick();  // of no use now, and of no harm
+  clock->advance(100);
+  EXPECT_EQ(factory->runs.size(), 3u);
+
+  clock->advance(-100);
+  end(3, ExitReason::serverUnreachable("gone"));
+  bool stopped = false;
+  supervisor.stop(75, [&] { stopped = true; });
+  EXPECT_TRUE(stopped);
+  EXPECT_EQ(state(), Kind::idle);
+  EXPECT_EQ(clock->pendingCount(), 0u);
+  EXPECT_EQ(asked, 3);
+}
+
+TEST_F(Supervisor, ShowsWhatARunDoesWrongly) {
+  config->llmKey = "key-9876";
+  start();
+  EXPECT_THAT(log->lines(), ElementsAre("» driver run #1 starting (server https://s, token "
+                                        "····1234, key ····9876)"));
+  report(1, [](auto& observer) { observer.driverRetrying("m", 4.5); });
+  EXPECT_EQ(supervisor.retryMessage(), "m — retrying in 5 s");
+  report(1, [](auto& observer) { observer.driverRetrying("m", 4.4); });
+  EXPECT_EQ(supervisor.retryMessage(), "m — retrying in 4 s");
+  connect(1);
+  EXPECT_EQ(state(), Kind::running);
+  EXPECT_EQ(supervisor.username(), "ann");
+  EXPECT_EQ(supervisor.serverVersion(), "1.2");
+  EXPECT_EQ(supervisor.retryMessage(), std::nullopt);
+  EXPECT_THAT(log->lines(), Contains("» connected as ann (server driver v1.2)"));
+  report(1, [](auto& observer) {
+    observer.driverBusyLanesChanged({"a:b"});
+    observer.driverJobStarted(5, "a:b", "run");
+  });
+  EXPECT_THAT(supervisor.busyLanes(), ElementsAre("a:b"));
+  EXPECT_EQ(supervisor.lastJob(), "job 5 · a:b · run…");
+  report(1, [](auto& observer) {
+    observer.driverJobFinished(5, "a:b", 0, "");
+    observer.driverJobFinished(6, "a:b", 143, "lost");
+  });
+  EXPECT_EQ(supervisor.servedCount(), 2);
+  EXPECT_EQ(supervisor.lastJob(), "job 6 · a:b · exit 143");
+  EXPECT_EQ(supervisor.lastError(), "lost");
+  const auto first = run(1).observer;
+  end(1, ExitReason::clean());
+  EXPECT_THAT(supervisor.busyLanes(), IsEmpty());
+  EXPECT_THAT(exits, ElementsAre(ExitReason::clean()));
+  EXPECT_TRUE(spinUntil([&] { return first.expired(); }));
+}
+
+TEST_F(Supervisor, LaunchesWithoutAConfigurationOrTwice) {
+  config.reset();
+  start();
+  EXPECT_EQ(supervisor.state(), DriverSupervisor::State::stopped(ExitReason::badConfig(
+                                    "not connected — press Connect to website in Setup")));
+  bool stopped = false;
+  supervisor.stop(75, [&] { stopped = true; });
+  EXPECT_TRUE(stopped);
+  EXPECT_EQ(state(), Kind::stopped);
+  config = DriverConfig("https://s", "");
+  start();
+  start();
+  EXPECT_THAT(log->lines(),
+              ElementsAre("» driver run #1 starting (server https://s, token (none), key none)"));
+  EXPECT_TRUE(appLog.has("[Supervisor] start ignored — a run is active"));
+}
+
+TEST_F(Supervisor, UsesAnAnswerThatCameTooLate) {
+  std::vector<DriverSupervisor::ConfigReply> replies;
+  const auto slow = [&](const DriverSupervisor::ConfigReply& reply) { replies.push_back(reply); };
+  supervisor.start(slow);
+  EXPECT_EQ(state(), Kind::starting);
+  supervisor.stop(75);
+  EXPECT_EQ(state(), Kind::idle);
+  supervisor.start(slow);
+  supervisor.start(slow);
+  replies.at(0)(config);
+  replies.at(1)(config);
+  EXPECT_THAT(factory->runs, IsEmpty());
+  replies.at(2)(config);
+  replies.at(2)(config);
+  EXPECT_EQ(factory->runs.size(), 1u);
+}
+
+TEST_F(Supervisor, StopsARunTwiceOrForgetsWhoWaits) {
+  start();
+  int told = 0;
+  supervisor.stop(75, [&] { ++told; });
+  supervisor.stop(1, [&] { ++told; });
+  supervisor.restart();
+  EXPECT_EQ(run(1).stops, 1);
+  clock->advance(74);  // the first time limit holds
+  EXPECT_EQ(told, 0);
+  end(1, ExitReason::stopped());
+  EXPECT_EQ(told, 2);
+  EXPECT_THAT(log->lines(), Contains("» stop requested (run #1)"));
+  EXPECT_EQ(factory->runs.size(), 2u);  // the restart
+  EXPECT_EQ(state(), Kind::starting);
+  clock->advance(75);  // the time limit of the first run is gone with it
+  EXPECT_EQ(state(), Kind::starting);
+}
+
+TEST_F(Supervisor, LosesItsWayWhenARunWillNotStop) {
+  start();
+  connect(1);
+  report(1, [](auto& observer) { observer.driverBusyLanesChanged({"a"}); });
+  bool stopped = false;
+  supervisor.stop(75.9, [&] { stopped = true; });
+  clock->advance(75.9);
+  EXPECT_TRUE(stopped);
+  EXPECT_EQ(state(), Kind::idle);
+  EXPECT_THAT(supervisor.busyLanes(), IsEmpty());
+  EXPECT_THAT(log->lines(), Contains("» driver did not stop in 75s — draining (no new run until it "
+                                     "returns)"));
+  start();
+  EXPECT_EQ(state(), Kind::starting);
+  EXPECT_EQ(asked, 1);
+  EXPECT_TRUE(appLog.has("[Supervisor] launch deferred — run #1 still draining"));
+  connect(1);  // of an abandoned run: not believed
+  EXPECT_EQ(state(), Kind::starting);
+  supervisor.stop(75);
+  EXPECT_EQ(state(), Kind::idle);
+  start();
+  end(1, ExitReason::tokenRevoked("t"));
+  EXPECT_THAT(log->lines(), Contains("» drained run #1 returned (exit 3)"));
+  EXPECT_THAT(exits, IsEmpty());
+  EXPECT_EQ(state(), Kind::starting);
+  ASSERT_EQ(factory->runs.size(), 2u);
+  EXPECT_EQ(asked, 2);
+
+  supervisor.stop(1);
+  clock->advance(1);
+  end(2, ExitReason::stopped());
+  EXPECT_EQ(state(), Kind::idle);
+  EXPECT_EQ(factory->runs.size(), 2u);
+}
+
+TEST_F(Supervisor, AnnouncesAStateThatIsNotNew) {
+  start();
+  connect(1);
+  connect(1);
+  end(1, ExitReason::clean());
+  EXPECT_THAT(states, ElementsAre(Kind::starting, Kind::running, Kind::idle));
+}
+
+TEST(SupervisorDeathTest, IsUsedOnAnotherThread) {
+  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  DriverSupervisor supervisor(nullptr, nullptr, std::make_shared<ManualClock>());
+  EXPECT_DEATH(std::thread([&] { supervisor.kick(); }).join(), "must be called on the main");
+}
+
+}  // namespace
+}  // namespace verdo::test
