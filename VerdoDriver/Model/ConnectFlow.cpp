@@ -71,7 +71,7 @@ SecretStore::Result<void> writeSecrets(SecretStore& secrets, const ConnectDraft&
 /// Runs a call of the secret store in the background. Without a thread for it the store counts as
 /// unavailable.
 template <typename Result, typename Work, typename Done>
-void inBackground(Work work, Done done) {
+void inBackground(const Work& work, const Done& done) {
   try {
     runInBackground("verdo-secrets", work, done);
   } catch (const std::system_error& error) {

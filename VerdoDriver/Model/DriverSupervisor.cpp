@@ -97,7 +97,7 @@ class DriverSupervisor::ObserverBridge : public DriverObserver {
 
  private:
   template <typename Report>
-  void post(Report report) {
+  void post(const Report& report) {
     MainThread::post([supervisor = supervisor_, generation = generation_, report] {
       if (supervisor && supervisor->isCurrent(generation)) report(*supervisor);
     });

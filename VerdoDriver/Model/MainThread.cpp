@@ -1,17 +1,39 @@
 #include "VerdoDriver/Model/MainThread.h"
 
 #include <QCoreApplication>
-#include <QMetaObject>
+#include <QEvent>
 #include <QThread>
 
 namespace verdo::MainThread {
 namespace {
 
-/// Receives the posted blocks. It outlives the application object on purpose: a thread that was
-/// left behind may still post while the process ends.
-QObject& receiver() {
-  static QObject* const object = [] {
-    auto* made = new QObject;
+const auto kBlockEvent = static_cast<QEvent::Type>(QEvent::registerEventType());
+
+class BlockEvent : public QEvent {
+ public:
+  explicit BlockEvent(std::function<void()> block)
+      : QEvent(kBlockEvent), block_(std::move(block)) {}
+  void run() const { block_(); }
+
+ private:
+  const std::function<void()> block_;
+};
+
+/// Receives the posted blocks.
+class Receiver : public QObject {
+ public:
+  bool event(QEvent* event) override {
+    if (event->type() != kBlockEvent) return QObject::event(event);
+    static_cast<BlockEvent*>(event)->run();
+    return true;
+  }
+};
+
+/// It outlives the application object on purpose: a thread that was left behind may still post
+/// while the process ends.
+Receiver& receiver() {
+  static auto* const object = [] {
+    auto* made = new Receiver;
     made->moveToThread(QCoreApplication::instance()->thread());
     return made;
   }();
@@ -30,7 +52,7 @@ void require(const char* operation) {
 }
 
 void post(std::function<void()> block) {
-  QMetaObject::invokeMethod(&receiver(), std::move(block), Qt::QueuedConnection);
+  QCoreApplication::postEvent(&receiver(), new BlockEvent(std::move(block)));
 }
 
 }  // namespace verdo::MainThread
