@@ -62,6 +62,11 @@ void SettingsStore::store(const char* key, const T& value, const std::string& te
   defaults_->setValue(key, value);
   defaults_->sync();  // at once: a crash later must not undo the choice
   AppLog::settings.debug(fmt::format("[SettingsStore] {} = {}", key, text));
+  if (defaults_->status() != QSettings::NoError) {
+    // The choice holds until the app ends; more cannot be done about it here.
+    AppLog::settings.error(
+        fmt::format("[SettingsStore] cannot write {}", defaults_->fileName().toStdString()));
+  }
 }
 
 void SettingsStore::store(const char* key, bool value) {
