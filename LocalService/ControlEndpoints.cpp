@@ -60,9 +60,11 @@ void ControlEndpoints::dispatch(Exchange& exchange, const Words& words) const {
   const std::string first = words.empty() ? "" : words[0];
   const bool served = first == "jobs"       ? jobs(exchange, words)
                       : first == "faults"   ? faults(exchange, words)
+                      : first == "pairings" ? pairings(exchange, words)
                       : words.size() != 1   ? false
                       : first == "outage"   ? outage(exchange)
                       : first == "hello"    ? hello(exchange)
+                      : first == "manifest" ? manifest(exchange)
                       : first == "requests" ? requests(exchange)
                       : first == "provider" ? provider(exchange)
                                             : rest(exchange, first);
@@ -178,6 +180,37 @@ bool ControlEndpoints::faults(Exchange& exchange, const Words& words) const {
   return true;
 }
 
+bool ControlEndpoints::pairings(Exchange& exchange, const Words& words) const {
+  const auto& method = exchange.request.method;
+  const std::string second = words.size() > 1 ? words[1] : "";
+  if (words.size() == 1 && method == "GET") {
+    auto list = ordered_json::array();
+    for (const auto& pairing : service_.pairings()) list.push_back(toJson(pairing));
+    replyJson(exchange.response, {{"pairings", std::move(list)}});
+  } else if (words.size() == 2 && second == "wait" && method == "GET") {
+    const auto n = static_cast<std::size_t>(queryNumber(exchange.request, "n", 1, 1e15));
+    const auto pairing = service_.waitForPairing(n, queryWait(exchange, "timeout", 30));
+    replyJson(exchange.response, {{"reached", pairing.has_value()},
+                                  {"pairing", pairing ? toJson(*pairing) : ordered_json()}});
+  } else if (words.size() == 2 && second == "rules" && method == "POST") {
+    try {
+      service_.setPairingRules(readPairingRules(parseJson(exchange.request.body)));
+    } catch (const std::invalid_argument& error) {
+      throw HttpError(400, error.what());
+    }
+    replyJson(exchange.response, {{"ok", true}});
+  } else if (words.size() == 3 && method == "POST" &&
+             (words[2] == "approve" || words[2] == "deny" || words[2] == "expire")) {
+    const bool done = words[2] == "expire" ? service_.expirePairing(second)
+                                           : service_.decidePairing(second, words[2] == "approve");
+    if (!done) throw HttpError(404, "there is no pending pairing " + second);
+    replyJson(exchange.response, {{"ok", true}});
+  } else {
+    return false;
+  }
+  return true;
+}
+
 bool ControlEndpoints::outage(Exchange& exchange) const {
   const auto& method = exchange.request.method;
   if (method == "DELETE") {
@@ -210,6 +243,19 @@ bool ControlEndpoints::hello(Exchange& exchange) const {
     return false;
   }
   replyJson(exchange.response, service_.hello());
+  return true;
+}
+
+bool ControlEndpoints::manifest(Exchange& exchange) const {
+  const auto& method = exchange.request.method;
+  if (method == "PUT") {
+    service_.setManifest(parseJson(exchange.request.body));
+  } else if (method == "PATCH") {
+    service_.patchManifest(parseJson(exchange.request.body));
+  } else if (method != "GET") {
+    return false;
+  }
+  replyJson(exchange.response, service_.manifest());
   return true;
 }
 

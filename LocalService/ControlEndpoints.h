@@ -26,7 +26,9 @@ class ControlEndpoints final : public RouteGroup {
   void jobWait(Exchange& exchange, std::int64_t id) const;
   bool faults(Exchange& exchange, const Words& words) const;
   bool outage(Exchange& exchange) const;
+  bool pairings(Exchange& exchange, const Words& words) const;
   bool hello(Exchange& exchange) const;
+  bool manifest(Exchange& exchange) const;
   bool requests(Exchange& exchange) const;
   bool provider(Exchange& exchange) const;
   bool rest(Exchange& exchange, const std::string& word) const;

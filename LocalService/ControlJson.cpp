@@ -1,5 +1,6 @@
 #include "LocalService/ControlJson.h"
 
+#include "LocalService/PairingStore.h"
 #include "LocalService/Routes.h"
 
 #include <algorithm>
@@ -69,6 +70,12 @@ class Reader {
       throw HttpError(400, what_ + ": \"" + key + "\" must be from 0 to 86400000, a day");
     }
     value = std::chrono::milliseconds(static_cast<std::int64_t>(given));
+  }
+  void seconds(const char* key, std::chrono::seconds& value) const {
+    auto given = static_cast<std::uint64_t>(value.count());
+    count(key, given);
+    value =
+        std::chrono::seconds(static_cast<std::int64_t>(std::min<std::uint64_t>(given, 1u << 30)));
   }
   const ordered_json* find(const char* key, bool (ordered_json::*is)() const noexcept,
                            const char* wanted) const {
@@ -261,6 +268,16 @@ ProviderRule readProviderRule(const ordered_json& json) {
   return rule;
 }
 
+PairingRules readPairingRules(const ordered_json& json) {
+  const Reader reader(json, "pairing rules");
+  PairingRules rules;
+  reader.refuseOthers({"expires_in", "interval", "username"});
+  reader.seconds("expires_in", rules.expiresIn);
+  reader.seconds("interval", rules.interval);
+  reader.text("username", rules.username);
+  return rules;
+}
+
 const char* toText(JobState state) {
   switch (state) {
     case JobState::queued:
@@ -325,6 +342,13 @@ ordered_json toJson(const ProviderRuleStatus& status) {
   if (rule.content) json["content_size"] = rule.content->size();
   if (rule.model) json["model"] = *rule.model;
   return json;
+}
+
+ordered_json toJson(const PairingSnapshot& pairing) {
+  return {{"user_code", pairing.userCode},
+          {"verify_path", pairing.verifyPath},
+          {"host", pairing.host},
+          {"state", toText(pairing.state)}};
 }
 
 ordered_json toJson(const RequestRecord& request) {

@@ -98,6 +98,10 @@ class Dispatcher::Engine final : public httplib::Server {
       current.path = std::exchange(request.path, "/");
       // Bodies are taken as they are; curl -d calls them forms, and httplib would read them so.
       request.headers.erase("Content-Type");
+      // A request that announces no body has none; httplib would read until the client hangs up.
+      if (!request.has_header("Content-Length") && !request.has_header("Transfer-Encoding")) {
+        request.set_header("Content-Length", "0");
+      }
     };
     const bool ok = process_request(current.connection, false, closed, prepare);
     current_ = nullptr;

@@ -39,7 +39,8 @@ enum class Delivery {
 struct Fault {
   // Which requests. A request must match all of it.
 
-  /// hello, poll, lines, complete, files, chat, models, or any of them ("any").
+  /// hello, poll, lines, complete, files, chat, models, pair-start, pair-poll, approve (the page,
+  /// shown or sent back), manifest, or any of them ("any").
   std::string endpoint = "any";
   std::optional<std::int64_t> jobId{};   ///< only requests that name this job (lines, complete)
   std::uint64_t after = 0;               ///< the first `after` matching requests are left alone

@@ -7,8 +7,12 @@
 #include "LocalService/FileEndpoints.h"
 #include "LocalService/FileStore.h"
 #include "LocalService/JobStore.h"
+#include "LocalService/ManifestEndpoints.h"
+#include "LocalService/PairingEndpoints.h"
+#include "LocalService/PairingStore.h"
 #include "LocalService/ProviderEndpoints.h"
 #include "LocalService/ProviderRules.h"
+#include "LocalService/Random.h"
 #include "LocalService/RequestLog.h"
 #include "LocalService/Server.h"
 #include "LocalService/Sha256.h"
@@ -18,22 +22,13 @@
 #include <stdexcept>
 #include <utility>
 
-#include <openssl/rand.h>
-
 namespace verdo::local {
 namespace {
 
 using Clock = std::chrono::steady_clock;
 using nlohmann::ordered_json;
 
-std::string randomToken() {
-  std::string bytes(24, '\0');
-  if (RAND_bytes(reinterpret_cast<unsigned char*>(bytes.data()), static_cast<int>(bytes.size())) !=
-      1) {
-    throw std::runtime_error("no random bytes for a token: give one");
-  }
-  return "vdt_" + hex(bytes);
-}
+std::string randomToken() { return "vdt_" + hex(randomBytes(24)); }
 
 Clock::time_point deadlineAfter(std::chrono::milliseconds timeout) {
   return Clock::now() + std::min<std::chrono::milliseconds>(timeout, std::chrono::hours(24));
@@ -62,10 +57,13 @@ struct LocalService::Impl {
         driverEndpoints(jobs, settings, hang),
         fileEndpoints(files),
         providerEndpoints(providerRules, options.providerKey),
+        pairingEndpoints(pairings, settings),
         controlEndpoints(service, files) {
     dispatcher.addRoutes(driverEndpoints);
     dispatcher.addRoutes(fileEndpoints);
     dispatcher.addRoutes(providerEndpoints);
+    dispatcher.addRoutes(pairingEndpoints);
+    dispatcher.addRoutes(manifestEndpoints);
     dispatcher.addRoutes(controlEndpoints);
   }
 
@@ -76,12 +74,15 @@ struct LocalService::Impl {
   DriverSettings settings;
   FileStore files;
   ProviderRules providerRules;
+  PairingStore pairings;
   HangGate hang;
   Dispatcher dispatcher;
   Server server;
   DriverEndpoints driverEndpoints;
   FileEndpoints fileEndpoints;
   ProviderEndpoints providerEndpoints;
+  PairingEndpoints pairingEndpoints;
+  ManifestEndpoints manifestEndpoints;
   ControlEndpoints controlEndpoints;
 };
 
@@ -100,6 +101,7 @@ void LocalService::start() {
                  : makeServerContext(options.certificate, options.privateKey);
   impl_->jobs.resume();
   impl_->log.resume();
+  impl_->pairings.resume();
   // Started again, it is where it was.
   impl_->server.start(port() != 0 ? port() : options.port, std::move(tls));
 }
@@ -107,6 +109,7 @@ void LocalService::start() {
 void LocalService::stop() {
   impl_->jobs.interrupt();
   impl_->log.interrupt();
+  impl_->pairings.interrupt();
   impl_->server.stop();
 }
 
@@ -212,6 +215,35 @@ std::vector<ProviderRuleStatus> LocalService::providerRules() const {
 
 void LocalService::clearProviderRules() { impl_->providerRules.clear(); }
 
+void LocalService::setPairingRules(PairingRules rules) {
+  impl_->pairings.setRules(std::move(rules));
+}
+
+std::vector<PairingSnapshot> LocalService::pairings() const { return impl_->pairings.list(); }
+
+std::optional<PairingSnapshot> LocalService::waitForPairing(std::size_t n,
+                                                            Milliseconds timeout) const {
+  return impl_->pairings.waitFor(n, deadlineAfter(timeout));
+}
+
+bool LocalService::decidePairing(const std::string& userCode, bool approve) {
+  return impl_->pairings.decide(userCode, approve ? PairingState::approved : PairingState::denied);
+}
+
+bool LocalService::expirePairing(const std::string& userCode) {
+  return impl_->pairings.decide(userCode, PairingState::expired);
+}
+
+ordered_json LocalService::manifest() const { return impl_->manifestEndpoints.manifest(); }
+
+void LocalService::setManifest(ordered_json manifest) {
+  impl_->manifestEndpoints.setManifest(std::move(manifest));
+}
+
+void LocalService::patchManifest(const ordered_json& patch) {
+  impl_->manifestEndpoints.patchManifest(patch);
+}
+
 std::uint64_t LocalService::addFault(Fault fault) { return impl_->faults.add(std::move(fault)); }
 
 std::uint64_t LocalService::faultHits(std::uint64_t id) const { return impl_->faults.hits(id); }
@@ -280,6 +312,8 @@ void LocalService::reset() {
   impl_->jobs.clear();
   impl_->files.clear();
   impl_->settings.setHello(DriverSettings::defaultHello());
+  impl_->pairings.clear();
+  setManifest(ManifestEndpoints::defaultManifest());
   clearRequests();
 }
 

@@ -2,6 +2,7 @@
 
 #include "LocalService/Fault.h"
 #include "LocalService/JobTypes.h"
+#include "LocalService/PairingTypes.h"
 #include "LocalService/ProviderRule.h"
 #include "LocalService/RequestRecord.h"
 
@@ -125,6 +126,27 @@ class LocalService {
   std::vector<ProviderRuleStatus> providerRules() const;  ///< since the last clearing, used up too
   void clearProviderRules();                              ///< answers under way are not affected
 
+  // -- Pairing, manifest --------------------------------------------------------------------
+
+  // Apps begin a pairing and poll for its end without a token; a person decides on the approve page
+  // or a test does with decidePairing(). The app that polls after an approval gets the token that
+  // is good then, once; from then on the code is told to be expired. An approval waits to be
+  // fetched for as long as it takes.
+
+  /// For pairings begun from now on. Throws std::invalid_argument when a field is out of its range.
+  void setPairingRules(PairingRules rules);
+  std::vector<PairingSnapshot> pairings() const;  ///< oldest first
+  /// The n-th pairing (1, 2, …) as soon as it has begun; absent when it did not in time.
+  std::optional<PairingSnapshot> waitForPairing(std::size_t n, Milliseconds timeout) const;
+  /// False: there is no pairing with this user code, or it is no longer pending. The same below.
+  bool decidePairing(const std::string& userCode, bool approve);
+  bool expirePairing(const std::string& userCode);
+
+  /// The reply to /driver/app.json.
+  nlohmann::ordered_json manifest() const;
+  void setManifest(nlohmann::ordered_json manifest);        ///< any JSON value, an object or not
+  void patchManifest(const nlohmann::ordered_json& patch);  ///< JSON merge patch, as with hello
+
   // -- Failures -----------------------------------------------------------------------------
 
   /// Gives an identifier. Throws std::invalid_argument when a field is out of its range.
@@ -141,8 +163,8 @@ class LocalService {
 
   // -- What was asked -----------------------------------------------------------------------
 
-  // An `endpoint` is hello, poll, lines, complete, files, chat, models, or "" for all. Requests to
-  // /control/ are not logged. The log keeps the latest 20,000 requests and 256 MiB of bodies.
+  // An `endpoint` is one of those of Fault::endpoint, or "" for all. Requests to /control/ are not
+  // logged. The log keeps the latest 20,000 requests and 256 MiB of bodies.
   // Requests that an outage or a stop cut off count as left by their client.
 
   std::vector<RequestRecord> requests(const std::string& endpoint = "") const;
@@ -168,7 +190,8 @@ class LocalService {
   /// Not more than `n` connections are open.
   bool waitForConnections(std::uint64_t atMost, Milliseconds timeout) const;
 
-  /// No jobs, files, faults, provider rules, outage or requests, and the first hello reply.
+  /// No jobs, files, faults, provider rules, pairings, outage or requests, and the first hello
+  /// reply, pairing rules and manifest.
   /// Connections, token, provider key and lease time stay, and so does the count of job
   /// identifiers: a driver left over from before cannot meet a new job under an old identifier.
   void reset();

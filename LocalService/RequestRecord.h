@@ -16,7 +16,7 @@ struct RequestRecord {
   using Clock = std::chrono::steady_clock;
 
   std::uint64_t sequence = 0;  ///< 1, 2, … over all endpoints, in order of arrival
-  std::string endpoint;        ///< hello, poll, lines, complete, files, chat, models, or "unknown"
+  std::string endpoint;        ///< as in Fault::endpoint, or "unknown"
   std::string method;
   std::string target;                                        ///< path and query exactly as received
   std::vector<std::pair<std::string, std::string>> headers;  ///< as received, in order

@@ -1,0 +1,84 @@
+#pragma once
+
+#include "LocalService/PairingTypes.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace verdo::local {
+
+/// Where the approve pages are; a user code follows.
+inline constexpr std::string_view kPairingPages = "/driver/pair/";
+
+const char* toText(PairingState state);
+
+/// The pairings that apps have begun. Every member may be called from any thread.
+class PairingStore {
+ public:
+  using Deadline = std::chrono::steady_clock::time_point;
+
+  /// What the approve page needs to know of a pairing.
+  struct Request {
+    PairingSnapshot pairing;
+    std::string username;
+    /// Goes into the page's form. It is worth one decision, as there is only one.
+    std::string nonce;
+  };
+  enum class Decision { made, tooLate, wrongNonce, unknown };
+  /// An app's share of a pairing.
+  struct Poll {
+    PairingState state = PairingState::pending;
+    std::string username;
+  };
+
+  /// For pairings begun from now on. Throws std::invalid_argument that says what is out of range.
+  void setRules(PairingRules rules);
+
+  /// Begins a pairing and gives it with the rules that it is under.
+  std::pair<PairingSnapshot, PairingRules> begin(std::string host);
+  /// The state to tell the app that polls with this secret; absent: there is no such pairing.
+  /// `approved` is told once: the code is used up with it, and expired from then on.
+  std::optional<Poll> poll(std::string_view code);
+  /// The `approved` that the app was told did not reach it: it may be told again.
+  void putBack(std::string_view code);
+
+  std::optional<Request> request(std::string_view userCode) const;
+  /// A decision made on the page. It is only made while the pairing is pending.
+  Decision decide(std::string_view userCode, std::string_view nonce, bool approve);
+  /// A decision made here. False: there is no such pairing, or it is not pending.
+  bool decide(std::string_view userCode, PairingState state);
+
+  std::vector<PairingSnapshot> list() const;  ///< oldest first
+  /// The n-th pairing (1, 2, …) since the last clear(); absent when it did not begin in time.
+  std::optional<PairingSnapshot> waitFor(std::size_t n, Deadline deadline) const;
+
+  void clear();      ///< no pairings, and the rules of the beginning
+  void interrupt();  ///< waits end now
+  void resume();     ///< waits wait again
+
+ private:
+  struct Entry {
+    PairingSnapshot pairing;  // its state does not know of the deadline
+    std::string username;
+    std::string nonce;
+    Deadline expires;
+    bool handedOut = false;
+  };
+  static PairingSnapshot snapshot(const Entry& entry);
+  std::string unusedUserCode() const;  // called with the lock held
+
+  mutable std::mutex mutex_;  // guards all below
+  mutable std::condition_variable changed_;
+  PairingRules rules_;
+  std::vector<Entry> entries_;
+  bool interrupted_ = false;
+};
+
+}  // namespace verdo::local
