@@ -1,6 +1,7 @@
 #include "LocalService/LocalService.h"
 
 #include <functional>
+#include <memory>
 #include <string>
 
 #include <gmock/gmock.h>
