@@ -8,25 +8,6 @@
 #include <unistd.h>
 
 namespace verdo {
-namespace {
-
-/// Texts quote what servers and programs said: control characters in them must not reach the
-/// user's terminal as commands, U+0080 to U+009F included. Line ends and tabs are harmless.
-std::string withoutControls(const std::string& text) {
-  std::string out;
-  out.reserve(text.size());
-  for (std::size_t at = 0; at < text.size();) {
-    const char32_t c = decodeUtf8(text, at);
-    if ((c < 0x20 && c != '\n' && c != '\t') || (c >= 0x7F && c <= 0x9F)) {
-      out += fmt::format("\\x{:02x}", static_cast<unsigned>(c));
-    } else {
-      appendUtf8(c, out);
-    }
-  }
-  return out;
-}
-
-}  // namespace
 
 StderrLogSink::StderrLogSink(std::optional<bool> color)
     : tty_(color.value_or(::isatty(STDERR_FILENO) == 1)) {}

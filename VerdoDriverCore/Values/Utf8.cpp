@@ -1,5 +1,7 @@
 #include "VerdoDriverCore/Values/Utf8.h"
 
+#include <fmt/format.h>
+
 namespace verdo {
 namespace {
 
@@ -64,6 +66,20 @@ void appendUtf8(char32_t character, std::string& out) {
 }
 
 std::string repairUtf8(std::string_view bytes) { return firstCharacters(bytes, bytes.size()); }
+
+std::string withoutControls(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (std::size_t at = 0; at < text.size();) {
+    const char32_t c = decodeUtf8(text, at);
+    if ((c < 0x20 && c != '\n' && c != '\t') || (c >= 0x7F && c <= 0x9F)) {
+      out += fmt::format("\\x{:02x}", static_cast<unsigned>(c));
+    } else {
+      appendUtf8(c, out);
+    }
+  }
+  return out;
+}
 
 std::string firstCharacters(std::string_view bytes, std::size_t limit) {
   std::string out;

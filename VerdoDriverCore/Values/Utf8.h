@@ -20,6 +20,11 @@ void appendUtf8(char32_t character, std::string& out);
 /// The text with everything that is not UTF-8 replaced by U+FFFD.
 std::string repairUtf8(std::string_view bytes);
 
+/// The text, repaired, with control characters (U+0080 to U+009F included) written as "\x1b". Texts
+/// quote what servers and programs said: that must not reach the user's terminal as commands. Line
+/// ends and tabs are harmless and stay.
+std::string withoutControls(std::string_view text);
+
 /// The first `limit` characters (code points) of the bytes, repaired.
 std::string firstCharacters(std::string_view bytes, std::size_t limit);
 

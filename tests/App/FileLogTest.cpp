@@ -1,0 +1,119 @@
+#include "VerdoDriver/App/FileLog.h"
+#include "tests/Support/AppLogCapture.h"
+#include "tests/Support/TempDir.h"
+
+#include <csignal>
+#include <filesystem>
+#include <set>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <sys/resource.h>
+
+namespace verdo::test {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::ElementsAre;
+using testing::MatchesRegex;
+
+constexpr std::size_t kAround = 21;  // bytes of the stamp, the blank behind it and the line end
+
+/// The file's lines without their stamps; a line that has none is reported.
+std::vector<std::string> linesOf(const std::string& path) {
+  std::istringstream content(contentOf(path));
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(content, line);) {
+    EXPECT_THAT(line, MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} .*"));
+    lines.push_back(line.substr(std::min(line.size(), kAround - 1)));
+  }
+  return lines;
+}
+
+TEST(FileLog, RotatesElsewhereOrShowsItselfToOthers) {
+  const TempDir dir;
+  FileLog log(dir / "a/b", 2 * (kAround + 1), 3);  // two lines exactly
+  for (const char* line : {"0", "1", "2", "3", "4", "5", "6", "7", "8"}) log.write(line);
+  EXPECT_THAT(linesOf(log.path()), ElementsAre("8"));
+  EXPECT_THAT(linesOf(log.path() + ".1"), ElementsAre("6", "7"));
+  EXPECT_THAT(linesOf(log.path() + ".3"), ElementsAre("2", "3"));
+  EXPECT_FALSE(fs::exists(log.path() + ".4"));
+  EXPECT_EQ(fs::status(dir / "a").permissions(), fs::perms{0700});
+  EXPECT_EQ(fs::status(log.path()).permissions(), fs::perms{0600});
+}
+
+TEST(FileLog, WritesOnIntoAFileThatIsGone) {
+  const TempDir dir;
+  FileLog log(dir / "log");
+  log.write("first");
+  fs::remove(log.path());
+  log.write("file deleted");
+  EXPECT_THAT(linesOf(log.path()), ElementsAre("file deleted"));
+  fs::remove_all(dir / "log");
+  log.write("directory deleted");
+  EXPECT_THAT(linesOf(log.path()), ElementsAre("directory deleted"));
+  fs::rename(log.path(), log.path() + ".moved");
+  std::ofstream(log.path()) << "";
+  log.write("replaced");
+  EXPECT_THAT(linesOf(log.path()), ElementsAre("replaced"));
+}
+
+TEST(FileLog, TearsLinesOrFloodsTheSystemLogOnAFullDisk) {
+  const TempDir dir;
+  const AppLogCapture appLog;
+  FileLog log(dir.path());
+  log.write("fits");
+  const auto previous = std::signal(SIGXFSZ, SIG_IGN);
+  rlimit limit{};
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &limit), 0);
+  // Room for the beginning of one more line.
+  const rlimit full{.rlim_cur = fs::file_size(log.path()) + 10, .rlim_max = limit.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &full), 0);
+  log.write("does not fit");
+  log.write("does not fit either");
+  ::setrlimit(RLIMIT_FSIZE, &limit);
+  std::signal(SIGXFSZ, previous);
+  log.write("fits again");
+  EXPECT_THAT(linesOf(log.path()), ElementsAre("fits", "fits again"));
+  EXPECT_THAT(appLog.lines(), ElementsAre(fmt::format("verdo.lifecycle [FileLog] write failed: "
+                                                      "write {}: File too large",
+                                                      log.path())));
+}
+
+TEST(FileLog, LetsATextPassForOtherLines) {
+  const TempDir dir;
+  FileLog log(dir.path());
+  log.error("job 1: said\r\n2026-01-01 00:00:00 » token forgotten\x1b[2J\n");
+  EXPECT_EQ(contentOf(log.path()).substr(kAround - 1),
+            "✗ job 1: said\n                    2026-01-01 00:00:00 » token forgotten\\x1b[2J\n");
+}
+
+TEST(FileLog, TearsOrLosesLinesOfSeveralThreadsAndInstances) {
+  constexpr std::uintmax_t kMaxBytes = 4096;
+  const TempDir dir;
+  FileLog instances[] = {FileLog(dir.path(), kMaxBytes, 100), FileLog(dir.path(), kMaxBytes, 100)};
+  std::multiset<std::string> expected;
+  std::vector<std::jthread> threads;
+  for (int thread = 0; thread < 8; ++thread) {
+    const auto line = [thread](int i) { return fmt::format("{}-{}-{:->20}", thread, i, "end"); };
+    for (int i = 0; i < 200; ++i) expected.insert(line(i));
+    threads.emplace_back([&log = instances[thread % 2], line] {
+      for (int i = 0; i < 200; ++i) log.write(line(i));
+    });
+  }
+  threads.clear();
+  std::multiset<std::string> found;
+  for (const auto& file : fs::directory_iterator(dir.path())) {
+    for (const auto& line : linesOf(file.path())) found.insert(line);
+    EXPECT_LE(file.file_size(), kMaxBytes);
+    // Two rotations for one overflow would leave a file that is nearly empty.
+    EXPECT_TRUE(file.path().extension() == ".log" || file.file_size() > kMaxBytes - 60);
+  }
+  EXPECT_EQ(found, expected);
+}
+
+}  // namespace
+}  // namespace verdo::test
