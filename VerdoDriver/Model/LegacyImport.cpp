@@ -29,7 +29,7 @@ void LegacyImport::detect() {
   Q_EMIT changed();
 }
 
-void LegacyImport::importLegacy(bool remove, Completion completion) {
+void LegacyImport::importLegacy(bool remove, const Completion& completion) {
   if (!legacy_ || legacyBusy_) return completion(std::nullopt);
   const LegacySecrets secrets = parts_.migration.readSecrets();
   if (!secrets.token || legacyReplaceArmed_) return check(secrets, remove, completion);
@@ -49,7 +49,7 @@ void LegacyImport::importLegacy(bool remove, Completion completion) {
   });
 }
 
-void LegacyImport::readStoredToken(std::function<void(const StoredToken&)> done) {
+void LegacyImport::readStoredToken(const std::function<void(const StoredToken&)>& done) {
   setBusy(true);
   const auto read = [secrets = parts_.secrets] {
     return secrets->read(SecretAccount::driverToken);

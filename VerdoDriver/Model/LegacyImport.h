@@ -48,7 +48,7 @@ class LegacyImport : public QObject {
   void detect();
   /// Imports server, token, LLM key and keep-awake mode, and then removes the agent if `remove` is
   /// set. While a token is stored that the import would replace, the first call only arms it.
-  void importLegacy(bool remove, Completion completion);
+  void importLegacy(bool remove, const Completion& completion);
   /// Removes the agent and imports nothing.
   void removeLegacyOnly();
   void deleteLegacyEnvFile();
@@ -62,7 +62,7 @@ class LegacyImport : public QObject {
  private:
   using StoredToken = SecretStore::Result<std::optional<std::string>>;
 
-  void readStoredToken(std::function<void(const StoredToken&)> done);
+  void readStoredToken(const std::function<void(const StoredToken&)>& done);
   void check(const LegacySecrets& secrets, bool remove, const Completion& completion);
   void finish(const LegacySecrets& secrets, bool remove, const ConnectResult& result);
   void stopAtStore(const SecretError& error);

