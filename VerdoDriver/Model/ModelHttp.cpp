@@ -1,0 +1,47 @@
+#include "VerdoDriver/Model/ModelHttp.h"
+
+#include "VerdoDriver/Model/MainThread.h"
+
+#include <QPointer>
+#include <exception>
+#include <utility>
+
+namespace verdo {
+namespace {
+
+constexpr std::chrono::seconds kLongestRequest{60};
+constexpr std::size_t kLongestReply = 1 << 20;
+
+}  // namespace
+
+void ModelHttp::send(HttpRequest request, std::chrono::seconds timeout, Completion completion) {
+  request.timeout = timeout;
+  request.deadline = HttpRequest::Clock::now() + kLongestRequest;
+  request.followRedirects = false;
+  request.maxBody = kLongestReply;
+  try {
+    if (!session_) session_ = std::make_unique<HttpSession>();
+  } catch (const std::exception& error) {
+    later([completion = std::move(completion), text = std::string(error.what())] {
+      completion({std::nullopt, TransportError{TransportError::Kind::other, text}});
+    });
+    return;
+  }
+  // The completion is moved along, so that what it holds is let go of on the main thread.
+  auto onReply = [self = QPointer<ModelHttp>(this),
+                  completion = std::move(completion)](HttpResult result) mutable {
+    MainThread::post(
+        [self = std::move(self), completion = std::move(completion), result = std::move(result)] {
+          if (self) completion(result);
+        });
+  };
+  session_->task(std::move(request), std::move(onReply))->start();
+}
+
+void ModelHttp::later(std::function<void()> block) {
+  MainThread::post([self = QPointer<ModelHttp>(this), block = std::move(block)] {
+    if (self) block();
+  });
+}
+
+}  // namespace verdo

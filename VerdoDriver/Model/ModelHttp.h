@@ -1,0 +1,32 @@
+#pragma once
+
+#include "VerdoDriverCore/Network/HttpSession.h"
+
+#include <QObject>
+#include <chrono>
+#include <functional>
+#include <memory>
+
+namespace verdo {
+
+/// Short requests of the model, answered on the main thread. Redirects are not followed, a reply
+/// longer than 1 MiB is an error, and so is one that takes more than a minute, however steadily it
+/// trickles in. The system's roots are trusted. Main thread only.
+///
+/// Completions come asynchronously, each exactly once, but not after this object has gone: its
+/// owner may therefore capture itself.
+class ModelHttp : public QObject {
+ public:
+  using Completion = std::function<void(const HttpResult&)>;
+
+  /// Sends the request with this limit of inactivity. The network thread starts with the first
+  /// request, and ends, cancelling what is in flight, with this object.
+  void send(HttpRequest request, std::chrono::seconds timeout, Completion completion);
+  /// Runs `block` as a completion is run: for outcomes that need no request.
+  void later(std::function<void()> block);
+
+ private:
+  std::unique_ptr<HttpSession> session_;
+};
+
+}  // namespace verdo

@@ -1,0 +1,114 @@
+#include "VerdoDriver/Model/PairingClient.h"
+
+#include "VerdoDriver/Model/AppLog.h"
+#include "VerdoDriver/Model/ReplyReader.h"
+#include "VerdoDriver/Model/WebLink.h"
+#include "VerdoDriverCore/Contract/ServerURLPolicy.h"
+#include "VerdoDriverCore/Values/PyJSON.h"
+#include "VerdoDriverCore/Values/Utf8.h"
+
+namespace verdo {
+namespace {
+
+constexpr std::chrono::seconds kTimeout{20};
+/// Longer times are nonsense in a pairing, and would not fit dates and timers.
+constexpr int kMostSeconds = 7 * 24 * 3600;
+/// Of a text that the server puts into a message for the user, in characters.
+constexpr std::size_t kLongestQuote = 500;
+
+tl::unexpected<PairingError> badReply(std::string detail) {
+  return tl::make_unexpected(PairingError::badReply(std::move(detail)));
+}
+
+/// Of a reply that is not a success.
+PairingError statusError(const HttpResponse& response) {
+  const ReplyReader reply(response.body);
+  const JV* detail = reply.find("detail");
+  const auto* text = detail ? detail->asString() : nullptr;
+  return PairingError::http(response.status, text ? firstCharacters(*text, kLongestQuote) : "");
+}
+
+tl::expected<PairingStart, PairingError> decodeStart(const std::string& body) {
+  ReplyReader reply(body);
+  PairingStart start;
+  start.code = reply.text("code");
+  start.userCode = reply.text("user_code");
+  start.verifyPath = reply.text("verify_path");
+  start.expiresIn = reply.integer("expires_in", kMostSeconds);
+  start.interval = reply.integer("interval", kMostSeconds);
+  if (!reply.misfit().empty()) return badReply(reply.misfit());
+  return start;
+}
+
+tl::expected<PairingPoll, PairingError> decodePoll(const std::string& body) {
+  using Status = PairingPoll::Status;
+  const ReplyReader reply(body);
+  const auto textOf = [&](std::string_view key) {
+    const JV* value = reply.find(key);
+    return value ? value->asString() : nullptr;
+  };
+  const auto* status = textOf("status");
+  if (!status) return badReply("no status");
+  if (*status == "pending") return PairingPoll{Status::pending, {}, {}};
+  if (*status == "denied") return PairingPoll{Status::denied, {}, {}};
+  if (*status == "expired") return PairingPoll{Status::expired, {}, {}};
+  if (*status != "approved") return badReply("status " + firstCharacters(*status, kLongestQuote));
+  const auto* token = textOf("token");
+  if (!token || token->empty()) return badReply("approved without a token");
+  const auto* username = textOf("username");
+  return PairingPoll{Status::approved, *token, username ? *username : "?"};
+}
+
+}  // namespace
+
+void PairingClient::start(const std::string& server, bool allowInsecure, const std::string& host,
+                          StartCompletion completion) {
+  post(server, allowInsecure, "/api/driver/pair/start", JV::Object{{"host", host}},
+       [completion = std::move(completion)](const Body& body) {
+         completion(body.and_then(decodeStart));
+       });
+}
+
+void PairingClient::poll(const std::string& server, bool allowInsecure, const std::string& code,
+                         PollCompletion completion) {
+  post(server, allowInsecure, "/api/driver/pair/poll", JV::Object{{"code", code}},
+       [completion = std::move(completion)](const Body& body) {
+         completion(body.and_then(decodePoll));
+       });
+}
+
+void PairingClient::post(const std::string& server, bool allowInsecure, const std::string& path,
+                         const JV& payload, std::function<void(const Body&)> completion) {
+  const auto fail = [&](PairingError error) {
+    http_.later([completion = std::move(completion), error = std::move(error)] {
+      completion(tl::make_unexpected(error));
+    });
+  };
+  if (const auto refusal =
+          ServerURLPolicy::refusal(ServerURLPolicy::lowerScheme(server), allowInsecure)) {
+    AppLog::connect.info("[PairingClient] refused: " + *refusal);
+    return fail(PairingError::refused(*refusal));
+  }
+  const auto url = WebLink::onServer(server, path);
+  if (!url) return fail(PairingError::badURL());
+  HttpRequest request;
+  request.method = "POST";
+  request.url = *url;
+  request.headers = {{"Content-Type", "application/json"},
+                     {"Accept", "application/json"},
+                     {"X-VERDO-Driver-Client", clientHeader_}};
+  request.body = std::make_shared<const ByteBuffer>(PyJSON::text(payload));
+  AppLog::connect.debug("[PairingClient] POST " + *url);
+  http_.send(
+      std::move(request), kTimeout, [completion = std::move(completion)](const HttpResult& result) {
+        if (result.error) {
+          completion(tl::make_unexpected(PairingError::transport(result.error->description)));
+        } else if (result.response->status < 200 || result.response->status > 299) {
+          completion(tl::make_unexpected(statusError(*result.response)));
+        } else {
+          completion(result.response->body);
+        }
+      });
+}
+
+}  // namespace verdo
