@@ -33,7 +33,7 @@ UpdateChecker::Outcome read(const HttpResult& result) {
     return failure(Kind::badServerResponse, fmt::format("HTTP {}", status));
   }
   return AppManifest::decode(body).map_error([](const std::string& misfit) {
-    return UpdateError{Kind::badReply, "Unexpected manifest from the server: " + misfit};
+    return UpdateError{Kind::badReply, "Unexpected reply from the server: " + misfit};
   });
 }
 

@@ -1,0 +1,160 @@
+#include "VerdoDriver/Model/PairFlow.h"
+#include "tests/Support/AppLogCapture.h"
+#include "tests/Support/ManualClock.h"
+#include "tests/Support/RecordingDriverLog.h"
+#include "tests/Support/ScriptedPairing.h"
+
+#include <gtest/gtest.h>
+
+namespace verdo::test {
+namespace {
+
+using Error = PairingError;
+using Reply = tl::expected<PairingPoll, Error>;
+
+const std::string kPage = "https://verdo.example/pair?c=AB";
+const PairingPoll kPending{PairingPoll::Status::pending, "", ""};
+const PairingPoll kDenied{PairingPoll::Status::denied, "", ""};
+const PairingPoll kExpired{PairingPoll::Status::expired, "", ""};
+const PairingPoll kApproved{PairingPoll::Status::approved, "token-6789", "ann"};
+const std::string kTooLate =
+    "The request expired before it was approved — press Connect to website again.";
+
+class PairFlowTest : public testing::Test {
+ protected:
+  void start() {
+    flow->start(" https://verdo.example/ ", false, [this](auto token, auto) { given += token; });
+  }
+  void answerStart(int expiresIn = 600, int interval = 5, const std::string& path = "/pair?c=AB") {
+    service->starts.back().answer(PairingStart{"secret-code", "AB-CD", path, expiresIn, interval});
+  }
+  /// Starts anew, up to the first poll.
+  void startPolling() {
+    start();
+    answerStart();
+    clock->advance(5);
+  }
+  void answer(const Reply& reply) { service->polls.back().answer(reply); }
+  /// "idle", "waiting", "connecting", or why it failed.
+  std::string state() const {
+    const auto* failed = std::get_if<PairingFailed>(&flow->state());
+    const char* const names[] = {"idle", "waiting", "connecting"};
+    return failed ? failed->message : names[flow->state().index()];
+  }
+
+  const std::shared_ptr<ScriptedPairing> service = std::make_shared<ScriptedPairing>();
+  const std::shared_ptr<RecordingDriverLog> log = std::make_shared<RecordingDriverLog>();
+  const std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
+  std::string opened;
+  std::string given;
+  std::unique_ptr<PairFlow> flow = std::make_unique<PairFlow>(
+      service, [this](auto url) { opened += url; }, [] { return "my-computer"; }, log, clock);
+};
+
+TEST_F(PairFlowTest, PollOutcomeIsMisread) {
+  const auto error = [](Error e) -> Reply { return tl::make_unexpected(std::move(e)); };
+  const struct {
+    Reply reply;
+    double next;  // poll, s; 0: none
+    std::string state;
+  } table[] = {
+      {kPending, 5, "waiting"},
+      {error(Error::http(429, "")), 10, "waiting"},
+      {error(Error::http(500, "")), 10, "waiting"},
+      {error(Error::transport("gone")), 10, "waiting"},
+      {error(Error::http(403, "no")), 0, "The server refused the request: HTTP 403: no"},
+      {kDenied, 0, "Denied in the browser — nothing was connected."},
+      {kExpired, 0, kTooLate},
+  };
+  for (const auto& row : table) {
+    service->polls.clear();
+    startPolling();
+    answer(row.reply);
+    EXPECT_EQ(state(), row.state);
+    EXPECT_EQ(clock->pendingCount(), row.next > 0 ? 1u : 0u);
+    if (row.next == 0) continue;
+    clock->advance(row.next - 0.01);
+    EXPECT_EQ(service->polls.size(), 1u) << row.next;
+    clock->advance(0.02);
+    answer(kPending);
+    clock->advance(5);
+    EXPECT_EQ(service->polls.size(), 3u) << "the longer pause is for one step only";
+  }
+}
+
+TEST_F(PairFlowTest, ApprovedPairingTellsSomethingElse) {
+  const auto expiresAt = clock->now() + std::chrono::seconds(600);
+  startPolling();
+  EXPECT_EQ(flow->state(), PairingState(PairingWaiting{"AB-CD", kPage, expiresAt}));
+  EXPECT_EQ(opened, kPage);
+  answer(kApproved);
+  EXPECT_EQ(state() + ": " + given, "connecting: token-6789");
+  EXPECT_EQ(service->starts.at(0).text + service->polls.at(0).text, "my-computersecret-code");
+  EXPECT_TRUE(log->has("» pairing with https://verdo.example — asking for a code"));
+  EXPECT_TRUE(log->has("» pairing code AB-CD — approve it in the browser (" + kPage + ")"));
+  EXPECT_TRUE(log->has("» pairing approved as ann — token ····6789 received, checking it"));
+  flow->endConnecting("rejected");
+  EXPECT_EQ(state(), "rejected");
+}
+
+TEST_F(PairFlowTest, DeadlineIsTooShortOrIsPolledPast) {
+  start();
+  answerStart(-7, 0);
+  for (int second = 1; second <= 30; ++second) {
+    clock->advance(1);
+    answer(kPending);
+  }
+  clock->advance(1);
+  EXPECT_EQ(service->polls.size(), 30u);
+  EXPECT_EQ(state(), kTooLate);
+}
+
+TEST_F(PairFlowTest, FailedStartTellsSomethingElse) {
+  AppLogCapture systemLog;
+  flow->start("http://verdo.example", false, {});
+  EXPECT_TRUE(systemLog.has("verdo.connect [PairFlow] refused: " + state()));
+  EXPECT_TRUE(service->starts.empty());
+  start();
+  service->starts.back().answer(tl::make_unexpected(Error::http(503, "busy")));
+  EXPECT_TRUE(log->has("✗ pairing request failed: HTTP 503: busy"));
+  flow->cancel();
+  EXPECT_EQ(state(), "Could not reach https://verdo.example: HTTP 503: busy");
+  for (const char* path : {"@evil.example/", ".evil.example/", ":443/", ":x@verdo.example/"}) {
+    start();
+    answerStart(600, 5, path);
+    EXPECT_EQ(state(), "The server sent an invalid approve link.") << path;
+  }
+}
+
+TEST_F(PairFlowTest, AbandonedPairingGoesOn) {
+  startPolling();
+  const auto late = service->polls.back().answer;
+  start();
+  EXPECT_TRUE(log->has("» pairing cancelled"));
+  late(kApproved);
+  EXPECT_EQ(state(), "idle");
+  answerStart();
+  late(kDenied);
+  late(kPending);
+  EXPECT_EQ(state(), "waiting");
+  EXPECT_EQ(clock->pendingCount(), 1u);
+  flow->cancel();
+  clock->advance(1000);
+  EXPECT_EQ(service->polls.size(), 1u);
+  EXPECT_EQ(given, "");
+}
+
+TEST_F(PairFlowTest, ObserverIsOverrun) {
+  const auto cancel = [this](const auto&) { flow->cancel(); };
+  const auto connection = QObject::connect(flow.get(), &PairFlow::stateChanged, cancel);
+  startPolling();
+  EXPECT_EQ(state() + opened, "idle");
+  QObject::disconnect(connection);
+  startPolling();
+  QObject::connect(flow.get(), &PairFlow::stateChanged, [this] { flow.reset(); });
+  answer(kApproved);
+  EXPECT_EQ(given, "");
+}
+
+}  // namespace
+}  // namespace verdo::test
