@@ -1,0 +1,44 @@
+#pragma once
+
+#include "VerdoDriver/Model/Clock.h"
+#include "VerdoDriver/Model/KeepAwakeMode.h"
+#include "VerdoDriver/Model/PowerAssertion.h"
+
+#include <QObject>
+#include <memory>
+
+namespace verdo {
+
+/// Keeps the computer awake while the driver runs, or only while a job does, as the user chose.
+/// Lives on the main thread. Holds nothing before the first evaluate().
+class KeepAwakeController : public QObject {
+ public:
+  KeepAwakeController(std::shared_ptr<PowerAssertion> assertion, std::shared_ptr<Clock> clock,
+                      KeepAwakeMode mode);
+  ~KeepAwakeController() override;
+
+  KeepAwakeMode mode() const { return mode_; }
+  /// Changes the mode and evaluates.
+  void setMode(KeepAwakeMode mode);
+  /// True while the driver starts or runs. Takes effect with the next evaluate().
+  void setDriverRunning(bool running) { driverRunning_ = running; }
+  /// True while a job runs. Takes effect with the next evaluate().
+  void setBusy(bool busy) { busy_ = busy; }
+  /// Holds or releases the assertion as the present state wants it. When only the jobs have ended,
+  /// the release waits for a while, so that the next job finds the computer still awake.
+  void evaluate();
+
+ private:
+  void scheduleRelease();
+  void cancelScheduledRelease();
+
+  const std::shared_ptr<PowerAssertion> assertion_;
+  const std::shared_ptr<Clock> clock_;
+  const double releaseDebounce_ = 10;  ///< seconds
+  std::shared_ptr<ClockToken> releaseToken_;
+  KeepAwakeMode mode_;
+  bool driverRunning_ = false;
+  bool busy_ = false;
+};
+
+}  // namespace verdo

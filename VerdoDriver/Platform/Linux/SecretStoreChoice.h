@@ -1,0 +1,30 @@
+#pragma once
+
+#include "VerdoDriver/Model/SecretStore.h"
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+namespace verdo {
+
+/// Where the secrets of this session are kept; the user interface says so when it is in files.
+enum class SecretStoreKind { secretService, files };
+
+struct SecretStoreOptions {
+  std::string service;        ///< the keyring's attribute "service"
+  std::string fileDirectory;  ///< for files, where there is no keyring
+  std::chrono::milliseconds limit = std::chrono::seconds(5);  ///< of the choice, and of each call
+};
+
+struct SecretStoreChoice {
+  SecretStoreKind kind;
+  std::unique_ptr<SecretStore> store;
+};
+
+/// The Secret Service when the session bus has one or could start one, be it as slow as it may;
+/// files when there is no session bus, or nobody on it who keeps secrets. Any thread may call; it
+/// blocks for `limit` at most, usually for milliseconds.
+SecretStoreChoice makeSecretStore(const SecretStoreOptions& options);
+
+}  // namespace verdo
