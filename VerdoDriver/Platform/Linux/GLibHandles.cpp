@@ -18,10 +18,20 @@ BoundedGLibCalls::~BoundedGLibCalls() {
   g_main_context_pop_thread_default(context_.get());
 }
 
-GObjectPtr<GDBusConnection> sessionBus(GCancellable* cancellable, GLibPtr<GError>& error) {
-  GObjectPtr<GDBusConnection> bus(g_bus_get_sync(G_BUS_TYPE_SESSION, cancellable, OutError(error)));
-  if (bus) g_dbus_connection_set_exit_on_close(bus.get(), FALSE);
-  return bus;
+SessionBus::SessionBus(GCancellable* cancellable, GLibPtr<GError>& error) {
+  const GLibPtr<gchar> address(
+      g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SESSION, cancellable, OutError(error)));
+  if (!address) return;
+  constexpr auto kFlags =
+      static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                        G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
+  connection_.reset(g_dbus_connection_new_for_address_sync(address.get(), kFlags, nullptr,
+                                                           cancellable, OutError(error)));
+}
+
+SessionBus::~SessionBus() {
+  // Without waiting for it: the bus may be the one that does not answer.
+  if (connection_) g_dbus_connection_close(connection_.get(), nullptr, nullptr, nullptr);
 }
 
 }  // namespace verdo

@@ -64,8 +64,21 @@ class BoundedGLibCalls {
   std::thread watchdog_;
 };
 
-/// The session bus. Its end does not end this process. None, with the error filled in, when it
-/// cannot be reached.
-GObjectPtr<GDBusConnection> sessionBus(GCancellable* cancellable, GLibPtr<GError>& error);
+/// A connection to the session bus that nobody else uses, closed at the end. (GIO's shared one ends
+/// the process when the bus goes, and is of no use any more once the bus was restarted.) Used on one
+/// thread.
+class SessionBus {
+ public:
+  /// Connects. connection() is null, and `error` filled in, when the bus cannot be reached.
+  SessionBus(GCancellable* cancellable, GLibPtr<GError>& error);
+  ~SessionBus();
+  SessionBus(const SessionBus&) = delete;
+  SessionBus& operator=(const SessionBus&) = delete;
+
+  GDBusConnection* connection() const { return connection_.get(); }
+
+ private:
+  GObjectPtr<GDBusConnection> connection_;
+};
 
 }  // namespace verdo

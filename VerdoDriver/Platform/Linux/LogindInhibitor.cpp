@@ -17,6 +17,10 @@ LogindInhibitor::LogindInhibitor(const QDBusConnection& systemBus) : bus_(system
 
 void LogindInhibitor::hold(const std::string& reason) {
   if (isHeld()) return;
+  if (!bus_.isConnected()) {  // a call would never be answered
+    logFailure("there is no system bus");
+    return;
+  }
   auto message = QDBusMessage::createMethodCall("org.freedesktop.login1", "/org/freedesktop/login1",
                                                 "org.freedesktop.login1.Manager", "Inhibit");
   message << "idle:sleep" << "Verdo Driver" << QString::fromStdString(reason) << "block";
@@ -41,12 +45,17 @@ void LogindInhibitor::finish(const QDBusPendingCall& call, const std::string& re
     lock_ = UniqueFd(::fcntl(reply.value().fileDescriptor(), F_DUPFD_CLOEXEC, 3));
     if (!lock_) error = "the descriptor cannot be kept";
   }
-  if (error.empty()) {
-    AppLog::keepAwake.info(fmt::format("[KeepAwake] sleep inhibitor held ({})", reason));
-  } else if (error != loggedError_) {
-    AppLog::keepAwake.error("[KeepAwake] Inhibit failed: " + error);
+  if (!lock_) {
+    logFailure(error);
+    return;
   }
-  loggedError_ = error;
+  loggedError_.clear();
+  AppLog::keepAwake.info(fmt::format("[KeepAwake] sleep inhibitor held ({})", reason));
+}
+
+void LogindInhibitor::logFailure(const std::string& error) {
+  if (std::exchange(loggedError_, error) == error) return;
+  AppLog::keepAwake.error("[KeepAwake] Inhibit failed: " + error);
 }
 
 void LogindInhibitor::release() {

@@ -25,6 +25,7 @@ class LogindInhibitor : public QObject, public PowerAssertion {
 
  private:
   void finish(const QDBusPendingCall& call, const std::string& reason);
+  void logFailure(const std::string& error);
 
   QDBusConnection bus_;
   UniqueFd lock_;

@@ -66,6 +66,28 @@ bool meansUnavailable(const GError& error) {
   return std::find(std::begin(kCodes), std::end(kCodes), error.code) != std::end(kCodes);
 }
 
+/// libsecret's service on a connection that the maker gives ("g-connection"), where libsecret's own
+/// insists on the connection that the whole process shares.
+GType ownBusServiceType() {
+  static const GType type = [] {
+    GTypeQuery parent{};
+    g_type_query(SECRET_TYPE_SERVICE, &parent);
+    const auto initialize = [](gpointer ownClass, gpointer) {
+      G_OBJECT_CLASS(ownClass)->constructor = [](GType made, guint count,
+                                                 GObjectConstructParam* properties) {
+        auto* const parentClass = G_OBJECT_CLASS(g_type_class_peek(SECRET_TYPE_SERVICE));
+        GObject* const service = parentClass->constructor(made, count, properties);
+        g_object_set(service, "g-bus-type", G_BUS_TYPE_NONE, nullptr);
+        return service;
+      };
+    };
+    return g_type_register_static_simple(SECRET_TYPE_SERVICE, "VerdoOwnBusSecretService",
+                                         parent.class_size, initialize, parent.instance_size,
+                                         nullptr, G_TYPE_FLAG_NONE);
+  }();
+  return type;
+}
+
 /// One call's view of the service. Every operation throws SecretError.
 class Session {
  public:
@@ -73,10 +95,10 @@ class Session {
       : calls_(limit),
         attributes_(secret_attributes_build(&schema(), "service", service.c_str(), "account",
                                             nameOf(account), nullptr)) {
-    bus_ = sessionBus(calls_.cancellable(), error_);
-    if (!bus_) fail();
-    service_.reset(secret_service_open_sync(SECRET_TYPE_SERVICE, nullptr, SECRET_SERVICE_NONE,
-                                            calls_.cancellable(), OutError(error_)));
+    if (!bus_.connection()) fail();
+    service_.reset(static_cast<SecretService*>(
+        g_initable_new(ownBusServiceType(), calls_.cancellable(), OutError(error_), "g-connection",
+                       bus_.connection(), nullptr)));
     if (!service_) fail();
   }
 
@@ -161,7 +183,7 @@ class Session {
   BoundedGLibCalls calls_;
   GLibPtr<GError> error_;
   GLibPtr<GHashTable> attributes_;
-  GObjectPtr<GDBusConnection> bus_;  // shared by everything below
+  SessionBus bus_{calls_.cancellable(), error_};
   GObjectPtr<SecretService> service_;
 };
 

@@ -25,9 +25,11 @@ bool isListed(GDBusConnection* bus, const char* method, GCancellable* cancellabl
 bool hasSecretService(std::chrono::milliseconds limit) {
   const BoundedGLibCalls calls(limit);
   GLibPtr<GError> error;
-  const auto bus = sessionBus(calls.cancellable(), error);
-  const bool listed = bus && (isListed(bus.get(), "ListNames", calls.cancellable()) ||
-                              isListed(bus.get(), "ListActivatableNames", calls.cancellable()));
+  const SessionBus bus(calls.cancellable(), error);
+  const bool listed =
+      bus.connection() &&
+      (isListed(bus.connection(), "ListNames", calls.cancellable()) ||
+       isListed(bus.connection(), "ListActivatableNames", calls.cancellable()));
   // A bus that does not answer in time proves nothing, and secrets that are in a keyring must not
   // seem to be gone.
   return listed || calls.isOver();
