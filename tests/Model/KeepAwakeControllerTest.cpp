@@ -35,16 +35,26 @@ TEST(KeepAwake, SleepsDuringWorkOrStaysAwakeWithout) {
   const struct {
     const char* steps;
     const char* changes;
-  } table[] =
-      {
-          {"aBI", ""},          {"aRBIBI", "R"},   {"aRBS", "R-"},        {"jR", ""},
-          {"jB", ""},           {"jRBI9B99", "J"}, {"jRBI9", "J"},        {"jRBI91", "J-"},
-          {"jRBI9I1", "J-"},   // asked again: the delay does not begin anew
-          {"jRBI9B9I9", "J"},  // a new delay
-          {"jRBI9B9I91", "J-"}, {"jRBS", "J-"},    {"jRBI9SRBI1", "J-J"},  // the old delay is over
-                                                                           // with the stop
-          {"aRj9", "R"},        {"aRj91", "R-"},   {"aRj9a9", "R"},       {"aRBjI91", "R-"},
-      };
+  } table[] = {
+      {"aBI", ""},
+      {"aRBIBI", "R"},
+      {"aRBS", "R-"},
+      {"jR", ""},
+      {"jB", ""},
+      {"jRBI9B99", "J"},
+      {"jRBI9", "J"},
+      {"jRBI91", "J-"},
+      {"jRBI9I1", "J-"},   // asked again: the delay does not begin anew
+      {"jRBI9B9I9", "J"},  // a new delay
+      {"jRBI9B9I91", "J-"},
+      {"jRBS", "J-"},
+      {"jRBI9SRBI1", "J-J"},  // the old delay is over
+                              // with the stop
+      {"aRj9", "R"},
+      {"aRj91", "R-"},
+      {"aRj9a9", "R"},
+      {"aRBjI91", "R-"},
+  };
   for (const auto& [steps, changes] : table) {
     const auto assertion = std::make_shared<RecordingAssertion>();
     const auto clock = std::make_shared<ManualClock>();

@@ -28,8 +28,8 @@ using testing::StartsWith;
 /// Presses a button of the approve page in a headless browser; gives the text of the next page.
 std::string press(const std::string& url, const char* button) {
   const auto node = Which::find("node").value();
-  const auto child = Spawn::launch(node, {node, VERDO_APPROVE_SCRIPT, url, button},
-                                   currentEnvironment(), true);
+  const auto child =
+      Spawn::launch(node, {node, VERDO_APPROVE_SCRIPT, url, button}, currentEnvironment(), true);
   std::string text;
   LineReader reader(child->takeStdout(), [&](auto lines) {
     for (const auto line : lines) text.append(line).append("\n");
@@ -103,10 +103,11 @@ TEST_F(Pairing, IsNotApprovedInTheBrowser) {
   EXPECT_EQ(flow.state(), PairingState(PairingConnecting{"ann"}));
   EXPECT_EQ(received, "ann:" + service.token());
   const auto token = "····" + service.token().substr(service.token().size() - 4);
-  EXPECT_THAT(lines(),
-              ElementsAre("» pairing with " + service.url() + " — asking for a code",
-                          "» pairing code " + code + " — approve it in the browser (" + opened + ")",
-                          "» pairing approved as ann — token " + token + " received, checking it"));
+  EXPECT_THAT(
+      lines(),
+      ElementsAre("» pairing with " + service.url() + " — asking for a code",
+                  "» pairing code " + code + " — approve it in the browser (" + opened + ")",
+                  "» pairing approved as ann — token " + token + " received, checking it"));
   EXPECT_EQ(service.requests("pair-start").front().body, R"({"host": "Ann's <computer>"})");
 }
 
@@ -120,9 +121,8 @@ TEST_F(Pairing, IsNotDeniedInTheBrowser) {
 
 TEST_F(Pairing, EndsWronglyWhenTheServiceMisbehaves) {
   const auto replying = [this](int status, const char* body = R"({"detail": "why"})") {
-    service.addFault({.endpoint = "pair-poll",
-                      .count = 1,
-                      .reply = FaultReply{.status = status, .body = body}});
+    service.addFault(
+        {.endpoint = "pair-poll", .count = 1, .reply = FaultReply{.status = status, .body = body}});
   };
   const struct {
     const char* what;
@@ -131,8 +131,7 @@ TEST_F(Pairing, EndsWronglyWhenTheServiceMisbehaves) {
   } table[] = {
       {"expired", [this](const auto& code) { service.expirePairing(code); },
        "The request expired before it was approved — press Connect to website again."},
-      {"403", [=](const auto&) { replying(403); },
-       "The server refused the request: HTTP 403: why"},
+      {"403", [=](const auto&) { replying(403); }, "The server refused the request: HTTP 403: why"},
       {"429", [=](const auto&) { replying(429); }, ""},
       {"500", [=](const auto&) { replying(500, "<html>"); }, ""},
       {"no status", [=](const auto&) { replying(200, "{}"); }, ""},

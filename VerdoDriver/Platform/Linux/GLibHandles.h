@@ -65,8 +65,8 @@ class BoundedGLibCalls {
 };
 
 /// A connection to the session bus that nobody else uses, closed at the end. (GIO's shared one ends
-/// the process when the bus goes, and is of no use any more once the bus was restarted.) Used on one
-/// thread.
+/// the process when the bus goes, and is of no use any more once the bus was restarted.) Used on
+/// one thread.
 class SessionBus {
  public:
   /// Connects. connection() is null, and `error` filled in, when the bus cannot be reached.

@@ -27,9 +27,8 @@ bool hasSecretService(std::chrono::milliseconds limit) {
   GLibPtr<GError> error;
   const SessionBus bus(calls.cancellable(), error);
   const bool listed =
-      bus.connection() &&
-      (isListed(bus.connection(), "ListNames", calls.cancellable()) ||
-       isListed(bus.connection(), "ListActivatableNames", calls.cancellable()));
+      bus.connection() && (isListed(bus.connection(), "ListNames", calls.cancellable()) ||
+                           isListed(bus.connection(), "ListActivatableNames", calls.cancellable()));
   // A bus that does not answer in time proves nothing, and secrets that are in a keyring must not
   // seem to be gone.
   return listed || calls.isOver();

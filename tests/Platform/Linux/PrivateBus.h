@@ -23,9 +23,10 @@ class PrivateBus {
   explicit PrivateBus(const std::string& service = "") {
     home_.write("any.service", service);
     const auto config = home_.write(
-        "bus.conf", "<busconfig><listen>" + address() + "</listen><servicedir>" + home() +
-                        "</servicedir><policy context='default'><allow eavesdrop='true'/><allow "
-                        "send_destination='*' eavesdrop='true'/><allow own='*'/></policy></busconfig>");
+        "bus.conf",
+        "<busconfig><listen>" + address() + "</listen><servicedir>" + home() +
+            "</servicedir><policy context='default'><allow eavesdrop='true'/><allow "
+            "send_destination='*' eavesdrop='true'/><allow own='*'/></policy></busconfig>");
     daemon_ = start({"/usr/bin/dbus-daemon", "--config-file=" + config, "--nofork", "--nopidfile",
                      "--print-address=1"});
     EXPECT_TRUE(CollectedLines(daemon_->takeStdout()).start().waitForCount(1));
