@@ -15,6 +15,9 @@ BoundedGLibCalls::BoundedGLibCalls(std::chrono::milliseconds limit)
 BoundedGLibCalls::~BoundedGLibCalls() {
   finished_.set();
   watchdog_.join();
+  // What still waits for delivery would keep its context alive, and the context it.
+  while (g_main_context_iteration(context_.get(), FALSE)) {
+  }
   g_main_context_pop_thread_default(context_.get());
 }
 
@@ -30,8 +33,8 @@ SessionBus::SessionBus(GCancellable* cancellable, GLibPtr<GError>& error) {
 }
 
 SessionBus::~SessionBus() {
-  // Without waiting for it: the bus may be the one that does not answer.
-  if (connection_) g_dbus_connection_close(connection_.get(), nullptr, nullptr, nullptr);
+  // Needs no answer from the bus, and has to happen after the time is over, too: no cancellable.
+  if (connection_) g_dbus_connection_close_sync(connection_.get(), nullptr, nullptr);
 }
 
 }  // namespace verdo

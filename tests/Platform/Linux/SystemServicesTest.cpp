@@ -1,0 +1,125 @@
+#include "VerdoDriver/Platform/Linux/GioPathMonitor.h"
+#include "VerdoDriver/Platform/Linux/LogindInhibitor.h"
+#include "VerdoDriver/Platform/Linux/LogindWakeMonitor.h"
+#include "tests/Platform/Linux/PrivateBus.h"
+#include "tests/Support/AppLogCapture.h"
+
+#include <QDBusArgument>
+
+#include <fcntl.h>
+#include <net/if.h>
+#include <net/route.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+
+namespace verdo::test {
+
+constexpr const char* kLogind = "org.freedesktop.login1";
+constexpr const char* kPath = "/org/freedesktop/login1";
+constexpr const char* kManager = "org.freedesktop.login1.Manager";
+
+class Logind : public testing::Test {
+ protected:
+  void startLogind() {
+    mock_ = bus_.start({"/usr/bin/python3", "-m", "dbusmock", "--system", "--template", "logind"});
+    ASSERT_TRUE(bus_.waitForName(kLogind));
+  }
+  /// Waits until logind knows of one lock with this reason, or of none.
+  bool waitForLock(const std::string& reason) {
+    return spinUntil([&] {
+      const auto list =
+          bus_.call(kLogind, kPath, kManager, "ListInhibitors").value<QDBusArgument>();
+      std::string found;
+      for (list.beginArray(); !list.atEnd(); list.endStructure()) {
+        QString what, who, why, mode;
+        uint user = 0, process = 0;
+        list.beginStructure();
+        list >> what >> who >> why >> mode >> user >> process;
+        found += (what + "|" + who + "|" + mode + "|" + why).toStdString();
+      }
+      return found == (reason.empty() ? "" : "idle:sleep|Verdo Driver|block|" + reason);
+    });
+  }
+
+  PrivateBus bus_;
+  std::unique_ptr<ChildProcess> mock_;
+  AppLogCapture log_;
+};
+
+TEST_F(Logind, LockIsNotHeldOrNotReleased) {
+  LogindInhibitor inhibitor(bus_.connection);
+  for (int round = 0; round < 3; ++round) {
+    inhibitor.hold("too early");
+    ASSERT_TRUE(spinUntil([&] { return !inhibitor.isHeld(); }));
+    EXPECT_EQ(log_.lines().size(), 1u) << "absence is told again and again";
+  }
+  startLogind();
+  const auto descriptors = openDescriptors().size();
+  inhibitor.hold("a reason");
+  inhibitor.hold("another reason");
+  EXPECT_TRUE(inhibitor.isHeld());
+  ASSERT_TRUE(spinUntil([&] { return log_.has("sleep inhibitor held (a reason)"); }));
+  ASSERT_TRUE(waitForLock("a reason"));
+  inhibitor.release();
+  EXPECT_FALSE(inhibitor.isHeld());
+  EXPECT_TRUE(waitForLock(""));
+  EXPECT_TRUE(log_.has("verdo.keepAwake [KeepAwake] assertion released"));
+
+  // Answers that come late are not mistaken for the latest.
+  inhibitor.hold("first");
+  inhibitor.release();
+  inhibitor.hold("second");
+  EXPECT_TRUE(waitForLock("second"));
+  inhibitor.release();
+  inhibitor.hold("third");
+  inhibitor.release();
+  EXPECT_TRUE(waitForLock(""));
+  EXPECT_TRUE(eventually([&] { return openDescriptors().size() <= descriptors; }));
+
+  LogindInhibitor busless(QDBusConnection("no such bus"));
+  busless.hold("a reason");
+  EXPECT_TRUE(spinUntil([&] { return !busless.isHeld(); }));
+}
+
+TEST_F(Logind, WakeUpIsMissedOrFallingAsleepTakenForIt) {
+  LogindWakeMonitor monitor(bus_.connection);  // logind comes later
+  int wakeUps = 0;
+  QObject::connect(&monitor, &WakeMonitor::woke, [&] { ++wakeUps; });
+  startLogind();
+  for (const bool isGoingToSleep : {true, false}) {
+    // The signal comes before the answer.
+    bus_.call(kLogind, kPath, "org.freedesktop.DBus.Mock", "EmitSignal",
+              {kManager, "PrepareForSleep", "b", QVariantList{isGoingToSleep}});
+    spin();
+    EXPECT_EQ(wakeUps, isGoingToSleep ? 0 : 1);
+  }
+}
+
+TEST(PathMonitor, MissesTheNetworkGoingOrComing) {
+  // This thread and those that it starts get an empty network of their own, up to the end.
+  const UniqueFd before(::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC));
+  if (::unshare(CLONE_NEWNET) != 0) GTEST_SKIP() << "no own network: " << std::strerror(errno);
+  {
+    const UniqueFd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    struct ifreq loopback{.ifr_ifrn = {"lo"}, .ifr_ifru = {}};
+    loopback.ifr_flags = IFF_UP | IFF_RUNNING;
+    EXPECT_EQ(::ioctl(socket.get(), SIOCSIFFLAGS, &loopback), 0) << std::strerror(errno);
+
+    GioPathMonitor monitor;
+    std::optional<bool> latest;
+    QObject::connect(&monitor, &PathMonitor::reported, [&](bool satisfied) { latest = satisfied; });
+    monitor.start();
+    EXPECT_TRUE(spinUntil([&] { return latest == false; }));
+    struct rtentry route{};
+    route.rt_dst.sa_family = route.rt_genmask.sa_family = AF_INET;
+    route.rt_flags = RTF_UP;
+    route.rt_dev = loopback.ifr_name;
+    for (const bool isThere : {true, false, true}) {
+      EXPECT_EQ(::ioctl(socket.get(), isThere ? SIOCADDRT : SIOCDELRT, &route), 0);
+      EXPECT_TRUE(spinUntil([&] { return latest == isThere; })) << isThere;
+    }
+  }
+  ASSERT_EQ(::setns(before.get(), CLONE_NEWNET), 0) << std::strerror(errno);
+}
+
+}  // namespace verdo::test
