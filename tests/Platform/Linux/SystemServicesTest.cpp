@@ -37,6 +37,7 @@ class Logind : public testing::Test {
         list >> what >> who >> why >> mode >> user >> process;
         found += (what + "|" + who + "|" + mode + "|" + why).toStdString();
       }
+      list.endArray();
       return found == (reason.empty() ? "" : "idle:sleep|Verdo Driver|block|" + reason);
     });
   }
