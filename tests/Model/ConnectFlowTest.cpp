@@ -12,7 +12,6 @@
 namespace verdo::test {
 namespace {
 
-using Action = StatusText::Action;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -64,6 +63,10 @@ class Connect : public testing::Test {
     EXPECT_TRUE(spinUntil([&] { return result.has_value(); }));
     return result.value();
   }
+  static std::string textOf(const ConnectResult& result) {
+    const auto& [title, detail, action] = result.text;
+    return title + "|" + detail + "|" + std::to_string(static_cast<int>(action));
+  }
   std::string stored(SecretAccount account) { return secrets->read(account)->value_or(""); }
   std::vector<std::string> saved() {
     return {stored(SecretAccount::driverToken), stored(SecretAccount::llmKey),
@@ -83,68 +86,43 @@ class Connect : public testing::Test {
 };
 
 TEST_F(Connect, SavesWhatWasRefusedOrFailed) {
-  const auto noTool =
-      "ego-browser not found in ~/.local/bin, /opt/homebrew/bin, /usr/local/bin or PATH";
+  const auto token = SecretAccount::driverToken;
+  const auto ends = [this](const ExitReason& reason) { factory->endsAtOnce = reason; };
   const struct {
-    const char* what;
     std::function<void()> prepare;
-    ExitReason reason;
-    StatusText text;
-    std::size_t runs;
+    int exitCode;
+    std::string text;  ///< as textOf gives it
   } table[] = {
-      {"URL",
-       [this] { draft.serverURL = ""; },
-       ExitReason::badConfig("Enter the server URL."),
-       {"Check the setup", "Enter the server URL.", Action::fixServer},
-       0},
-      {"token",
-       [this] { draft.token = ""; },
-       ExitReason::badConfig("Not connected yet — press Connect to website."),
-       {"Check the setup", "Not connected yet — press Connect to website.", Action::fixServer},
-       0},
-      {"tool",
-       [this] { ego.reset(); },
-       ExitReason::noExecutor(noTool),
-       {"ego lite not found", "Install ego lite and log in to LinkedIn there once.",
-        Action::installEgo},
-       0},
-      {"revoked",
-       [this] { factory->endsAtOnce = ExitReason::tokenRevoked("r"); },
-       ExitReason::tokenRevoked("r"),
-       {"Disconnected",
-        "The website no longer accepts this Mac — press Connect to website in Setup to pair again.",
-        Action::fixToken},
-       1},
-      {"rejected",
-       [this] { factory->endsAtOnce = ExitReason::llmKeyRejected("r"); },
-       ExitReason::llmKeyRejected("r"),
-       {"DeepSeek rejected the key ····-key", "Nothing saved — check the key and try again.",
-        Action::fixKey},
-       1},
-      {"token not written",
-       [this] { secrets->failing = SecretAccount::driverToken; },
-       ExitReason::clean(),
-       {"Could not save to the Keychain", "The keyring is locked.", Action::none},
-       1},
-      {"key not written",
-       [this] { secrets->failing = SecretAccount::llmKey; },
-       ExitReason::clean(),
-       {"Could not save to the Keychain", "The keyring is locked.", Action::none},
-       1},
+      {[=, this] { draft.serverURL = ""; }, 2, "Check the setup|Enter the server URL.|5"},
+      {[=, this] { draft.token = ""; }, 2,
+       "Check the setup|Not connected yet — press Connect to website.|5"},
+      {[=, this] { ego.reset(); }, 127,
+       "ego lite not found|Install ego lite and log in to LinkedIn there once.|1"},
+      {[=] { ends(ExitReason::serverUnreachable("m")); }, 1, "Server unreachable|m — retrying|5"},
+      {[=] { ends(ExitReason::tokenRevoked("m")); }, 3,
+       "Disconnected|The website no longer accepts this Mac — press Connect to website in Setup "
+       "to pair again.|3"},
+      {[=] { ends(ExitReason::outOfDate("")); }, 6,
+       "App out of date|The server speaks a newer driver protocol — download the new Verdo "
+       "Driver.|2"},
+      {[=] { ends(ExitReason::llmKeyRejected("m")); }, 7,
+       "DeepSeek rejected the key ····-key|Nothing saved — check the key and try again.|4"},
+      {[=] { ends(ExitReason::stopped()); }, 130, "Stopped|The driver is not running.|0"},
+      {[=, this] { secrets->failing = token; }, 0,
+       "Could not save to the Keychain|The keyring is locked.|0"},
+      {[=, this] { secrets->failing = SecretAccount::llmKey; }, 0,
+       "Could not save to the Keychain|The keyring is locked.|0"},
   };
   const auto original = draft;
   for (const auto& row : table) {
-    SCOPED_TRACE(row.what);
     draft = original;
     ego = "/bin/ego";
     factory->endsAtOnce = ExitReason::clean();
-    factory->runs.clear();
     secrets->failing.reset();
     row.prepare();
     const auto result = connect();
-    EXPECT_EQ(result.reason, row.reason);
-    EXPECT_EQ(result.text, row.text);
-    EXPECT_EQ(factory->runs.size(), row.runs);
+    EXPECT_EQ(result.reason.code(), row.exitCode) << row.text;
+    EXPECT_EQ(textOf(result), row.text);
     EXPECT_THAT(saved(), ElementsAre("old-token", "old-key", ""));
   }
   EXPECT_TRUE(appLog.has("[ConnectFlow] refused before running: Enter the server URL."));
@@ -183,10 +161,7 @@ TEST_F(Connect, ErasesTheStoredKeyWithAnEmptyOne) {
   EXPECT_THAT(saved(), ElementsAre("new-token", "old-key", "https://s.example"));
 
   EXPECT_TRUE(secrets->remove(SecretAccount::llmKey));
-  const auto refused = connect();
-  EXPECT_EQ(refused.reason, ExitReason::badConfig("Paste the DeepSeek key first."));
-  EXPECT_EQ(refused.text,
-            (StatusText{"Check the setup", "Paste the DeepSeek key first.", Action::fixServer}));
+  EXPECT_EQ(textOf(connect()), "Check the setup|Paste the DeepSeek key first.|5");
 }
 
 TEST(Settings, AreForgottenOrMisread) {

@@ -151,13 +151,14 @@ TEST_F(Pairing, EndsWronglyWhenTheServiceMisbehaves) {
     EXPECT_EQ(failure(), message);
     if (std::string(message).empty()) {
       service.endOutage();
-      EXPECT_TRUE(isWaiting());
-      service.decidePairing(code, true);
       const auto before = service.requestCount("pair-poll");
       clock->advance(3.9);
       spin();
       EXPECT_EQ(service.requestCount("pair-poll"), before) << "after a failure the pause doubles";
       poll(0.1);
+      EXPECT_TRUE(isWaiting());
+      service.decidePairing(code, true);
+      poll(2);  // for one step only
       EXPECT_EQ(flow.state(), PairingState(PairingConnecting{"ann"}));
     }
     flow.cancel();
