@@ -36,6 +36,7 @@ std::string execLine(const std::string& path) {
 GLibPtr<GKeyFile> load(const std::string& path) {
   GLibPtr<GKeyFile> entry(g_key_file_new());
   constexpr auto kKeepAll =
+      // NOLINTNEXTLINE(clang-analyzer-optin.core.EnumCastOutOfRange): GLib combines flags
       static_cast<GKeyFileFlags>(G_KEY_FILE_KEEP_COMMENTS | G_KEY_FILE_KEEP_TRANSLATIONS);
   GLibPtr<GError> error;
   if (!g_key_file_load_from_file(entry.get(), path.c_str(), kKeepAll, OutError(error))) {

@@ -26,6 +26,7 @@ SessionBus::SessionBus(GCancellable* cancellable, GLibPtr<GError>& error) {
       g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SESSION, cancellable, OutError(error)));
   if (!address) return;
   constexpr auto kFlags =
+      // NOLINTNEXTLINE(clang-analyzer-optin.core.EnumCastOutOfRange): GLib combines flags
       static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                         G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
   connection_.reset(g_dbus_connection_new_for_address_sync(address.get(), kFlags, nullptr,

@@ -18,7 +18,7 @@ struct GLibDeleter {
   void operator()(GMainContext* context) const { g_main_context_unref(context); }
   void operator()(GHashTable* table) const { g_hash_table_unref(table); }
   void operator()(gchar* text) const { g_free(text); }
-  void operator()(const gchar** array) const { g_free(array); }
+  void operator()(const gchar** array) const { g_free(static_cast<void*>(array)); }
 };
 template <typename T>
 using GLibPtr = std::unique_ptr<T, GLibDeleter>;

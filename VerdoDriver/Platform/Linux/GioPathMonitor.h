@@ -6,6 +6,7 @@
 #include <memory>
 #include <thread>
 
+// NOLINTNEXTLINE(bugprone-reserved-identifier): GLib's own name
 typedef struct _GMainContext GMainContext;
 
 namespace verdo {
