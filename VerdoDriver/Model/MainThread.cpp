@@ -41,14 +41,15 @@ class Receiver : public QObject {
 };
 
 /// It outlives the application object on purpose: a thread that was left behind may still post
-/// while the process ends.
-Receiver& receiver() {
-  static auto* const object = [] {
+/// while the process ends. None when the first post comes only then.
+Receiver* receiver() {
+  static Receiver* const object = []() -> Receiver* {
+    if (!QCoreApplication::instance()) return nullptr;
     auto* made = new Receiver;
     made->moveToThread(QCoreApplication::instance()->thread());
     return made;
   }();
-  return *object;
+  return object;
 }
 
 }  // namespace
@@ -60,8 +61,11 @@ bool isCurrent() {
 
 void require(const char* operation) {
   if (!isCurrent()) qFatal("%s must be called on the main thread", operation);
+  receiver();  // made here, before any thread is started that could be the first to post
 }
 
-void post(std::function<void()> block) { receiver().post(std::move(block)); }
+void post(std::function<void()> block) {
+  if (auto* const target = receiver()) target->post(std::move(block));
+}
 
 }  // namespace verdo::MainThread

@@ -106,10 +106,10 @@ class LegacyImportTest : public testing::Test {
   }
   /// Presses Import and waits until it has ended without a check or is at the check.
   void press(bool remove = false) {
-    bool ended = false;
+    const auto ended = std::make_shared<bool>(false);  // the completion may come after this
     drafts.clear();
-    import->importLegacy(remove, [&](const auto&) { ended = true; });
-    EXPECT_TRUE(spinUntil([&] { return ended || !drafts.empty(); }));
+    import->importLegacy(remove, [ended](const auto&) { *ended = true; });
+    EXPECT_TRUE(spinUntil([&] { return *ended || !drafts.empty(); }));
   }
   std::string message() const { return import->migrationMessage().value_or(""); }
 

@@ -5,11 +5,9 @@
 namespace verdo::test {
 namespace {
 
-using nlohmann::ordered_json;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::StartsWith;
 
 constexpr const char* kHint =
@@ -60,36 +58,6 @@ TEST_F(Hello, RefusedHelloEndsWithTheWrongReason) {
     EXPECT_EQ(reason.message(), row.message);
     EXPECT_EQ(service.requestCount(), 1u);
     EXPECT_EQ(observer->events().empty(), row.code != 0);
-  }
-}
-
-TEST_F(Hello, OddValuesOfTheServerStopTheDriver) {
-  struct Case {
-    ordered_json patch;
-    std::string connected;
-    std::string event;
-  };
-  const Case cases[] = {
-      {{{"user", nullptr}, {"driver_version", nullptr}},
-       "? (user ?) · driver v?",
-       "connected ? 0 ?"},
-      {{{"user", "root"}}, "? (user ?) · driver v2026.09.04", "connected ? 0 2026.09.04"},
-      {{{"user", {{"username", 7}, {"id", "12"}}}, {"driver_version", 1.5}},
-       "7 (user 12) · driver v1.5",
-       "connected 7 12 1.5"},
-      {{{"user", {{"username", true}, {"id", "x"}}}},
-       "True (user x) · driver v2026.09.04",
-       "connected True 0 2026.09.04"},
-  };
-  const auto plain = service.hello();
-  for (const auto& row : cases) {
-    SCOPED_TRACE(row.connected);
-    forget();
-    service.setHello(plain);
-    service.patchHello(row.patch);
-    EXPECT_EQ(run(), ExitReason::clean());
-    EXPECT_THAT(texts('s'), ElementsAre(row.connected));
-    EXPECT_THAT(observer->events(), ElementsAre(row.event));
   }
 }
 

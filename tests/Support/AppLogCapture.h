@@ -1,11 +1,9 @@
 #pragma once
 
+#include "tests/Support/Recorder.h"
+
 #include <QLoggingCategory>
 #include <QString>
-#include <algorithm>
-#include <mutex>
-#include <string>
-#include <vector>
 
 namespace verdo::test {
 
@@ -17,8 +15,7 @@ class AppLogCapture {
     QLoggingCategory::setFilterRules("verdo.*.debug=true");
     previous_ = qInstallMessageHandler(
         [](QtMsgType, const QMessageLogContext& context, const QString& text) {
-          const std::lock_guard lock(current()->mutex_);
-          current()->lines_.push_back(std::string(context.category) + " " + text.toStdString());
+          current()->lines_.add(std::string(context.category) + " " + text.toStdString());
         });
   }
   ~AppLogCapture() {
@@ -28,16 +25,8 @@ class AppLogCapture {
   AppLogCapture(const AppLogCapture&) = delete;
   AppLogCapture& operator=(const AppLogCapture&) = delete;
 
-  std::vector<std::string> lines() const {
-    const std::lock_guard lock(mutex_);
-    return lines_;
-  }
-  bool has(const std::string& text) const {
-    const auto now = lines();
-    return std::any_of(now.begin(), now.end(), [&](const std::string& line) {
-      return line.find(text) != std::string::npos;
-    });
-  }
+  std::vector<std::string> lines() const { return lines_.all(); }
+  bool has(const std::string& text) const { return lines_.waitFor(holding(text), {}); }
 
  private:
   static AppLogCapture*& current() {
@@ -45,8 +34,7 @@ class AppLogCapture {
     return capture;
   }
 
-  mutable std::mutex mutex_;
-  std::vector<std::string> lines_;
+  Recorder<std::string> lines_;
   QtMessageHandler previous_ = nullptr;
 };
 

@@ -1,14 +1,9 @@
 #pragma once
 
 #include "VerdoDriverCore/Contract/LogSink.h"
+#include "tests/Support/Recorder.h"
 
-#include <algorithm>
-#include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <ostream>
-#include <string>
-#include <vector>
 
 namespace verdo::test {
 
@@ -24,41 +19,22 @@ class RecordingLog : public LogSink {
     }
   };
 
-  void info(const std::string& text) override { add('i', text); }
-  void success(const std::string& text) override { add('s', text); }
-  void warn(const std::string& text) override { add('w', text); }
-  void error(const std::string& text) override { add('e', text); }
+  void info(const std::string& text) override { lines_.add({'i', text}); }
+  void success(const std::string& text) override { lines_.add({'s', text}); }
+  void warn(const std::string& text) override { lines_.add({'w', text}); }
+  void error(const std::string& text) override { lines_.add({'e', text}); }
 
-  std::vector<Line> lines() const {
-    std::lock_guard lock(mutex_);
-    return lines_;
-  }
+  std::vector<Line> lines() const { return lines_.all(); }
   /// Whether a line holds this text.
-  bool has(const std::string& text) const {
-    std::lock_guard lock(mutex_);
-    return holds(text);
-  }
+  bool has(const std::string& text) const { return waitFor(text, std::chrono::seconds(0)); }
   /// True as soon as a line holds this text, false when the time ran out first.
   bool waitFor(const std::string& text,
                std::chrono::milliseconds timeout = std::chrono::seconds(10)) const {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, timeout, [&] { return holds(text); });
+    return lines_.waitFor([&](const Line& line) { return holding(text)(line.text); }, timeout);
   }
 
  private:
-  void add(char level, const std::string& text) {
-    std::lock_guard lock(mutex_);
-    lines_.push_back({level, text});
-    changed_.notify_all();
-  }
-  bool holds(const std::string& text) const {
-    return std::any_of(lines_.begin(), lines_.end(),
-                       [&](const Line& line) { return line.text.find(text) != std::string::npos; });
-  }
-
-  mutable std::mutex mutex_;
-  mutable std::condition_variable changed_;
-  std::vector<Line> lines_;
+  Recorder<Line> lines_;
 };
 
 }  // namespace verdo::test

@@ -8,7 +8,7 @@
  * nothing came of it in time.
  */
 
-import { spawn } from 'node:child_process';
+import { spawnSync } from 'node:child_process';
 import fs from 'node:fs';
 import os from 'node:os';
 import path from 'node:path';
@@ -39,27 +39,15 @@ const script = (url, label) => `
   }
   cliLog(await page.text())`;
 
-/** Runs the browser program; gives its exit code. */
-function run(args, input, home) {
-  const child = spawn(process.execPath, [PROGRAM, ...args], {
+const [url, label] = process.argv.slice(2);
+const home = fs.mkdtempSync(path.join(os.tmpdir(), 'verdo-approve-'));
+const run = (args, input) =>
+  spawnSync(process.execPath, [PROGRAM, ...args], {
     env: { ...process.env, XDG_RUNTIME_DIR: home },
+    input,
     stdio: ['pipe', args[0] === 'stop' ? 'ignore' : 'inherit', 'inherit'],
     timeout: TIMEOUT,
-  });
-  child.stdin.on('error', () => {}); // it may end before it has read everything
-  child.stdin.end(input);
-  return new Promise((resolve) => child.once('close', (code) => resolve(code ?? 1)));
-}
-
-const [url, label] = process.argv.slice(2);
-if (!url || !['Approve', 'Deny'].includes(label)) {
-  console.error('Usage: node tests/Support/approve.mjs URL Approve|Deny');
-  process.exit(2);
-}
-const home = fs.mkdtempSync(path.join(os.tmpdir(), 'verdo-approve-'));
-try {
-  process.exitCode = await run(['nodejs'], script(url, label), home);
-} finally {
-  await run(['stop'], '', home);
-  fs.rmSync(home, { recursive: true, force: true, maxRetries: 10, retryDelay: 50 });
-}
+  }).status ?? 1;
+process.exitCode = run(['nodejs'], script(url, label));
+run(['stop'], '');
+fs.rmSync(home, { recursive: true, force: true, maxRetries: 10, retryDelay: 50 });
