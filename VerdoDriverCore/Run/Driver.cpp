@@ -30,6 +30,10 @@ Driver::Driver(Options options, std::shared_ptr<Api> api, std::shared_ptr<LogSin
 
 std::int32_t Driver::serve(std::optional<int> serveJobs, std::optional<Duration> idleExit) {
   startReaper();
+  {
+    MutexLock lock(guardLock_);
+    lastActivity_ = Clock::now();  // what came before, a long sweep say, is no idleness
+  }
   Duration retryDelay = options_.timings.pollRetryFirst;
   int quickEmptyReplies = 0;
   while (!stopping_.isSet() && !tokenRevoked_.isSet()) {
