@@ -34,13 +34,6 @@ class BrowserTest : public testing::Test {
   const std::shared_ptr<RecordingLog> log = std::make_shared<RecordingLog>();
 };
 
-TEST_F(BrowserTest, ReportsWhatCannotStart) {
-  Browser missing({"/no/such/tool", {"tool"}, {}}, 1s, log);
-  const auto result = missing.run("x");
-  EXPECT_EQ(result.exit, 127);
-  EXPECT_THAT(result.lines, ElementsAre("[Errno 2] No such file or directory: '/no/such/tool'"));
-}
-
 TEST_F(BrowserTest, EndsTheWholeGroupOfAScriptThatTakesTooLong) {
   const auto descriptors = openDescriptors();
   const auto result = browser({"grandchild", "deaf"}, 700ms).run("x");

@@ -123,29 +123,6 @@ TEST_F(ApiRequests, ReplyIsReadWrongly) {
   EXPECT_EQ(service.requestCount(), std::size(cases));
 }
 
-TEST_F(ApiRequests, KindOfAnErrorIsTakenForAnother) {
-  const auto kindFor = [&](int status) -> std::optional<ServerError::Kind> {
-    service.clearFaults();
-    service.addFault({.reply = FaultReply{.status = status, .body = "no"}});
-    try {
-      api->hello();
-      return std::nullopt;
-    } catch (const ServerError& error) {
-      return error.kind();
-    }
-  };
-  EXPECT_EQ(kindFor(401), ServerError::Kind::auth);
-  EXPECT_EQ(kindFor(426), ServerError::Kind::outOfDate);
-  for (const int status : {400, 403, 404, 408, 500, 503}) {
-    EXPECT_EQ(kindFor(status), ServerError::Kind::server) << status;
-  }
-  const auto begin = std::chrono::steady_clock::now();
-  EXPECT_EQ(kindFor(429), std::nullopt);
-  EXPECT_GE(std::chrono::steady_clock::now() - begin, 50ms);
-  EXPECT_EQ(failureOf([&] { api->complete(1, 0, "x"); }),
-            "POST /api/driver/jobs/1/complete -> 429: no");
-}
-
 TEST_F(ApiRequests, TokenThatTheServiceQuotesReachesAMessage) {
   const std::string token = service.token();
   for (const std::size_t before : {0u, 290u, 298u, 299u}) {

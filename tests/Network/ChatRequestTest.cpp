@@ -100,24 +100,5 @@ TEST(LLMLines, AcceptsABadPayloadOrHidesWhatIsWrong) {
   EXPECT_NO_THROW(LLMLines::parsePayload(R"({"v": 1, "model": "m", "prompt": "p"})"));
 }
 
-TEST(LLMLines, LosesBytesBetweenChunks) {
-  for (const std::size_t size : {0u, 1u, 5999u, 6000u, 6001u, 9000u, 12000u}) {
-    std::vector<std::string> lines;
-    LLMLines::chunk(std::string(size, 'a'),
-                    [&](std::string_view line) { lines.emplace_back(line); });
-    ASSERT_EQ(lines.size(), (size + 5999) / 6000) << size;
-    std::size_t characters = 0;
-    for (const auto& line : lines) {
-      ASSERT_TRUE(line.starts_with("__LLMCHUNK__"));
-      EXPECT_LE(line.size(), 12u + 8000u);
-      if (&line != &lines.back()) {
-        EXPECT_EQ(line.size(), 12u + 8000u);
-      }
-      characters += line.size() - 12;
-    }
-    EXPECT_EQ(characters, (size + 2) / 3 * 4);
-  }
-}
-
 }  // namespace
 }  // namespace verdo::test

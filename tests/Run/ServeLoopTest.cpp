@@ -93,18 +93,6 @@ TEST_F(ServeLoop, JobOfABusyLaneRunsOrIsNotRefused) {
   for (const auto& request : service.requests("lines")) EXPECT_NE(request.jobId, 77);
 }
 
-TEST_F(ServeLoop, LlmJobTakesALane) {
-  config.maxJobs = 1;
-  addJob("{}", {.label = "think", .kind = "llm"});
-  // The job of kind llm is held in its acknowledgement, as long as it takes.
-  service.addFault({.endpoint = "lines", .jobId = 1, .count = 1, .delay = 1000ms});
-  const auto browser = addJob("say a", {.label = "mail"});
-  start();
-  EXPECT_EQ(doneJob(browser).exitCode, 0);
-  EXPECT_NE(service.job(1)->state, local::JobState::done);
-  EXPECT_TRUE(log->waitFor("job 1: finished with exit"));
-}
-
 TEST_F(ServeLoop, MoreJobsRunThanThereAreLanes) {
   config.maxJobs = 2;
   addJob(waitScript(), {.label = "a"});

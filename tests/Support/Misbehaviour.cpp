@@ -153,10 +153,6 @@ int misbehave(const Role& role) {
     return std::stoi(role.at(3));
   }
   if (name == "executor") return executeScript(role.at(1));
-  if (name == "garbage") {
-    std::cout << "a\xff" << "b\xc3\n\xe2\x82\n" << std::flush;
-    return 0;
-  }
   std::cerr << "no such role: " << name << "\n";
   return 2;
 }

@@ -26,7 +26,6 @@ namespace verdo::test {
 ///   environment       prints its environment, a line each
 ///   signals           prints whether it leads its group, and its blocked and ignored signals
 ///   descriptors       prints the numbers of its open descriptors, one a line
-///   garbage           prints bytes that are not UTF-8
 ///   executor FILE     runs scripts like a browser executor (ExecutorRole.h)
 ///   noinput           never reads its input; prints "ready" and sleeps
 int misbehave(const std::vector<std::string>& role);

@@ -76,13 +76,6 @@ TEST_F(TheProgram, EndsWithTheWrongStatusOrWithoutAWord) {
        {"--ca-cert", "/no/such.pem"},
        2,
        "✗ OSError: [Errno 2] No such file or directory: '/no/such.pem'\n"},
-      {reply(401), {}, 3, "✗ token rejected: " + call + "401: no\n"},
-      {reply(426),
-       {},
-       6,
-       "✗ " + call +
-           "426: no\n"
-           "driver out of date — re-run the install command from the Browser driver card\n"},
       {{}, {"--exec", "no-such-program"}, 127, "✗ executor not found: no-such-program\n"},
   };
   for (const auto& row : cases) {

@@ -9,7 +9,6 @@ namespace verdo::test {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::ElementsAre;
 
 /// SHA-256 over the first numbered lines, each with its line end.
 std::string shaOfNumbered(int count) {
@@ -49,14 +48,6 @@ TEST_F(Volume, FloodIsLostReorderedOrKeptInMemory) {
   EXPECT_LT(program.peakMemory(), kSanitized ? 1000u << 20 : 80u << 20);
   program.signal(SIGTERM);
   EXPECT_EQ(program.wait(), 130);
-}
-
-TEST_F(Volume, OutputThatIsNotTextBreaksThePost) {
-  config.serveJobs = 1;
-  const auto id = addJob("garbage");
-  EXPECT_EQ(run(), ExitReason::clean());
-  const std::string replaced = "\xEF\xBF\xBD";
-  EXPECT_THAT(service.lines(id), ElementsAre("a" + replaced + "b" + replaced, replaced));
 }
 
 TEST_F(Volume, OutputIsThrottledWhileTheServerIsAwayAndThenLost) {
