@@ -37,13 +37,14 @@ bool hasSecretService(std::chrono::milliseconds limit) {
 }  // namespace
 
 SecretStoreChoice makeSecretStore(const SecretStoreOptions& options) {
-  if (hasSecretService(options.limit)) {
+  const bool inKeyring = options.usedBefore ? options.usedBefore == SecretStoreKind::secretService
+                                            : hasSecretService(options.limit);
+  if (inKeyring) {
     AppLog::keychain.info("[SecretStore] secrets are kept in the keyring");
     return {SecretStoreKind::secretService,
             std::make_unique<SecretServiceStore>(options.service, options.limit)};
   }
-  AppLog::keychain.info("[SecretStore] no Secret Service — secrets are kept in " +
-                        options.fileDirectory);
+  AppLog::keychain.info("[SecretStore] secrets are kept in " + options.fileDirectory);
   return {SecretStoreKind::files, std::make_unique<FileSecretStore>(options.fileDirectory)};
 }
 

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace verdo {
@@ -15,6 +16,9 @@ struct SecretStoreOptions {
   std::string service;        ///< the keyring's attribute "service"
   std::string fileDirectory;  ///< for files, where there is no keyring
   std::chrono::milliseconds limit = std::chrono::seconds(5);  ///< of the choice, and of each call
+  /// Where secrets were stored before, if the app remembers. They stay there: a keyring that is
+  /// missing today is not an empty one.
+  std::optional<SecretStoreKind> usedBefore;
 };
 
 struct SecretStoreChoice {
@@ -23,7 +27,8 @@ struct SecretStoreChoice {
 };
 
 /// The Secret Service when the session bus has one or could start one, be it as slow as it may;
-/// files when there is no session bus, or nobody on it who keeps secrets. Any thread may call; it
+/// files when there is no session bus, or nobody on it who keeps secrets; the earlier place when
+/// there is one. Any thread may call; it
 /// blocks for `limit` at most, usually for milliseconds.
 SecretStoreChoice makeSecretStore(const SecretStoreOptions& options);
 

@@ -101,16 +101,20 @@ TEST(SecretStoreChoice, PutsSecretsWhereTheyAreNotFoundAgain) {
   const PrivateBus empty, hung;
   const PrivateBus activatable("[D-BUS Service]\nName=org.freedesktop.secrets\nExec=/bin/false\n");
   ASSERT_TRUE(hung.daemon->signalGroup(SIGSTOP));
-  const std::pair<std::string, SecretStoreKind> table[] = {
-      {empty.address(), SecretStoreKind::files},
-      {hung.address(), SecretStoreKind::secretService},
-      {activatable.address(), SecretStoreKind::secretService},
-      {"unix:path=" + empty.home() + "/nothing", SecretStoreKind::files}};
-  for (const auto& [address, kind] : table) {
+  constexpr auto kFiles = SecretStoreKind::files, kKeyring = SecretStoreKind::secretService;
+  const std::tuple<std::string, std::optional<SecretStoreKind>, SecretStoreKind> table[] = {
+      {empty.address(), {}, kFiles},
+      {hung.address(), {}, kKeyring},
+      {activatable.address(), {}, kKeyring},
+      {activatable.address(), kFiles, kFiles},
+      {"unix:path=" + empty.home() + "/nothing", {}, kFiles},
+      {"unix:path=" + empty.home() + "/nothing", kKeyring, kKeyring}};
+  for (const auto& [address, before, kind] : table) {
     const ScopedEnv session("DBUS_SESSION_BUS_ADDRESS", address);
-    const auto choice = makeSecretStore({"test.verdo", empty.home() + "/s", milliseconds(300)});
+    const auto choice =
+        makeSecretStore({"test.verdo", empty.home() + "/s", milliseconds(300), before});
     EXPECT_EQ(choice.kind, kind) << address;
-    EXPECT_EQ(choice.store->write("s", kToken).has_value(), kind == SecretStoreKind::files);
+    EXPECT_EQ(choice.store->write("s", kToken).has_value(), kind == kFiles);
   }
 }
 
