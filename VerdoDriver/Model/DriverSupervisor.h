@@ -21,6 +21,16 @@ namespace verdo {
 /// run that is still going; the run then ends with the process.
 class DriverSupervisor : public QObject {
   Q_OBJECT
+  Q_PROPERTY(verdo::DriverSupervisor::State state READ state NOTIFY stateChanged)
+  Q_PROPERTY(std::optional<std::string> username READ username NOTIFY usernameChanged)
+  Q_PROPERTY(
+      std::optional<std::string> serverVersion READ serverVersion NOTIFY serverVersionChanged)
+  Q_PROPERTY(std::vector<std::string> busyLanes READ busyLanes NOTIFY busyLanesChanged)
+  Q_PROPERTY(qint64 servedCount READ servedCount NOTIFY servedCountChanged)
+  Q_PROPERTY(std::optional<std::string> lastJob READ lastJob NOTIFY lastJobChanged)
+  Q_PROPERTY(std::optional<std::string> lastError READ lastError NOTIFY lastErrorChanged)
+  Q_PROPERTY(std::optional<std::string> retryMessage READ retryMessage NOTIFY retryMessageChanged)
+  Q_PROPERTY(bool updateAvailable READ updateAvailable NOTIFY updateAvailableChanged)
  public:
   struct State {
     enum class Kind {

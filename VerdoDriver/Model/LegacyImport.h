@@ -18,6 +18,10 @@ namespace verdo {
 /// stays until the user has it deleted. While an operation runs, others are ignored.
 class LegacyImport : public QObject {
   Q_OBJECT
+  Q_PROPERTY(std::optional<verdo::LegacyInstall> legacy READ legacy NOTIFY changed)
+  Q_PROPERTY(std::optional<std::string> migrationMessage READ migrationMessage NOTIFY changed)
+  Q_PROPERTY(bool legacyReplaceArmed READ legacyReplaceArmed NOTIFY changed)
+  Q_PROPERTY(bool legacyBusy READ legacyBusy NOTIFY changed)
  public:
   /// Called exactly once, on the main thread, unless the import is gone by then. The result is
   /// absent when it never came to a check.

@@ -18,6 +18,7 @@ namespace verdo {
 /// It waits by the clock alone; what belongs to a pairing that was abandoned changes nothing.
 class PairFlow : public QObject {
   Q_OBJECT
+  Q_PROPERTY(verdo::PairingState state READ state NOTIFY stateChanged)
  public:
   /// Takes the token, a secret, and the name of the user who approved.
   using OnApproved = std::function<void(const std::string& token, const std::string& username)>;

@@ -14,6 +14,14 @@ namespace verdo {
 /// announced. Lives on the main thread.
 class SettingsStore : public QObject {
   Q_OBJECT
+  Q_PROPERTY(std::string serverURL READ serverURL WRITE setServerURL NOTIFY serverURLChanged)
+  Q_PROPERTY(
+      bool launchAtLogin READ launchAtLogin WRITE setLaunchAtLogin NOTIFY launchAtLoginChanged)
+  Q_PROPERTY(verdo::KeepAwakeMode keepAwakeMode READ keepAwakeMode WRITE setKeepAwakeMode NOTIFY
+                 keepAwakeModeChanged)
+  Q_PROPERTY(bool autoStart READ autoStart WRITE setAutoStart NOTIFY autoStartChanged)
+  Q_PROPERTY(
+      bool allowInsecure READ allowInsecure WRITE setAllowInsecure NOTIFY allowInsecureChanged)
  public:
   /// Reads all choices. Keys that are missing or hold nonsense give the defaults below.
   explicit SettingsStore(std::unique_ptr<QSettings> defaults);

@@ -5,6 +5,7 @@
 #include "tests/Support/RecordingDriverLog.h"
 #include "tests/Support/ScriptedDriver.h"
 
+#include <QVariant>
 #include <thread>
 
 #include <gmock/gmock.h>
@@ -166,7 +167,7 @@ TEST_F(Supervisor, ShowsWhatARunDoesWrongly) {
     observer.driverJobFinished(5, "a:b", 0, "");
     observer.driverJobFinished(6, "a:b", 143, "lost");
   });
-  EXPECT_EQ(supervisor.servedCount(), 2);
+  EXPECT_EQ(supervisor.property("servedCount").toLongLong(), 2);
   EXPECT_EQ(supervisor.lastJob(), "job 6 · a:b · exit 143");
   EXPECT_EQ(supervisor.lastError(), "lost");
   const auto first = run(1).observer;
