@@ -15,8 +15,10 @@ namespace verdo {
 /// an item that is not seen may still be in it, so the answer is `locked`, not absent.
 class SecretServiceStore : public SecretStore {
  public:
-  explicit SecretServiceStore(std::string service,
-                              std::chrono::milliseconds limit = std::chrono::seconds(5));
+  /// Long enough for a keyring that has to be started first, and an answer within five seconds.
+  static constexpr std::chrono::milliseconds kLimit{4500};
+
+  explicit SecretServiceStore(std::string service, std::chrono::milliseconds limit = kLimit);
 
   /// A stored value that is not UTF-8 counts as absent.
   Result<std::optional<std::string>> read(SecretAccount account) override;

@@ -3,7 +3,6 @@
 #include "VerdoDriver/Model/AppLog.h"
 #include "VerdoDriver/Platform/Linux/FileSecretStore.h"
 #include "VerdoDriver/Platform/Linux/GLibHandles.h"
-#include "VerdoDriver/Platform/Linux/SecretServiceStore.h"
 
 namespace verdo {
 namespace {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "VerdoDriver/Model/SecretStore.h"
+#include "VerdoDriver/Platform/Linux/SecretServiceStore.h"
 
 #include <chrono>
 #include <memory>
@@ -15,7 +15,8 @@ enum class SecretStoreKind { secretService, files };
 struct SecretStoreOptions {
   std::string service;        ///< the keyring's attribute "service"
   std::string fileDirectory;  ///< for files, where there is no keyring
-  std::chrono::milliseconds limit = std::chrono::seconds(5);  ///< of the choice, and of each call
+  /// Of the choice, and of each call.
+  std::chrono::milliseconds limit = SecretServiceStore::kLimit;
   /// Where secrets were stored before, if the app remembers. They stay there: a keyring that is
   /// missing today is not an empty one.
   std::optional<SecretStoreKind> usedBefore;
