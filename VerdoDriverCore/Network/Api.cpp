@@ -40,14 +40,16 @@ constexpr std::array<bool, 256> kKeptByQuote = [] {
 
 /// Appends a text percent-encoded as Python's quote does.
 void appendQuoted(std::string& out, std::string_view text) {
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (kKeptByQuote[byte]) {
-      out.push_back(c);
-    } else {
-      constexpr char kDigits[] = "0123456789ABCDEF";
-      out += {'%', kDigits[byte >> 4], kDigits[byte & 0xF]};
-    }
+  const auto isKept = [](char c) { return kKeptByQuote[static_cast<unsigned char>(c)]; };
+  while (!text.empty()) {
+    const auto kept = std::find_if_not(text.begin(), text.end(), isKept) - text.begin();
+    out.append(text.substr(0, static_cast<std::size_t>(kept)));
+    text.remove_prefix(static_cast<std::size_t>(kept));
+    if (text.empty()) return;
+    constexpr char kDigits[] = "0123456789ABCDEF";
+    const auto byte = static_cast<unsigned char>(text.front());
+    out += {'%', kDigits[byte >> 4], kDigits[byte & 0xF]};
+    text.remove_prefix(1);
   }
 }
 

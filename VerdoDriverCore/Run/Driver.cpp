@@ -121,7 +121,9 @@ void Driver::startWorker(Job job) {
   const auto worker = std::make_shared<Worker>(shared_from_this(), std::move(job));
   {
     MutexLock lock(guardLock_);
-    workers_.emplace(worker->job().lane, worker);
+    const auto& lane = worker->job().lane;
+    workers_.emplace(lane, worker);
+    busyLanes_.insert(std::lower_bound(busyLanes_.begin(), busyLanes_.end(), lane), lane);
     if (takesLane(worker->job())) ++lanesTaken_;
     ++served_;
     lastActivity_ = Clock::now();
@@ -211,6 +213,7 @@ void Driver::workerDone(Worker& worker) {
     const auto entry = workers_.find(worker.job().lane);
     if (entry != workers_.end() && entry->second.get() == &worker) {
       if (takesLane(worker.job())) --lanesTaken_;
+      busyLanes_.erase(std::lower_bound(busyLanes_.begin(), busyLanes_.end(), entry->first));
       workers_.erase(entry);
     }
     lastActivity_ = Clock::now();
@@ -292,10 +295,7 @@ Driver::Workers Driver::workersNow() {
 
 std::vector<std::string> Driver::busyLanes() {
   MutexLock lock(guardLock_);
-  std::vector<std::string> lanes;
-  lanes.reserve(workers_.size());
-  for (const auto& [lane, worker] : workers_) lanes.push_back(lane);
-  return lanes;
+  return busyLanes_;
 }
 
 bool Driver::isBusy(const std::string& lane) {

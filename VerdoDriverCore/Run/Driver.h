@@ -99,6 +99,8 @@ class Driver : public JobHost, public std::enable_shared_from_this<Driver> {
 
   Mutex guardLock_;
   Workers workers_ GUARDED_BY(guardLock_);
+  /// The lanes of the workers, sorted and side by side: every poll names them, a thousand at times.
+  std::vector<std::string> busyLanes_ GUARDED_BY(guardLock_);
   std::map<std::string, Clock::time_point> spaceSeen_ GUARDED_BY(guardLock_);
   std::shared_ptr<HttpSession> providerSession_ GUARDED_BY(guardLock_);
   int lanesTaken_ GUARDED_BY(guardLock_) = 0;
