@@ -4,6 +4,7 @@
 #include "VerdoDriver/Model/Background.h"
 #include "VerdoDriver/Model/EgoLocator.h"
 #include "VerdoDriver/Model/Masked.h"
+#include "VerdoDriver/Model/SecretTask.h"
 #include "VerdoDriverCore/Process/Sync.h"
 
 #include <QPointer>
@@ -66,18 +67,6 @@ SecretStore::Result<void> writeSecrets(SecretStore& secrets, const ConnectDraft&
                               : secrets.remove(SecretAccount::driverToken));
   }
   return written;
-}
-
-/// Runs a call of the secret store in the background. Without a thread for it the store counts as
-/// unavailable.
-template <typename Result, typename Work, typename Done>
-void inBackground(const Work& work, const Done& done) {
-  try {
-    runInBackground("verdo-secrets", work, done);
-  } catch (const std::system_error& error) {
-    done(Result(tl::make_unexpected(
-        SecretError{SecretError::Kind::unavailable, error.code().value(), error.what()})));
-  }
 }
 
 }  // namespace
@@ -157,14 +146,13 @@ void ConnectFlow::connect(const ConnectDraft& draft, Completion completion) {
   if (!draft.llmKey.empty()) return prove(draft, draft.llmKey, completion);
   // The stored key stays, and is checked in its place.
   const auto read = [secrets = secrets_] { return secrets->read(SecretAccount::llmKey); };
-  inBackground<SecretStore::Result<std::optional<std::string>>>(
-      read, [self = QPointer(this), draft, completion](const auto& stored) {
-        if (!self) return;
-        if (stored) return self->prove(draft, stored->value_or(""), completion);
-        const auto& why = stored.error().description;
-        completion(resultOf(ExitReason::badConfig(why),
-                            {"Could not read the Keychain", why, StatusText::Action::none}));
-      });
+  askSecretStore(read, [self = QPointer(this), draft, completion](const auto& stored) {
+    if (!self) return;
+    if (stored) return self->prove(draft, stored->value_or(""), completion);
+    const auto& why = stored.error().description;
+    completion(resultOf(ExitReason::badConfig(why),
+                        {"Could not read the Keychain", why, StatusText::Action::none}));
+  });
 }
 
 /// Tries the draft with this key, and saves the draft if it proves good.
@@ -199,7 +187,7 @@ void ConnectFlow::save(const ConnectDraft& draft, const ConnectResult& result,
         fmt::format("» connected as {} — settings saved", result.username.value_or("?")));
     completion(result);
   };
-  inBackground<SecretStore::Result<void>>(write, written);
+  askSecretStore(write, written);
 }
 
 }  // namespace verdo

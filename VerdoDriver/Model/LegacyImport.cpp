@@ -1,11 +1,10 @@
 #include "VerdoDriver/Model/LegacyImport.h"
 
 #include "VerdoDriver/Model/AppLog.h"
-#include "VerdoDriver/Model/Background.h"
 #include "VerdoDriver/Model/Masked.h"
+#include "VerdoDriver/Model/SecretTask.h"
 
 #include <QPointer>
-#include <system_error>
 #include <vector>
 
 #include <fmt/format.h>
@@ -59,11 +58,7 @@ void LegacyImport::readStoredToken(const std::function<void(const StoredToken&)>
     self->setBusy(false);
     done(stored);
   };
-  try {
-    runInBackground("verdo-legacy", read, answered);
-  } catch (const std::system_error& error) {
-    answered(tl::make_unexpected(SecretError{.description = error.what()}));
-  }
+  askSecretStore(read, answered);
 }
 
 void LegacyImport::stopAtStore(const SecretError& error) {

@@ -9,12 +9,17 @@
 
 namespace verdo {
 
+std::string trimmedServerURL(const std::string& text) {
+  std::string url = QString::fromStdString(text).trimmed().toStdString();
+  while (url.ends_with('/')) url.pop_back();
+  return url;
+}
+
 tl::expected<std::string, Refusal> validateServerURL(const std::string& text, bool allowInsecure) {
   const auto refuse = [](std::string message) {
     return tl::make_unexpected(Refusal{std::move(message)});
   };
-  std::string url = QString::fromStdString(text).trimmed().toStdString();
-  while (url.ends_with('/')) url.pop_back();
+  const std::string url = trimmedServerURL(text);
   if (url.empty()) return refuse("Enter the server URL.");
   if (!url.starts_with("https://") && !url.starts_with("http://")) {
     return refuse(fmt::format("The server URL must start with https:// (got {}).", url));

@@ -12,6 +12,9 @@ struct Refusal {
   bool operator==(const Refusal&) const = default;
 };
 
+/// The text without blanks around it and slashes at its end.
+std::string trimmedServerURL(const std::string& text);
+
 /// The server URL that a user typed, without blanks around it and slashes at its end; or why the
 /// driver must not use it.
 tl::expected<std::string, Refusal> validateServerURL(const std::string& text, bool allowInsecure);

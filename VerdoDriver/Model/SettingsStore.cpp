@@ -29,48 +29,45 @@ SettingsStore::~SettingsStore() = default;
 
 void SettingsStore::setServerURL(const std::string& url) {
   serverURL_ = url;
-  store(kServerURL, QString::fromStdString(url), url);
+  store(kServerURL, QString::fromStdString(url));
   Q_EMIT serverURLChanged(serverURL_);
-}
-
-void SettingsStore::setLaunchAtLogin(bool launch) {
-  launchAtLogin_ = launch;
-  store(kLaunchAtLogin, launch);
-  Q_EMIT launchAtLoginChanged(launch);
 }
 
 void SettingsStore::setKeepAwakeMode(KeepAwakeMode mode) {
   keepAwakeMode_ = mode;
-  store(kKeepAwakeMode, QString(nameOf(mode)), nameOf(mode));
+  store(kKeepAwakeMode, QString(nameOf(mode)));
   Q_EMIT keepAwakeModeChanged(mode);
 }
 
+void SettingsStore::setLaunchAtLogin(bool launch) {
+  setFlag(launchAtLogin_, kLaunchAtLogin, launch, &SettingsStore::launchAtLoginChanged);
+}
+
 void SettingsStore::setAutoStart(bool start) {
-  autoStart_ = start;
-  store(kAutoStart, start);
-  Q_EMIT autoStartChanged(start);
+  setFlag(autoStart_, kAutoStart, start, &SettingsStore::autoStartChanged);
 }
 
 void SettingsStore::setAllowInsecure(bool allow) {
-  allowInsecure_ = allow;
-  store(kAllowInsecure, allow);
-  Q_EMIT allowInsecureChanged(allow);
+  setFlag(allowInsecure_, kAllowInsecure, allow, &SettingsStore::allowInsecureChanged);
 }
 
-template <typename T>
-void SettingsStore::store(const char* key, const T& value, const std::string& text) {
+void SettingsStore::setFlag(bool& flag, const char* key, bool value,
+                            void (SettingsStore::*changed)(bool)) {
+  flag = value;
+  store(key, value);
+  Q_EMIT(this->*changed)(value);
+}
+
+void SettingsStore::store(const char* key, const QVariant& value) {
   defaults_->setValue(key, value);
   defaults_->sync();  // at once: a crash later must not undo the choice
-  AppLog::settings.debug(fmt::format("[SettingsStore] {} = {}", key, text));
+  AppLog::settings.debug(
+      fmt::format("[SettingsStore] {} = {}", key, value.toString().toStdString()));
   if (defaults_->status() != QSettings::NoError) {
     // The choice holds until the app ends; more cannot be done about it here.
     AppLog::settings.error(
         fmt::format("[SettingsStore] cannot write {}", defaults_->fileName().toStdString()));
   }
-}
-
-void SettingsStore::store(const char* key, bool value) {
-  store(key, value, value ? "true" : "false");
 }
 
 }  // namespace verdo

@@ -7,6 +7,7 @@
 #include <string>
 
 class QSettings;
+class QVariant;
 
 namespace verdo {
 
@@ -50,9 +51,8 @@ class SettingsStore : public QObject {
   void allowInsecureChanged(bool allow);
 
  private:
-  template <typename T>
-  void store(const char* key, const T& value, const std::string& text);
-  void store(const char* key, bool value);
+  void setFlag(bool& flag, const char* key, bool value, void (SettingsStore::*changed)(bool));
+  void store(const char* key, const QVariant& value);
 
   const std::unique_ptr<QSettings> defaults_;
   std::string serverURL_;

@@ -2,10 +2,9 @@
 
 #include "VerdoDriver/Model/AppLog.h"
 #include "VerdoDriver/Model/Semver.h"
+#include "VerdoDriver/Model/ServerURL.h"
 #include "VerdoDriver/Model/WebLink.h"
 #include "VerdoDriverCore/Contract/ServerURLPolicy.h"
-
-#include <QString>
 
 #include <fmt/format.h>
 
@@ -15,12 +14,6 @@ namespace {
 using Kind = UpdateError::Kind;
 
 constexpr std::chrono::seconds kTimeout{15};
-
-std::string cleaned(const std::string& server) {
-  std::string text = QString::fromStdString(server).trimmed().toStdString();
-  while (text.ends_with('/')) text.pop_back();
-  return text;
-}
 
 UpdateChecker::Outcome failure(Kind kind, std::string description) {
   return tl::make_unexpected(UpdateError{kind, std::move(description)});
@@ -40,7 +33,7 @@ UpdateChecker::Outcome read(const HttpResult& result) {
 }  // namespace
 
 std::optional<std::string> UpdateChecker::manifestURL(const std::string& server) {
-  return WebLink::onServer(cleaned(server), "/driver/app.json");
+  return WebLink::onServer(trimmedServerURL(server), "/driver/app.json");
 }
 
 void UpdateChecker::check(const std::string& server, bool allowInsecure, Completion completion) {
@@ -52,8 +45,8 @@ void UpdateChecker::check(const std::string& server, bool allowInsecure, Complet
   const auto url = manifestURL(server);
   if (!url) return failLater(failure(Kind::badURL, "The server URL is not valid."));
   // The policy reads the text as it is, and would miss a plain http that is spelt unusually.
-  if (const auto refusal =
-          ServerURLPolicy::refusal(ServerURLPolicy::lowerScheme(cleaned(server)), allowInsecure)) {
+  if (const auto refusal = ServerURLPolicy::refusal(
+          ServerURLPolicy::lowerScheme(trimmedServerURL(server)), allowInsecure)) {
     AppLog::update.info("[UpdateChecker] manifest fetch refused: " + *refusal);
     return failLater(failure(Kind::refused, *refusal));
   }
