@@ -234,28 +234,28 @@ bool ControlEndpoints::outage(Exchange& exchange) const {
 }
 
 bool ControlEndpoints::hello(Exchange& exchange) const {
-  const auto& method = exchange.request.method;
-  if (method == "PUT") {
-    service_.setHello(parseJson(exchange.request.body));
-  } else if (method == "PATCH") {
-    service_.patchHello(parseJson(exchange.request.body));
-  } else if (method != "GET") {
-    return false;
-  }
-  replyJson(exchange.response, service_.hello());
-  return true;
+  return document(exchange, &LocalService::hello, &LocalService::setHello,
+                  &LocalService::patchHello);
 }
 
 bool ControlEndpoints::manifest(Exchange& exchange) const {
+  return document(exchange, &LocalService::manifest, &LocalService::setManifest,
+                  &LocalService::patchManifest);
+}
+
+/// A JSON value that is shown, replaced or patched.
+bool ControlEndpoints::document(Exchange& exchange, ordered_json (LocalService::*get)() const,
+                                void (LocalService::*set)(ordered_json),
+                                void (LocalService::*patch)(const ordered_json&)) const {
   const auto& method = exchange.request.method;
   if (method == "PUT") {
-    service_.setManifest(parseJson(exchange.request.body));
+    (service_.*set)(parseJson(exchange.request.body));
   } else if (method == "PATCH") {
-    service_.patchManifest(parseJson(exchange.request.body));
+    (service_.*patch)(parseJson(exchange.request.body));
   } else if (method != "GET") {
     return false;
   }
-  replyJson(exchange.response, service_.manifest());
+  replyJson(exchange.response, (service_.*get)());
   return true;
 }
 

@@ -29,6 +29,9 @@ class ControlEndpoints final : public RouteGroup {
   bool pairings(Exchange& exchange, const Words& words) const;
   bool hello(Exchange& exchange) const;
   bool manifest(Exchange& exchange) const;
+  bool document(Exchange& exchange, nlohmann::ordered_json (LocalService::*get)() const,
+                void (LocalService::*set)(nlohmann::ordered_json),
+                void (LocalService::*patch)(const nlohmann::ordered_json&)) const;
   bool requests(Exchange& exchange) const;
   bool provider(Exchange& exchange) const;
   bool rest(Exchange& exchange, const std::string& word) const;
