@@ -230,6 +230,21 @@ TEST_F(LLMJobs, LoseOrReorderPartsOfALongReply) {
   EXPECT_TRUE(reply(id) == text);
 }
 
+TEST_F(LLMJobs, TakeALaneOrWaitForOne) {
+  answer({.delay = 1000ms});
+  config.maxJobs = 3;
+  const auto held = addJob("sleep 100", {.label = "one"});
+  addJob("sleep 100", {.label = "two"});
+  for (int i = 0; i < 100; ++i) addLLM("call " + std::to_string(i), 60);
+  const auto beside = addJob("say a", {.label = "three"});
+  start();
+  ASSERT_TRUE(service.waitForReply("chat", 100, kLong));
+  EXPECT_EQ(service.maxInFlight("chat"), 100u);
+  EXPECT_EQ(doneJob(beside).exitCode, 0);
+  for (auto id = held + 2; id < beside; ++id) EXPECT_EQ(doneJob(id).exitCode, 0);
+  EXPECT_EQ(service.job(held)->state, JobState::leased);
+}
+
 TEST_F(LLMJobs, GetLostWhileTheServerFails) {
   for (const auto delivery : {local::Delivery::whole, local::Delivery::reset}) {
     for (const char* endpoint : {"lines", "complete"}) {

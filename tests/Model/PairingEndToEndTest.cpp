@@ -13,6 +13,7 @@
 #include <sstream>
 
 #include <gmock/gmock.h>
+#include <httplib.h>
 
 namespace verdo::test {
 namespace {
@@ -96,6 +97,13 @@ class Pairing : public testing::Test {
 
 TEST_F(Pairing, IsNotApprovedInTheBrowser) {
   const auto code = begin();
+  // What another site sends in the user's name lacks what only the page knows.
+  httplib::Client other("127.0.0.1", service.port());
+  EXPECT_EQ(other
+                .Post(opened.substr(service.url().size()), "decision=approve",
+                      "application/x-www-form-urlencoded")
+                ->status,
+            403);
   poll();
   EXPECT_TRUE(isWaiting());
   EXPECT_THAT(press(opened, "Approve"), HasSubstr("Ann's <computer>"));
