@@ -19,7 +19,7 @@ tl::expected<std::string, Refusal> validateServerURL(const std::string& text, bo
   const auto refuse = [](std::string message) {
     return tl::make_unexpected(Refusal{std::move(message)});
   };
-  const std::string url = trimmedServerURL(text);
+  std::string url = trimmedServerURL(text);
   if (url.empty()) return refuse("Enter the server URL.");
   if (!url.starts_with("https://") && !url.starts_with("http://")) {
     return refuse(fmt::format("The server URL must start with https:// (got {}).", url));
