@@ -1,6 +1,6 @@
 #include "VerdoDriverCLI/SignalThread.h"
 
-#include "VerdoDriverCore/Process/ThreadName.h"
+#include "VerdoDriverCore/System/ThreadName.h"
 
 #include <thread>
 

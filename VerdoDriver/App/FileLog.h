@@ -2,7 +2,7 @@
 
 #include "VerdoDriver/App/RotatingFile.h"
 #include "VerdoDriver/Model/DriverLog.h"
-#include "VerdoDriverCore/Process/Sync.h"
+#include "VerdoDriverCore/System/Sync.h"
 
 #include <chrono>
 #include <cstdint>

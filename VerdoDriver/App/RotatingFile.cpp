@@ -1,5 +1,7 @@
 #include "VerdoDriver/App/RotatingFile.h"
 
+#include "VerdoDriverCore/System/Files.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -146,20 +148,13 @@ void RotatingFile::rotate() const {
 }
 
 void RotatingFile::write(std::string_view piece, std::uint64_t sizeBefore) const {
-  for (std::size_t written = 0; written < piece.size();) {
-    const auto size = ::write(file_.get(), piece.data() + written, piece.size() - written);
-    if (size > 0) {
-      written += static_cast<std::size_t>(size);
-      continue;
-    }
-    if (size < 0 && errno == EINTR) continue;
-    const int reason = size == 0 ? EIO : errno;
-    // Nothing may follow a torn piece; only what another process appended meanwhile must stay.
-    if (written > 0 && sizeOf(file_.get(), path_) == sizeBefore + written) {
-      (void)!::ftruncate(file_.get(), static_cast<off_t>(sizeBefore));
-    }
-    fail("write", path_, reason);
+  const WriteOutcome outcome = writeAll(file_.get(), piece);
+  if (outcome.error == 0) return;
+  // Nothing may follow a torn piece; only what another process appended meanwhile must stay.
+  if (outcome.written > 0 && sizeOf(file_.get(), path_) == sizeBefore + outcome.written) {
+    (void)!::ftruncate(file_.get(), static_cast<off_t>(sizeBefore));
   }
+  fail("write", path_, outcome.error);
 }
 
 }  // namespace verdo

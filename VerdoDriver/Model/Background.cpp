@@ -1,6 +1,6 @@
 #include "VerdoDriver/Model/Background.h"
 
-#include "VerdoDriverCore/Process/ThreadName.h"
+#include "VerdoDriverCore/System/ThreadName.h"
 
 #include <thread>
 

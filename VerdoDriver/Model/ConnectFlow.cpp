@@ -5,7 +5,7 @@
 #include "VerdoDriver/Model/EgoLocator.h"
 #include "VerdoDriver/Model/Masked.h"
 #include "VerdoDriver/Model/SecretTask.h"
-#include "VerdoDriverCore/Process/Sync.h"
+#include "VerdoDriverCore/System/Sync.h"
 
 #include <QPointer>
 #include <system_error>

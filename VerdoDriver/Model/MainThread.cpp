@@ -1,6 +1,6 @@
 #include "VerdoDriver/Model/MainThread.h"
 
-#include "VerdoDriverCore/Process/Sync.h"
+#include "VerdoDriverCore/System/Sync.h"
 
 #include <QCoreApplication>
 #include <QEvent>

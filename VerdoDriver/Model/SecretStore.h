@@ -1,6 +1,6 @@
 #pragma once
 
-#include "VerdoDriverCore/Process/Sync.h"
+#include "VerdoDriverCore/System/Sync.h"
 
 #include <cstdint>
 #include <map>

@@ -1,6 +1,6 @@
 #include "VerdoDriverCore/Contract/EnvFile.h"
 
-#include "VerdoDriverCore/Process/UniqueFd.h"
+#include "VerdoDriverCore/System/UniqueFd.h"
 #include "VerdoDriverCore/Values/Utf8.h"
 
 #include <cerrno>
@@ -21,10 +21,6 @@ std::string_view trim(std::string_view text, std::string_view dropped) {
   const auto begin = text.find_first_not_of(dropped);
   if (begin == std::string_view::npos) return {};
   return text.substr(begin, text.find_last_not_of(dropped) - begin + 1);
-}
-
-[[noreturn]] void failWithErrno(const std::string& path) {
-  throw PyError("OSError", pyErrnoText(errno, path));
 }
 
 std::string readAll(int fd, const std::string& path) {

@@ -3,7 +3,7 @@
 #include "VerdoDriverCore/Contract/LogSink.h"
 #include "VerdoDriverCore/Contract/Timings.h"
 #include "VerdoDriverCore/Process/Spawn.h"
-#include "VerdoDriverCore/Process/Sync.h"
+#include "VerdoDriverCore/System/Sync.h"
 #include "VerdoDriverCore/Values/JV.h"
 
 #include <cstdint>

@@ -4,7 +4,7 @@
 #include "VerdoDriverCore/Contract/Timings.h"
 #include "VerdoDriverCore/Jobs/Browser.h"
 #include "VerdoDriverCore/Network/Api.h"
-#include "VerdoDriverCore/Process/Sync.h"
+#include "VerdoDriverCore/System/Sync.h"
 
 #include <memory>
 #include <string>

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "VerdoDriverCore/Network/LineBatch.h"
-#include "VerdoDriverCore/Process/Sync.h"
+#include "VerdoDriverCore/System/Sync.h"
 
 #include <memory>
 #include <span>

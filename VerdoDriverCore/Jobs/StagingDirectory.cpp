@@ -21,10 +21,6 @@ namespace fs = std::filesystem;
 
 constexpr const char* kPrefix = "verdo-";
 
-[[noreturn]] void failWithErrno(const std::string& path) {
-  throw PyError("OSError", pyErrnoText(errno, path));
-}
-
 void makePrivateDirectory(const std::string& path) {
   std::error_code error;
   fs::create_directories(path, error);

@@ -1,7 +1,7 @@
 #include "VerdoDriverCore/Jobs/Worker.h"
 
 #include "VerdoDriverCore/Network/Errors.h"
-#include "VerdoDriverCore/Process/ThreadName.h"
+#include "VerdoDriverCore/System/ThreadName.h"
 #include "VerdoDriverCore/Values/PyError.h"
 
 #include <algorithm>

@@ -7,7 +7,7 @@
 #include "VerdoDriverCore/Network/ChatClient.h"
 #include "VerdoDriverCore/Process/ChildProcess.h"
 #include "VerdoDriverCore/Process/LineReader.h"
-#include "VerdoDriverCore/Process/Sync.h"
+#include "VerdoDriverCore/System/Sync.h"
 
 #include <cstdint>
 #include <functional>

@@ -3,7 +3,7 @@
 #include "VerdoDriverCore/Contract/Timings.h"
 #include "VerdoDriverCore/Network/Errors.h"
 #include "VerdoDriverCore/Network/HttpSession.h"
-#include "VerdoDriverCore/Process/Sync.h"
+#include "VerdoDriverCore/System/Sync.h"
 #include "VerdoDriverCore/Values/JV.h"
 
 #include <cstdint>

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "VerdoDriverCore/Network/HttpSession.h"
-#include "VerdoDriverCore/Process/Sync.h"
+#include "VerdoDriverCore/System/Sync.h"
 #include "VerdoDriverCore/Values/JV.h"
 #include "VerdoDriverCore/Values/PyError.h"
 

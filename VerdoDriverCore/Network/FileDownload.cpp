@@ -1,5 +1,7 @@
 #include "VerdoDriverCore/Network/FileDownload.h"
 
+#include "VerdoDriverCore/System/Files.h"
+
 #include <cerrno>
 #include <new>
 #include <system_error>
@@ -38,15 +40,11 @@ bool FileDownload::open() {
 }
 
 bool FileDownload::writeAll(std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t size = ::write(file_.get(), bytes.data(), bytes.size());
-    if (size >= 0) {
-      bytes.remove_prefix(static_cast<std::size_t>(size));
-    } else if (errno != EINTR) {
-      failure_.emplace("OSError",
-                       fmt::format("write failed: {}", std::generic_category().message(errno)));
-      return false;
-    }
+  const WriteOutcome outcome = verdo::writeAll(file_.get(), bytes);
+  if (outcome.error != 0) {
+    failure_.emplace(
+        "OSError", fmt::format("write failed: {}", std::generic_category().message(outcome.error)));
+    return false;
   }
   return true;
 }

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "VerdoDriverCore/Network/HttpSession.h"
-#include "VerdoDriverCore/Process/UniqueFd.h"
+#include "VerdoDriverCore/System/UniqueFd.h"
 #include "VerdoDriverCore/Values/PyError.h"
 
 #include <optional>

@@ -2,7 +2,7 @@
 
 #include "VerdoDriverCore/Network/HttpSessionLoop.h"
 #include "VerdoDriverCore/Network/HttpTransfer.h"
-#include "VerdoDriverCore/Process/Sync.h"
+#include "VerdoDriverCore/System/Sync.h"
 
 #include <stdexcept>
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "VerdoDriverCore/Process/Sync.h"
-#include "VerdoDriverCore/Values/ByteBuffer.h"
+#include "VerdoDriverCore/System/ByteBuffer.h"
+#include "VerdoDriverCore/System/Sync.h"
 
 #include <chrono>
 #include <cstdint>

@@ -1,6 +1,6 @@
 #include "VerdoDriverCore/Network/HttpSessionLoop.h"
 
-#include "VerdoDriverCore/Process/ThreadName.h"
+#include "VerdoDriverCore/System/ThreadName.h"
 
 #include <algorithm>
 #include <chrono>

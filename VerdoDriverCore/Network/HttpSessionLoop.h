@@ -2,7 +2,7 @@
 
 #include "VerdoDriverCore/Network/HttpTransfer.h"
 #include "VerdoDriverCore/Network/Poller.h"
-#include "VerdoDriverCore/Process/Sync.h"
+#include "VerdoDriverCore/System/Sync.h"
 
 #include <map>
 #include <memory>

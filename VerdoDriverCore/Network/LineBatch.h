@@ -1,6 +1,6 @@
 #pragma once
 
-#include "VerdoDriverCore/Values/ByteBuffer.h"
+#include "VerdoDriverCore/System/ByteBuffer.h"
 
 #include <cstddef>
 #include <string_view>

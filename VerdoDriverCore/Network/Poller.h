@@ -1,6 +1,6 @@
 #pragma once
 
-#include "VerdoDriverCore/Process/UniqueFd.h"
+#include "VerdoDriverCore/System/UniqueFd.h"
 
 #include <chrono>
 #include <span>

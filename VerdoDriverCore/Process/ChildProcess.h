@@ -1,7 +1,7 @@
 #pragma once
 
-#include "VerdoDriverCore/Process/Sync.h"
-#include "VerdoDriverCore/Process/UniqueFd.h"
+#include "VerdoDriverCore/System/Sync.h"
+#include "VerdoDriverCore/System/UniqueFd.h"
 
 #include <chrono>
 #include <cstdint>

@@ -1,5 +1,7 @@
 #include "VerdoDriverCore/Process/LineReader.h"
 
+#include "VerdoDriverCore/System/Files.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
@@ -144,16 +146,9 @@ bool LineReader::readSome() {
 }
 
 void LineReader::writeSome() {
-  while (written_ < input_.size()) {
-    const ssize_t size = ::write(sink_.get(), input_.data() + written_, input_.size() - written_);
-    if (size >= 0) {
-      written_ += static_cast<std::size_t>(size);
-    } else if (errno == EAGAIN) {
-      return;
-    } else if (errno != EINTR) {
-      break;
-    }
-  }
+  const WriteOutcome outcome = writeAll(sink_.get(), std::string_view(input_).substr(written_));
+  written_ += outcome.written;
+  if (outcome.error == EAGAIN) return;
   sink_.reset();
   input_ = {};
 }

@@ -1,7 +1,8 @@
 #pragma once
 
-#include "VerdoDriverCore/Process/Sync.h"
-#include "VerdoDriverCore/Process/UniqueFd.h"
+#include "VerdoDriverCore/System/Pipe.h"
+#include "VerdoDriverCore/System/Sync.h"
+#include "VerdoDriverCore/System/UniqueFd.h"
 
 #include <atomic>
 #include <cstddef>

@@ -1,6 +1,7 @@
 #include "VerdoDriverCore/Process/Spawn.h"
 
 #include "VerdoDriverCore/Process/SpawnPlatform.h"
+#include "VerdoDriverCore/System/Pipe.h"
 
 #include <system_error>
 

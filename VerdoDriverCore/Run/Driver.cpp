@@ -2,7 +2,7 @@
 
 #include "VerdoDriverCore/Contract/DriverConstants.h"
 #include "VerdoDriverCore/Contract/ExitReason.h"
-#include "VerdoDriverCore/Process/ThreadName.h"
+#include "VerdoDriverCore/System/ThreadName.h"
 #include "VerdoDriverCore/Values/PyValue.h"
 
 #include <algorithm>

@@ -1,8 +1,7 @@
 #include "VerdoDriverCore/Run/Log.h"
 
+#include "VerdoDriverCore/System/Files.h"
 #include "VerdoDriverCore/Values/Utf8.h"
-
-#include <cerrno>
 
 #include <fmt/format.h>
 #include <unistd.h>
@@ -22,14 +21,8 @@ void StderrLogSink::write(const char* color, const char* sign, const std::string
       tty_ ? fmt::format("\x1b[{}m{} \x1b[0m{}\n", color, sign, withoutControls(text))
            : fmt::format("{} {}\n", sign, withoutControls(text));
   MutexLock lock(lock_);
-  for (std::size_t written = 0; written < line.size();) {
-    const ssize_t size = ::write(STDERR_FILENO, line.data() + written, line.size() - written);
-    if (size >= 0) {
-      written += static_cast<std::size_t>(size);
-    } else if (errno != EINTR) {
-      return;  // there is nowhere left to say that the log is gone
-    }
-  }
+  // Should it fail, there is nowhere left to say that the log is gone.
+  static_cast<void>(writeAll(STDERR_FILENO, line));
 }
 
 }  // namespace verdo

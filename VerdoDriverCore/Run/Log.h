@@ -1,7 +1,7 @@
 #pragma once
 
 #include "VerdoDriverCore/Contract/LogSink.h"
-#include "VerdoDriverCore/Process/Sync.h"
+#include "VerdoDriverCore/System/Sync.h"
 
 #include <optional>
 #include <string>

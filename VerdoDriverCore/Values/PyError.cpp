@@ -1,5 +1,6 @@
 #include "VerdoDriverCore/Values/PyError.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <memory>
 #include <system_error>
@@ -28,5 +29,7 @@ std::string pyDescribe(const std::exception& error) {
 std::string pyErrnoText(int code, std::string_view path) {
   return fmt::format("[Errno {}] {}: '{}'", code, std::generic_category().message(code), path);
 }
+
+void failWithErrno(std::string_view path) { throw PyError("OSError", pyErrnoText(errno, path)); }
 
 }  // namespace verdo

@@ -35,4 +35,7 @@ std::string pyDescribe(const std::exception& error);
 /// "[Errno {code}] {strerror}: '{path}'", the message of Python's OSError.
 std::string pyErrnoText(int code, std::string_view path);
 
+/// Throws PyError "OSError" with the current errno and the path that the failed call was about.
+[[noreturn]] void failWithErrno(std::string_view path);
+
 }  // namespace verdo

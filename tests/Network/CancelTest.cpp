@@ -1,4 +1,4 @@
-#include "VerdoDriverCore/Process/UniqueFd.h"
+#include "VerdoDriverCore/System/UniqueFd.h"
 #include "tests/Support/ApiFixture.h"
 
 #include <arpa/inet.h>

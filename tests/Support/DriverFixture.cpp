@@ -1,6 +1,6 @@
 #include "tests/Support/DriverFixture.h"
 
-#include "VerdoDriverCore/Process/ThreadName.h"
+#include "VerdoDriverCore/System/ThreadName.h"
 #include "tests/Support/Leaks.h"
 #include "tests/Support/Misbehaviour.h"
 

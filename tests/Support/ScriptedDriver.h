@@ -1,7 +1,7 @@
 #pragma once
 
 #include "VerdoDriver/Model/DriverFactory.h"
-#include "VerdoDriverCore/Process/Sync.h"
+#include "VerdoDriverCore/System/Sync.h"
 
 #include <atomic>
 #include <memory>

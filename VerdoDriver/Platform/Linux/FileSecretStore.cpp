@@ -2,7 +2,8 @@
 
 #include "VerdoDriver/Model/AppLog.h"
 #include "VerdoDriver/Model/Masked.h"
-#include "VerdoDriverCore/Process/UniqueFd.h"
+#include "VerdoDriverCore/System/Files.h"
+#include "VerdoDriverCore/System/UniqueFd.h"
 #include "VerdoDriverCore/Values/Utf8.h"
 
 #include <cerrno>
@@ -84,11 +85,10 @@ void prepareDirectory(const std::string& directory) {
   }
 }
 
-void writeAll(int file, const std::string& value, const std::string& path) {
-  for (std::size_t done = 0; done < value.size();) {
-    const ssize_t size = ::write(file, value.data() + done, value.size() - done);
-    if (size < 0 && errno != EINTR) throw errnoError("Writing", path);
-    if (size > 0) done += static_cast<std::size_t>(size);
+void writeDurably(int file, const std::string& value, const std::string& path) {
+  if (const int reason = writeAll(file, value).error; reason != 0) {
+    errno = reason;
+    throw errnoError("Writing", path);
   }
   if (::fsync(file) != 0) throw errnoError("Writing", path);
 }
@@ -109,7 +109,7 @@ void replaceFile(const std::string& directory, const std::string& name, const st
       ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
   if (!file) throw errnoError("Writing", temporary);
   try {
-    writeAll(file.get(), value, temporary);
+    writeDurably(file.get(), value, temporary);
     if (::rename(temporary.c_str(), path.c_str()) != 0) throw errnoError("Replacing", path);
   } catch (const SecretError&) {
     ::unlink(temporary.c_str());

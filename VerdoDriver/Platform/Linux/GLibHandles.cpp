@@ -1,6 +1,6 @@
 #include "VerdoDriver/Platform/Linux/GLibHandles.h"
 
-#include "VerdoDriverCore/Process/ThreadName.h"
+#include "VerdoDriverCore/System/ThreadName.h"
 
 namespace verdo {
 

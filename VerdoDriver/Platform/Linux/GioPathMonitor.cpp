@@ -3,7 +3,7 @@
 #include "VerdoDriver/Model/AppLog.h"
 #include "VerdoDriver/Model/MainThread.h"
 #include "VerdoDriver/Platform/Linux/GLibHandles.h"
-#include "VerdoDriverCore/Process/ThreadName.h"
+#include "VerdoDriverCore/System/ThreadName.h"
 
 #include <QPointer>
 #include <functional>

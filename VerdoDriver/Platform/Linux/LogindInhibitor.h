@@ -1,7 +1,7 @@
 #pragma once
 
 #include "VerdoDriver/Model/PowerAssertion.h"
-#include "VerdoDriverCore/Process/UniqueFd.h"
+#include "VerdoDriverCore/System/UniqueFd.h"
 
 #include <QDBusConnection>
 #include <QObject>

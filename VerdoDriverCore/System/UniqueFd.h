@@ -25,13 +25,6 @@ class UniqueFd {
   int fd_ = -1;
 };
 
-/// The two ends of a pipe, both close-on-exec. Throws std::system_error with the errno.
-struct Pipe {
-  UniqueFd readEnd;
-  UniqueFd writeEnd;
-  static Pipe make();
-};
-
 /// Makes reads and writes of the descriptor return EAGAIN instead of blocking. Throws
 /// std::system_error.
 void setNonBlocking(int fd);

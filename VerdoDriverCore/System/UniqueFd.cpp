@@ -1,4 +1,4 @@
-#include "VerdoDriverCore/Process/UniqueFd.h"
+#include "VerdoDriverCore/System/UniqueFd.h"
 
 #include <cerrno>
 #include <system_error>
@@ -11,18 +11,6 @@ namespace verdo {
 void UniqueFd::reset() {
   // Not retried on EINTR: the descriptor is gone either way.
   if (fd_ >= 0) ::close(std::exchange(fd_, -1));
-}
-
-Pipe Pipe::make() {
-  int ends[2];
-  if (::pipe(ends) != 0) throw std::system_error(errno, std::generic_category(), "pipe");
-  Pipe pipe{UniqueFd(ends[0]), UniqueFd(ends[1])};
-  for (const int end : ends) {
-    if (::fcntl(end, F_SETFD, FD_CLOEXEC) != 0) {
-      throw std::system_error(errno, std::generic_category(), "fcntl(FD_CLOEXEC)");
-    }
-  }
-  return pipe;
 }
 
 void setNonBlocking(int fd) {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "VerdoDriverCore/Process/ThreadSafety.h"
+#include "VerdoDriverCore/System/ThreadSafety.h"
 
 #include <chrono>
 #include <condition_variable>

@@ -1,4 +1,4 @@
-#include "VerdoDriverCore/Process/Sync.h"
+#include "VerdoDriverCore/System/Sync.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,4 +1,4 @@
-#include "VerdoDriverCore/Process/ThreadName.h"
+#include "VerdoDriverCore/System/ThreadName.h"
 
 #include <pthread.h>
 

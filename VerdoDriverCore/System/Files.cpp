@@ -1,0 +1,27 @@
+#include "VerdoDriverCore/System/Files.h"
+
+#include <cerrno>
+
+#include <unistd.h>
+
+namespace verdo {
+
+WriteOutcome writeAll(int fd, std::string_view bytes) noexcept {
+  WriteOutcome outcome;
+  while (outcome.written < bytes.size()) {
+    const ssize_t size =
+        ::write(fd, bytes.data() + outcome.written, bytes.size() - outcome.written);
+    if (size > 0) {
+      outcome.written += static_cast<std::size_t>(size);
+    } else if (size == 0) {
+      outcome.error = EIO;  // POSIX leaves it open for what is no regular file; never try for ever
+      return outcome;
+    } else if (errno != EINTR) {
+      outcome.error = errno;
+      return outcome;
+    }
+  }
+  return outcome;
+}
+
+}  // namespace verdo

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+
+namespace verdo {
+
+/// How far a write came.
+struct WriteOutcome {
+  std::size_t written = 0;  ///< bytes that are out
+  int error = 0;            ///< 0 when all are, else the errno that stopped it
+};
+
+/// Writes the bytes to a descriptor, through interruptions by signals and partial writes. Stops at
+/// the first error; a non-blocking descriptor without room stops it with EAGAIN. Throws nothing.
+[[nodiscard]] WriteOutcome writeAll(int fd, std::string_view bytes) noexcept;
+
+}  // namespace verdo
