@@ -3,7 +3,7 @@
 #include "VerdoDriverCore/Contract/DriverConstants.h"
 #include "VerdoDriverCore/Contract/EnvFile.h"
 #include "VerdoDriverCore/Contract/Protocol.h"
-#include "VerdoDriverCore/Contract/ServerURLPolicy.h"
+#include "VerdoDriverCore/Values/Url.h"
 
 #include <algorithm>
 #include <cmath>
@@ -138,10 +138,10 @@ DriverConfig resolveConfig(Options options, const Environment& environment) {
   };
   config.token = given(std::nullopt, DriverConstants::tokenEnv).value_or("");
   config.llmKey = given(std::nullopt, DriverConstants::llmKeyEnv).value_or("");
-  config.server = ServerURLPolicy::lowerScheme(
+  config.server = lowerScheme(
       given(options.server, DriverConstants::serverEnv).value_or(DriverConstants::defaultServer));
-  config.llmBase = ServerURLPolicy::lowerScheme(given(options.llmBase, DriverConstants::llmBaseEnv)
-                                                    .value_or(DriverConstants::llmDefaultBase));
+  config.llmBase = lowerScheme(given(options.llmBase, DriverConstants::llmBaseEnv)
+                                   .value_or(DriverConstants::llmDefaultBase));
   return config;
 }
 

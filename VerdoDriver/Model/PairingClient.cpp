@@ -5,6 +5,7 @@
 #include "VerdoDriver/Model/WebLink.h"
 #include "VerdoDriverCore/Contract/ServerURLPolicy.h"
 #include "VerdoDriverCore/Values/PyJSON.h"
+#include "VerdoDriverCore/Values/Url.h"
 #include "VerdoDriverCore/Values/Utf8.h"
 
 namespace verdo {
@@ -84,8 +85,7 @@ void PairingClient::post(const std::string& server, bool allowInsecure, const st
       completion(tl::make_unexpected(error));
     });
   };
-  if (const auto refusal =
-          ServerURLPolicy::refusal(ServerURLPolicy::lowerScheme(server), allowInsecure)) {
+  if (const auto refusal = ServerURLPolicy::refusal(lowerScheme(server), allowInsecure)) {
     AppLog::connect.info("[PairingClient] refused: " + *refusal);
     return fail(PairingError::refused(*refusal));
   }

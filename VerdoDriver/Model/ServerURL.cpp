@@ -1,6 +1,7 @@
 #include "VerdoDriver/Model/ServerURL.h"
 
 #include "VerdoDriverCore/Contract/ServerURLPolicy.h"
+#include "VerdoDriverCore/Values/Url.h"
 
 #include <QString>
 #include <QUrl>
@@ -10,9 +11,7 @@
 namespace verdo {
 
 std::string trimmedServerURL(const std::string& text) {
-  std::string url = QString::fromStdString(text).trimmed().toStdString();
-  while (url.ends_with('/')) url.pop_back();
-  return url;
+  return withoutTrailingSlashes(QString::fromStdString(text).trimmed().toStdString());
 }
 
 tl::expected<std::string, Refusal> validateServerURL(const std::string& text, bool allowInsecure) {

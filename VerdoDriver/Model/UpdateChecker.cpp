@@ -5,6 +5,7 @@
 #include "VerdoDriver/Model/ServerURL.h"
 #include "VerdoDriver/Model/WebLink.h"
 #include "VerdoDriverCore/Contract/ServerURLPolicy.h"
+#include "VerdoDriverCore/Values/Url.h"
 
 #include <fmt/format.h>
 
@@ -45,8 +46,8 @@ void UpdateChecker::check(const std::string& server, bool allowInsecure, Complet
   const auto url = manifestURL(server);
   if (!url) return failLater(failure(Kind::badURL, "The server URL is not valid."));
   // The policy reads the text as it is, and would miss a plain http that is spelt unusually.
-  if (const auto refusal = ServerURLPolicy::refusal(
-          ServerURLPolicy::lowerScheme(trimmedServerURL(server)), allowInsecure)) {
+  if (const auto refusal =
+          ServerURLPolicy::refusal(lowerScheme(trimmedServerURL(server)), allowInsecure)) {
     AppLog::update.info("[UpdateChecker] manifest fetch refused: " + *refusal);
     return failLater(failure(Kind::refused, *refusal));
   }

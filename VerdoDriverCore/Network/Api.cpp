@@ -4,6 +4,7 @@
 #include "VerdoDriverCore/Network/FileDownload.h"
 #include "VerdoDriverCore/Values/JsonReader.h"
 #include "VerdoDriverCore/Values/PyJSON.h"
+#include "VerdoDriverCore/Values/Url.h"
 #include "VerdoDriverCore/Values/Utf8.h"
 
 #include <algorithm>
@@ -83,9 +84,9 @@ JV parseObject(const std::string& body, const std::string& call) {
 
 Api::Api(Options options, std::shared_ptr<HttpSession> session)
     : options_(std::move(options)), session_(std::move(session)) {
-  while (options_.base.ends_with('/')) options_.base.pop_back();
+  options_.base = withoutTrailingSlashes(std::move(options_.base));
   // The paths of the calls are sound by construction.
-  isBaseValid_ = HttpSession::isValidUrl(options_.base);
+  isBaseValid_ = Url::parse(options_.base).has_value();
 }
 
 JV Api::hello() {
@@ -208,7 +209,7 @@ std::string Api::download(const std::string& url, const std::string& destination
   HttpRequest request;
   request.url =
       url.starts_with("http://") || url.starts_with("https://") ? url : options_.base + url;
-  if (!HttpSession::isValidUrl(request.url)) throw PyError("ValueError", "bad file URL");
+  if (!Url::parse(request.url)) throw PyError("ValueError", "bad file URL");
   request.timeout = timeout;
   request.followRedirects = true;
   const auto file = std::make_shared<FileDownload>(destination);

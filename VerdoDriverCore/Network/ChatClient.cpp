@@ -5,6 +5,7 @@
 #include "VerdoDriverCore/Network/ChatRequest.h"
 #include "VerdoDriverCore/Values/PyJSON.h"
 #include "VerdoDriverCore/Values/PyValue.h"
+#include "VerdoDriverCore/Values/Url.h"
 #include "VerdoDriverCore/Values/Utf8.h"
 
 #include <algorithm>
@@ -25,32 +26,19 @@ constexpr std::size_t kValidationExcerpt = 120;  // characters
 /// A reply has to fit into memory several times over; beyond this size it is none.
 constexpr std::size_t kLongestReply = 256u << 20;
 
-bool isPort(std::string_view text) {
-  const bool digits =
-      std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
-  return digits && !text.empty() && text.size() <= 5;
-}
-
 /// True for http(s)://host[:port][/path], and nothing else.
-bool isBaseURL(const std::string& url) {
-  const std::size_t begin = url.starts_with("https://") ? 8 : url.starts_with("http://") ? 7 : 0;
-  if (begin == 0 || url.find_first_of("@?# \t\r\n") != std::string::npos) return false;
-  const std::string authority = url.substr(begin, url.find('/', begin) - begin);
-  // A colon inside the brackets of an IPv6 address does not begin a port.
-  const auto colon = authority.find(':', authority.starts_with('[') ? authority.find(']') : 0);
-  if (colon == 0 || authority.empty()) return false;
-  if (colon != std::string::npos && !isPort(authority.substr(colon + 1))) return false;
-  return HttpSession::isValidUrl(url);
+bool isBaseUrl(const std::string& text) {
+  const auto url = Url::parse(text);
+  return url && !url->hasUserInfo() && !url->hasQueryOrFragment();
 }
 
 std::string checkedBase(const std::string& value) {
   std::string base = value.empty() ? DriverConstants::llmDefaultBase : value;
-  if (!isBaseURL(base)) {
+  if (!isBaseUrl(base)) {
     throw PyError("ValueError",
                   fmt::format("LLM base URL must be http(s)://host[:port][/path], got {}", value));
   }
-  while (base.ends_with('/')) base.pop_back();
-  return base;
+  return withoutTrailingSlashes(std::move(base));
 }
 
 double budgetOf(const JV& payload) {

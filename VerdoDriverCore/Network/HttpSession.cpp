@@ -46,10 +46,6 @@ class Reply {
   std::optional<HttpResult> result_ GUARDED_BY(lock_);
 };
 
-struct CurlUrlFree {
-  void operator()(CURLU* url) const { curl_url_cleanup(url); }
-};
-
 }  // namespace
 
 TransportError TransportError::cancelled() { return {Kind::cancelled, "cancelled"}; }
@@ -92,12 +88,6 @@ HttpSession::HttpSession(Options options) : options_(std::move(options)) {
 }
 
 HttpSession::~HttpSession() { loop_->shutDown(); }
-
-bool HttpSession::isValidUrl(const std::string& url) {
-  if (!url.starts_with("http://") && !url.starts_with("https://")) return false;
-  const std::unique_ptr<CURLU, CurlUrlFree> parsed(curl_url());
-  return parsed && curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) == CURLUE_OK;
-}
 
 std::shared_ptr<HttpTask> HttpSession::task(HttpRequest request, Completion completion) {
   auto transfer =

@@ -111,9 +111,6 @@ class HttpSession {
   HttpSession(const HttpSession&) = delete;
   HttpSession& operator=(const HttpSession&) = delete;
 
-  /// True for an http or https URL that can be requested.
-  static bool isValidUrl(const std::string& url);
-
   /// A task for the request, not yet started.
   std::shared_ptr<HttpTask> task(HttpRequest request, Completion completion);
   /// Sends the request and blocks until it has ended. `onTask` is given the task before it starts.

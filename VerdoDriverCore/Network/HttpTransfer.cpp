@@ -1,6 +1,6 @@
 #include "VerdoDriverCore/Network/HttpTransfer.h"
 
-#include "VerdoDriverCore/Network/UrlHost.h"
+#include "VerdoDriverCore/Values/Url.h"
 
 #include <algorithm>
 #include <new>
@@ -27,8 +27,8 @@ void addHeader(std::unique_ptr<curl_slist, CurlListFree>& list, const std::strin
 
 /// True for a URL of this very computer, which no proxy could reach, nor should hear of.
 bool isLoopback(const std::string& url) {
-  const std::string_view host = hostOfUrl(url);
-  return host == "127.0.0.1" || host == "localhost" || host == "[::1]";
+  const auto parsed = Url::parse(url);
+  return parsed && parsed->isLoopback();
 }
 
 }  // namespace

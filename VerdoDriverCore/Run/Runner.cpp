@@ -7,11 +7,11 @@
 #include "VerdoDriverCore/Network/Api.h"
 #include "VerdoDriverCore/Network/CertificateFile.h"
 #include "VerdoDriverCore/Network/ChatClient.h"
-#include "VerdoDriverCore/Network/UrlHost.h"
 #include "VerdoDriverCore/Process/Shlex.h"
 #include "VerdoDriverCore/Process/Which.h"
 #include "VerdoDriverCore/Run/Driver.h"
 #include "VerdoDriverCore/Values/PyValue.h"
+#include "VerdoDriverCore/Values/Url.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -38,11 +38,6 @@ constexpr double kReapInterval = 60;
 constexpr double kCleanupTimeout = 45;
 
 constexpr std::int64_t kMostLanes = 1000;
-
-std::string withoutTrailingSlashes(std::string url) {
-  while (url.ends_with('/')) url.pop_back();
-  return url;
-}
 
 std::string howToGive(const char* variable, const std::string& envFile) {
   return fmt::format("export {0}=..., or put {0}=... in {1} (chmod 600). Issue one in the UI.",
@@ -335,8 +330,8 @@ void DriverRunner::killJobsNow() {
 }
 
 std::string DriverRunner::hostname(const std::string& url) {
-  const std::string_view host = hostOfUrl(url);
-  return host.empty() ? url : std::string(host);
+  const auto parsed = Url::parse(url);
+  return parsed ? parsed->host() : url;
 }
 
 Environment DriverRunner::childEnvironment(const std::string& execPath,

@@ -2,6 +2,7 @@
 #include "VerdoDriverCore/Contract/EnvFile.h"
 #include "VerdoDriverCore/Contract/Executor.h"
 #include "VerdoDriverCore/Contract/ServerURLPolicy.h"
+#include "VerdoDriverCore/Values/Url.h"
 #include "tests/Support/FailureOf.h"
 #include "tests/Support/ScopedEnv.h"
 #include "tests/Support/TempDir.h"
@@ -41,14 +42,27 @@ TEST(ServerURLPolicy, LetsTheTokenTravelInClearOnLoopbackOnly) {
   for (const std::string server :
        {"http://", "http:///", "http://example.com", "http://192.168.0.7:8765",
         "http://10.0.0.1/127.0.0.1", "http://127.0.0.2", "http://localhost.example.com",
-        "http://localhost@example.com", "http://[::1]:8765", "http://LOCALHOST"}) {
+        "http://host/?x=://localhost", "http://host#://localhost", "http://[::1]:8765",
+        "http://LOCALHOST"}) {
     EXPECT_EQ(ServerURLPolicy::refusal(server, false),
               server +
                   " is plain http off loopback — the token would travel in clear; use "
                   "https:// or pass --insecure on a trusted network");
     EXPECT_EQ(ServerURLPolicy::refusal(server, true), std::nullopt);
   }
-  EXPECT_EQ(ServerURLPolicy::lowerScheme("HTTPS://Host/A://B"), "https://Host/A://B");
+  EXPECT_EQ(lowerScheme("HTTPS://Host/A://B"), "https://Host/A://B");
+}
+
+TEST(ServerURLPolicy, TakesOrRepeatsAPassword) {
+  for (const char* server :
+       {"http://localhost:x@other-host", "http://localhost@other-host", "https://ada:pw@host/",
+        "http://localhost\\@other-host", "https://ada:p w@host", "HTTPS://ada:pw@host"}) {
+    for (const bool insecure : {false, true}) {
+      EXPECT_EQ(ServerURLPolicy::refusal(server, insecure),
+                "a server URL must not hold a user name or password")
+          << server;
+    }
+  }
 }
 
 TEST(EnvFile, ParsesLines) {

@@ -1,0 +1,64 @@
+#include "VerdoDriverCore/Values/Url.h"
+
+#include <algorithm>
+#include <charconv>
+#include <memory>
+
+#include <curl/curl.h>
+
+namespace verdo {
+namespace {
+
+struct CurlUrlFree {
+  void operator()(CURLU* url) const { curl_url_cleanup(url); }
+};
+
+std::optional<std::string> part(CURLU* url, CURLUPart which) {
+  char* text = nullptr;
+  if (curl_url_get(url, which, &text, 0) != CURLUE_OK || !text) return std::nullopt;
+  const std::unique_ptr<char, decltype(&curl_free)> owned(text, &curl_free);
+  return std::string(text);
+}
+
+bool isSendable(char c) { return static_cast<unsigned char>(c) > 0x20 && c != 0x7F; }
+
+}  // namespace
+
+std::optional<Url> Url::parse(std::string_view text) {
+  if (!text.starts_with("http://") && !text.starts_with("https://")) return std::nullopt;
+  if (!std::all_of(text.begin(), text.end(), isSendable)) return std::nullopt;
+  const std::unique_ptr<CURLU, CurlUrlFree> parsed(curl_url());
+  if (!parsed ||
+      curl_url_set(parsed.get(), CURLUPART_URL, std::string(text).c_str(), 0) != CURLUE_OK) {
+    return std::nullopt;
+  }
+  const auto host = part(parsed.get(), CURLUPART_HOST);
+  if (!host || host->empty()) return std::nullopt;
+  Url url;
+  url.host_ = *host;
+  url.https_ = text.starts_with("https:");
+  url.userInfo_ = part(parsed.get(), CURLUPART_USER) || part(parsed.get(), CURLUPART_PASSWORD);
+  url.queryOrFragment_ = text.find_first_of("?#") != std::string_view::npos;
+  if (const auto port = part(parsed.get(), CURLUPART_PORT)) {
+    std::uint16_t number = 0;
+    std::from_chars(port->data(), port->data() + port->size(), number);
+    url.port_ = number;
+  }
+  return url;
+}
+
+std::string lowerScheme(std::string url) {
+  const auto end = url.find("://");
+  if (end == std::string::npos) return url;
+  std::transform(
+      url.begin(), url.begin() + static_cast<std::ptrdiff_t>(end), url.begin(),
+      [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+  return url;
+}
+
+std::string withoutTrailingSlashes(std::string url) {
+  while (url.ends_with('/')) url.pop_back();
+  return url;
+}
+
+}  // namespace verdo
