@@ -66,6 +66,7 @@ void TaskSpaces::reportSweep(const std::vector<std::string>& closed) {
 }
 
 void TaskSpaces::startReaper() try {
+  static_cast<void>(hasClaim());  // from the first job on
   std::thread([self = shared_from_this()] {
     setThreadName("reaper");
     while (!self->interrupted_.waitFor(self->options_.reapInterval)) self->reapIdle();

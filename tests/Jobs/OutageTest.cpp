@@ -57,6 +57,24 @@ TEST_F(Outage, OutputOfAnOutageIsLostOrDoubled) {
   }
 }
 
+TEST_F(Outage, JobThatIsNoLongerOursRunsOnOrAHiccupKillsIt) {
+  const FaultReply refusal{.status = 200, .body = R"({"ok": false, "state": "queued"})"};
+  service.addFault(
+      {.endpoint = "lines", .after = 1, .count = 1, .reply = refusal, .processed = true});
+  const auto survivor = startJob(waitScript());
+  letGo();
+  EXPECT_EQ(doneJob(survivor).exitCode, 0);
+
+  const auto id = addJob("deaf", {.label = "other", .taskSpace = "u1-a"});
+  ASSERT_TRUE(service.waitForLine(id, "ready", kLong));
+  service.addFault({.endpoint = "lines", .count = 2, .reply = refusal});
+  const std::string number = std::to_string(id);
+  ASSERT_TRUE(observer->waitFor("finished " + number));
+  EXPECT_TRUE(log->has("job " + number + ": no longer ours (state=queued); killing it"));
+  EXPECT_TRUE(log->has("space 'u1-a': close -> exit 0"));
+  EXPECT_EQ(service.job(id)->completePosts, 0u);
+}
+
 TEST_F(Outage, StoppingDriverKeepsRetryingForTheWholeTime) {
   service.addFault({.endpoint = "complete", .delivery = Delivery::reset});
   timings.retryLongest = timings.retryFirst;

@@ -6,6 +6,7 @@ namespace verdo::test {
 namespace {
 
 using namespace std::chrono_literals;
+using local::FaultReply;
 using local::FileSpec;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -140,6 +141,56 @@ TEST_F(StagedJob, StopOrRevocationWaitsForADownload) {
       EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
       EXPECT_LT(elapsed.count(), 5);
     }
+  }
+}
+
+TEST_F(StagedJob, LeaseRunsOutWhileFilesArrive) {
+  service.setLease(400ms);
+  service.addFault(
+      {.endpoint = "files", .delivery = local::Delivery::trickled, .bytesPerSecond = 1000});
+  const auto id = addJob("cat __VERDO_FILE__a__",
+                         {.files = {{.name = "a", .content = std::string(1200, 'x')}}});
+  EXPECT_EQ(run(), ExitReason::clean());
+  EXPECT_EQ(service.job(id)->timesLeased, 1u);
+  EXPECT_EQ(service.lines(id), std::vector{std::string(1200, 'x')});
+}
+
+TEST_F(StagedJob, CancelOrLossWhileFilesArriveStartsTheScriptAllTheSame) {
+  struct Case {
+    const char* what;
+    std::optional<FaultReply> answer;  // to the heartbeats
+    std::int64_t exit;
+    std::optional<std::string> error;
+    const char* line;
+  };
+  const Case cases[] = {
+      {"cancel", std::nullopt, -15, std::nullopt, "finished with exit -15 (cancelled)"},
+      {"loss", FaultReply{.status = 426, .body = "old"}, 127, "driver lost the server mid-job",
+       "lost the server, killing the job: POST"},
+  };
+  for (const auto& row : cases) {
+    SCOPED_TRACE(row.what);
+    service.reset();
+    log = std::make_shared<RecordingLog>();
+    config.serveJobs.reset();
+    service.addFault(
+        {.endpoint = "files", .delivery = local::Delivery::trickled, .bytesPerSecond = 100});
+    const auto id =
+        addJob("say ran", {.files = {{.name = "a", .content = std::string(100'000, 'x')}}});
+    start();
+    ASSERT_TRUE(service.waitForRequest("files", 1, kLong));
+    if (row.answer) {
+      service.addFault({.endpoint = "lines", .reply = row.answer});
+    } else {
+      EXPECT_TRUE(service.cancelJob(id));
+    }
+    const auto job = doneJob(id);
+    EXPECT_EQ(job.exitCode, row.exit);
+    EXPECT_EQ(job.error, row.error);
+    EXPECT_THAT(service.lines(id), IsEmpty());
+    EXPECT_TRUE(log->waitFor("job " + std::to_string(id) + ": " + row.line));
+    EXPECT_FALSE(log->has("starting `"));
+    stopAndFinish();
   }
 }
 

@@ -63,6 +63,9 @@ Timings DriverFixture::scaledTimings() {
   scaled.postDeadline = 1800ms;
   scaled.postDeadlineStopping = 200ms;
   scaled.acknowledgeDeadline = 100ms;
+  scaled.minAttemptStopping = 20ms;
+  scaled.scriptStopping = 100ms;
+  scaled.sweepStopping = 1200ms;
   scaled.termination.step = 4ms;
   scaled.drainAfterKill = 100ms;
   scaled.pollRetryFirst = 20ms;
@@ -122,6 +125,14 @@ local::JobSnapshot DriverFixture::doneJob(std::int64_t id) {
 void DriverFixture::setSpaces(const std::vector<std::string>& names) {
   std::ofstream file(path("spaces"));
   for (const auto& name : names) file << name << "\n";
+}
+
+void DriverFixture::hangOn(const std::string& script) {
+  std::ofstream(path("spaces.hang")) << script << "\n";
+}
+
+bool DriverFixture::hangs() const {
+  return eventually([this] { return std::filesystem::exists(path("spaces.hanging")); }, kLong);
 }
 
 std::vector<std::string> DriverFixture::linesOf(const std::string& name) const {
