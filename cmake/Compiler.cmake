@@ -1,7 +1,7 @@
 # Warnings, speed and sanitizers, shared by every target through verdo_options.
 
 add_library(verdo_options INTERFACE)
-target_include_directories(verdo_options INTERFACE ${CMAKE_SOURCE_DIR})
+target_include_directories(verdo_options INTERFACE ${CMAKE_SOURCE_DIR} ${VERDO_GENERATED_DIR})
 target_compile_options(verdo_options INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wnon-virtual-dtor -Woverloaded-virtual
   -fstack-protector-strong)

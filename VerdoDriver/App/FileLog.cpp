@@ -1,6 +1,7 @@
 #include "VerdoDriver/App/FileLog.h"
 
 #include "VerdoDriver/Model/AppLog.h"
+#include "VerdoDriver/Platform/LogDirectory.h"
 #include "VerdoDriverCore/Values/Utf8.h"
 
 #include <QDateTime>
@@ -32,6 +33,8 @@ std::string entryOf(std::string_view text) {
 }
 
 }  // namespace
+
+std::string FileLog::defaultDirectory() { return logDirectory(); }
 
 FileLog::FileLog(std::string directory, std::uint64_t maxBytes, int keep)
     : path_(directory + "/driver.log"), file_(std::move(directory), "driver.log", maxBytes, keep) {}

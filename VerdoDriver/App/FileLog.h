@@ -24,7 +24,7 @@ class FileLog : public DriverLog {
   static constexpr std::uint64_t kMaxBytes = 5 * 1024 * 1024;
   static constexpr int kKeep = 3;
 
-  /// Where this system's users look for the logs of programs.
+  /// logDirectory(), where this system's users look for the logs of programs.
   static std::string defaultDirectory();
 
   /// Touches nothing until the first line. `maxBytes` bounds the file, `keep` (at least 1) the

@@ -1,11 +1,12 @@
-#include "VerdoDriver/App/FileLog.h"
+#include "VerdoDriver/Platform/LogDirectory.h"
+
 #include "VerdoDriverCore/Contract/DriverConstants.h"
 
 #include <cstdlib>
 
 namespace verdo {
 
-std::string FileLog::defaultDirectory() {
+std::string logDirectory() {
   const char* state = std::getenv("XDG_STATE_HOME");
   // The base directory rules have relative paths ignored.
   const bool isUsable = state && *state == '/';

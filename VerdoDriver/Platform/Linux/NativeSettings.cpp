@@ -1,4 +1,4 @@
-#include "VerdoDriver/App/NativeSettings.h"
+#include "VerdoDriver/Platform/NativeSettings.h"
 
 #include <QSettings>
 
