@@ -161,7 +161,7 @@ void Dispatcher::handle(Current& current, const httplib::Request& request,
   }
 
   logArrival(current, route, request);
-  if (auto picked = faults_.pick(route.endpoint, route.jobId)) {
+  if (auto picked = faults_.pick(route.endpoint, route.jobId, request.body.size())) {
     log_.faultApplied(*current.entry, picked->first);
     current.fault = std::move(picked->second);
   }

@@ -5,6 +5,15 @@
 
 namespace verdo::local {
 
+Fault bodyLimit(std::string endpoint, std::size_t bytes) {
+  return {.endpoint = std::move(endpoint),
+          .bodyOver = bytes,
+          .reply = FaultReply{
+              .status = 413,
+              .body = "<html><head><title>413 Request Entity Too Large</title></head></html>\r\n",
+              .headers = {{"Content-Type", "text/html"}}}};
+}
+
 std::uint64_t Faults::add(Fault fault) {
   if (!(fault.probability >= 0 && fault.probability <= 1)) {
     throw std::invalid_argument("a fault's probability must be from 0 to 1");
@@ -22,12 +31,14 @@ std::uint64_t Faults::add(Fault fault) {
 }
 
 std::optional<std::pair<std::uint64_t, Fault>> Faults::pick(std::string_view endpoint,
-                                                            std::optional<std::int64_t> jobId) {
+                                                            std::optional<std::int64_t> jobId,
+                                                            std::size_t bodySize) {
   const std::lock_guard lock(mutex_);
   for (auto& entry : entries_) {
     const auto& fault = entry.fault;
     if (entry.cleared || (fault.endpoint != "any" && fault.endpoint != endpoint)) continue;
     if (fault.jobId && fault.jobId != jobId) continue;
+    if (fault.bodyOver && bodySize <= *fault.bodyOver) continue;
     if (fault.count && entry.hits >= *fault.count) continue;
     if (fault.probability < 1 &&
         std::uniform_real_distribution<double>(0, 1)(random_) >= fault.probability) {

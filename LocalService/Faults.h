@@ -21,7 +21,8 @@ class Faults {
   std::uint64_t add(Fault fault);
   /// The fault that hits this request, with its identifier; counts the hit.
   std::optional<std::pair<std::uint64_t, Fault>> pick(std::string_view endpoint,
-                                                      std::optional<std::int64_t> jobId);
+                                                      std::optional<std::int64_t> jobId,
+                                                      std::size_t bodySize);
   std::vector<FaultStatus> list() const;
   std::uint64_t hits(std::uint64_t id) const;
   bool clear(std::uint64_t id);  ///< its hits stay known
