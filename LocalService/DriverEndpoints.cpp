@@ -49,40 +49,40 @@ nlohmann::ordered_json DriverSettings::defaultHello() {
 }
 
 std::string DriverSettings::token() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return token_;
 }
 
 void DriverSettings::setToken(std::string token) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   token_ = std::move(token);
   revoked_ = false;
 }
 
 void DriverSettings::revokeToken() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   revoked_ = true;
 }
 
 bool DriverSettings::accepts(const std::string& authorization) const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto wanted = "Bearer " + token_;
   return !revoked_ && authorization.size() == wanted.size() &&
          CRYPTO_memcmp(authorization.data(), wanted.data(), wanted.size()) == 0;
 }
 
 nlohmann::ordered_json DriverSettings::hello() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return hello_;
 }
 
 void DriverSettings::setHello(nlohmann::ordered_json reply) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   hello_ = std::move(reply);
 }
 
 void DriverSettings::patchHello(const nlohmann::ordered_json& patch) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   hello_.merge_patch(patch);
 }
 

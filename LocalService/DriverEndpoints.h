@@ -3,8 +3,8 @@
 #include "LocalService/HangGate.h"
 #include "LocalService/JobStore.h"
 #include "LocalService/Routes.h"
+#include "VerdoDriverCore/System/Sync.h"
 
-#include <mutex>
 #include <string>
 
 #include <nlohmann/json.hpp>
@@ -27,10 +27,10 @@ class DriverSettings {
   static nlohmann::ordered_json defaultHello();
 
  private:
-  mutable std::mutex mutex_;  // guards all below
-  std::string token_;
-  bool revoked_ = false;
-  nlohmann::ordered_json hello_;
+  mutable Mutex mutex_;
+  std::string token_ GUARDED_BY(mutex_);
+  bool revoked_ GUARDED_BY(mutex_) = false;
+  nlohmann::ordered_json hello_ GUARDED_BY(mutex_);
 };
 
 /// The driver protocol: hello, poll, lines and complete.

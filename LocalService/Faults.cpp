@@ -25,7 +25,7 @@ std::uint64_t Faults::add(Fault fault) {
   if (fault.reply && (fault.reply->status < 200 || fault.reply->status > 599)) {
     throw std::invalid_argument("a fault's status must be from 200 to 599");
   }
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   entries_.push_back(Entry{.id = nextId_, .fault = std::move(fault)});
   return nextId_++;
 }
@@ -33,7 +33,7 @@ std::uint64_t Faults::add(Fault fault) {
 std::optional<std::pair<std::uint64_t, Fault>> Faults::pick(std::string_view endpoint,
                                                             std::optional<std::int64_t> jobId,
                                                             std::size_t bodySize) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   for (auto& entry : entries_) {
     const auto& fault = entry.fault;
     if (entry.cleared || (fault.endpoint != "any" && fault.endpoint != endpoint)) continue;
@@ -53,7 +53,7 @@ std::optional<std::pair<std::uint64_t, Fault>> Faults::pick(std::string_view end
 
 std::vector<FaultStatus> Faults::list() const {
   std::vector<FaultStatus> all;
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   for (const auto& entry : entries_) {
     if (!entry.cleared) all.push_back({entry.id, entry.fault, entry.hits});
   }
@@ -61,13 +61,13 @@ std::vector<FaultStatus> Faults::list() const {
 }
 
 std::uint64_t Faults::hits(std::uint64_t id) const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto found = std::ranges::find(entries_, id, &Entry::id);
   return found == entries_.end() ? 0 : found->hits;
 }
 
 bool Faults::clear(std::uint64_t id) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto found = std::ranges::find(entries_, id, &Entry::id);
   if (found == entries_.end() || found->cleared) return false;
   found->cleared = true;
@@ -75,7 +75,7 @@ bool Faults::clear(std::uint64_t id) {
 }
 
 void Faults::clearAll() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   for (auto& entry : entries_) entry.cleared = true;
 }
 

@@ -1,9 +1,9 @@
 #pragma once
 
 #include "LocalService/Fault.h"
+#include "VerdoDriverCore/System/Sync.h"
 
 #include <cstdint>
-#include <mutex>
 #include <optional>
 #include <random>
 #include <string_view>
@@ -37,10 +37,10 @@ class Faults {
     bool cleared = false;
   };
 
-  mutable std::mutex mutex_;  // guards all below
-  std::vector<Entry> entries_;
-  std::uint64_t nextId_ = 1;
-  std::mt19937_64 random_;
+  mutable Mutex mutex_;
+  std::vector<Entry> entries_ GUARDED_BY(mutex_);
+  std::uint64_t nextId_ GUARDED_BY(mutex_) = 1;
+  std::mt19937_64 random_ GUARDED_BY(mutex_);
 };
 
 }  // namespace verdo::local

@@ -1,12 +1,12 @@
 #pragma once
 
 #include "LocalService/JobTypes.h"
+#include "VerdoDriverCore/System/Sync.h"
 
 #include <cstdint>
 #include <filesystem>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
@@ -30,8 +30,8 @@ class FileStore {
 
  private:
   const std::filesystem::path directory_;
-  mutable std::mutex mutex_;  // guards files_
-  std::map<std::string, std::shared_ptr<const FileSpec>> files_;
+  mutable Mutex mutex_;
+  std::map<std::string, std::shared_ptr<const FileSpec>> files_ GUARDED_BY(mutex_);
 };
 
 }  // namespace verdo::local

@@ -15,17 +15,17 @@ ordered_json ManifestEndpoints::defaultManifest() {
 }
 
 ordered_json ManifestEndpoints::manifest() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return manifest_;
 }
 
 void ManifestEndpoints::setManifest(ordered_json manifest) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   manifest_ = std::move(manifest);
 }
 
 void ManifestEndpoints::patchManifest(const ordered_json& patch) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   manifest_.merge_patch(patch);
 }
 

@@ -1,8 +1,7 @@
 #pragma once
 
 #include "LocalService/Routes.h"
-
-#include <mutex>
+#include "VerdoDriverCore/System/Sync.h"
 
 #include <nlohmann/json.hpp>
 
@@ -20,8 +19,8 @@ class ManifestEndpoints final : public RouteGroup {
   std::optional<Route> match(std::string_view method, std::string_view path) override;
 
  private:
-  mutable std::mutex mutex_;  // guards manifest_
-  nlohmann::ordered_json manifest_ = defaultManifest();
+  mutable Mutex mutex_;
+  nlohmann::ordered_json manifest_ GUARDED_BY(mutex_) = defaultManifest();
 };
 
 }  // namespace verdo::local

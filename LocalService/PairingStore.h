@@ -1,11 +1,10 @@
 #pragma once
 
 #include "LocalService/PairingTypes.h"
+#include "VerdoDriverCore/System/Sync.h"
 
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -72,13 +71,13 @@ class PairingStore {
     bool handedOut = false;
   };
   static PairingSnapshot snapshot(const Entry& entry);
-  std::string unusedUserCode() const;  // called with the lock held
+  std::string unusedUserCode() const REQUIRES(mutex_);
 
-  mutable std::mutex mutex_;  // guards all below
-  mutable std::condition_variable changed_;
-  PairingRules rules_;
-  std::vector<Entry> entries_;
-  bool interrupted_ = false;
+  mutable Mutex mutex_;
+  mutable Condition changed_;
+  PairingRules rules_ GUARDED_BY(mutex_);
+  std::vector<Entry> entries_ GUARDED_BY(mutex_);
+  bool interrupted_ GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace verdo::local

@@ -1,14 +1,13 @@
 #pragma once
 
 #include "LocalService/RequestRecord.h"
+#include "VerdoDriverCore/System/Sync.h"
 
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -60,24 +59,26 @@ class RequestLog {
     std::uint64_t maxInFlight = 0;
     std::deque<std::uint64_t> kept;  // sequences
   };
-  template <typename Function>
-  void update(std::uint64_t sequence, Function function);
-  // Called with the lock held.
-  const RequestRecord* find(const std::string& endpoint, std::uint64_t n) const;  // null: not kept
-  std::uint64_t arrivedOn(const std::string& endpoint) const;
-  std::uint64_t hungUpOn(const std::string& endpoint) const;
-  void leftFlight(const RequestRecord& record);
-  void dropExcess();
+  /// Null: not kept.
+  const RequestRecord* find(const std::string& endpoint, std::uint64_t n) const REQUIRES(mutex_);
+  /// The same, once it is over; null: it is not, or is not kept.
+  const RequestRecord* findOver(const std::string& endpoint, std::uint64_t n) const
+      REQUIRES(mutex_);
+  RequestRecord* kept(std::uint64_t sequence) REQUIRES(mutex_);  ///< null: no longer
+  std::uint64_t arrivedOn(const std::string& endpoint) const REQUIRES(mutex_);
+  std::uint64_t hungUpOn(const std::string& endpoint) const REQUIRES(mutex_);
+  void leftFlight(const RequestRecord& record) REQUIRES(mutex_);
+  void dropExcess() REQUIRES(mutex_);
 
   const RequestLogLimits limits_;
-  mutable std::mutex mutex_;  // guards all below
-  mutable std::condition_variable changed_;
-  std::deque<RequestRecord> records_;  // of consecutive sequences
-  std::uint64_t nextSequence_ = 1;
-  std::uint64_t bodiesFrom_ = 1;  // sequence of the oldest record that still has its body
-  std::size_t bodyBytes_ = 0;
-  std::map<std::string, Endpoint> endpoints_;  // "" is one that all requests belong to
-  bool interrupted_ = false;
+  mutable Mutex mutex_;
+  mutable Condition changed_;
+  std::deque<RequestRecord> records_ GUARDED_BY(mutex_);  // of consecutive sequences
+  std::uint64_t nextSequence_ GUARDED_BY(mutex_) = 1;
+  std::uint64_t bodiesFrom_ GUARDED_BY(mutex_) = 1;  // the oldest record that has its body
+  std::size_t bodyBytes_ GUARDED_BY(mutex_) = 0;
+  std::map<std::string, Endpoint> endpoints_ GUARDED_BY(mutex_);  // "": all requests
+  bool interrupted_ GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace verdo::local
