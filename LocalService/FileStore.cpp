@@ -25,7 +25,7 @@ std::string percentEncoded(const std::string& text) {
 
 }  // namespace
 
-std::string FileStore::publish(FileSpec file, std::optional<std::int64_t> jobId) {
+std::string FileStore::add(FileSpec file, std::optional<std::int64_t> jobId) {
   const auto key = jobId ? std::to_string(*jobId) + "/" + file.name : file.name;
   const MutexLock lock(mutex_);
   files_[key] = std::make_shared<const FileSpec>(std::move(file));

@@ -100,7 +100,7 @@ void PairingEndpoints::poll(Exchange& exchange) const {
   if (!poll) throw HttpError(404, "there is no pairing with this code");
   ordered_json reply{{"status", toText(poll->state)}};
   if (poll->state == PairingState::approved) {
-    reply["token"] = settings_.token();
+    reply["token"] = token_.value();
     reply["username"] = poll->username;
     exchange.undo = [&pairings = pairings_, code = std::move(code)] { pairings.putBack(code); };
   }

@@ -1,20 +1,18 @@
 #include "LocalService/PairingStore.h"
 
+#include "LocalService/Deadline.h"
 #include "LocalService/Random.h"
-#include "LocalService/Sha256.h"
+#include "LocalService/Secret.h"
 
 #include <algorithm>
 #include <stdexcept>
 #include <utility>
-
-#include <openssl/crypto.h>
 
 namespace verdo::local {
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t kSecretBytes = 24;
 /// 32 signs, none of which is taken for another when it is read out.
 constexpr std::string_view kUserCodeSigns = "ABCDEFGHJKLMNPQRSTUVWXYZ23456789";
 constexpr std::size_t kUserCodeSize = 8;
@@ -32,11 +30,6 @@ std::string userCode() {
     code += kUserCodeSigns[static_cast<unsigned char>(byte) % kUserCodeSigns.size()];
   }
   return code;
-}
-
-bool sameSecret(std::string_view given, std::string_view secret) {
-  return given.size() == secret.size() &&
-         CRYPTO_memcmp(given.data(), secret.data(), secret.size()) == 0;
 }
 
 /// The entry whose pairing has this code; null: none has.
@@ -78,9 +71,9 @@ std::string PairingStore::unusedUserCode() const {
 
 std::pair<PairingSnapshot, PairingRules> PairingStore::begin(std::string host) {
   Entry entry;
-  entry.pairing.code = "vdp_" + hex(randomBytes(kSecretBytes));
+  entry.pairing.code = randomSecret("vdp_");
   entry.pairing.host = std::move(host);
-  entry.nonce = hex(randomBytes(kSecretBytes));
+  entry.nonce = randomSecret("");
   const MutexLock lock(mutex_);
   entry.pairing.userCode = unusedUserCode();
   entry.pairing.verifyPath = std::string(kPairingPages) + entry.pairing.userCode;
@@ -133,7 +126,7 @@ PairingStore::Decision PairingStore::decide(std::string_view userCode, std::stri
   return Decision::made;
 }
 
-bool PairingStore::decide(std::string_view userCode, PairingState state) {
+bool PairingStore::end(std::string_view userCode, PairingState state) {
   const MutexLock lock(mutex_);
   auto* entry = find(entries_, &PairingSnapshot::userCode, userCode);
   if (entry == nullptr || snapshot(*entry).state != PairingState::pending) return false;
@@ -149,7 +142,9 @@ std::vector<PairingSnapshot> PairingStore::list() const {
   return all;
 }
 
-std::optional<PairingSnapshot> PairingStore::waitFor(std::size_t n, Deadline deadline) const {
+std::optional<PairingSnapshot> PairingStore::waitFor(std::size_t n,
+                                                     std::chrono::milliseconds timeout) const {
+  const auto deadline = deadlineAfter(timeout);
   const MutexLock lock(mutex_);
   while (!interrupted_ && entries_.size() < n) {
     if (!changed_.waitUntil(mutex_, deadline)) break;

@@ -18,11 +18,11 @@ inline constexpr std::string_view kPairingPages = "/driver/pair/";
 
 const char* toText(PairingState state);
 
-/// The pairings that apps have begun. Every member may be called from any thread.
+/// The pairings that apps have begun: they poll for the end of theirs without a token, and a person
+/// decides on the approve page, or the owner of the service does here. Every member may be called
+/// from any thread.
 class PairingStore {
  public:
-  using Deadline = std::chrono::steady_clock::time_point;
-
   /// What the approve page needs to know of a pairing.
   struct Request {
     PairingSnapshot pairing;
@@ -51,12 +51,15 @@ class PairingStore {
   std::optional<Request> request(std::string_view userCode) const;
   /// A decision made on the page. It is only made while the pairing is pending.
   Decision decide(std::string_view userCode, std::string_view nonce, bool approve);
-  /// A decision made here. False: there is no such pairing, or it is not pending.
-  bool decide(std::string_view userCode, PairingState state);
+  // Decisions made here. False: there is no such pairing, or it is not pending.
+
+  bool approve(std::string_view userCode) { return end(userCode, PairingState::approved); }
+  bool deny(std::string_view userCode) { return end(userCode, PairingState::denied); }
+  bool expire(std::string_view userCode) { return end(userCode, PairingState::expired); }
 
   std::vector<PairingSnapshot> list() const;  ///< oldest first
   /// The n-th pairing (1, 2, …) since the last clear(); absent when it did not begin in time.
-  std::optional<PairingSnapshot> waitFor(std::size_t n, Deadline deadline) const;
+  std::optional<PairingSnapshot> waitFor(std::size_t n, std::chrono::milliseconds timeout) const;
 
   void clear();      ///< no pairings, and the rules of the beginning
   void interrupt();  ///< waits end now
@@ -67,10 +70,11 @@ class PairingStore {
     PairingSnapshot pairing;  // its state does not know of the deadline
     std::string username;
     std::string nonce;
-    Deadline expires;
+    std::chrono::steady_clock::time_point expires;
     bool handedOut = false;
   };
   static PairingSnapshot snapshot(const Entry& entry);
+  bool end(std::string_view userCode, PairingState state);
   std::string unusedUserCode() const REQUIRES(mutex_);
 
   mutable Mutex mutex_;

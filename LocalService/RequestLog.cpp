@@ -1,5 +1,7 @@
 #include "LocalService/RequestLog.h"
 
+#include "LocalService/Deadline.h"
+
 #include <algorithm>
 #include <utility>
 
@@ -89,7 +91,7 @@ void RequestLog::hungUp(std::uint64_t sequence) {
   changed_.notifyAll();
 }
 
-std::vector<RequestRecord> RequestLog::requests(std::string_view endpoint) const {
+std::vector<RequestRecord> RequestLog::list(std::string_view endpoint) const {
   std::vector<RequestRecord> found;
   const MutexLock lock(mutex_);
   for (const auto& record : records_) {
@@ -140,8 +142,9 @@ const RequestRecord* RequestLog::findOver(const std::string& endpoint, std::uint
   return record != nullptr && (record->replied || record->hungUp) ? record : nullptr;
 }
 
-std::optional<RequestRecord> RequestLog::waitForRequest(const std::string& endpoint,
-                                                        std::uint64_t n, Deadline deadline) const {
+std::optional<RequestRecord> RequestLog::waitFor(const std::string& endpoint, std::uint64_t n,
+                                                 Milliseconds timeout) const {
+  const auto deadline = deadlineAfter(timeout);
   const MutexLock lock(mutex_);
   while (!interrupted_ && arrivedOn(endpoint) < n) {
     if (!changed_.waitUntil(mutex_, deadline)) break;
@@ -151,7 +154,8 @@ std::optional<RequestRecord> RequestLog::waitForRequest(const std::string& endpo
 }
 
 std::optional<RequestRecord> RequestLog::waitForReply(const std::string& endpoint, std::uint64_t n,
-                                                      Deadline deadline) const {
+                                                      Milliseconds timeout) const {
+  const auto deadline = deadlineAfter(timeout);
   const MutexLock lock(mutex_);
   while (!interrupted_ && findOver(endpoint, n) == nullptr) {
     if (!changed_.waitUntil(mutex_, deadline)) break;
@@ -161,7 +165,8 @@ std::optional<RequestRecord> RequestLog::waitForReply(const std::string& endpoin
 }
 
 bool RequestLog::waitForHangUps(const std::string& endpoint, std::uint64_t n,
-                                Deadline deadline) const {
+                                Milliseconds timeout) const {
+  const auto deadline = deadlineAfter(timeout);
   const MutexLock lock(mutex_);
   while (!interrupted_ && hungUpOn(endpoint) < n) {
     if (!changed_.waitUntil(mutex_, deadline)) break;

@@ -1,5 +1,7 @@
 #include "LocalService/Server.h"
 
+#include "LocalService/Deadline.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -223,7 +225,8 @@ std::uint64_t Server::openConnections() const {
   return connections_.size();
 }
 
-bool Server::waitForConnections(std::uint64_t atMost, Clock::time_point deadline) const {
+bool Server::waitForConnections(std::uint64_t atMost, milliseconds timeout) const {
+  const auto deadline = deadlineAfter(timeout);
   const MutexLock lock(mutex_);
   while (running_ && connections_.size() > atMost) {
     if (!connectionsChanged_.waitUntil(mutex_, deadline)) break;

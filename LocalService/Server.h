@@ -47,7 +47,7 @@ class Server {
 
   std::uint64_t acceptedConnections() const;
   std::uint64_t openConnections() const;
-  bool waitForConnections(std::uint64_t atMost, Clock::time_point deadline) const;
+  bool waitForConnections(std::uint64_t atMost, std::chrono::milliseconds timeout) const;
 
  private:
   void acceptLoop();

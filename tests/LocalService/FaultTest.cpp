@@ -11,7 +11,7 @@ namespace {
 TEST(LocalServiceFault, RefusesABodyThatIsWithinTheLimit) {
   local::LocalService service;
   service.start();
-  service.addFault(local::bodyLimit("complete", 100));
+  service.faults().add(local::bodyLimit("complete", 100));
   httplib::Client client(service.url());
   const auto status = [&](const std::string& action, std::size_t size) {
     const auto reply = client.Post("/api/driver/jobs/1/" + action, std::string(size, ' '), "");

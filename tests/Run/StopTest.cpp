@@ -15,26 +15,26 @@ class Stop : public DriverFixture {};
 TEST_F(Stop, HelloIsWaitedFor) {
   service.outage(local::OutageKind::hang, 60s);
   start();
-  ASSERT_TRUE(service.waitForRequest("hello", 1, kLong));
+  ASSERT_TRUE(service.requests().waitFor("hello", 1, kLong));
   EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
   EXPECT_LT(elapsed.count(), kSoon);
-  EXPECT_TRUE(service.waitForHangUps("hello", 1, kLong));
+  EXPECT_TRUE(service.requests().waitForHangUps("hello", 1, kLong));
 }
 
 TEST_F(Stop, PollIsWaitedForOrRepeated) {
   start();
-  ASSERT_TRUE(service.waitForRequest("poll", 1, kLong));
+  ASSERT_TRUE(service.requests().waitFor("poll", 1, kLong));
   EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
   EXPECT_LT(elapsed.count(), kSoon);
-  EXPECT_TRUE(service.waitForHangUps("poll", 1, kLong));
-  EXPECT_EQ(service.requestCount("poll"), 1u);
+  EXPECT_TRUE(service.requests().waitForHangUps("poll", 1, kLong));
+  EXPECT_EQ(service.requests().count("poll"), 1u);
   EXPECT_THAT(texts('w'), Not(Contains(testing::HasSubstr("poll failed"))));
 }
 
 TEST_F(Stop, UnreachableServerHoldsUpAStopForLongerThanSaid) {
   const auto id = addJob("sleep 100");
   start();
-  ASSERT_TRUE(service.waitForLine(id, "ready", kLong));
+  ASSERT_TRUE(service.jobs().waitForLine(id, "ready", kLong));
   service.stop();
   EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
   EXPECT_LT(elapsed.count(), 3);
