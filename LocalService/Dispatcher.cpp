@@ -1,6 +1,7 @@
 #include "LocalService/Dispatcher.h"
 
 #include "LocalService/RawReply.h"
+#include "LocalService/WebGuard.h"
 
 #include <algorithm>
 #include <csignal>
@@ -144,6 +145,11 @@ Route Dispatcher::findRoute(const std::string& method, const std::string& path) 
 void Dispatcher::handle(Current& current, const httplib::Request& request,
                         httplib::Response& response) {
   auto& connection = current.connection;
+  try {
+    refuseForeignPages(request);
+  } catch (const HttpError& error) {
+    return replyJson(response, {{"error", error.what()}}, error.status());
+  }
   const auto route = findRoute(request.method, current.path);
   Exchange exchange{.request = request,
                     .path = current.path,

@@ -53,7 +53,8 @@ void replyPage(httplib::Response& response, const std::string& page, int status)
   response.status = status;
   response.set_header("Content-Security-Policy", approvePagePolicy());
   response.set_header("X-Content-Type-Options", "nosniff");
-  response.set_header("Referrer-Policy", "no-referrer");
+  // Less would make the browser hide the origin of the form that it posts.
+  response.set_header("Referrer-Policy", "same-origin");
   response.set_header("Cache-Control", "no-store");
   response.set_content(page, "text/html; charset=utf-8");
 }
