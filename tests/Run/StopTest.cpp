@@ -23,19 +23,19 @@ class Stop : public DriverFixture {};
 TEST_F(Stop, HelloIsWaitedFor) {
   service.outage(local::OutageKind::hang, 60s);
   start();
-  ASSERT_TRUE(service.waitForRequest("hello", 1, kLong));
+  ASSERT_TRUE(service.requests().waitFor("hello", 1, kLong));
   EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
   EXPECT_LT(elapsed.count(), kSoon);
-  EXPECT_TRUE(service.waitForHangUps("hello", 1, kLong));
+  EXPECT_TRUE(service.requests().waitForHangUps("hello", 1, kLong));
 }
 
 TEST_F(Stop, PollIsWaitedForOrRepeated) {
   start();
-  ASSERT_TRUE(service.waitForRequest("poll", 1, kLong));
+  ASSERT_TRUE(service.requests().waitFor("poll", 1, kLong));
   EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
   EXPECT_LT(elapsed.count(), kSoon);
-  EXPECT_TRUE(service.waitForHangUps("poll", 1, kLong));
-  EXPECT_EQ(service.requestCount("poll"), 1u);
+  EXPECT_TRUE(service.requests().waitForHangUps("poll", 1, kLong));
+  EXPECT_EQ(service.requests().count("poll"), 1u);
   EXPECT_THAT(texts('w'), Not(Contains(testing::HasSubstr("poll failed"))));
 }
 
@@ -75,7 +75,7 @@ TEST_F(Stop, CleanEndWaitsForTheReapersScript) {
   const auto id = addJob("wait '" + path("go") + "'");
   config.serveJobs = 1;
   start();
-  ASSERT_TRUE(service.waitForLine(id, "ready", kLong));
+  ASSERT_TRUE(service.jobs().waitForLine(id, "ready", kLong));
   ASSERT_TRUE(hangs());
   std::ofstream(path("go")) << "";
   EXPECT_EQ(finish(10s), ExitReason::clean());
@@ -85,7 +85,7 @@ TEST_F(Stop, ServiceThatNeverAnswersHoldsUpAStop) {
   config.noSweep = true;
   const auto id = addJob("sleep 100");
   start();
-  ASSERT_TRUE(service.waitForLine(id, "ready", kLong));
+  ASSERT_TRUE(service.jobs().waitForLine(id, "ready", kLong));
   service.outage(local::OutageKind::hang, 100s);
   EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
   EXPECT_LT(elapsed.count(), kSanitized ? 8 : 3);  // a post waits 45 s otherwise
@@ -125,7 +125,7 @@ TEST_F(Stop, WithoutAThreadToBeHadLeavesJobsRunning) {
   addJob("sleep 100", {.label = "a"});
   addJob("sleep 100", {.label = "b"});
   start();
-  for (const auto id : {1, 2}) ASSERT_TRUE(service.waitForLine(id, "ready", kLong));
+  for (const auto id : {1, 2}) ASSERT_TRUE(service.jobs().waitForLine(id, "ready", kLong));
   {
     const NoThreads now;
     EXPECT_THROW(std::thread([] {}).join(), std::system_error);
@@ -144,17 +144,17 @@ TEST_F(Stop, ExceptionInTheServeLoopLeavesJobsRunning) {
   observer = std::make_shared<ThrowingObserver>();
   const auto id = addJob("sleep 100");
   start();
-  ASSERT_TRUE(service.waitForLine(id, "ready", kLong));
-  service.addFault({.endpoint = "poll", .reply = FaultReply{.status = 500, .body = "no"}});
+  ASSERT_TRUE(service.jobs().waitForLine(id, "ready", kLong));
+  service.faults().add({.endpoint = "poll", .reply = FaultReply{.status = 500, .body = "no"}});
   addJob("say a");  // lets the poll in flight return
   EXPECT_EQ(finish(), ExitReason::serverUnreachable("runtime_error: bug"));
-  EXPECT_EQ(service.job(id)->exitCode, -SIGTERM);
+  EXPECT_EQ(service.jobs().find(id)->exitCode, -SIGTERM);
 }
 
 TEST_F(Stop, UnreachableServerHoldsUpAStopForLongerThanSaid) {
   const auto id = addJob("sleep 100");
   start();
-  ASSERT_TRUE(service.waitForLine(id, "ready", kLong));
+  ASSERT_TRUE(service.jobs().waitForLine(id, "ready", kLong));
   service.stop();
   EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
   EXPECT_LT(elapsed.count(), 3);

@@ -62,10 +62,11 @@ TEST_F(Sweep, ReaperClosesUsedOrForeignSpacesOrNone) {
   setSpaces({"mine", "u1-busy", "u1-old"});
   const auto id = addJob("wait '" + path("go") + "'", {.taskSpace = "u1-busy"});
   start();
-  ASSERT_TRUE(service.waitForLine(id, "ready", kLong));
+  ASSERT_TRUE(service.jobs().waitForLine(id, "ready", kLong));
   ASSERT_TRUE(log->waitFor("idle reaper closed 1 space(s): u1-old"));
   // Looked at many times since, the job's own is still open.
-  ASSERT_TRUE(service.waitForReply("lines", service.requestCount("lines") + 8, kLong));
+  ASSERT_TRUE(
+      service.requests().waitForReply("lines", service.requests().count("lines") + 8, kLong));
   EXPECT_THAT(spaces(), ElementsAre("mine", "u1-busy"));
   std::ofstream(path("go")) << "";
   EXPECT_EQ(doneJob(id).exitCode, 0);
@@ -117,7 +118,7 @@ TEST_F(Sweep, JobStartsInASpaceThatIsJustBeingClosed) {
 TEST_F(Sweep, SpaceThatWouldNotCloseIsReportedAsClosed) {
   setSpaces({"u1-a"});
   hangOn("close");
-  service.patchHello({{"cleanup_timeout_seconds", 0.2}});
+  service.hello().patch({{"cleanup_timeout_seconds", 0.2}});
   start();
   ASSERT_TRUE(observer->waitFor("connected"));
   ASSERT_TRUE(log->waitFor("serving up to"));
@@ -130,7 +131,7 @@ TEST_F(Sweep, SecondDriverClosesTheSpacesOfTheFirst) {
   config.noSweep = true;
   const auto id = addJob("wait '" + path("go") + "'", {.taskSpace = "u1-busy"});
   start();
-  ASSERT_TRUE(service.waitForLine(id, "ready", kLong));
+  ASSERT_TRUE(service.jobs().waitForLine(id, "ready", kLong));
   config.noSweep = false;
   config.pollWait = 0;
   config.idleExit = 0.3;

@@ -114,12 +114,12 @@ ExitReason DriverFixture::run() {
 
 std::int64_t DriverFixture::addJob(const std::string& script, local::JobSpec spec) {
   spec.payload = script;
-  return service.addJob(std::move(spec));
+  return service.jobs().add(std::move(spec));
 }
 
 local::JobSnapshot DriverFixture::doneJob(std::int64_t id) {
-  EXPECT_TRUE(service.waitFor(id, local::JobState::done, kLong)) << "job " << id;
-  return *service.job(id);
+  EXPECT_TRUE(service.jobs().waitFor(id, local::JobState::done, kLong)) << "job " << id;
+  return *service.jobs().find(id);
 }
 
 void DriverFixture::setSpaces(const std::vector<std::string>& names) {
@@ -156,7 +156,7 @@ std::vector<std::string> DriverFixture::texts(char level) const {
 
 std::vector<double> DriverFixture::gaps(const std::string& endpoint) const {
   std::vector<double> result;
-  const auto requests = service.requests(endpoint);
+  const auto requests = service.requests().list(endpoint);
   for (std::size_t i = 1; i < requests.size(); ++i) {
     const std::chrono::duration<double, std::milli> gap =
         requests[i].arrived - requests[i - 1].arrived;
