@@ -64,7 +64,7 @@ std::int32_t Driver::serve(std::optional<int> serveJobs, std::optional<Duration>
 /// One poll, its job started if it brought one. A failed poll counts as served once its pause is
 /// over: the pause is guard enough.
 Driver::PollOutcome Driver::pollOnce(Duration& retryDelay) {
-  std::optional<JV> reply;
+  std::optional<JsonReading> reply;
   try {
     reply = api_->poll(options_.pollWait, busyLanes());
   } catch (const ServerError& failure) {
@@ -85,7 +85,7 @@ Driver::PollOutcome Driver::pollOnce(Duration& retryDelay) {
   // A job that arrives while we stop is left alone: unacknowledged, it is offered again.
   if (stopping_.isSet()) return PollOutcome::ended;
   retryDelay = options_.timings.pollRetryFirst;
-  return reply && accept(*reply) ? PollOutcome::served : PollOutcome::empty;
+  return reply && accept(std::move(*reply)) ? PollOutcome::served : PollOutcome::empty;
 }
 
 /// False when the run must end instead of trying again.
@@ -101,12 +101,16 @@ bool Driver::waitAfterFailure(const std::exception& failure, Duration& retryDela
 }
 
 /// Starts the job that a poll brought. False when it brought none.
-bool Driver::accept(const JV& reply) {
-  const JV* object = reply.find("job");
-  if (!object || !object->asObject() || object->asObject()->empty()) return false;
-  auto job = Job::from(*object);
+bool Driver::accept(JsonReading reply) {
+  JV object = reply.value.take("job");
+  if (!object.asObject() || object.asObject()->empty()) return false;
+  auto job = Job::from(std::move(object));
   if (!job) {
     log_->warn("poll returned a job without a usable job_id — ignoring it");
+    return false;
+  }
+  if (reply.defect) {
+    log_->warn(fmt::format("job {}: unreadable ({}) — refusing", job->id, *reply.defect));
     return false;
   }
   if (isBusy(job->lane)) {

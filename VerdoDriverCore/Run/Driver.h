@@ -75,7 +75,7 @@ class Driver : public JobHost, public std::enable_shared_from_this<Driver> {
   bool hasFreeLane() EXCLUDES(guardLock_);
   PollOutcome pollOnce(Duration& retryDelay);
   bool waitAfterFailure(const std::exception& failure, Duration& retryDelay);
-  bool accept(const JV& reply);
+  bool accept(JsonReading reply);
   void startWorker(Job job) EXCLUDES(guardLock_);
   std::int32_t shutdown() EXCLUDES(guardLock_);
   void startReaper();
