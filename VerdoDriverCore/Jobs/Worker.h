@@ -77,12 +77,13 @@ class Worker : public std::enable_shared_from_this<Worker> {
   // LLM jobs (WorkerLLM.cpp).
   void runLLM();
   void failCall(const char* category, const std::string& message, const char* complaint);
-  void runCall(const std::shared_ptr<ChatClient>& client, const JV& payload);
+  void runCall(const std::shared_ptr<ChatClient>& client, JV payload);
   void heartbeat();
   void postReply(const ChatClient::Completion& completion);
 
   const std::shared_ptr<JobHost> host_;
-  const Job job_;
+  /// Its payload is moved out by the worker thread, whose own it is; the rest stays as it is.
+  Job job_;
   Event tornDown_;
   PendingLines pending_;
 

@@ -5,6 +5,7 @@
 #include "VerdoDriverCore/Values/PyError.h"
 
 #include <algorithm>
+#include <utility>
 
 #include <fmt/format.h>
 #include <signal.h>
@@ -18,7 +19,7 @@ constexpr std::int32_t kNotRun = 127;
 }  // namespace
 
 void Worker::runBrowser() {
-  const auto script = stageFiles();
+  auto script = stageFiles();
   if (!script) return failUnrun("file staging failed");
 
   const ExecutorCommand& command = host_->browser().command();
@@ -45,7 +46,7 @@ void Worker::runBrowser() {
     pending_.add(lines);
     touchSpace();
   });
-  reader.feed(child->takeStdin(), *script);
+  reader.feed(child->takeStdin(), std::move(*script));
   reader.start();
   try {
     reportWhileRunning(*child, reader);
@@ -63,14 +64,14 @@ void Worker::runBrowser() {
 
 /// The script with its files in place; absent when they could not be had.
 std::optional<std::string> Worker::stageFiles() {
-  if (job_.files.empty()) return job_.payload;
+  if (job_.files.empty()) return std::move(job_.payload);
   try {
     files_ = std::make_unique<StagingDirectory>();
     const auto download = [this](const std::string& url, const std::string& destination) {
       if (isCancelled()) throw PyError("Cancelled", "the job was stopped");
       return host_->api().download(url, destination, kDownloadTimeout);
     };
-    return FileStager::stage(job_, job_.payload, download, host_->log(), files_->path());
+    return FileStager::stage(job_, std::move(job_.payload), download, host_->log(), files_->path());
   } catch (const std::exception& error) {
     // The message may hold a path or a URL of the user's: the type says enough to the log.
     host_->log().error(prefixed("file staging failed: " + pyTypeName(error)));

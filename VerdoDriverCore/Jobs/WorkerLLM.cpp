@@ -21,7 +21,7 @@ constexpr std::int32_t kEndedByDriver = 143;
 void Worker::runLLM() {
   JV payload;
   try {
-    payload = LLMLines::parsePayload(job_.payload);
+    payload = LLMLines::parsePayload(std::move(job_.payload));
   } catch (const PyError& error) {
     const std::string text = "bad llm payload: " + pyDescribe(error);
     host_->log().error(prefixed(text));
@@ -45,9 +45,9 @@ void Worker::runLLM() {
     host_->log().error(prefixed(text));
     return failCall("config", text, "could not report the bad LLM base URL");
   }
-  const auto prompt = pyStr(payload.find("prompt")).value_or("");
-  host_->log().info(fmt::format("{} ({} bytes prompt)", start, prompt.size()));
-  runCall(client, payload);
+  host_->log().info(fmt::format("{} ({} bytes prompt)", start,
+                                pyStr(payload.find("prompt")).value_or("").size()));
+  runCall(client, std::move(payload));
   completeAndReport();
 }
 
@@ -66,7 +66,7 @@ void Worker::failCall(const char* category, const std::string& message, const ch
 }
 
 /// Runs the call, reporting meanwhile, and posts what came of it.
-void Worker::runCall(const std::shared_ptr<ChatClient>& client, const JV& payload) {
+void Worker::runCall(const std::shared_ptr<ChatClient>& client, JV payload) {
   bool cancelledBefore = false;
   {
     MutexLock lock(stateLock_);
@@ -77,7 +77,7 @@ void Worker::runCall(const std::shared_ptr<ChatClient>& client, const JV& payloa
   try {
     try {
       const HttpMeanwhile report{host_->timings().reportCycle, [this] { heartbeat(); }};
-      postReply(client->complete(payload, report));
+      postReply(client->complete(std::move(payload), report));
       exitCode_ = 0;
     } catch (const LLMCallError& error) {
       LineBatch batch;

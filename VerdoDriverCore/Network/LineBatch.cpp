@@ -10,21 +10,6 @@ namespace {
 constexpr std::string_view kOpening = "{\"lines\": [";
 constexpr std::string_view kClosing = "]}";
 
-/// Lines are escaped in pieces of this size, lest room for the worst case of a very long one is
-/// asked for at once. A piece may end inside a character: it is cut before it.
-constexpr std::size_t kPiece = 64 * 1024;
-
-std::string_view firstPiece(std::string_view text) {
-  if (text.size() <= kPiece) return text;
-  const auto isContinuation = [&](std::size_t at) {
-    return (static_cast<unsigned char>(text[at]) & 0xC0) == 0x80;
-  };
-  std::size_t end = kPiece;
-  while (end > kPiece - 3 && isContinuation(end)) --end;
-  // Four of them belong to no character at the cut.
-  return text.substr(0, isContinuation(end) ? kPiece : end);
-}
-
 }  // namespace
 
 LineBatch::LineBatch(ByteBuffer buffer) : text_(std::move(buffer)) {
@@ -34,18 +19,18 @@ LineBatch::LineBatch(ByteBuffer buffer) : text_(std::move(buffer)) {
 
 void LineBatch::add(std::string_view line) {
   constexpr std::size_t kQuotes = 4;  // with the separator
-  char* out = text_.room(kJsonExpansion * std::min(line.size(), kPiece) + kJsonSlack + kQuotes);
+  char* out = text_.room(kJsonExpansion * std::min(line.size(), kJsonPiece) + kJsonSlack + kQuotes);
   if (!empty_) {
     *out++ = ',';
     *out++ = ' ';
   }
   *out++ = '"';
   empty_ = false;
-  while (line.size() > kPiece) {
-    const std::string_view piece = firstPiece(line);
+  while (line.size() > kJsonPiece) {
+    const std::string_view piece = firstJsonPiece(line);
     text_.commit(escapeJson(piece, out));
     line.remove_prefix(piece.size());
-    out = text_.room(kJsonExpansion * kPiece + kJsonSlack + kQuotes);
+    out = text_.room(kJsonExpansion * kJsonPiece + kJsonSlack + kQuotes);
   }
   out = escapeJson(line, out);
   *out++ = '"';

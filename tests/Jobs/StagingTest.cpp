@@ -42,6 +42,15 @@ TEST(Job, ReadsTheServicesObjectTolerantly) {
   }
 }
 
+TEST(Job, KeepsItsPayloadTwice) {
+  JV object = parseJson(R"({"job_id": 1, "payload": "a long enough text to lie apart", "x": [2],
+                            "label": "l", "kind": "k", "task_space": "t", "files": []})");
+  const char* text = object.find("payload")->asString()->data();
+  const auto job = Job::from(std::move(object));
+  EXPECT_EQ(job->payload.data(), text) << "copied";
+  EXPECT_EQ(job->raw, parseJson(R"({"x": [2]})"));
+}
+
 class FileStagerTest : public testing::Test {
  protected:
   /// The payload, or the failure. Every download has the checksum "sum".
