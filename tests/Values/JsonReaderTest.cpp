@@ -131,6 +131,7 @@ TEST(JsonReader, SmallValuesCostManyTimesTheirText) {
       readJson(R"({"job": {"files": )" + list(kMaxJsonValues + 9) + R"(, "job_id": 7}, "b": {}})");
   EXPECT_EQ(reading.defect, "more than 500000 values");
   EXPECT_LT(reading.value.find("job")->find("files")->asArray()->size(), kMaxJsonValues);
+  ASSERT_TRUE(reading.value.find("job")->find("job_id") && reading.value.find("b"));
   EXPECT_EQ(*reading.value.find("job")->find("job_id"), JV(7));
   EXPECT_EQ(*reading.value.find("b"), JV(JV::Object{}));
   std::string flood = R"({"job": {)";

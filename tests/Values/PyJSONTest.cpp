@@ -107,7 +107,8 @@ TEST(PyJSON, EscapesAnywhereInABlock) {
 
 // Long texts are escaped in pieces of 64 KiB: no character may fall apart at a cut.
 TEST(PyJSON, CutsALongTextInsideACharacter) {
-  for (const std::string& text : {"é"s, "€"s, "😀"s, "\x80\x80\x80\x80\x80"s, "\xf0\x9f\x98"s}) {
+  for (const std::string& text :
+       {"é"s, "€"s, "😀"s, "😀\x80"s, "\x80\x80\x80\x80\x80"s, "\xf0\x9f\x98"s}) {
     std::string escaped;
     PyJSON::writeString(text, escaped);
     escaped = escaped.substr(1, escaped.size() - 2);
