@@ -17,7 +17,7 @@ void benchJobs(std::vector<Row>& rows);
 void benchOutput(std::vector<Row>& rows);
 /// A thousand LLM jobs leased at once.
 void benchLLM(std::vector<Row>& rows);
-/// What a job with a payload of 60 MiB costs in memory.
+/// What jobs with large payloads cost in memory.
 void benchPayload(std::vector<Row>& rows);
 /// Writing JSON strings.
 void benchJson(std::vector<Row>& rows);

@@ -12,24 +12,24 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr std::size_t kPayload = 60u << 20;
+constexpr std::size_t kMebibyte = 1u << 20;
 constexpr double kMaxGrowth = 2.5;  // times the payload
 constexpr double kMegabyte = 1e6;
 
 /// Words, with now and then a character that JSON escapes: often enough to be no plain copy, and
 /// seldom enough that a reply may hold them escaped twice and still be within its limit.
-std::string words() {
+std::string words(std::size_t size) {
   std::string paragraph;
   while (paragraph.size() < 4000) paragraph += "some plain words of a prompt, and ";
   paragraph += "the \"end\" of it.\n";
   std::string text;
-  text.reserve(kPayload + paragraph.size());
-  while (text.size() < kPayload) text += paragraph;
+  text.reserve(size + paragraph.size());
+  while (text.size() < size) text += paragraph;
   return text;
 }
 
 /// Runs one job in a fresh driver and adds what the driver's memory grew by at its worst.
-void measure(std::vector<Row>& rows, const char* what, const local::JobSpec& job) {
+void measure(std::vector<Row>& rows, const std::string& what, const local::JobSpec& job) {
   local::LocalService service;
   service.start();
   service.addProviderRule({.content = "short"});
@@ -54,11 +54,15 @@ void measure(std::vector<Row>& rows, const char* what, const local::JobSpec& job
 
 void benchPayload(std::vector<Row>& rows) {
   local::JobSpec job;
-  job.payload = words();
+  job.payload = words(60 * kMebibyte);
   measure(rows, "browser job with a 60 MiB script", job);
   job.kind = "llm";
-  job.payload = nlohmann::json{{"v", 1}, {"model", "m"}, {"prompt", words()}}.dump();
-  measure(rows, "LLM job with a 60 MiB prompt", job);
+  // The smaller one as well: allocators treat blocks of its size in another way.
+  for (const std::size_t size : {60, 20}) {
+    const nlohmann::json payload{{"v", 1}, {"model", "m"}, {"prompt", words(size * kMebibyte)}};
+    job.payload = payload.dump();
+    measure(rows, fmt::format("LLM job with a {} MiB prompt", size), job);
+  }
 }
 
 }  // namespace verdo::bench
