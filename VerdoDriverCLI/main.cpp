@@ -4,6 +4,7 @@
 #include "VerdoDriverCore/Contract/DriverConstants.h"
 #include "VerdoDriverCore/Run/Log.h"
 #include "VerdoDriverCore/Run/Runner.h"
+#include "VerdoDriverCore/System/LargeBlocks.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -59,6 +60,7 @@ int serve(verdo::cli::Options options) {
 
 int main(int argc, char** argv) {
   openStandardDescriptors();
+  verdo::giveBackLargeBlocks();
   auto parsed = verdo::cli::parseCommandLine(argc, argv);
   if (const auto* ended = std::get_if<verdo::cli::Ended>(&parsed)) {
     std::fputs(ended->text.c_str(), ended->status == 0 ? stdout : stderr);

@@ -17,6 +17,8 @@ void benchJobs(std::vector<Row>& rows);
 void benchOutput(std::vector<Row>& rows);
 /// A thousand LLM jobs leased at once.
 void benchLLM(std::vector<Row>& rows);
+/// What jobs with large payloads cost in memory.
+void benchPayload(std::vector<Row>& rows);
 /// Writing JSON strings.
 void benchJson(std::vector<Row>& rows);
 

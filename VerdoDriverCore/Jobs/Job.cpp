@@ -2,6 +2,8 @@
 
 #include "VerdoDriverCore/Values/PyValue.h"
 
+#include <utility>
+
 namespace verdo {
 
 std::optional<JobFile> JobFile::from(const JV& value) {
@@ -10,23 +12,24 @@ std::optional<JobFile> JobFile::from(const JV& value) {
                  pyStrIfTruthy(value.find("url")), pyStr(value.find("sha256"))};
 }
 
-std::optional<Job> Job::from(const JV& object) {
-  const auto id = pyInt(object.find("job_id"));
+std::optional<Job> Job::from(JV&& object) {
+  const JV number = object.take("job_id");
+  const auto id = pyInt(&number);
   if (!id) return std::nullopt;
   Job job;
   job.id = *id;
-  job.label = pyStrIfTruthy(object.find("label")).value_or("");
+  job.label = pyStrIfTruthy(object.take("label")).value_or("");
   job.lane = job.label.empty() ? "job-" + std::to_string(job.id) : job.label;
-  job.kind = pyStrIfTruthy(object.find("kind")).value_or("run");
-  job.taskSpace = pyStrIfTruthy(object.find("task_space"));
-  job.payload = pyStrIfTruthy(object.find("payload")).value_or("");
-  const JV* files = object.find("files");
-  if (const auto* list = files ? files->asArray() : nullptr) {
+  job.kind = pyStrIfTruthy(object.take("kind")).value_or("run");
+  job.taskSpace = pyStrIfTruthy(object.take("task_space"));
+  job.payload = pyStrIfTruthy(object.take("payload")).value_or("");
+  const JV files = object.take("files");
+  if (const auto* list = files.asArray()) {
     for (const JV& entry : *list) {
       if (auto file = JobFile::from(entry)) job.files.push_back(std::move(*file));
     }
   }
-  job.raw = object;
+  job.raw = std::move(object);
   return job;
 }
 

@@ -28,10 +28,12 @@ struct Job {
   std::optional<std::string> taskSpace;
   std::string payload;
   std::vector<JobFile> files;
-  JV raw;  ///< the whole object
+  /// The object's other members, for executors that need more keys. Those above have been moved
+  /// out of it: a payload may be large, and is not kept twice.
+  JV raw;
 
-  /// Absent when "job_id" cannot be read.
-  static std::optional<Job> from(const JV& object);
+  /// Absent when "job_id" cannot be read. Takes the object apart.
+  static std::optional<Job> from(JV&& object);
 };
 
 /// The service's reply to a lines post.

@@ -27,13 +27,12 @@ JobOutcome LLMJob::run() {
   JobHost& host = *reporter_.host();
   JV payload;
   try {
-    payload = LLMLines::parsePayload(payload_);
+    payload = LLMLines::parsePayload(std::move(payload_));
   } catch (const PyError& error) {
     const std::string text = "bad llm payload: " + pyDescribe(error);
     host.log().error(reporter_.prefixed(text));
     return {kNotRun, text};
   }
-  payload_ = {};
   const std::string start = fmt::format("job {} [llm] role={} model={}", reporter_.job().id,
                                         pyStrIfTruthy(payload.find("role")).value_or("?"),
                                         pyStr(payload.find("model")).value_or(""));
@@ -61,7 +60,7 @@ JobOutcome LLMJob::run() {
   const std::size_t promptBytes =
       prompt && prompt->asString() ? prompt->asString()->size() : pyStr(prompt).value_or("").size();
   host.log().info(fmt::format("{} ({} bytes prompt)", start, promptBytes));
-  return call(*client, payload);
+  return call(*client, std::move(payload));
 }
 
 /// Ends a job before its call with one failure line.
@@ -77,11 +76,11 @@ JobOutcome LLMJob::refuse(const std::string& text, const char* complaint) {
 }
 
 /// Makes the call, reporting meanwhile, and posts what came of it.
-JobOutcome LLMJob::call(ChatClient& client, const JV& payload) {
+JobOutcome LLMJob::call(ChatClient& client, JV payload) {
   const HttpMeanwhile heartbeat{reporter_.host()->timings().reportCycle,
                                 [this] { reporter_.post(LineBatch()); }};
   try {
-    postReply(client.complete(payload, heartbeat));
+    postReply(client.complete(std::move(payload), heartbeat));
     return {0, std::nullopt};
   } catch (const LLMCallError& error) {
     postLine(LLMLines::end(error.category(), error.what(), error.isRetryable()));

@@ -29,7 +29,7 @@ class LLMJob : public JobBody {
 
  private:
   JobOutcome refuse(const std::string& text, const char* complaint);
-  JobOutcome call(ChatClient& client, const JV& payload);
+  JobOutcome call(ChatClient& client, JV payload);
   void postReply(const ChatClient::Completion& completion);
   void postLine(const std::string& line);
 

@@ -70,15 +70,18 @@ std::string quoted(const std::string& body, const std::string& token) {
   return firstCharacters(text, kQuotedBody);
 }
 
-JV parseObject(const std::string& body, const std::string& call) {
-  JV value;
+JsonReading readObject(const std::string& body, const std::string& call, bool mayHaveDefect) {
+  JsonReading reading;
   try {
-    value = parseJson(body);
+    reading = readJson(body);
   } catch (const PyError& error) {
     failServer(fmt::format("{} -> {}", call, pyDescribe(error)));
   }
-  if (!value.asObject()) failServer(call + " -> JSONDecodeError: body is not an object");
-  return value;
+  if (!reading.value.asObject()) failServer(call + " -> JSONDecodeError: body is not an object");
+  if (reading.defect && !(mayHaveDefect && reading.value.find("job"))) {
+    failServer(fmt::format("{} -> JSONDecodeError: {}", call, *reading.defect));
+  }
+  return reading;
 }
 
 }  // namespace
@@ -98,10 +101,10 @@ JV Api::hello() {
   if (options_.llmInfo) {
     call.headers.emplace_back("X-VERDO-Driver-LLM", PyJSON::text(*options_.llmInfo));
   }
-  return request(call).object.value_or(JV::Object{});
+  return objectOf(request(call));
 }
 
-std::optional<JV> Api::poll(double wait, std::vector<std::string> busy) {
+std::optional<JsonReading> Api::poll(double wait, std::vector<std::string> busy) {
   Call call;
   call.path = fmt::format("/api/driver/poll?wait={}", static_cast<std::int64_t>(wait));
   if (!busy.empty()) {
@@ -115,7 +118,12 @@ std::optional<JV> Api::poll(double wait, std::vector<std::string> busy) {
   }
   call.timeout = fromSeconds(wait) + kPollMargin;
   call.untilStop = true;
+  call.mayBringDefect = true;
   return request(call).object;
+}
+
+JV Api::objectOf(Reply reply) {
+  return reply.object ? std::move(reply.object->value) : JV(JV::Object{});
 }
 
 JV Api::lines(std::int64_t jobId, std::shared_ptr<const ByteBuffer> body,
@@ -139,7 +147,7 @@ JV Api::post(const std::string& path, std::shared_ptr<const ByteBuffer> body,
   call.timeout = std::min<Duration>(kPostTimeout, timeoutCap.value_or(kPostTimeout));
   Reply reply = request(call);
   if (reply.throttled) failServer(*reply.throttled);
-  return reply.object ? std::move(*reply.object) : JV(JV::Object{});
+  return objectOf(std::move(reply));
 }
 
 Api::Headers Api::protocolHeaders() const {
@@ -175,7 +183,7 @@ Api::Reply Api::request(const Call& call) {
   const auto& [status, body] = *result.response;
   if (status < 400) {
     if (status == 204 || body.empty()) return {};
-    return {parseObject(body, name), std::nullopt};
+    return {readObject(body, name, call.mayBringDefect), std::nullopt};
   }
   const std::string message =
       fmt::format("{} -> {}: {}", name, status, quoted(body, options_.token));

@@ -5,6 +5,7 @@
 #include "VerdoDriverCore/Network/HttpSession.h"
 #include "VerdoDriverCore/System/Sync.h"
 #include "VerdoDriverCore/Values/JV.h"
+#include "VerdoDriverCore/Values/JsonReader.h"
 
 #include <cstdint>
 #include <functional>
@@ -39,8 +40,9 @@ class Api {
   /// What the service says of itself and of us; an empty object when it said nothing.
   JV hello();
   /// Waits up to `wait` seconds for a job, naming the lanes that are busy here. Absent when the
-  /// service has nothing.
-  std::optional<JV> poll(double wait, std::vector<std::string> busy);
+  /// service has nothing. A reply with a job in it may have a defect: what cannot be read of one
+  /// job must not end all polling.
+  std::optional<JsonReading> poll(double wait, std::vector<std::string> busy);
   /// Posts a batch of output lines (a finished LineBatch). An empty object when the service
   /// answered nothing. A throttled post (429) counts as a failed one: nothing was taken.
   /// `timeoutCap` lowers the time-out.
@@ -76,17 +78,20 @@ class Api {
     std::shared_ptr<const ByteBuffer> body;
     Duration timeout{};
     Headers headers;
-    bool untilStop = false;  ///< refused and cancelled once polling has stopped
+    bool untilStop = false;       ///< refused and cancelled once polling has stopped
+    bool mayBringDefect = false;  ///< in a job, the reply's "job"; else a defect is a failure
   };
   /// A reply that is no failure. Without an object the service had nothing to say.
   struct Reply {
-    std::optional<JV> object;
+    std::optional<JsonReading> object;
     std::optional<std::string> throttled;  ///< the message of a 429
   };
 
   Reply request(const Call& call);
   HttpResult perform(HttpRequest request, bool untilStop, const OnTask& onTask = {})
       EXCLUDES(pollLock_);
+  /// The reply's object, or an empty one.
+  static JV objectOf(Reply reply);
   Headers protocolHeaders() const;
   JV post(const std::string& path, std::shared_ptr<const ByteBuffer> body,
           std::optional<Duration> timeoutCap);

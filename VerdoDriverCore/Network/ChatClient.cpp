@@ -50,7 +50,9 @@ double budgetOf(const JV& payload) {
 std::size_t promptCharacters(const JV& payload) {
   std::size_t count = 0;
   for (const char* key : {"prompt", "system"}) {
-    count += countCharacters(pyStrIfTruthy(payload.find(key)).value_or(""));
+    const JV* value = payload.find(key);
+    const auto* text = value ? value->asString() : nullptr;
+    count += text ? countCharacters(*text) : countCharacters(pyStrIfTruthy(value).value_or(""));
   }
   return count;
 }
@@ -68,7 +70,7 @@ ChatClient::ChatClient(std::string apiKey, const std::string& baseURL, Log log,
       log_(std::move(log)),
       session_(std::move(session)) {}
 
-ChatClient::Completion ChatClient::complete(const JV& payload, const HttpMeanwhile& meanwhile) {
+ChatClient::Completion ChatClient::complete(JV payload, const HttpMeanwhile& meanwhile) {
   const double budget = budgetOf(payload);
   const auto start = Clock::now();
   const auto deadline = start + fromSeconds(budget);
@@ -78,14 +80,21 @@ ChatClient::Completion ChatClient::complete(const JV& payload, const HttpMeanwhi
         "transient", fmt::format("call budget of {}s exhausted", wholeSeconds(fromSeconds(budget))),
         true);
   }
+  const std::string model = pyStr(payload.find("model")).value_or("");
+  const std::size_t promptSize = promptCharacters(payload);
+  // From here on the prompt is kept as the request's body alone.
+  const auto body = std::make_shared<ByteBuffer>();
+  PyJSON::write(ChatRequest::body(std::move(payload)), *body);
   for (int attempt = 1;; ++attempt) {
     const auto begin = attempt == 1 ? start : Clock::now();
     const auto elapsed = [&] { return toSeconds(Clock::now() - begin); };
     try {
-      Completion completion = once(payload, deadline - begin, meanwhile);
+      const HttpResponse response =
+          http("POST", "/v1/chat/completions", body, deadline - begin, meanwhile);
+      Completion completion = ChatRequest::read(response, model);
       log_(fmt::format("llm {}: model={} prompt_chars={} reply_chars={} {:.1f}s attempt={}", role,
-                       completion.model, promptCharacters(payload),
-                       countCharacters(completion.text), elapsed(), attempt));
+                       completion.model, promptSize, countCharacters(completion.text), elapsed(),
+                       attempt));
       return completion;
     } catch (const LLMCallError& error) {
       log_(fmt::format("llm {}: attempt {} failed after {:.1f}s ({}{}): {}", role, attempt,
@@ -97,12 +106,6 @@ ChatClient::Completion ChatClient::complete(const JV& payload, const HttpMeanwhi
     }
     throwIfCancelled();
   }
-}
-
-ChatClient::Completion ChatClient::once(const JV& payload, Duration timeout,
-                                        const HttpMeanwhile& meanwhile) {
-  const auto body = std::make_shared<const ByteBuffer>(PyJSON::text(ChatRequest::body(payload)));
-  return ChatRequest::read(http("POST", "/v1/chat/completions", body, timeout, meanwhile), payload);
 }
 
 std::optional<std::string> ChatClient::validate() try {
@@ -134,8 +137,8 @@ HttpResponse ChatClient::http(const char* method, const std::string& path,
     task_ = task;
     if (cancelledEvent_.isSet()) task->cancel();
   };
-  const HttpResult result = session_->perform(std::move(request), enter, meanwhile);
-  if (result.response) return *result.response;
+  HttpResult result = session_->perform(std::move(request), enter, meanwhile);
+  if (result.response) return std::move(*result.response);
   throwIfCancelled();
   if (!result.error) throw LLMCallError("transient", "provider unreachable: no response", true);
   if (result.error->kind == TransportError::Kind::timedOut) {

@@ -59,7 +59,7 @@ class ChatClient {
   /// zero), with at most one retry, and none when less than 10 s are left. While the provider
   /// thinks, the caller does `meanwhile`. Throws LLMCallError, LLMCancelled, or what `meanwhile`
   /// throws.
-  Completion complete(const JV& payload, const HttpMeanwhile& meanwhile = {}) EXCLUDES(lock_);
+  Completion complete(JV payload, const HttpMeanwhile& meanwhile = {}) EXCLUDES(lock_);
   /// Asks the provider whether it takes the key. Absent when it does, else "rejected" or
   /// "unreachable: {reason}".
   std::optional<std::string> validate() EXCLUDES(lock_);
@@ -69,7 +69,6 @@ class ChatClient {
  private:
   using Clock = std::chrono::steady_clock;
 
-  Completion once(const JV& payload, Duration timeout, const HttpMeanwhile& meanwhile);
   HttpResponse http(const char* method, const std::string& path,
                     std::shared_ptr<const ByteBuffer> body, Duration timeout,
                     const HttpMeanwhile& meanwhile) EXCLUDES(lock_);

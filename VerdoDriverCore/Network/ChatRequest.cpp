@@ -4,6 +4,8 @@
 #include "VerdoDriverCore/Values/PyValue.h"
 #include "VerdoDriverCore/Values/Utf8.h"
 
+#include <utility>
+
 #include <fmt/format.h>
 
 namespace verdo::ChatRequest {
@@ -11,16 +13,20 @@ namespace {
 
 constexpr std::size_t kExcerpt = 200;  // characters of a refused request's reply
 
-JV message(const char* role, const JV* content) {
-  return JV::Object{{"role", role}, {"content", pyStr(content).value_or("")}};
+JV message(const char* role, JV content) {
+  // Built member by member: what stands in a braced list is copied out of it.
+  JV::Object object;
+  object.push_back({"role", role});
+  object.push_back({"content", pyStr(std::move(content)).value_or("")});
+  return object;
 }
 
-JV messages(const JV& payload) {
+JV messages(JV& payload) {
   JV::Array list;
-  if (const JV* system = payload.find("system"); pyTruthy(system)) {
-    list.push_back(message("system", system));
+  if (JV system = payload.take("system"); pyTruthy(&system)) {
+    list.push_back(message("system", std::move(system)));
   }
-  list.push_back(message("user", payload.find("prompt")));
+  list.push_back(message("user", payload.take("prompt")));
   return list;
 }
 
@@ -63,9 +69,10 @@ const JV* firstChoice(const JV& reply) {
 
 }  // namespace
 
-JV body(const JV& payload) {
-  JV::Object request{{"model", pyStr(payload.find("model")).value_or("")},
-                     {"messages", messages(payload)}};
+JV body(JV payload) {
+  JV::Object request;
+  request.push_back({"model", pyStr(payload.find("model")).value_or("")});
+  request.push_back({"messages", messages(payload)});
   if (const JV* tokens = payload.find("max_tokens"); pyTruthy(tokens)) {
     if (const auto count = pyInt(tokens)) request.push_back({"max_tokens", *count});
   }
@@ -87,7 +94,7 @@ JV body(const JV& payload) {
   return request;
 }
 
-ChatClient::Completion read(const HttpResponse& response, const JV& payload) {
+ChatClient::Completion read(const HttpResponse& response, const std::string& model) {
   if (response.status != 200) failStatus(response.status, response.body);
   const JV reply = parseReply(response.body);
   const JV* choice = firstChoice(reply);
@@ -106,8 +113,7 @@ ChatClient::Completion read(const HttpResponse& response, const JV& payload) {
   }
   ChatClient::Completion completion;
   completion.text = *text;
-  completion.model =
-      pyStrIfTruthy(reply.find("model")).value_or(pyStr(payload.find("model")).value_or(""));
+  completion.model = pyStrIfTruthy(reply.find("model")).value_or(model);
   if (const JV* usage = reply.find("usage")) completion.usage = *usage;
   return completion;
 }

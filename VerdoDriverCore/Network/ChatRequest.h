@@ -6,11 +6,12 @@
 /// The provider's wire format: what a payload becomes on the way out, and what a reply means.
 namespace verdo::ChatRequest {
 
-/// The body of a chat-completion request for a job's payload.
-JV body(const JV& payload);
+/// The body of a chat-completion request for a job's payload, whose texts are moved into it.
+JV body(JV payload);
 
 /// Reads a reply with its status. Throws LLMCallError for everything but a completion with text.
-ChatClient::Completion read(const HttpResponse& response, const JV& payload);
+/// `model` is the one that was asked for.
+ChatClient::Completion read(const HttpResponse& response, const std::string& model);
 
 /// The first `limit` characters of a reply's body, repaired.
 std::string excerpt(const std::string& data, std::size_t limit);

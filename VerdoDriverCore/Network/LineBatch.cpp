@@ -12,21 +12,6 @@ constexpr std::string_view kOpening = "{\"lines\": [";
 constexpr std::string_view kClosing = "]}";
 constexpr std::string_view kSeparator = ", \"";  // with the next line's quote
 
-/// Lines are escaped in pieces of this size, lest room for the worst case of a very long one is
-/// asked for at once. A piece may end inside a character: it is cut before it.
-constexpr std::size_t kPiece = 64 * 1024;
-
-std::string_view firstPiece(std::string_view text) {
-  if (text.size() <= kPiece) return text;
-  const auto isContinuation = [&](std::size_t at) {
-    return (static_cast<unsigned char>(text[at]) & 0xC0) == 0x80;
-  };
-  std::size_t end = kPiece;
-  while (end > kPiece - 3 && isContinuation(end)) --end;
-  // Four of them belong to no character at the cut.
-  return text.substr(0, isContinuation(end) ? kPiece : end);
-}
-
 /// Length of the character, escaped or not, that a JSON string's text begins with; both halves of a
 /// surrogate pair count as one.
 std::size_t escapedLength(std::string_view text) {
@@ -57,18 +42,18 @@ LineBatch::LineBatch(ByteBuffer buffer) : text_(std::move(buffer)) {
 
 void LineBatch::add(std::string_view line) {
   constexpr std::size_t kQuotes = 4;  // with the separator
-  char* out = text_.room(kJsonExpansion * std::min(line.size(), kPiece) + kJsonSlack + kQuotes);
+  char* out = text_.room(kJsonExpansion * std::min(line.size(), kJsonPiece) + kJsonSlack + kQuotes);
   if (!empty_) {
     *out++ = ',';
     *out++ = ' ';
   }
   *out++ = '"';
   empty_ = false;
-  while (line.size() > kPiece) {
-    const std::string_view piece = firstPiece(line);
+  while (line.size() > kJsonPiece) {
+    const std::string_view piece = firstJsonPiece(line);
     text_.commit(escapeJson(piece, out));
     line.remove_prefix(piece.size());
-    out = text_.room(kJsonExpansion * kPiece + kJsonSlack + kQuotes);
+    out = text_.room(kJsonExpansion * kJsonPiece + kJsonSlack + kQuotes);
   }
   out = escapeJson(line, out);
   *out++ = '"';

@@ -75,7 +75,7 @@ bool Driver::isServed(std::optional<int> serveJobs, std::optional<Duration> idle
 /// One poll, its job started if it brought one. A failed poll counts as served once its pause is
 /// over: the pause is guard enough.
 Driver::PollOutcome Driver::pollOnce() {
-  std::optional<JV> reply;
+  std::optional<JsonReading> reply;
   const auto asked = Clock::now();
   try {
     reply = api_->poll(pollWait_.seconds(), jobs_->lanes());
@@ -121,12 +121,16 @@ Driver::PollOutcome Driver::waitAfterFailure(const std::exception& failure) {
 }
 
 /// Starts the job that a poll brought. False when it brought none.
-bool Driver::accept(JV reply) {
-  const JV* object = reply.find("job");
-  if (!object || !object->asObject() || object->asObject()->empty()) return false;
-  auto job = Job::from(*object);
+bool Driver::accept(JsonReading reply) {
+  JV object = reply.value.take("job");
+  if (!object.asObject() || object.asObject()->empty()) return false;
+  auto job = Job::from(std::move(object));
   if (!job) {
     log_->warn("poll returned a job without a usable job_id — ignoring it");
+    return false;
+  }
+  if (reply.defect) {
+    log_->warn(fmt::format("job {}: unreadable ({}) — refusing", job->id, *reply.defect));
     return false;
   }
   const std::int64_t id = job->id;

@@ -66,7 +66,7 @@ class Driver : public JobHost, public std::enable_shared_from_this<Driver> {
   PollOutcome pollOnce();
   PollOutcome waitAfterFailure(const std::exception& failure);
   void learnFrom(const ServerError& failure, Duration waited);
-  bool accept(JV reply);
+  bool accept(JsonReading reply);
   ExitReason shutdown();
 
   const Options options_;

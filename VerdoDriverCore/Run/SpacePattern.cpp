@@ -10,8 +10,8 @@
 namespace verdo {
 namespace {
 
-/// Backtracking steps; some milliseconds' worth, where names need a few dozen.
-constexpr std::uint32_t kMatchLimit = 100'000;
+/// Backtracking steps of a whole search; some milliseconds' worth, where names need a few dozen.
+constexpr std::uint32_t kMaxSteps = 1'000'000;
 constexpr std::uint32_t kHeapLimit = 1024;  // KiB
 
 }  // namespace
@@ -31,12 +31,15 @@ SpacePattern::SpacePattern(std::string_view pattern) {
 }
 
 bool SpacePattern::isFoundIn(std::string_view name) const {
+  if (name.size() > kMaxName) return false;
   const std::unique_ptr<pcre2_match_data, decltype(&pcre2_match_data_free)> match(
       pcre2_match_data_create_from_pattern(code_.get(), nullptr), &pcre2_match_data_free);
   const std::unique_ptr<pcre2_match_context, decltype(&pcre2_match_context_free)> limits(
       pcre2_match_context_create(nullptr), &pcre2_match_context_free);
   if (!match || !limits) return false;
-  pcre2_set_match_limit(limits.get(), kMatchLimit);
+  // The library counts anew at each place where a match may begin: they share the steps.
+  const auto places = static_cast<std::uint32_t>(name.size()) + 1;
+  pcre2_set_match_limit(limits.get(), kMaxSteps / places);
   pcre2_set_heap_limit(limits.get(), kHeapLimit);
   return pcre2_match(code_.get(), reinterpret_cast<PCRE2_SPTR>(name.data()), name.size(), 0, 0,
                      match.get(), limits.get()) >= 0;

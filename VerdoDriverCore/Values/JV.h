@@ -1,5 +1,6 @@
 #pragma once
 
+#include <concepts>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -19,7 +20,9 @@ class JV {
 
   JV();
   JV(std::nullptr_t);
-  JV(bool value);
+  /// Of bool itself only: a pointer, which C++ would take for a truth value, does not compile.
+  template <std::same_as<bool> Bool>
+  JV(Bool value);
   JV(int value);
   JV(std::int64_t value);
   JV(double value);
@@ -41,6 +44,11 @@ class JV {
   const std::string* asString() const { return std::get_if<std::string>(&value_); }
   const Array* asArray() const { return std::get_if<Array>(&value_); }
   const Object* asObject() const { return std::get_if<Object>(&value_); }
+
+  /// Takes the member that find() gives out of the object; null when there is none.
+  JV take(std::string_view key);
+  /// Moves the text out of a string and leaves it empty; absent for every other kind.
+  std::optional<std::string> takeString();
 
   /// The value of an int or a double; absent for every other kind, booleans included.
   std::optional<double> number() const;
@@ -64,7 +72,8 @@ struct JV::Member {
 // Behind Member, which they need whole.
 inline JV::JV() = default;
 inline JV::JV(std::nullptr_t) {}
-inline JV::JV(bool value) : value_(value) {}
+template <std::same_as<bool> Bool>
+JV::JV(Bool value) : value_(value) {}
 inline JV::JV(int value) : value_(std::int64_t{value}) {}
 inline JV::JV(std::int64_t value) : value_(value) {}
 inline JV::JV(double value) : value_(value) {}

@@ -98,6 +98,17 @@ char* putEscaped(char32_t character, char* out) {
 
 }  // namespace
 
+std::string_view firstJsonPiece(std::string_view text) {
+  if (text.size() <= kJsonPiece) return text;
+  const auto isContinuation = [&](std::size_t at) {
+    return (static_cast<unsigned char>(text[at]) & 0xC0) == 0x80;
+  };
+  std::size_t end = kJsonPiece;
+  while (end > kJsonPiece - 3 && isContinuation(end)) --end;
+  // Four of them belong to no character at the cut.
+  return text.substr(0, isContinuation(end) ? kJsonPiece : end);
+}
+
 char* escapeJson(std::string_view text, char* out) {
   for (std::size_t at = 0;;) {
     out = copyPlain(text, at, out);

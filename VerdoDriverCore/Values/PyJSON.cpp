@@ -7,15 +7,73 @@
 #include <cmath>
 
 namespace verdo::PyJSON {
-void writeString(std::string_view text, std::string& out) {
-  const std::size_t before = out.size();
-  out.resize(before + kJsonExpansion * text.size() + kJsonSlack + 2);
-  char* at = out.data() + before;
-  *at++ = '"';
-  at = escapeJson(text, at);
-  *at++ = '"';
-  out.resize(static_cast<std::size_t>(at - out.data()));
+namespace {
+
+/// Appends what escapeJson makes of a piece of text.
+void appendEscaped(std::string_view piece, ByteBuffer& out) {
+  out.commit(escapeJson(piece, out.room(kJsonExpansion * piece.size() + kJsonSlack)));
 }
+void appendEscaped(std::string_view piece, std::string& out) {
+  const std::size_t before = out.size();
+  out.resize(before + kJsonExpansion * piece.size() + kJsonSlack);
+  const char* end = escapeJson(piece, out.data() + before);
+  out.resize(static_cast<std::size_t>(end - out.data()));
+}
+
+template <class Out>
+void appendString(std::string_view text, Out& out) {
+  out.append("\"");
+  while (!text.empty()) {
+    const std::string_view piece = firstJsonPiece(text);
+    appendEscaped(piece, out);
+    text.remove_prefix(piece.size());
+  }
+  out.append("\"");
+}
+
+template <class Out>
+void appendValue(const JV& value, Out& out) {
+  if (const auto* flag = value.asBool()) {
+    out.append(*flag ? "true" : "false");
+  } else if (const auto* integer = value.asInt()) {
+    out.append(std::to_string(*integer));
+  } else if (const auto* real = value.asDouble()) {
+    out.append(pyFloat(*real));
+  } else if (const auto* string = value.asString()) {
+    writeString(*string, out);
+  } else if (const auto* array = value.asArray()) {
+    out.append("[");
+    for (const char* separator = ""; const JV& item : *array) {
+      out.append(separator);
+      appendValue(item, out);
+      separator = ", ";
+    }
+    out.append("]");
+  } else if (const auto* object = value.asObject()) {
+    out.append("{");
+    for (const char* separator = ""; const auto& [key, member] : *object) {
+      out.append(separator);
+      writeString(key, out);
+      out.append(": ");
+      appendValue(member, out);
+      separator = ", ";
+    }
+    out.append("}");
+  } else {
+    out.append("null");
+  }
+}
+
+}  // namespace
+
+void writeString(std::string_view text, ByteBuffer& out) {
+  // Words in any script need three times their bytes at most. Room that stays unused costs nothing,
+  // while growing by steps may copy what is there.
+  if (text.size() > kJsonPiece) out.room(kJsonExpansion / 2 * text.size());
+  appendString(text, out);
+}
+
+void writeString(std::string_view text, std::string& out) { appendString(text, out); }
 
 std::string pyFloat(double value) {
   if (std::isnan(value)) return "NaN";
@@ -39,37 +97,9 @@ std::string pyFloat(double value) {
   return fixed;
 }
 
-void write(const JV& value, std::string& out) {
-  if (const auto* flag = value.asBool()) {
-    out += *flag ? "true" : "false";
-  } else if (const auto* integer = value.asInt()) {
-    out += std::to_string(*integer);
-  } else if (const auto* real = value.asDouble()) {
-    out += pyFloat(*real);
-  } else if (const auto* string = value.asString()) {
-    writeString(*string, out);
-  } else if (const auto* array = value.asArray()) {
-    out.push_back('[');
-    for (const char* separator = ""; const JV& item : *array) {
-      out += separator;
-      write(item, out);
-      separator = ", ";
-    }
-    out.push_back(']');
-  } else if (const auto* object = value.asObject()) {
-    out.push_back('{');
-    for (const char* separator = ""; const auto& [key, member] : *object) {
-      out += separator;
-      writeString(key, out);
-      out += ": ";
-      write(member, out);
-      separator = ", ";
-    }
-    out.push_back('}');
-  } else {
-    out += "null";
-  }
-}
+void write(const JV& value, ByteBuffer& out) { appendValue(value, out); }
+
+void write(const JV& value, std::string& out) { appendValue(value, out); }
 
 std::string text(const JV& value) {
   std::string out;

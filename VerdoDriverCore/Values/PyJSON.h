@@ -1,5 +1,6 @@
 #pragma once
 
+#include "VerdoDriverCore/System/ByteBuffer.h"
 #include "VerdoDriverCore/Values/JV.h"
 
 #include <string>
@@ -9,7 +10,9 @@
 /// service and its users compare such texts.
 namespace verdo::PyJSON {
 
-/// Appends the JSON text of a value: separators ", " and ": ", no line ends.
+/// Appends the JSON text of a value: separators ", " and ": ", no line ends. For large values, a
+/// ByteBuffer: it grows without a second copy.
+void write(const JV& value, ByteBuffer& out);
 void write(const JV& value, std::string& out);
 
 /// The JSON text of a value.
@@ -17,6 +20,7 @@ std::string text(const JV& value);
 
 /// Appends a JSON string in pure ASCII, quotes included. Bytes that are not UTF-8 come out as
 /// U+FFFD, so any bytes may be given.
+void writeString(std::string_view text, ByteBuffer& out);
 void writeString(std::string_view text, std::string& out);
 
 /// The shortest decimal that reads back to the same double, always with a point or an exponent;

@@ -3,6 +3,7 @@
 #include "VerdoDriverCore/Values/PyJSON.h"
 
 #include <charconv>
+#include <utility>
 
 namespace verdo {
 
@@ -11,6 +12,11 @@ std::optional<std::string> pyStr(const JV* value) {
   if (const auto* text = value->asString()) return *text;
   if (const auto* flag = value->asBool()) return *flag ? "True" : "False";
   return PyJSON::text(*value);
+}
+
+std::optional<std::string> pyStr(JV&& value) {
+  auto text = value.takeString();
+  return text ? std::move(text) : pyStr(&value);
 }
 
 bool pyTruthy(const JV* value) {
@@ -24,6 +30,10 @@ bool pyTruthy(const JV* value) {
 
 std::optional<std::string> pyStrIfTruthy(const JV* value) {
   return pyTruthy(value) ? pyStr(value) : std::nullopt;
+}
+
+std::optional<std::string> pyStrIfTruthy(JV&& value) {
+  return pyTruthy(&value) ? pyStr(std::move(value)) : std::nullopt;
 }
 
 std::optional<std::int64_t> pyInt(const JV* value) {

@@ -42,6 +42,15 @@ TEST(Job, ReadsTheServicesObjectTolerantly) {
   }
 }
 
+TEST(Job, KeepsItsPayloadTwice) {
+  JV object = parseJson(R"({"job_id": 1, "payload": "a long enough text to lie apart", "x": [2],
+                            "label": "l", "kind": "k", "task_space": "t", "files": []})");
+  const char* text = object.find("payload")->asString()->data();
+  const auto job = Job::from(std::move(object));
+  EXPECT_EQ(job->payload.data(), text) << "copied";
+  EXPECT_EQ(job->raw, parseJson(R"({"x": [2]})"));
+}
+
 class FileStagerTest : public testing::Test {
  protected:
   /// The payload, or the failure. Every download has the checksum "sum".
@@ -61,6 +70,47 @@ class FileStagerTest : public testing::Test {
   RecordingLog log;
   Lines destinations;
 };
+
+/// A file whose checksum is right.
+JobFile fileNamed(const std::string& name) { return {name, "/u", "sum"}; }
+
+TEST_F(FileStagerTest, ReplacesAPlaceholderThatIsNone) {
+  const struct {
+    std::vector<JobFile> files;
+    const char* payload;
+    const char* staged;
+  } table[] = {
+      {{fileNamed("a"), fileNamed("b")},
+       "__VERDO_FILE__b____VERDO_FILE__a__ __VERDO_FILE__a_ __VERDO_FILE__c__ __VERDO_FILE__a",
+       R"("/d/b""/d/a" __VERDO_FILE__a_ __VERDO_FILE__c__ __VERDO_FILE__a)"},
+      // The longest name counts, whatever the order of the files.
+      {{fileNamed("a"), fileNamed("a__b"), fileNamed("a__bc")},
+       "__VERDO_FILE__a__b__ __VERDO_FILE__a__bb__ __VERDO_FILE__a__bc_",
+       R"("/d/a__b" "/d/a"bb__ "/d/a"bc_)"},
+      // The first of one name, and nothing in what was put in.
+      {{fileNamed("x"), fileNamed("x"), fileNamed("__VERDO_FILE__x")},
+       "__VERDO_FILE____VERDO_FILE__x__ __VERDO_FILE__x__",
+       R"("/d/__VERDO_FILE__x" "/d/x")"},
+      {{fileNamed("_")}, "__VERDO____VERDO_FILE_____", R"(__VERDO__"/d/_")"}};
+  for (const auto& row : table) EXPECT_EQ(stage(row.files, row.payload), row.staged);
+}
+
+TEST_F(FileStagerTest, NamesThatDifferInCaseAreOneFile) {
+  stage({fileNamed("A"), fileNamed("a"), fileNamed("2-a"), fileNamed("b"), fileNamed("A")}, "");
+  EXPECT_THAT(destinations, testing::ElementsAre("/d/A", "/d/2-a", "/d/2-2-a", "/d/b", "/d/3-A"));
+}
+
+TEST_F(FileStagerTest, TakesTimeThatGrowsWithTheSquare) {
+  constexpr int kPlaceholders = 160'000;
+  constexpr int kFiles = 8'000;
+  std::string payload;
+  for (int i = 0; i < kPlaceholders; ++i) payload += "__VERDO_FILE__a__";
+  const auto begin = std::chrono::steady_clock::now();
+  const std::string staged = stage({kFiles, fileNamed("a")}, payload);
+  EXPECT_EQ(staged.size(), kPlaceholders * std::string_view(R"("/d/a")").size());
+  EXPECT_EQ(std::set(destinations.begin(), destinations.end()).size(), kFiles + 0u);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
+}
 
 TEST(StagingDirectory, IsPrivateAndGoesWithItsContent) {
   const TempDir home;

@@ -12,7 +12,7 @@ namespace {
 /// How the reading of a reply ends: "text|model|usage", or "category retryable?: message".
 std::string outcome(int status, const std::string& body) {
   try {
-    const auto completion = ChatRequest::read({status, body}, parseJson(R"({"model": "asked"})"));
+    const auto completion = ChatRequest::read({status, body}, "asked");
     return fmt::format("{}|{}|{}", completion.text, completion.model,
                        completion.usage ? PyJSON::text(*completion.usage) : "none");
   } catch (const LLMCallError& error) {
@@ -41,6 +41,14 @@ TEST(ChatRequest, SendsWhatThePayloadDidNotAskFor) {
   for (const auto& [payload, body] : table) {
     EXPECT_EQ(PyJSON::text(ChatRequest::body(parseJson(payload))), body);
   }
+}
+
+TEST(ChatRequest, KeepsThePromptTwice) {
+  JV payload = parseJson(R"({"model": "m", "prompt": "a long enough text to lie apart"})");
+  const char* text = payload.find("prompt")->asString()->data();
+  const JV body = ChatRequest::body(std::move(payload));
+  const JV& message = body.find("messages")->asArray()->front();
+  EXPECT_EQ(message.find("content")->asString()->data(), text) << "copied";
 }
 
 TEST(ChatRequest, MisjudgesAReply) {

@@ -78,6 +78,28 @@ TEST_F(ServeLoop, UnusableJobStopsTheLoop) {
   EXPECT_THAT(observer->events(), Contains("started 42 17 run"));
 }
 
+TEST_F(ServeLoop, UnreadableJobStopsAllPolling) {
+  timings.emptyPollPause = 50ms;
+  const std::string deep = std::string(600, '[') + std::string(600, ']');
+  const std::pair<std::string, std::string> defects[] = {
+      {R"("payload":1e400)", "number out of range at position 28"},
+      {R"("payload":)" + deep, "nested more than 512 levels deep"},
+      {"\"payload\":\"say \xff\"", "not UTF-8 at position 33"}};
+  for (const auto& [member, defect] : defects) {
+    answerPoll(R"({"job":{"label":1,)" + member + R"(,"job_id":9}})");
+  }
+  answerPoll(R"({"job":{"job_id":10,"payload":"say \ud83d!"}})");
+  config.serveJobs = 1;
+  EXPECT_EQ(run(), ExitReason::clean());
+  std::vector<std::string> refusals;
+  for (const auto& [member, defect] : defects) {
+    refusals.push_back("job 9: unreadable (" + defect + ") — refusing");
+  }
+  EXPECT_THAT(texts('w'), testing::IsSupersetOf(refusals));
+  EXPECT_THAT(observer->events(), Contains("started 10 job-10 run"));
+  EXPECT_GE(gaps("poll").at(1), 48) << "asked again and again without a pause";
+}
+
 TEST_F(ServeLoop, JobOfABusyLaneRunsOrIsNotRefused) {
   addJob(waitScript(), {.label = "mail, ä/~"});
   start();

@@ -3,7 +3,11 @@
 #include "VerdoDriverCore/Values/PyValue.h"
 #include "tests/Support/FailureOf.h"
 
+#include <random>
+#include <type_traits>
+
 #include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
 
 namespace verdo {
 namespace {
@@ -33,16 +37,22 @@ TEST(JsonReader, RefusesWithOneReadableLine) {
                                           "\"\xff\"",
                                           "\"\xc3\"",
                                           "[\"\xed\xa0\x80\"]",
-                                          "\"\\ud83d\"",
-                                          "\"\\udc00\"",
-                                          "\"\\ud83d\\u0041\"",
+                                          "\"\\u12g4\"",
+                                          "\"\\ud83d\\u\"",
+                                          "\"a",
+                                          "-",
+                                          "1.",
+                                          "1e",
+                                          "{\"a\" 1}",
+                                          "{\"a\":1]",
+                                          "[1}",
+                                          "[\"\xef\xbf\"]",
                                           "1\0"s,
                                           "1\0junk"s,
                                           "\"" + std::string(5000, 'x') + "\n\""}) {
     const std::string failure = failureOf([&] { parseJson(text); });
     EXPECT_THAT(failure, testing::MatchesRegex("JSONDecodeError: [^\n]+")) << text;
-    EXPECT_THAT(failure, testing::Not(testing::HasSubstr("json.exception")));
-    EXPECT_LE(failure.size(), 600u);
+    EXPECT_LE(failure.size(), 100u);
   }
 }
 
@@ -59,6 +69,176 @@ TEST(JsonReader, BoundsTheDepth) {
   EXPECT_NE(failureOf([&] { parseJson(nested(300, "[{\"a\":", "}]")); }), "");
   EXPECT_NE(failureOf([&] { parseJson(std::string(1'000'000, '[')); }), "");
 }
+
+/// The text of what a tolerant reading gives, and its defect.
+std::pair<std::string, std::string> readTolerantly(std::string_view text) {
+  const JsonReading reading = readJson(text);
+  return {PyJSON::text(reading.value), reading.defect.value_or("")};
+}
+
+TEST(JsonReader, OneBadValueCostsTheWholeReply) {
+  const std::string deep(513, '[');
+  const std::string shallow(513, ']');
+  const struct {
+    std::string text, value, defect;
+  } table[] = {{R"([1e400, -1e400, 1e-400, 2])", "[null, null, 0.0, 2]",
+                "number out of range at position 1"},
+               {R"({"a": [[1]], "b": )" + deep + "{\"c\": \"\\n\"}" + shallow + R"(, "id": 7})", "",
+                "nested more than 512 levels deep"},
+               {"[\"a\xc3\", \"\xff\xef\xbf\xbd\"]", R"(["a\ufffd", "\ufffd\ufffd"])",
+                "not UTF-8 at position 3"}};
+  for (const auto& row : table) {
+    const auto [value, defect] = readTolerantly(row.text);
+    if (!row.value.empty()) {
+      EXPECT_EQ(value, row.value);
+    }
+    EXPECT_EQ(defect, row.defect);
+    EXPECT_EQ(failureOf([&] { parseJson(row.text); }), "JSONDecodeError: " + row.defect);
+    EXPECT_NE(failureOf([&] { readJson(row.text + "]"); }), "");
+  }
+  EXPECT_EQ(*readJson(table[1].text).value.find("id"), JV(7));
+  EXPECT_NE(failureOf([&] { readJson(std::string(1'000'000, '[')); }), "");
+}
+
+TEST(JsonReader, HalfASurrogatePairMakesATextUnreadable) {
+  const std::pair<const char*, const char*> table[] = {
+      {R"("\ud83d")", "\xef\xbf\xbd"},
+      {R"("a\udc00b")",
+       "a\xef\xbf\xbd"
+       "b"},
+      {R"("\ud83d\u0041")",
+       "\xef\xbf\xbd"
+       "A"},
+      {R"("\ud83d\n")", "\xef\xbf\xbd\n"},
+      {R"("\ud83d\ud83d\ude00")", "\xef\xbf\xbd😀"},
+      {R"("\uD83D\uDE00\ude00")", "😀\xef\xbf\xbd"}};
+  for (const auto& [text, value] : table) {
+    EXPECT_EQ(parseJson(text), JV(value)) << text;
+    EXPECT_EQ(readTolerantly(text).second, "") << text;
+  }
+}
+
+TEST(JsonReader, SmallValuesCostManyTimesTheirText) {
+  const auto list = [](std::size_t count) {
+    std::string text = "[0";
+    for (std::size_t i = 1; i < count; ++i) text += i % 2 ? ",0" : ",[]";
+    return text + "]";
+  };
+  EXPECT_EQ(parseJson(list(kMaxJsonValues - 1)).asArray()->size(), kMaxJsonValues - 1);
+  EXPECT_EQ(failureOf([&] { parseJson(list(kMaxJsonValues)); }),
+            "JSONDecodeError: more than 500000 values");
+  const auto reading =
+      readJson(R"({"job": {"files": )" + list(kMaxJsonValues + 9) + R"(, "job_id": 7}, "b": {}})");
+  EXPECT_EQ(reading.defect, "more than 500000 values");
+  EXPECT_LT(reading.value.find("job")->find("files")->asArray()->size(), kMaxJsonValues);
+  ASSERT_TRUE(reading.value.find("job")->find("job_id") && reading.value.find("b"));
+  EXPECT_EQ(*reading.value.find("job")->find("job_id"), JV(7));
+  EXPECT_EQ(*reading.value.find("b"), JV(JV::Object{}));
+  std::string flood = R"({"job": {)";
+  for (std::size_t i = 0; i < kMaxJsonValues; ++i) flood += "\"\": {}, ";
+  EXPECT_EQ(readTolerantly(flood + R"("job_id": 7}})").second, "more than 500000 values");
+}
+
+TEST(JsonReader, LongTextsTakeMoreRoomThanTheyNeed) {
+  const JV value = parseJson("\"" + std::string(100'000, 'x') + "\\n\\u00e9\"");
+  EXPECT_EQ(value.asString()->size(), 100'003u);
+  EXPECT_EQ(value.asString()->capacity(), 100'003u);
+}
+
+TEST(JsonReader, FirstOfARepeatedKeyWins) {
+  EXPECT_EQ(PyJSON::text(parseJson(R"({"b": 1, "a": 2, "b": {"c": 3, "c": 4}, "a": 5, "d": 6,
+                                       "b": 7})")),
+            R"({"b": 7, "a": 5, "d": 6})");
+  EXPECT_EQ(PyJSON::text(parseJson(R"([{"": [1], "x": 0, "": [2]}])")), R"([{"": [2], "x": 0}])");
+}
+
+JV fromReference(const nlohmann::ordered_json& value) {
+  if (value.is_boolean()) return value.get<bool>();
+  if (value.is_number_float()) return value.get<double>();
+  if (value.is_number_unsigned() && value.get<std::uint64_t>() > INT64_MAX) {
+    return value.get<double>();
+  }
+  if (value.is_number()) return value.get<std::int64_t>();
+  if (value.is_string()) return value.get<std::string>();
+  JV::Array items;
+  JV::Object members;
+  for (const auto& [key, item] : value.items()) {
+    if (value.is_object()) members.push_back({key, fromReference(item)});
+    if (value.is_array()) items.push_back(fromReference(item));
+  }
+  if (value.is_null()) return nullptr;
+  return value.is_object() ? JV(members) : JV(items);
+}
+
+// Texts put together at random, most of them nearly JSON.
+TEST(JsonReader, DisagreesWithAnotherReader) {
+  constexpr std::string_view kParts[] = {"{",
+                                         "{",
+                                         "}",
+                                         "[",
+                                         "[",
+                                         "]",
+                                         "]",
+                                         ",",
+                                         ",",
+                                         ",",
+                                         ":",
+                                         ":",
+                                         "\"a\"",
+                                         "\"b\":",
+                                         "\"",
+                                         "\\n",
+                                         "\\u00E9",
+                                         "é",
+                                         "😀",
+                                         " ",
+                                         "\n",
+                                         "true",
+                                         "false",
+                                         "null",
+                                         "0",
+                                         "-",
+                                         "1",
+                                         "-0",
+                                         ".5",
+                                         "e3",
+                                         "E-40",
+                                         "1e309",
+                                         "007",
+                                         "2.50",
+                                         "tru",
+                                         "\xc3",
+                                         "\x01",
+                                         "\"\\/\"",
+                                         "[]",
+                                         "{}",
+                                         "18446744073709551615",
+                                         "9223372036854775808",
+                                         "-9223372036854775808"};
+  std::mt19937 random(7);
+  const auto upTo = [&](std::size_t count) { return random() % count; };
+  int sound = 0;
+  for (int i = 0; i < 50'000; ++i) {
+    std::string text = upTo(2) == 0 ? "[" : "{\"a\":";
+    const char close = text == "[" ? ']' : '}';
+    for (std::size_t parts = upTo(6); parts > 0; --parts) text += kParts[upTo(std::size(kParts))];
+    text += close;
+    const auto expected = nlohmann::ordered_json::parse(text, nullptr, false);
+    std::optional<JV> value;
+    if (failureOf([&] { value = parseJson(text); }).empty()) ++sound;
+    ASSERT_EQ(value.has_value(), !expected.is_discarded()) << text;
+    if (value) {
+      ASSERT_EQ(*value, fromReference(expected)) << text;
+    }
+  }
+  EXPECT_GT(sound, 500);
+}
+
+// A pointer would otherwise pass for a truth value.
+static_assert(std::is_constructible_v<JV, bool> && std::is_constructible_v<JV, const char*>);
+static_assert(!std::is_constructible_v<JV, const void*> && !std::is_constructible_v<JV, JV*> &&
+              !std::is_constructible_v<JV, const unsigned char*> &&
+              !std::is_constructible_v<JV, int JV::Member::*>);
 
 std::pair<std::string, bool> readStr(const char* json) {
   const JV value = parseJson(json);

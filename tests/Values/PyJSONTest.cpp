@@ -1,3 +1,4 @@
+#include "VerdoDriverCore/Network/LineBatch.h"
 #include "VerdoDriverCore/Values/PyJSON.h"
 #include "VerdoDriverCore/Values/Utf8.h"
 
@@ -102,6 +103,37 @@ TEST(PyJSON, EscapesAnywhereInABlock) {
       }
     }
   }
+}
+
+// Long texts are escaped in pieces of 64 KiB: no character may fall apart at a cut.
+TEST(PyJSON, CutsALongTextInsideACharacter) {
+  for (const std::string& text :
+       {"é"s, "€"s, "😀"s, "😀\x80"s, "\x80\x80\x80\x80\x80"s, "\xf0\x9f\x98"s}) {
+    std::string escaped;
+    PyJSON::writeString(text, escaped);
+    escaped = escaped.substr(1, escaped.size() - 2);
+    for (std::size_t before = 65'536 - 6; before <= 65'536; ++before) {
+      const std::string head(before, 'h');
+      const std::string tail(65'536, 't');
+      const std::string expected = "\"" + head + escaped + tail + "\"";
+      std::string out;
+      PyJSON::writeString(head + text + tail, out);
+      ByteBuffer buffer;
+      PyJSON::writeString(head + text + tail, buffer);
+      LineBatch batch;
+      batch.add(head + text + tail);
+      ASSERT_TRUE(out == expected) << escaped << " behind " << before;
+      ASSERT_TRUE(buffer.view() == expected) << escaped << " behind " << before;
+      const ByteBuffer body = std::move(batch).finish();
+      ASSERT_TRUE(body.view() == "{\"lines\": [" + expected + "]}") << escaped;
+    }
+  }
+}
+
+TEST(PyJSON, LongTextsTakeMoreRoomThanTheyNeed) {
+  std::string out;
+  PyJSON::writeString(std::string(1 << 20, 'x'), out);
+  EXPECT_LE(out.capacity(), 3u << 20);
 }
 
 TEST(Utf8, CutsCharactersNotBytes) {
