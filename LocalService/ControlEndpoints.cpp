@@ -1,6 +1,7 @@
 #include "LocalService/ControlEndpoints.h"
 
 #include "LocalService/ControlJson.h"
+#include "LocalService/Secret.h"
 
 #include <algorithm>
 #include <sstream>
@@ -60,11 +61,20 @@ std::optional<Route> ControlEndpoints::match(std::string_view, std::string_view 
                .observed = false};
 }
 
-void ControlEndpoints::dispatch(Exchange& exchange, const Words& words) const {
+void ControlEndpoints::authorize(const httplib::Request& request) const {
   // Browsers name the page's origin; no script or test does.
-  if (exchange.request.has_header("Origin")) {
+  if (request.has_header("Origin")) {
     throw HttpError(403, "the control interface does not serve web pages");
   }
+  if (!isBearer(request.get_header_value("Authorization"), token_)) {
+    throw HttpError(401,
+                    "the control interface wants the header \"Authorization: Bearer\" with the "
+                    "control token, which the service printed at start");
+  }
+}
+
+void ControlEndpoints::dispatch(Exchange& exchange, const Words& words) const {
+  authorize(exchange.request);
   const std::string first = words.empty() ? "" : words[0];
   const bool served = first == "jobs"       ? jobs_.serve(exchange, words)
                       : first == "faults"   ? faults(exchange, words)

@@ -4,22 +4,26 @@
 #include "LocalService/LocalService.h"
 #include "LocalService/Routes.h"
 
+#include <string>
+#include <utility>
 #include <vector>
 
 namespace verdo::local {
 
-/// /control/…: what the C++ interface of the service offers, for scripts (see README.md). No token
-/// is asked for; requests that a web page made are refused.
+/// /control/…: what the C++ interface of the service offers, for scripts (see README.md). Who may
+/// queue a job makes the driver's user run it, so the control token is wanted, which only the one
+/// who started the service knows; requests that a web page made are refused.
 class ControlEndpoints final : public RouteGroup {
  public:
   /// All outlive this; `service` may still be in the making, `jobs` and `files` are its own.
-  ControlEndpoints(LocalService& service, Jobs& jobs, const FileStore& files)
-      : service_(service), jobs_(jobs, files) {}
+  ControlEndpoints(LocalService& service, Jobs& jobs, const FileStore& files, std::string token)
+      : service_(service), jobs_(jobs, files), token_(std::move(token)) {}
   std::optional<Route> match(std::string_view method, std::string_view path) override;
 
  private:
   using Words = std::vector<std::string>;  // of the path, behind /control/
 
+  void authorize(const httplib::Request& request) const;
   void dispatch(Exchange& exchange, const Words& words) const;
   bool faults(Exchange& exchange, const Words& words) const;
   bool outage(Exchange& exchange) const;
@@ -30,6 +34,7 @@ class ControlEndpoints final : public RouteGroup {
 
   LocalService& service_;
   const ControlJobs jobs_;
+  const std::string token_;
 };
 
 }  // namespace verdo::local

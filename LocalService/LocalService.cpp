@@ -32,7 +32,8 @@ struct LocalService::Impl {
         providerEndpoints(providerRules, options.providerKey),
         pairingEndpoints(pairings, token),
         manifestEndpoints(manifest),
-        controlEndpoints(service, jobs, files) {
+        controlToken(options.controlToken.empty() ? randomSecret("vdc_") : options.controlToken),
+        controlEndpoints(service, jobs, files, controlToken) {
     dispatcher.addRoutes(driverEndpoints);
     dispatcher.addRoutes(fileEndpoints);
     dispatcher.addRoutes(providerEndpoints);
@@ -60,6 +61,7 @@ struct LocalService::Impl {
   ProviderEndpoints providerEndpoints;
   PairingEndpoints pairingEndpoints;
   ManifestEndpoints manifestEndpoints;
+  const std::string controlToken;
   ControlEndpoints controlEndpoints;
 };
 
@@ -104,6 +106,8 @@ std::string LocalService::providerUrl() const {
 }
 
 const std::string& LocalService::providerKey() const { return impl_->options.providerKey; }
+
+const std::string& LocalService::controlToken() const { return impl_->controlToken; }
 
 Jobs& LocalService::jobs() { return impl_->jobs; }
 

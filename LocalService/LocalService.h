@@ -21,6 +21,8 @@ namespace verdo::local {
 struct LocalServiceOptions {
   std::uint16_t port = 0;  ///< on 127.0.0.1; 0 picks a free one
   std::string token{};     ///< driver token; empty: a random one
+  /// That the control interface asks for; empty: a random one.
+  std::string controlToken{};
   /// Certificate chain and private key, PEM files; both (then the service speaks TLS) or neither.
   std::filesystem::path certificate{};
   std::filesystem::path privateKey{};
@@ -75,6 +77,7 @@ class LocalService {
   std::string token() const;        ///< the driver token that is good now
   std::string providerUrl() const;  ///< {url}/llm: POST /v1/chat/completions, GET /models
   const std::string& providerKey() const;
+  const std::string& controlToken() const;  ///< that /control/ asks for
 
   // -- What it works with, and what happened ------------------------------------------------
 

@@ -14,6 +14,9 @@ namespace {
 
 constexpr int kUsageError = 2;
 
+/// Not an option: every user of the machine can read the command lines of all programs.
+constexpr const char* kControlTokenVariable = "VERDO_CONTROL_TOKEN";
+
 int serve(const verdo::local::LocalServiceOptions& options) {
   // Blocked before the first thread exists, so that sigwait below is the only taker.
   sigset_t ends;
@@ -28,8 +31,8 @@ int serve(const verdo::local::LocalServiceOptions& options) {
     std::cerr << "verdo-local-service: " << error.what() << "\n";
     return EXIT_FAILURE;
   }
-  std::cout << "listening on " << service.url() << "\ntoken " << service.token() << "\nprovider "
-            << service.providerUrl() << "\n"
+  std::cout << "listening on " << service.url() << "\ntoken " << service.token() << "\ncontrol "
+            << service.controlToken() << "\nprovider " << service.providerUrl() << "\n"
             << std::flush;
   int signal = 0;
   sigwait(&ends, &signal);
@@ -41,8 +44,11 @@ int serve(const verdo::local::LocalServiceOptions& options) {
 
 int main(int argc, char** argv) {
   CLI::App app("Stand-in on loopback of the Verdo web service, for demos, tests and benchmarks.");
+  app.footer(std::string(kControlTokenVariable) +
+             " in the environment is the token of the control interface (default: a random one).");
   verdo::local::LocalServiceOptions options;
   options.port = 8765;
+  if (const char* token = std::getenv(kControlTokenVariable)) options.controlToken = token;
   double lease = 60;
   app.add_option("--port", options.port, "port on 127.0.0.1; 0 picks a free one")
       ->capture_default_str();

@@ -6,9 +6,12 @@ const kShownLine = 160 // characters
 
 /** The running local service, spoken to through its control interface. */
 export class Service {
-  constructor(url, token, provider) {
+  #controlToken
+
+  constructor(url, token, controlToken, provider) {
     this.url = url
     this.token = token
+    this.#controlToken = controlToken
     this.provider = provider // base URL of the LLM provider's stand-in
   }
 
@@ -18,21 +21,24 @@ export class Service {
     const lines = createInterface({ input: child.stdout })
     const ready = new Promise((resolve) => {
       lines.on('line', (line) => {
-        const [, key, value] = /^(listening on|token|provider) (\S+)$/.exec(line) ?? []
+        const [, key, value] = /^(listening on|token|control|provider) (\S+)$/.exec(line) ?? []
         announced[key] = value
-        if (announced['listening on'] && announced.token && announced.provider) resolve(true)
+        if (announced.provider) resolve(true) // the last of them
       })
     })
     const late = new Promise((resolve) => setTimeout(resolve, kStartLimit, false).unref())
     if (await Promise.race([ready, late, ended.then(() => false)]) !== true) {
       throw new Error('the local service did not start')
     }
-    return new Service(announced['listening on'], announced.token, announced.provider)
+    return new Service(announced['listening on'], announced.token, announced.control, announced.provider)
   }
 
   async #call(path, method = 'GET', body = undefined) {
-    const response = await fetch(`${this.url}/control/${path}`,
-      { method, body: body === undefined ? undefined : JSON.stringify(body) })
+    const response = await fetch(`${this.url}/control/${path}`, {
+      method,
+      headers: { authorization: `Bearer ${this.#controlToken}` },
+      body: body === undefined ? undefined : JSON.stringify(body),
+    })
     const reply = await response.json()
     if (!response.ok) throw new Error(`${method} ${path}: ${reply.error}`)
     return reply

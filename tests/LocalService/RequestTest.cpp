@@ -1,5 +1,6 @@
 #include "LocalService/LocalService.h"
 
+#include <map>
 #include <memory>
 #include <string>
 
@@ -14,8 +15,12 @@ TEST(LocalServiceRequest, WaitsForABodyThatIsNotAnnounced) {
   local::LocalService service;
   service.start();
   const auto url = service.url() + "/control/reset";
+  const auto token = "Authorization: Bearer " + service.controlToken();
   const std::unique_ptr<CURL, void (*)(CURL*)> curl(curl_easy_init(), curl_easy_cleanup);
+  const std::unique_ptr<curl_slist, void (*)(curl_slist*)> headers(
+      curl_slist_append(nullptr, token.c_str()), curl_slist_free_all);
   curl_easy_setopt(curl.get(), CURLOPT_URL, url.c_str());
+  curl_easy_setopt(curl.get(), CURLOPT_HTTPHEADER, headers.get());
   curl_easy_setopt(curl.get(), CURLOPT_CUSTOMREQUEST, "POST");  // as curl -X POST: no length
   curl_easy_setopt(curl.get(), CURLOPT_TIMEOUT, 5L);
   const auto ignore = [](char*, std::size_t size, std::size_t count, void*) {
@@ -26,6 +31,24 @@ TEST(LocalServiceRequest, WaitsForABodyThatIsNotAnnounced) {
   long status = 0;
   curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &status);
   EXPECT_EQ(status, 200);
+}
+
+TEST(LocalServiceControl, ServesThoseWhoDidNotStartIt) {
+  local::LocalService service;
+  service.start();
+  httplib::Client client(service.url());
+  for (const auto& [given, status] : std::map<std::string, int>{
+           {"Bearer " + service.controlToken(), 200},
+           {"Bearer " + service.token(), 401},
+           {service.controlToken(), 401},
+           {"Bearer ", 401},
+           {"", 401},
+       }) {
+    const auto reply = client.Post("/control/jobs", {{"Authorization", given}}, "{}", "");
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->status, status) << given << " " << reply->body;
+  }
+  EXPECT_EQ(service.jobs().list().size(), 1u);
 }
 
 TEST(LocalServiceRequest, ServesAForeignWebPage) {
