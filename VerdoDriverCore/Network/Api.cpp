@@ -1,6 +1,7 @@
 #include "VerdoDriverCore/Network/Api.h"
 
 #include "VerdoDriverCore/Contract/Protocol.h"
+#include "VerdoDriverCore/Network/BodyQueue.h"
 #include "VerdoDriverCore/Network/FileDownload.h"
 #include "VerdoDriverCore/Values/JsonReader.h"
 #include "VerdoDriverCore/Values/PyJSON.h"
@@ -192,16 +193,44 @@ Api::Reply Api::request(const Call& call) {
 
 HttpResult Api::perform(HttpRequest request, bool untilStop) {
   std::int64_t identifier = 0;
-  const auto enter = [&](const std::shared_ptr<HttpTask>& task) {
-    MutexLock lock(pollLock_);
+  const auto begin = [&](const std::shared_ptr<HttpTask>& task) {
     identifier = task->identifier();
-    inFlight_.emplace(identifier, InFlight{task, untilStop});
-    if (untilStop && pollingStopped_) task->cancel();
+    enter(task, untilStop);
   };
-  HttpResult result = session_->perform(std::move(request), enter);
+  HttpResult result = session_->perform(std::move(request), begin);
+  leave(identifier);
+  return result;
+}
+
+/// Sends the request and writes the reply's body as it comes, on this thread.
+HttpResult Api::performInto(FileDownload& file, HttpRequest request) {
+  const auto queue = std::make_shared<BodyQueue>();
+  request.sink = queue;
+  const auto task = session_->task(std::move(request),
+                                   [queue](HttpResult result) { queue->end(std::move(result)); });
+  enter(task, true);
+  task->start();
+  try {
+    ByteBuffer bytes;
+    while (queue->next(bytes, *task)) file.write(bytes.view());
+  } catch (...) {
+    task->cancel();
+    leave(task->identifier());
+    throw;
+  }
+  leave(task->identifier());
+  return queue->takeResult();
+}
+
+void Api::enter(const std::shared_ptr<HttpTask>& task, bool untilStop) {
+  MutexLock lock(pollLock_);
+  inFlight_.emplace(task->identifier(), InFlight{task, untilStop});
+  if (untilStop && pollingStopped_) task->cancel();
+}
+
+void Api::leave(std::int64_t identifier) {
   MutexLock lock(pollLock_);
   inFlight_.erase(identifier);
-  return result;
 }
 
 std::string Api::download(const std::string& url, const std::string& destination,
@@ -212,19 +241,12 @@ std::string Api::download(const std::string& url, const std::string& destination
   if (!Url::parse(request.url)) throw PyError("ValueError", "bad file URL");
   request.timeout = timeout;
   request.followRedirects = true;
-  const auto file = std::make_shared<FileDownload>(destination);
-  request.sink = file;
-  try {
-    const HttpResult result = perform(std::move(request), true);
-    if (file->failure()) throw *file->failure();
-    if (result.error) throw PyError("URLError", result.error->description);
-    const int status = result.response ? result.response->status : 0;
-    if (status < 200 || status > 299) throw PyError("HTTPError", fmt::format("HTTP {}", status));
-    return file->finish();
-  } catch (const PyError&) {
-    file->discard();
-    throw;
-  }
+  FileDownload file(destination);
+  const HttpResult result = performInto(file, std::move(request));
+  if (result.error) throw PyError("URLError", result.error->description);
+  const int status = result.response ? result.response->status : 0;
+  if (status < 200 || status > 299) throw PyError("HTTPError", fmt::format("HTTP {}", status));
+  return file.finish();
 }
 
 void Api::stopPolling() {

@@ -17,6 +17,8 @@
 
 namespace verdo {
 
+class FileDownload;
+
 /// The driver's only door to the service: one method for each endpoint, each blocking its caller
 /// until the reply is there. Many threads call the same Api at once.
 class Api {
@@ -50,8 +52,11 @@ class Api {
 
   /// Downloads a file to `destination` (mode 0600) and gives its SHA-256 in lowercase hexadecimal.
   /// A URL without a scheme is a path on the service. Neither the token nor any header of ours is
-  /// sent, and redirects are followed. Nothing is left behind on failure. Throws PyError:
-  /// "ValueError", "URLError", "HTTPError" or "OSError".
+  /// sent, and redirects are followed. The file is written by this thread: a slow disk slows the
+  /// transfer without failing it. While the disk does not answer at all, this call does not return,
+  /// cancelled or not, for nothing can end a thread that waits for a disk; no other call is held
+  /// up. Nothing is left behind on failure. Throws PyError: "ValueError", "URLError", "HTTPError"
+  /// or "OSError".
   std::string download(const std::string& url, const std::string& destination, Duration timeout);
 
   /// Takes no new work: cancels the hello, poll and downloads in flight, and refuses later ones as
@@ -82,6 +87,9 @@ class Api {
 
   Reply request(const Call& call);
   HttpResult perform(HttpRequest request, bool untilStop) EXCLUDES(pollLock_);
+  HttpResult performInto(FileDownload& file, HttpRequest request) EXCLUDES(pollLock_);
+  void enter(const std::shared_ptr<HttpTask>& task, bool untilStop) EXCLUDES(pollLock_);
+  void leave(std::int64_t identifier) EXCLUDES(pollLock_);
   Headers protocolHeaders() const;
   JV post(const std::string& path, std::shared_ptr<const ByteBuffer> body);
 
