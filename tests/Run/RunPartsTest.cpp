@@ -34,7 +34,7 @@ TEST(SpacePattern, GivesUpOnAHopelessSearch) {
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
 }
 
-TEST(StderrLogSink, PassesCommandsToTheTerminalOrHidesTheLevel) {
+TEST(StderrLogSink, PassesCommandsToTheTerminalOrForgesAnEntryOrHidesTheLevel) {
   Pipe pipe = Pipe::make();
   const UniqueFd before(::dup(STDERR_FILENO));
   ::dup2(pipe.writeEnd.get(), STDERR_FILENO);
@@ -44,7 +44,7 @@ TEST(StderrLogSink, PassesCommandsToTheTerminalOrHidesTheLevel) {
   StderrLogSink(true).error("a");
   ::dup2(before.get(), STDERR_FILENO);
   pipe.writeEnd.reset();
-  EXPECT_THAT(lines.all(), ElementsAre("! \\x1b[2J\tb", "c\\x0dd\\x7f\\x08\\x9b\xef\xbf\xbd é",
+  EXPECT_THAT(lines.all(), ElementsAre("! \\x1b[2J\tb", "  c\\x0dd\\x7f\\x08\\x9b\xef\xbf\xbd é",
                                        "\x1b[31m✗ \x1b[0ma"));
 }
 
