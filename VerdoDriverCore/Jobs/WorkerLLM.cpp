@@ -39,7 +39,7 @@ void Worker::runLLM() {
     client = std::make_shared<ChatClient>(
         host_->llmKey(), host_->llmBase(),
         [this](const std::string& text) { host_->log().info(prefixed(text)); },
-        host_->providerSession());
+        host_->providerSession(), host_->api().scrub());
   } catch (const PyError& error) {
     const std::string text = fmt::format("bad LLM base URL: {}", error.what());
     host_->log().error(prefixed(text));

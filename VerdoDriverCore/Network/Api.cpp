@@ -6,7 +6,6 @@
 #include "VerdoDriverCore/Values/JsonReader.h"
 #include "VerdoDriverCore/Values/PyJSON.h"
 #include "VerdoDriverCore/Values/Url.h"
-#include "VerdoDriverCore/Values/Utf8.h"
 
 #include <algorithm>
 #include <array>
@@ -25,10 +24,6 @@ constexpr auto kPollMargin = seconds(20);
 constexpr auto kPostTimeout = seconds(45);
 
 constexpr std::size_t kQuotedBody = 300;  // characters of an error's body that a message quotes
-
-[[noreturn]] void failServer(const std::string& message) {
-  throw ServerError(ServerError::Kind::server, message);
-}
 
 /// Which bytes Python's quote leaves as they are: letters, digits and "_.-~/".
 constexpr std::array<bool, 256> kKeptByQuote = [] {
@@ -55,36 +50,11 @@ void appendQuoted(std::string& out, std::string_view text) {
   }
 }
 
-/// The beginning of an error's body, for a message. Should the service quote our token in it, the
-/// token is left out: messages reach the log.
-std::string quoted(const std::string& body, const std::string& token) {
-  constexpr std::size_t kEnough = 4 * kQuotedBody;  // a character has at most 4 bytes
-  std::string text;
-  for (std::size_t at = 0; at < body.size() && text.size() < kEnough;) {
-    const auto found = token.empty() ? std::string::npos : body.find(token, at);
-    text.append(body, at, std::min(found - at, kEnough));
-    if (found == std::string::npos) break;
-    text += "…";
-    at = found + token.size();
-  }
-  return firstCharacters(text, kQuotedBody);
-}
-
-JV parseObject(const std::string& body, const std::string& call) {
-  JV value;
-  try {
-    value = parseJson(body);
-  } catch (const PyError& error) {
-    failServer(fmt::format("{} -> {}", call, pyDescribe(error)));
-  }
-  if (!value.asObject()) failServer(call + " -> JSONDecodeError: body is not an object");
-  return value;
-}
-
 }  // namespace
 
 Api::Api(Options options, std::shared_ptr<HttpSession> session)
     : options_(std::move(options)), session_(std::move(session)) {
+  options_.scrub.add(options_.token);
   options_.base = withoutTrailingSlashes(std::move(options_.base));
   // The paths of the calls are sound by construction.
   isBaseValid_ = Url::parse(options_.base).has_value();
@@ -136,7 +106,7 @@ JV Api::post(const std::string& path, std::shared_ptr<const ByteBuffer> body) {
   call.body = std::move(body);
   call.timeout = kPostTimeout;
   Reply reply = request(call);
-  if (reply.throttled) failServer(*reply.throttled);
+  if (reply.throttled) fail(ServerError::Kind::server, *reply.throttled);
   return reply.object ? std::move(*reply.object) : JV(JV::Object{});
 }
 
@@ -153,7 +123,7 @@ Api::Reply Api::request(const Call& call) {
   HttpRequest request;
   request.method = call.method;
   request.url = options_.base + call.path;
-  if (!isBaseValid_) failServer(name + " -> ValueError: bad URL");
+  if (!isBaseValid_) fail(ServerError::Kind::server, name + " -> ValueError: bad URL");
   request.timeout = call.timeout;
   if (const auto cap = options_.timeoutCap()) {
     request.timeout = std::min(request.timeout, fromSeconds(*cap));
@@ -167,28 +137,45 @@ Api::Reply Api::request(const Call& call) {
 
   const HttpResult result = perform(std::move(request), call.untilStop);
   if (result.error) {
-    failServer(
-        fmt::format("{} -> {}: {}", name, errorName(*result.error), result.error->description));
+    fail(ServerError::Kind::server,
+         fmt::format("{} -> {}: {}", name, errorName(*result.error), result.error->description));
   }
-  if (!result.response) failServer(name + " -> URLError: no response");
+  if (!result.response) fail(ServerError::Kind::server, name + " -> URLError: no response");
   const auto& [status, body] = *result.response;
   if (status < 400) {
     if (status == 204 || body.empty()) return {};
     return {parseObject(body, name), std::nullopt};
   }
   const std::string message =
-      fmt::format("{} -> {}: {}", name, status, quoted(body, options_.token));
+      fmt::format("{} -> {}: {}", name, status, scrub().excerpt(body, kQuotedBody));
   switch (status) {
     case 401:
-      throw ServerError(ServerError::Kind::auth, message);
+      fail(ServerError::Kind::auth, message);
     case 426:
-      throw ServerError(ServerError::Kind::outOfDate, message);
+      fail(ServerError::Kind::outOfDate, message);
     case 429:
       interrupted_.waitFor(options_.throttlePause);
       return {std::nullopt, message};
     default:
-      failServer(message);
+      fail(ServerError::Kind::server, message);
   }
+}
+
+JV Api::parseObject(const std::string& body, const std::string& call) const {
+  JV value;
+  try {
+    value = parseJson(body);
+  } catch (const PyError& error) {
+    fail(ServerError::Kind::server, fmt::format("{} -> {}", call, pyDescribe(error)));
+  }
+  if (!value.asObject()) {
+    fail(ServerError::Kind::server, call + " -> JSONDecodeError: body is not an object");
+  }
+  return value;
+}
+
+void Api::fail(ServerError::Kind kind, const std::string& message) const {
+  throw ServerError(kind, scrub().scrubbed(message));
 }
 
 HttpResult Api::perform(HttpRequest request, bool untilStop) {
@@ -243,7 +230,7 @@ std::string Api::download(const std::string& url, const std::string& destination
   request.followRedirects = true;
   FileDownload file(destination);
   const HttpResult result = performInto(file, std::move(request));
-  if (result.error) throw PyError("URLError", result.error->description);
+  if (result.error) throw PyError("URLError", scrub().scrubbed(result.error->description));
   const int status = result.response ? result.response->status : 0;
   if (status < 200 || status > 299) throw PyError("HTTPError", fmt::format("HTTP {}", status));
   return file.finish();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "VerdoDriverCore/Contract/SecretScrub.h"
 #include "VerdoDriverCore/Contract/Timings.h"
 #include "VerdoDriverCore/Network/Errors.h"
 #include "VerdoDriverCore/Network/HttpSession.h"
@@ -30,6 +31,7 @@ class Api {
     std::string token;                        ///< bearer credential
     std::optional<JV> llmInfo;                ///< describes the LLM key; sent in the hello
     std::optional<std::string> clientHeader;  ///< X-VERDO-Driver-Client
+    SecretScrub scrub;                        ///< what no message may hold, besides the token
     /// Upper limit of any request's time-out, seconds; absent: none.
     std::function<std::optional<double>()> timeoutCap = [] { return std::nullopt; };
     Duration throttlePause = Timings().throttlePause;  ///< after a reply with status 429
@@ -37,7 +39,11 @@ class Api {
 
   Api(Options options, std::shared_ptr<HttpSession> session);
 
-  // Every endpoint throws ServerError.
+  /// Knows the token, too.
+  const SecretScrub& scrub() const { return options_.scrub; }
+
+  // Every endpoint throws ServerError. Its message holds no secret; apart from that it quotes the
+  // service as it is: forLog() is for who writes it into a log.
 
   /// What the service says of itself and of us; an empty object when it said nothing.
   JV hello();
@@ -86,6 +92,8 @@ class Api {
   };
 
   Reply request(const Call& call);
+  JV parseObject(const std::string& body, const std::string& call) const;
+  [[noreturn]] void fail(ServerError::Kind kind, const std::string& message) const;
   HttpResult perform(HttpRequest request, bool untilStop) EXCLUDES(pollLock_);
   HttpResult performInto(FileDownload& file, HttpRequest request) EXCLUDES(pollLock_);
   void enter(const std::shared_ptr<HttpTask>& task, bool untilStop) EXCLUDES(pollLock_);

@@ -2,14 +2,13 @@
 
 #include "VerdoDriverCore/Values/JsonReader.h"
 #include "VerdoDriverCore/Values/PyValue.h"
-#include "VerdoDriverCore/Values/Utf8.h"
 
 #include <fmt/format.h>
 
 namespace verdo::ChatRequest {
 namespace {
 
-constexpr std::size_t kExcerpt = 200;  // characters of a refused request's reply
+constexpr std::size_t kExcerpt = 200;  // characters of what a message quotes
 
 JV message(const char* role, const JV* content) {
   return JV::Object{{"role", role}, {"content", pyStr(content).value_or("")}};
@@ -24,7 +23,7 @@ JV messages(const JV& payload) {
   return list;
 }
 
-[[noreturn]] void failStatus(int status, const std::string& body) {
+[[noreturn]] void failStatus(int status, const std::string& body, const SecretScrub& scrub) {
   if (status == 401 || status == 403) {
     throw LLMCallError("permission", fmt::format("provider rejected the key (HTTP {})", status),
                        false);
@@ -34,16 +33,17 @@ JV messages(const JV& payload) {
   }
   const bool transient = status == 429 || status >= 500;
   throw LLMCallError(transient ? "transient" : "validation",
-                     fmt::format("provider HTTP {}: {}", status, excerpt(body, kExcerpt)),
+                     fmt::format("provider HTTP {}: {}", status, scrub.excerpt(body, kExcerpt)),
                      transient);
 }
 
-JV parseReply(const std::string& body) {
+JV parseReply(const std::string& body, const SecretScrub& scrub) {
   JV reply;
   try {
     reply = parseJson(body);
   } catch (const PyError& error) {
-    throw LLMCallError("transient", fmt::format("unreadable provider reply: {}", error.what()),
+    throw LLMCallError("transient",
+                       fmt::format("unreadable provider reply: {}", scrub.scrubbed(error.what())),
                        true);
   }
   if (!reply.asObject()) {
@@ -87,9 +87,10 @@ JV body(const JV& payload) {
   return request;
 }
 
-ChatClient::Completion read(const HttpResponse& response, const JV& payload) {
-  if (response.status != 200) failStatus(response.status, response.body);
-  const JV reply = parseReply(response.body);
+ChatClient::Completion read(const HttpResponse& response, const JV& payload,
+                            const SecretScrub& scrub) {
+  if (response.status != 200) failStatus(response.status, response.body, scrub);
+  const JV reply = parseReply(response.body, scrub);
   const JV* choice = firstChoice(reply);
   const JV* content = member(member(choice, "message"), "content");
   const auto* text = content ? content->asString() : nullptr;
@@ -101,8 +102,9 @@ ChatClient::Completion read(const HttpResponse& response, const JV& payload) {
                          "disable thinking",
                          false);
     }
-    throw LLMCallError("transient", fmt::format("empty completion (finish_reason={})", reason),
-                       true);
+    throw LLMCallError(
+        "transient",
+        fmt::format("empty completion (finish_reason={})", scrub.excerpt(reason, kExcerpt)), true);
   }
   ChatClient::Completion completion;
   completion.text = *text;
@@ -110,10 +112,6 @@ ChatClient::Completion read(const HttpResponse& response, const JV& payload) {
       pyStrIfTruthy(reply.find("model")).value_or(pyStr(payload.find("model")).value_or(""));
   if (const JV* usage = reply.find("usage")) completion.usage = *usage;
   return completion;
-}
-
-std::string excerpt(const std::string& data, std::size_t limit) {
-  return firstCharacters(data, limit);
 }
 
 }  // namespace verdo::ChatRequest

@@ -9,10 +9,9 @@ namespace verdo::ChatRequest {
 /// The body of a chat-completion request for a job's payload.
 JV body(const JV& payload);
 
-/// Reads a reply with its status. Throws LLMCallError for everything but a completion with text.
-ChatClient::Completion read(const HttpResponse& response, const JV& payload);
-
-/// The first `limit` characters of a reply's body, repaired.
-std::string excerpt(const std::string& data, std::size_t limit);
+/// Reads a reply with its status. Throws LLMCallError for everything but a completion with text;
+/// its message quotes the provider, scrubbed.
+ChatClient::Completion read(const HttpResponse& response, const JV& payload,
+                            const SecretScrub& scrub);
 
 }  // namespace verdo::ChatRequest

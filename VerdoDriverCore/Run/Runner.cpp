@@ -174,6 +174,7 @@ std::shared_ptr<Api> DriverRunner::makeApi(const std::string& server) {
   options.base = server;
   options.token = config_.token;
   options.clientHeader = config_.clientHeader;
+  options.scrub.add(config_.llmKey);
   options.throttlePause = timings_.throttlePause;
   // The key itself stays here.
   const bool hasKey = !config_.llmKey.empty();
@@ -256,8 +257,8 @@ std::optional<ExitReason> DriverRunner::validateKey() {
   std::optional<std::string> problem;
   try {
     const auto client = std::make_shared<ChatClient>(
-        config_.llmKey, config_.llmBase, [](const std::string&) {},
-        std::make_shared<HttpSession>());
+        config_.llmKey, config_.llmBase, [](const std::string&) {}, std::make_shared<HttpSession>(),
+        SecretScrub{config_.token});
     {
       MutexLock lock(lock_);
       keyCheck_ = client;
