@@ -15,6 +15,8 @@ void benchRun(std::vector<Row>& rows);
 void benchJobs(std::vector<Row>& rows);
 /// One job that prints a gigabyte.
 void benchOutput(std::vector<Row>& rows);
+/// A job with a file of a gigabyte.
+void benchDownload(std::vector<Row>& rows);
 /// A thousand LLM jobs leased at once.
 void benchLLM(std::vector<Row>& rows);
 /// What jobs with large payloads cost in memory.

@@ -39,7 +39,8 @@ void measure(std::vector<Row>& rows, const std::string& what, const local::JobSp
   if (!service.requests().waitFor("poll", 1, 10s)) throw std::runtime_error("no poll came");
   const double before = driver.usage().rss;
   const auto id = service.jobs().add(job);
-  if (!service.jobs().waitFor(id, local::JobState::done, 60s) || service.jobs().find(id)->exitCode != 0) {
+  if (!service.jobs().waitFor(id, local::JobState::done, 60s) ||
+      service.jobs().find(id)->exitCode != 0) {
     throw std::runtime_error(fmt::format("the {} did not end well", what));
   }
   const double payload = static_cast<double>(job.payload.size()) / kMegabyte;

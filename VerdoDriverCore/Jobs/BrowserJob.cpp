@@ -2,6 +2,7 @@
 
 #include "VerdoDriverCore/Process/Spawn.h"
 #include "VerdoDriverCore/Values/PyError.h"
+#include "VerdoDriverCore/Values/Utf8.h"
 
 #include <algorithm>
 
@@ -79,9 +80,9 @@ JobOutcome BrowserJob::execute(std::string script) {
   // Should the space be closing just now: what comes after must not be closed with it.
   if (job.taskSpace) browser.waitForClose(*job.taskSpace);
   const ExecutorCommand& command = browser.command();
-  log().info(fmt::format("job {} [{}{}]: starting `{}` ({} bytes of JS)", job.id, job.kind,
-                         job.taskSpace ? " " + *job.taskSpace : "", fmt::join(command.argv, " "),
-                         script.size()));
+  log().info(forLog(fmt::format("job {} [{}{}]: starting `{}` ({} bytes of JS)", job.id, job.kind,
+                                job.taskSpace ? " " + *job.taskSpace : "",
+                                fmt::join(command.argv, " "), script.size())));
   std::shared_ptr<ChildProcess> child;
   try {
     child = Spawn::launch(command.path, command.argv, command.env, true);

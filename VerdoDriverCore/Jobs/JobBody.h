@@ -26,7 +26,7 @@ class JobReporter {
   virtual const Job& job() const = 0;
   /// The serve loop that leased the job. Who may outlive the job shares it.
   virtual const std::shared_ptr<JobHost>& host() const = 0;
-  /// The same text behind "job {id}: ".
+  /// The text for the log: behind "job {id}: ", and with what it quotes made harmless.
   virtual std::string prefixed(const std::string& text) const = 0;
 
   /// Posts lines to the service, an empty batch as a heartbeat, and hears its answer: when that

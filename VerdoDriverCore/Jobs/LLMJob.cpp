@@ -45,7 +45,7 @@ JobOutcome LLMJob::run() {
     client = std::make_shared<ChatClient>(
         host.llmKey(), host.llmBase(),
         [this](const std::string& text) { reporter_.host()->log().info(reporter_.prefixed(text)); },
-        host.providerSession());
+        host.providerSession(), host.api().scrub());
   } catch (const PyError& error) {
     const std::string text = fmt::format("bad LLM base URL: {}", error.what());
     host.log().error(reporter_.prefixed(text));

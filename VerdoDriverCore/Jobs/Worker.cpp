@@ -123,7 +123,7 @@ void Worker::retry(Clock::time_point begin, const std::function<Duration()>& dea
       return call(attemptCap(begin));
     } catch (const ServerError& error) {
       if (!isWorthRetrying(error) || Clock::now() - begin >= deadline()) throw;
-      host_->log().warn(fmt::format("server unreachable, retrying: {}", error.what()));
+      host_->log().warn(fmt::format("server unreachable, retrying: {}", forLog(error.what())));
     }
     // A stop cuts the pause short, once: what is left to say is said at once.
     if (host_->stopping().isSet()) {
@@ -308,7 +308,7 @@ void Worker::killNow() {
 }
 
 std::string Worker::prefixed(const std::string& text) const {
-  return fmt::format("job {}: {}", job_.id, text);
+  return fmt::format("job {}: {}", job_.id, forLog(text));
 }
 
 }  // namespace verdo

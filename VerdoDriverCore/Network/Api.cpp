@@ -1,11 +1,11 @@
 #include "VerdoDriverCore/Network/Api.h"
 
 #include "VerdoDriverCore/Contract/Protocol.h"
+#include "VerdoDriverCore/Network/BodyQueue.h"
 #include "VerdoDriverCore/Network/FileDownload.h"
 #include "VerdoDriverCore/Values/JsonReader.h"
 #include "VerdoDriverCore/Values/PyJSON.h"
 #include "VerdoDriverCore/Values/Url.h"
-#include "VerdoDriverCore/Values/Utf8.h"
 
 #include <algorithm>
 #include <array>
@@ -16,19 +16,7 @@
 namespace verdo {
 namespace {
 
-using std::chrono::seconds;
-
-// The protocol's time-outs.
-constexpr auto kHelloTimeout = seconds(20);
-constexpr auto kPollMargin = seconds(20);
-constexpr auto kPostTimeout = seconds(45);
-
 constexpr std::size_t kQuotedBody = 300;  // characters of an error's body that a message quotes
-
-[[noreturn]] void failServer(const std::string& message,
-                             ServerError::Cause cause = ServerError::Cause::other) {
-  throw ServerError(ServerError::Kind::server, message, cause);
-}
 
 /// Which bytes Python's quote leaves as they are: letters, digits and "_.-~/".
 constexpr std::array<bool, 256> kKeptByQuote = [] {
@@ -55,39 +43,11 @@ void appendQuoted(std::string& out, std::string_view text) {
   }
 }
 
-/// The beginning of an error's body, for a message. Should the service quote our token in it, the
-/// token is left out: messages reach the log.
-std::string quoted(const std::string& body, const std::string& token) {
-  constexpr std::size_t kEnough = 4 * kQuotedBody;  // a character has at most 4 bytes
-  std::string text;
-  for (std::size_t at = 0; at < body.size() && text.size() < kEnough;) {
-    const auto found = token.empty() ? std::string::npos : body.find(token, at);
-    text.append(body, at, std::min(found - at, kEnough));
-    if (found == std::string::npos) break;
-    text += "…";
-    at = found + token.size();
-  }
-  return firstCharacters(text, kQuotedBody);
-}
-
-JsonReading readObject(const std::string& body, const std::string& call, bool mayHaveDefect) {
-  JsonReading reading;
-  try {
-    reading = readJson(body);
-  } catch (const PyError& error) {
-    failServer(fmt::format("{} -> {}", call, pyDescribe(error)));
-  }
-  if (!reading.value.asObject()) failServer(call + " -> JSONDecodeError: body is not an object");
-  if (reading.defect && !(mayHaveDefect && reading.value.find("job"))) {
-    failServer(fmt::format("{} -> JSONDecodeError: {}", call, *reading.defect));
-  }
-  return reading;
-}
-
 }  // namespace
 
 Api::Api(Options options, std::shared_ptr<HttpSession> session)
     : options_(std::move(options)), session_(std::move(session)) {
+  options_.scrub.add(options_.token);
   options_.base = withoutTrailingSlashes(std::move(options_.base));
   // The paths of the calls are sound by construction.
   isBaseValid_ = Url::parse(options_.base).has_value();
@@ -96,7 +56,7 @@ Api::Api(Options options, std::shared_ptr<HttpSession> session)
 JV Api::hello() {
   Call call;
   call.path = "/api/driver/hello";
-  call.timeout = kHelloTimeout;
+  call.timeout = options_.limits.hello;
   call.untilStop = true;
   if (options_.llmInfo) {
     call.headers.emplace_back("X-VERDO-Driver-LLM", PyJSON::text(*options_.llmInfo));
@@ -116,7 +76,7 @@ std::optional<JsonReading> Api::poll(double wait, std::vector<std::string> busy)
       appendQuoted(call.path, lane);
     }
   }
-  call.timeout = fromSeconds(wait) + kPollMargin;
+  call.timeout = fromSeconds(wait) + options_.limits.pollMargin;
   call.untilStop = true;
   call.mayBringDefect = true;
   return request(call).object;
@@ -144,9 +104,9 @@ JV Api::post(const std::string& path, std::shared_ptr<const ByteBuffer> body,
   call.method = "POST";
   call.path = path;
   call.body = std::move(body);
-  call.timeout = std::min<Duration>(kPostTimeout, timeoutCap.value_or(kPostTimeout));
+  call.timeout = std::min(options_.limits.post, timeoutCap.value_or(options_.limits.post));
   Reply reply = request(call);
-  if (reply.throttled) failServer(*reply.throttled);
+  if (reply.throttled) fail(ServerError::Kind::server, *reply.throttled);
   return objectOf(std::move(reply));
 }
 
@@ -163,7 +123,7 @@ Api::Reply Api::request(const Call& call) {
   HttpRequest request;
   request.method = call.method;
   request.url = options_.base + call.path;
-  if (!isBaseValid_) failServer(name + " -> ValueError: bad URL");
+  if (!isBaseValid_) fail(ServerError::Kind::server, name + " -> ValueError: bad URL");
   request.timeout = call.timeout;
   request.headers = protocolHeaders();
   request.headers.insert(request.headers.end(), call.headers.begin(), call.headers.end());
@@ -174,50 +134,100 @@ Api::Reply Api::request(const Call& call) {
 
   const HttpResult result = perform(std::move(request), call.untilStop);
   if (result.error) {
-    failServer(
-        fmt::format("{} -> {}: {}", name, errorName(*result.error), result.error->description),
-        result.error->kind == TransportError::Kind::streamReset ? ServerError::Cause::streamReset
-                                                                : ServerError::Cause::other);
+    fail(ServerError::Kind::server,
+         fmt::format("{} -> {}: {}", name, errorName(*result.error), result.error->description),
+         result.error->kind == TransportError::Kind::streamReset ? ServerError::Cause::streamReset
+                                                                 : ServerError::Cause::other);
   }
-  if (!result.response) failServer(name + " -> URLError: no response");
+  if (!result.response) fail(ServerError::Kind::server, name + " -> URLError: no response");
   const auto& [status, body] = *result.response;
   if (status < 400) {
     if (status == 204 || body.empty()) return {};
     return {readObject(body, name, call.mayBringDefect), std::nullopt};
   }
   const std::string message =
-      fmt::format("{} -> {}: {}", name, status, quoted(body, options_.token));
+      fmt::format("{} -> {}: {}", name, status, scrub().excerpt(body, kQuotedBody));
   switch (status) {
     case 401:
-      throw ServerError(ServerError::Kind::auth, message);
+      fail(ServerError::Kind::auth, message);
     case 426:
-      throw ServerError(ServerError::Kind::outOfDate, message);
+      fail(ServerError::Kind::outOfDate, message);
     case 429:
       interrupted_.waitFor(options_.throttlePause);
       return {std::nullopt, message};
     case 413:
-      failServer(message, ServerError::Cause::bodyTooLarge);
+      fail(ServerError::Kind::server, message, ServerError::Cause::bodyTooLarge);
     case 408:
     case 504:
-      failServer(message, ServerError::Cause::waitTooLong);
+      fail(ServerError::Kind::server, message, ServerError::Cause::waitTooLong);
     default:
-      failServer(message);
+      fail(ServerError::Kind::server, message);
   }
 }
 
-HttpResult Api::perform(HttpRequest request, bool untilStop, const OnTask& onTask) {
+JsonReading Api::readObject(const std::string& body, const std::string& call,
+                            bool mayHaveDefect) const {
+  JsonReading reading;
+  try {
+    reading = readJson(body);
+  } catch (const PyError& error) {
+    fail(ServerError::Kind::server, fmt::format("{} -> {}", call, pyDescribe(error)));
+  }
+  if (!reading.value.asObject()) {
+    fail(ServerError::Kind::server, call + " -> JSONDecodeError: body is not an object");
+  }
+  if (reading.defect && !(mayHaveDefect && reading.value.find("job"))) {
+    fail(ServerError::Kind::server,
+         fmt::format("{} -> JSONDecodeError: {}", call, *reading.defect));
+  }
+  return reading;
+}
+
+void Api::fail(ServerError::Kind kind, const std::string& message, ServerError::Cause cause) const {
+  throw ServerError(kind, scrub().scrubbed(message), cause);
+}
+
+HttpResult Api::perform(HttpRequest request, bool untilStop) {
   std::int64_t identifier = 0;
-  const auto enter = [&](const std::shared_ptr<HttpTask>& task) {
-    MutexLock lock(pollLock_);
+  const auto begin = [&](const std::shared_ptr<HttpTask>& task) {
     identifier = task->identifier();
-    inFlight_.emplace(identifier, InFlight{task, untilStop});
-    if (untilStop && pollingStopped_) task->cancel();
-    if (onTask) onTask(task);
+    enter(task, untilStop);
   };
-  HttpResult result = session_->perform(std::move(request), enter);
+  HttpResult result = session_->perform(std::move(request), begin);
+  leave(identifier);
+  return result;
+}
+
+/// Sends the request and writes the reply's body as it comes, on this thread.
+HttpResult Api::performInto(FileDownload& file, HttpRequest request, const OnTask& onTask) {
+  const auto queue = std::make_shared<BodyQueue>();
+  request.sink = queue;
+  const auto task = session_->task(std::move(request),
+                                   [queue](HttpResult result) { queue->end(std::move(result)); });
+  enter(task, true);
+  if (onTask) onTask(task);
+  task->start();
+  try {
+    ByteBuffer bytes;
+    while (queue->next(bytes, *task)) file.write(bytes.view());
+  } catch (...) {
+    task->cancel();
+    leave(task->identifier());
+    throw;
+  }
+  leave(task->identifier());
+  return queue->takeResult();
+}
+
+void Api::enter(const std::shared_ptr<HttpTask>& task, bool untilStop) {
+  MutexLock lock(pollLock_);
+  inFlight_.emplace(task->identifier(), InFlight{task, untilStop});
+  if (untilStop && pollingStopped_) task->cancel();
+}
+
+void Api::leave(std::int64_t identifier) {
   MutexLock lock(pollLock_);
   inFlight_.erase(identifier);
-  return result;
 }
 
 std::string Api::download(const std::string& url, const std::string& destination, Duration timeout,
@@ -228,19 +238,12 @@ std::string Api::download(const std::string& url, const std::string& destination
   if (!Url::parse(request.url)) throw PyError("ValueError", "bad file URL");
   request.timeout = timeout;
   request.followRedirects = true;
-  const auto file = std::make_shared<FileDownload>(destination);
-  request.sink = file;
-  try {
-    const HttpResult result = perform(std::move(request), true, onTask);
-    if (file->failure()) throw *file->failure();
-    if (result.error) throw PyError("URLError", result.error->description);
-    const int status = result.response ? result.response->status : 0;
-    if (status < 200 || status > 299) throw PyError("HTTPError", fmt::format("HTTP {}", status));
-    return file->finish();
-  } catch (const PyError&) {
-    file->discard();
-    throw;
-  }
+  FileDownload file(destination);
+  const HttpResult result = performInto(file, std::move(request), onTask);
+  if (result.error) throw PyError("URLError", scrub().scrubbed(result.error->description));
+  const int status = result.response ? result.response->status : 0;
+  if (status < 200 || status > 299) throw PyError("HTTPError", fmt::format("HTTP {}", status));
+  return file.finish();
 }
 
 void Api::stopPolling() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "VerdoDriverCore/Contract/SecretScrub.h"
 #include "VerdoDriverCore/Contract/Timings.h"
 #include "VerdoDriverCore/Network/Errors.h"
 #include "VerdoDriverCore/Network/HttpSession.h"
@@ -18,6 +19,8 @@
 
 namespace verdo {
 
+class FileDownload;
+
 /// The driver's only door to the service: one method for each endpoint, each blocking its caller
 /// until the reply is there. Many threads call the same Api at once.
 class Api {
@@ -25,17 +28,30 @@ class Api {
   using Duration = std::chrono::steady_clock::duration;
   using OnTask = std::function<void(const std::shared_ptr<HttpTask>&)>;
 
+  /// How long a call may wait without any data moving: the protocol's time-outs.
+  struct Limits {
+    Duration hello = std::chrono::seconds(20);
+    Duration pollMargin = std::chrono::seconds(20);  ///< beyond what the poll asked to wait
+    Duration post = std::chrono::seconds(45);
+  };
+
   struct Options {
-    std::string base;                                  ///< service URL; trailing "/" are removed
-    std::string token;                                 ///< bearer credential
-    std::optional<JV> llmInfo;                         ///< describes the LLM key; sent in the hello
-    std::optional<std::string> clientHeader;           ///< X-VERDO-Driver-Client
+    std::string base;                         ///< service URL; trailing "/" are removed
+    std::string token;                        ///< bearer credential
+    std::optional<JV> llmInfo;                ///< describes the LLM key; sent in the hello
+    std::optional<std::string> clientHeader;  ///< X-VERDO-Driver-Client
+    SecretScrub scrub;                        ///< what no message may hold, besides the token
+    Limits limits;
     Duration throttlePause = Timings().throttlePause;  ///< after a reply with status 429
   };
 
   Api(Options options, std::shared_ptr<HttpSession> session);
 
-  // Every endpoint throws ServerError.
+  /// Knows the token, too.
+  const SecretScrub& scrub() const { return options_.scrub; }
+
+  // Every endpoint throws ServerError. Its message holds no secret; apart from that it quotes the
+  // service as it is: forLog() is for who writes it into a log.
 
   /// What the service says of itself and of us; an empty object when it said nothing.
   JV hello();
@@ -54,9 +70,11 @@ class Api {
 
   /// Downloads a file to `destination` (mode 0600) and gives its SHA-256 in lowercase hexadecimal.
   /// A URL without a scheme is a path on the service. Neither the token nor any header of ours is
-  /// sent, and redirects are followed. Nothing is left behind on failure. Throws PyError:
-  /// "ValueError", "URLError", "HTTPError" or "OSError". `onTask` is given the request before it
-  /// starts, by which it can be cancelled.
+  /// sent, and redirects are followed. The file is written by this thread: a slow disk slows the
+  /// transfer without failing it. While the disk does not answer at all, this call does not return,
+  /// cancelled or not, for nothing can end a thread that waits for a disk; no other call is held
+  /// up. Nothing is left behind on failure. Throws PyError: "ValueError", "URLError", "HTTPError"
+  /// or "OSError". `onTask` is given the request before it starts, by which it can be cancelled.
   std::string download(const std::string& url, const std::string& destination, Duration timeout,
                        const OnTask& onTask = {});
 
@@ -88,10 +106,17 @@ class Api {
   };
 
   Reply request(const Call& call);
-  HttpResult perform(HttpRequest request, bool untilStop, const OnTask& onTask = {})
-      EXCLUDES(pollLock_);
   /// The reply's object, or an empty one.
   static JV objectOf(Reply reply);
+  JsonReading readObject(const std::string& body, const std::string& call,
+                         bool mayHaveDefect) const;
+  [[noreturn]] void fail(ServerError::Kind kind, const std::string& message,
+                         ServerError::Cause cause = ServerError::Cause::other) const;
+  HttpResult perform(HttpRequest request, bool untilStop) EXCLUDES(pollLock_);
+  HttpResult performInto(FileDownload& file, HttpRequest request, const OnTask& onTask)
+      EXCLUDES(pollLock_);
+  void enter(const std::shared_ptr<HttpTask>& task, bool untilStop) EXCLUDES(pollLock_);
+  void leave(std::int64_t identifier) EXCLUDES(pollLock_);
   Headers protocolHeaders() const;
   JV post(const std::string& path, std::shared_ptr<const ByteBuffer> body,
           std::optional<Duration> timeoutCap);

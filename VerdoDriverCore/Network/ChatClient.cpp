@@ -32,11 +32,20 @@ bool isBaseUrl(const std::string& text) {
   return url && !url->hasUserInfo() && !url->hasQueryOrFragment();
 }
 
+/// For a message: what may be a user's name and password is left out.
+std::string withoutUserInfo(const std::string& text) {
+  const auto at = text.rfind('@');
+  if (at == std::string::npos) return text;
+  const auto scheme = text.find("://");
+  return (scheme < at ? text.substr(0, scheme + 3) : "") + "…" + text.substr(at);
+}
+
 std::string checkedBase(const std::string& value) {
   std::string base = value.empty() ? DriverConstants::llmDefaultBase : value;
   if (!isBaseUrl(base)) {
     throw PyError("ValueError",
-                  fmt::format("LLM base URL must be http(s)://host[:port][/path], got {}", value));
+                  fmt::format("LLM base URL must be http(s)://host[:port][/path], got {}",
+                              withoutUserInfo(value)));
   }
   return withoutTrailingSlashes(std::move(base));
 }
@@ -57,6 +66,11 @@ std::size_t promptCharacters(const JV& payload) {
   return count;
 }
 
+SecretScrub withSecret(SecretScrub scrub, const std::string& secret) {
+  scrub.add(secret);
+  return scrub;
+}
+
 std::int64_t wholeSeconds(ChatClient::Duration duration) {
   return std::chrono::duration_cast<seconds>(duration).count();
 }
@@ -64,11 +78,12 @@ std::int64_t wholeSeconds(ChatClient::Duration duration) {
 }  // namespace
 
 ChatClient::ChatClient(std::string apiKey, const std::string& baseURL, Log log,
-                       std::shared_ptr<HttpSession> session)
+                       std::shared_ptr<HttpSession> session, SecretScrub scrub)
     : key_(std::move(apiKey)),
       base_(checkedBase(baseURL)),
       log_(std::move(log)),
-      session_(std::move(session)) {}
+      session_(std::move(session)),
+      scrub_(withSecret(std::move(scrub), key_)) {}
 
 ChatClient::Completion ChatClient::complete(JV payload, const HttpMeanwhile& meanwhile) {
   const double budget = budgetOf(payload);
@@ -91,15 +106,15 @@ ChatClient::Completion ChatClient::complete(JV payload, const HttpMeanwhile& mea
     try {
       const HttpResponse response =
           http("POST", "/v1/chat/completions", body, deadline - begin, meanwhile);
-      Completion completion = ChatRequest::read(response, model);
-      log_(fmt::format("llm {}: model={} prompt_chars={} reply_chars={} {:.1f}s attempt={}", role,
-                       completion.model, promptSize, countCharacters(completion.text), elapsed(),
-                       attempt));
+      Completion completion = ChatRequest::read(response, model, scrub_);
+      say(fmt::format("llm {}: model={} prompt_chars={} reply_chars={} {:.1f}s attempt={}", role,
+                      completion.model, promptSize, countCharacters(completion.text), elapsed(),
+                      attempt));
       return completion;
     } catch (const LLMCallError& error) {
-      log_(fmt::format("llm {}: attempt {} failed after {:.1f}s ({}{}): {}", role, attempt,
-                       elapsed(), error.category(), error.isRetryable() ? ", retryable" : "",
-                       error.what()));
+      say(fmt::format("llm {}: attempt {} failed after {:.1f}s ({}{}): {}", role, attempt,
+                      elapsed(), error.category(), error.isRetryable() ? ", retryable" : "",
+                      error.what()));
       const auto remaining = deadline - Clock::now();
       if (attempt == kAttempts || !error.isRetryable() || remaining < kLeastForRetry) throw;
       cancelledEvent_.waitFor(std::min<Duration>(remaining / 4, kLongestRetryPause));
@@ -113,7 +128,7 @@ std::optional<std::string> ChatClient::validate() try {
   if (response.status == 200) return std::nullopt;
   if (response.status == 401 || response.status == 403) return "rejected";
   return fmt::format("unreachable: HTTP {} {}", response.status,
-                     ChatRequest::excerpt(response.body, kValidationExcerpt));
+                     scrub_.excerpt(response.body, kValidationExcerpt));
 } catch (const Error& error) {
   return fmt::format("unreachable: {}", error.what());
 }
@@ -147,7 +162,7 @@ HttpResponse ChatClient::http(const char* method, const std::string& path,
   }
   throw LLMCallError("transient",
                      fmt::format("provider unreachable: {}: {}", Api::errorName(*result.error),
-                                 result.error->description),
+                                 scrub_.scrubbed(result.error->description)),
                      true);
 }
 
@@ -156,6 +171,8 @@ void ChatClient::cancel() {
   MutexLock lock(lock_);
   if (task_) task_->cancel();
 }
+
+void ChatClient::say(const std::string& text) const { log_(forLog(scrub_.scrubbed(text))); }
 
 void ChatClient::throwIfCancelled() {
   if (cancelledEvent_.isSet()) throw LLMCancelled();

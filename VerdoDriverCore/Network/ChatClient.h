@@ -1,5 +1,6 @@
 #pragma once
 
+#include "VerdoDriverCore/Contract/SecretScrub.h"
 #include "VerdoDriverCore/Network/HttpSession.h"
 #include "VerdoDriverCore/System/Sync.h"
 #include "VerdoDriverCore/Values/JV.h"
@@ -51,9 +52,10 @@ class ChatClient {
   };
 
   /// `baseURL` is http(s)://host[:port][/path]; empty means the default provider. `log` gets one
-  /// line for each attempt. Throws PyError "ValueError" for another form of base URL.
+  /// line for each attempt, safe to be logged as it is. `scrub` knows what else than the key no
+  /// message may hold. Throws PyError "ValueError" for another form of base URL.
   ChatClient(std::string apiKey, const std::string& baseURL, Log log,
-             std::shared_ptr<HttpSession> session);
+             std::shared_ptr<HttpSession> session, SecretScrub scrub = {});
 
   /// One completion within the payload's time budget ("timeout_seconds", 600 s when absent or
   /// zero), with at most one retry, and none when less than 10 s are left. While the provider
@@ -73,11 +75,13 @@ class ChatClient {
                     std::shared_ptr<const ByteBuffer> body, Duration timeout,
                     const HttpMeanwhile& meanwhile) EXCLUDES(lock_);
   void throwIfCancelled() EXCLUDES(lock_);
+  void say(const std::string& text) const;
 
   const std::string key_;
   const std::string base_;  ///< without a trailing "/"
   const Log log_;
   const std::shared_ptr<HttpSession> session_;
+  const SecretScrub scrub_;
   Event cancelledEvent_;
   Mutex lock_;
   std::shared_ptr<HttpTask> task_

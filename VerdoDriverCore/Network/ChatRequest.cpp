@@ -2,7 +2,6 @@
 
 #include "VerdoDriverCore/Values/JsonReader.h"
 #include "VerdoDriverCore/Values/PyValue.h"
-#include "VerdoDriverCore/Values/Utf8.h"
 
 #include <utility>
 
@@ -11,7 +10,7 @@
 namespace verdo::ChatRequest {
 namespace {
 
-constexpr std::size_t kExcerpt = 200;  // characters of a refused request's reply
+constexpr std::size_t kExcerpt = 200;  // characters of what a message quotes
 
 JV message(const char* role, JV content) {
   // Built member by member: what stands in a braced list is copied out of it.
@@ -30,7 +29,7 @@ JV messages(JV& payload) {
   return list;
 }
 
-[[noreturn]] void failStatus(int status, const std::string& body) {
+[[noreturn]] void failStatus(int status, const std::string& body, const SecretScrub& scrub) {
   if (status == 401 || status == 403) {
     throw LLMCallError("permission", fmt::format("provider rejected the key (HTTP {})", status),
                        false);
@@ -40,16 +39,17 @@ JV messages(JV& payload) {
   }
   const bool transient = status == 429 || status >= 500;
   throw LLMCallError(transient ? "transient" : "validation",
-                     fmt::format("provider HTTP {}: {}", status, excerpt(body, kExcerpt)),
+                     fmt::format("provider HTTP {}: {}", status, scrub.excerpt(body, kExcerpt)),
                      transient);
 }
 
-JV parseReply(const std::string& body) {
+JV parseReply(const std::string& body, const SecretScrub& scrub) {
   JV reply;
   try {
     reply = parseJson(body);
   } catch (const PyError& error) {
-    throw LLMCallError("transient", fmt::format("unreadable provider reply: {}", error.what()),
+    throw LLMCallError("transient",
+                       fmt::format("unreadable provider reply: {}", scrub.scrubbed(error.what())),
                        true);
   }
   if (!reply.asObject()) {
@@ -94,9 +94,10 @@ JV body(JV payload) {
   return request;
 }
 
-ChatClient::Completion read(const HttpResponse& response, const std::string& model) {
-  if (response.status != 200) failStatus(response.status, response.body);
-  const JV reply = parseReply(response.body);
+ChatClient::Completion read(const HttpResponse& response, const std::string& model,
+                            const SecretScrub& scrub) {
+  if (response.status != 200) failStatus(response.status, response.body, scrub);
+  const JV reply = parseReply(response.body, scrub);
   const JV* choice = firstChoice(reply);
   const JV* content = member(member(choice, "message"), "content");
   const auto* text = content ? content->asString() : nullptr;
@@ -108,18 +109,15 @@ ChatClient::Completion read(const HttpResponse& response, const std::string& mod
                          "disable thinking",
                          false);
     }
-    throw LLMCallError("transient", fmt::format("empty completion (finish_reason={})", reason),
-                       true);
+    throw LLMCallError(
+        "transient",
+        fmt::format("empty completion (finish_reason={})", scrub.excerpt(reason, kExcerpt)), true);
   }
   ChatClient::Completion completion;
   completion.text = *text;
   completion.model = pyStrIfTruthy(reply.find("model")).value_or(model);
   if (const JV* usage = reply.find("usage")) completion.usage = *usage;
   return completion;
-}
-
-std::string excerpt(const std::string& data, std::size_t limit) {
-  return firstCharacters(data, limit);
 }
 
 }  // namespace verdo::ChatRequest

@@ -9,11 +9,9 @@ namespace verdo::ChatRequest {
 /// The body of a chat-completion request for a job's payload, whose texts are moved into it.
 JV body(JV payload);
 
-/// Reads a reply with its status. Throws LLMCallError for everything but a completion with text.
-/// `model` is the one that was asked for.
-ChatClient::Completion read(const HttpResponse& response, const std::string& model);
-
-/// The first `limit` characters of a reply's body, repaired.
-std::string excerpt(const std::string& data, std::size_t limit);
+/// Reads a reply with its status. Throws LLMCallError for everything but a completion with text;
+/// its message quotes the provider, scrubbed. `model` is the one that was asked for.
+ChatClient::Completion read(const HttpResponse& response, const std::string& model,
+                            const SecretScrub& scrub);
 
 }  // namespace verdo::ChatRequest

@@ -1,48 +1,43 @@
 #pragma once
 
-#include "VerdoDriverCore/Network/HttpSession.h"
 #include "VerdoDriverCore/System/UniqueFd.h"
-#include "VerdoDriverCore/Values/PyError.h"
 
-#include <optional>
+#include <memory>
 #include <string>
+#include <string_view>
 
 struct evp_md_ctx_st;
 
 namespace verdo {
 
-/// Streams a response with a status from 200 to 299 into a file and hashes it on the way: memory
-/// does not grow with the file. Responses with another status touch no file.
-class FileDownload : public HttpBodySink {
+/// A file that is written and hashed piece by piece: memory does not grow with it. Used by one
+/// thread, which waits for the disk. Nothing is left of a file that was not finished.
+class FileDownload {
  public:
-  /// The file at `path` is created with mode 0600, or truncated, when the first byte comes.
+  /// The file at `path` is created with mode 0600, or truncated, at the first write.
   explicit FileDownload(std::string path);
-  ~FileDownload() override;
+  ~FileDownload();
   FileDownload(const FileDownload&) = delete;
   FileDownload& operator=(const FileDownload&) = delete;
 
-  bool onBytes(int status, std::string_view bytes) override;
-
-  /// What ended the download on this side, if anything did: PyError "OSError".
-  const std::optional<PyError>& failure() const { return failure_; }
-  /// Closes the file (an empty response makes an empty one) and gives the SHA-256 of its bytes as
-  /// 64 lowercase hexadecimal digits. Throws PyError "OSError".
+  /// Throws PyError "OSError".
+  void write(std::string_view bytes);
+  /// Closes the file (one without bytes is made now) and gives the SHA-256 of its bytes as 64
+  /// lowercase hexadecimal digits. Called once. Throws PyError "OSError", also for writes that the
+  /// system only now says have failed.
   std::string finish();
-  /// Closes and removes the file, if there is one.
-  void discard();
 
  private:
   struct DigestFree {
     void operator()(evp_md_ctx_st* context) const;
   };
 
-  bool open();
-  bool writeAll(std::string_view bytes);
+  void open();
 
-  std::string path_;
+  const std::string path_;
   UniqueFd file_;
+  bool isUnfinished_ = false;  ///< there is a file at path_ that must not stay
   std::unique_ptr<evp_md_ctx_st, DigestFree> digest_;
-  std::optional<PyError> failure_;
 };
 
 }  // namespace verdo

@@ -80,6 +80,8 @@ void HttpTask::cancel() {
   loop_->cancel(identifier_);
 }
 
+void HttpTask::resume() { loop_->resume(identifier_); }
+
 HttpSession::HttpSession() : HttpSession(Options{}) {}
 
 HttpSession::HttpSession(Options options) : options_(std::move(options)) {

@@ -16,11 +16,13 @@
 namespace verdo {
 
 /// Takes the bytes of a response as they arrive, instead of having them collected. Called on the
-/// session's thread, never concurrently.
+/// session's thread, never concurrently: must not block, least of all for a disk.
 class HttpBodySink {
  public:
   virtual ~HttpBodySink() = default;
-  /// False ends the transfer with an error. `status` is that of the final response.
+  /// False when there is no room: the transfer is paused, its inactivity time-out as well, until
+  /// HttpTask::resume() is called; then the same bytes come again. `status` is that of the final
+  /// response.
   virtual bool onBytes(int status, std::string_view bytes) = 0;
 };
 
@@ -86,6 +88,8 @@ class HttpTask {
   /// within milliseconds. A task cancelled before its start ends as soon as it starts; one that
   /// has ended is left as it is.
   void cancel() EXCLUDES(lock_);
+  /// Lets a transfer go on whose sink had no room. Harmless for one that is not paused.
+  void resume();
 
  private:
   const std::shared_ptr<HttpSessionLoop> loop_;

@@ -61,6 +61,16 @@ void HttpSessionLoop::cancel(std::int64_t identifier) {
   if (first) poller_.wakeUp();
 }
 
+void HttpSessionLoop::resume(std::int64_t identifier) {
+  bool first = false;
+  {
+    MutexLock lock(lock_);
+    first = isMailboxEmpty();
+    resuming_.push_back(identifier);
+  }
+  if (first) poller_.wakeUp();
+}
+
 void HttpSessionLoop::shutDown() {
   {
     MutexLock lock(lock_);
@@ -115,18 +125,33 @@ void HttpSessionLoop::run() {
 bool HttpSessionLoop::readMailbox() {
   std::vector<std::unique_ptr<HttpTransfer>> starting;
   std::vector<std::int64_t> cancelling;
+  std::vector<std::int64_t> resuming;
   bool ending = false;
   {
     MutexLock lock(lock_);
     starting.swap(starting_);
     cancelling.swap(cancelling_);
+    resuming.swap(resuming_);
     ending = ending_;
   }
   for (auto& transfer : starting) add(std::move(transfer));
   for (const auto identifier : cancelling) {
     if (const auto transfer = remove(identifier)) transfer->fail(TransportError::cancelled());
   }
+  for (const auto identifier : resuming) goOn(identifier);
   return !ending;
+}
+
+/// Resumes a paused transfer.
+void HttpSessionLoop::goOn(std::int64_t identifier) {
+  const auto found = running_.find(identifier);
+  if (found == running_.end()) return;
+  Running& running = found->second;
+  const CURLcode code = running.transfer->resume();
+  if (code != CURLE_OK) return remove(identifier)->finish(code);
+  // The look that was entered while it was paused is too late.
+  looks_.erase(running.look);
+  running.look = looks_.emplace(running.transfer->expiry(), identifier);
 }
 
 void HttpSessionLoop::add(std::unique_ptr<HttpTransfer> transfer) {

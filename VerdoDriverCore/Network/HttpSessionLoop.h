@@ -31,6 +31,8 @@ class HttpSessionLoop {
   std::unique_ptr<HttpTransfer> start(std::unique_ptr<HttpTransfer> transfer) EXCLUDES(lock_);
   /// Ends a transfer that was started before; nothing for one that has ended.
   void cancel(std::int64_t identifier) EXCLUDES(lock_);
+  /// Lets a paused transfer go on; nothing for one that has ended.
+  void resume(std::int64_t identifier) EXCLUDES(lock_);
   /// Cancels everything and joins the thread.
   void shutDown() EXCLUDES(lock_);
 
@@ -52,9 +54,12 @@ class HttpSessionLoop {
   static int onTimer(CURLM* multi, long milliseconds, void* self);
 
   void run();
-  bool isMailboxEmpty() const REQUIRES(lock_) { return starting_.empty() && cancelling_.empty(); }
+  bool isMailboxEmpty() const REQUIRES(lock_) {
+    return starting_.empty() && cancelling_.empty() && resuming_.empty();
+  }
   bool readMailbox() EXCLUDES(lock_);
   void add(std::unique_ptr<HttpTransfer> transfer);
+  void goOn(std::int64_t identifier);
   void reportFinished();
   Clock::time_point expireOverdue();
   std::unique_ptr<HttpTransfer> remove(std::int64_t identifier);
@@ -67,6 +72,7 @@ class HttpSessionLoop {
   std::int64_t lastIdentifier_ GUARDED_BY(lock_) = 0;
   std::vector<std::unique_ptr<HttpTransfer>> starting_ GUARDED_BY(lock_);
   std::vector<std::int64_t> cancelling_ GUARDED_BY(lock_);
+  std::vector<std::int64_t> resuming_ GUARDED_BY(lock_);
   bool ending_ GUARDED_BY(lock_) = false;
 
   // The I/O thread's own.

@@ -14,6 +14,8 @@ namespace {
 /// while the piece still fits the processor's second-level cache.
 constexpr long kUploadPiece = 256 * 1024;
 constexpr std::size_t kLargeBody = 1 << 20;
+/// What is read at once of a body that a sink takes, rather than libcurl's 16 KiB.
+constexpr long kDownloadPiece = 128 * 1024;
 constexpr long kMaxRedirects = 20;
 /// libcurl copies a query byte by byte, more than once; the target that it is given, in one piece.
 constexpr std::size_t kLongQuery = 256;
@@ -64,10 +66,14 @@ HttpTransfer::HttpTransfer(HttpRequest req, HttpSession::Completion done,
   set(CURLOPT_NOSIGNAL, 1L);
   set(CURLOPT_QUICK_EXIT, 1L);  // cancelling must not wait for a name resolution
   set(CURLOPT_ERRORBUFFER, errorText);
-  set(CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_2TLS});
+  // A transfer that its sink may pause has a connection of its own: it would hold up every other
+  // one on an HTTP/2 connection.
+  set(CURLOPT_HTTP_VERSION,
+      request.sink ? long{CURL_HTTP_VERSION_1_1} : long{CURL_HTTP_VERSION_2TLS});
   // Whether a connection can be shared, its TLS handshake tells at once. Without TLS only the first
   // reply would tell, and a long poll's comes late.
-  if (request.url.starts_with("https:")) set(CURLOPT_PIPEWAIT, 1L);
+  if (request.url.starts_with("https:") && !request.sink) set(CURLOPT_PIPEWAIT, 1L);
+  if (request.sink) set(CURLOPT_BUFFERSIZE, kDownloadPiece);
   set(CURLOPT_SSLVERSION, long{CURL_SSLVERSION_TLSv1_2});
   if (!options.caCertificates.empty()) {
     curl_blob blob{const_cast<char*>(options.caCertificates.data()), options.caCertificates.size(),
@@ -117,7 +123,13 @@ void HttpTransfer::setUrl() {
 }
 
 HttpTransfer::Clock::time_point HttpTransfer::expiry() const {
-  return std::min(deadline, lastActivity + request.timeout);
+  return paused_ ? deadline : std::min(deadline, lastActivity + request.timeout);
+}
+
+CURLcode HttpTransfer::resume() {
+  paused_ = false;
+  lastActivity = Clock::now();
+  return curl_easy_pause(handle.get(), CURLPAUSE_CONT);  // may call onBody, which may pause again
 }
 
 int HttpTransfer::status() const {
@@ -131,7 +143,8 @@ std::size_t HttpTransfer::onBody(char* data, std::size_t size, std::size_t count
   const std::string_view bytes(data, size * count);
   transfer.lastActivity = Clock::now();
   if (transfer.request.sink) {
-    return transfer.request.sink->onBytes(transfer.status(), bytes) ? bytes.size() : 0;
+    transfer.paused_ = !transfer.request.sink->onBytes(transfer.status(), bytes);
+    return transfer.paused_ ? std::size_t{CURL_WRITEFUNC_PAUSE} : bytes.size();
   }
   std::string& body = transfer.response_.body;
   if (bytes.size() > transfer.request.maxBody - body.size()) {

@@ -28,8 +28,11 @@ struct HttpTransfer {
   HttpTransfer(const HttpTransfer&) = delete;
   HttpTransfer& operator=(const HttpTransfer&) = delete;
 
-  /// When the transfer times out, should nothing move until then.
+  /// When the transfer times out, should nothing move until then. A paused one has only its
+  /// deadline: it waits for its sink, not for the network.
   Clock::time_point expiry() const;
+  /// Goes on after a pause. Gives what libcurl failed with.
+  [[nodiscard]] CURLcode resume();
   /// Gives the completion what libcurl ended with.
   void finish(CURLcode code);
   void fail(TransportError error);
@@ -53,6 +56,7 @@ struct HttpTransfer {
   HttpResponse response_;
   curl_off_t moved_ = 0;
   bool bodyTooLong_ = false;
+  bool paused_ = false;  ///< the sink has no room
 };
 
 }  // namespace verdo

@@ -2,6 +2,7 @@
 
 #include "VerdoDriverCore/Contract/DriverConstants.h"
 #include "VerdoDriverCore/Network/Errors.h"
+#include "VerdoDriverCore/Values/Utf8.h"
 
 #include <algorithm>
 #include <system_error>
@@ -82,11 +83,11 @@ Driver::PollOutcome Driver::pollOnce() {
   } catch (const ServerError& failure) {
     switch (failure.kind()) {
       case ServerError::Kind::auth:
-        log_->error(failure.what());
+        log_->error(forLog(failure.what()));
         tokenRevoked_.set();
         return PollOutcome::ended;
       case ServerError::Kind::outOfDate:
-        log_->error(failure.what());
+        log_->error(forLog(failure.what()));
         outOfDate_.set();
         return PollOutcome::ended;
       case ServerError::Kind::server:
@@ -113,7 +114,8 @@ Driver::PollOutcome Driver::waitAfterFailure(const std::exception& failure) {
   if (stopping_.isSet() || tokenRevoked_.isSet()) return PollOutcome::ended;
   const std::string message = fmt::format("poll failed ({})", failure.what());
   const double seconds = toSeconds(retryDelay_);
-  log_->warn(fmt::format("{}; retrying in {}s", message, static_cast<std::int64_t>(seconds)));
+  log_->warn(
+      fmt::format("{}; retrying in {}s", forLog(message), static_cast<std::int64_t>(seconds)));
   if (const auto observer = observer_.lock()) observer->driverRetrying(message, seconds);
   if (stopping_.waitFor(retryDelay_)) return PollOutcome::ended;
   retryDelay_ = std::min(2 * retryDelay_, options_.timings.pollRetryLongest);
@@ -130,14 +132,14 @@ bool Driver::accept(JsonReading reply) {
     return false;
   }
   if (reply.defect) {
-    log_->warn(fmt::format("job {}: unreadable ({}) — refusing", job->id, *reply.defect));
+    log_->warn(fmt::format("job {}: unreadable ({}) — refusing", job->id, forLog(*reply.defect)));
     return false;
   }
   const std::int64_t id = job->id;
   const std::string lane = job->lane;
   const auto worker = std::make_shared<Worker>(shared_from_this(), std::move(*job));
   if (!jobs_->add(worker)) {
-    log_->warn(fmt::format("job {}: lane {} already busy here — refusing", id, lane));
+    log_->warn(fmt::format("job {}: lane {} already busy here — refusing", id, forLog(lane)));
     return false;
   }
   try {

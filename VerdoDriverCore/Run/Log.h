@@ -8,7 +8,8 @@
 
 namespace verdo {
 
-/// Writes each line to standard error behind a sign for its level, without a time stamp.
+/// Writes each line to standard error behind a sign for its level, without a time stamp. Control
+/// characters are written out; should a text have further lines, they are indented.
 class StderrLogSink : public LogSink {
  public:
   /// `color`: the signs are coloured; absent: when standard error is a terminal.

@@ -12,6 +12,7 @@
 #include "VerdoDriverCore/Run/Driver.h"
 #include "VerdoDriverCore/Run/SpaceClaim.h"
 #include "VerdoDriverCore/Values/Url.h"
+#include "VerdoDriverCore/Values/Utf8.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -132,6 +133,7 @@ std::shared_ptr<Api> DriverRunner::makeApi() {
   options.base = server_;
   options.token = config_.token;
   options.clientHeader = config_.clientHeader;
+  options.scrub.add(config_.llmKey);
   options.throttlePause = timings_.throttlePause;
   // The key itself stays here.
   const bool hasKey = !config_.llmKey.empty();
@@ -161,14 +163,14 @@ std::variant<Hello, ExitReason> DriverRunner::sayHello(Api& api) {
   }
   auto answer = Hello::from(reply, config_);
   if (const auto* hello = std::get_if<Hello>(&answer)) {
-    log_->success(fmt::format("{} (user {}) · driver v{}", hello->username, hello->userIdText,
-                              hello->serverVersion));
+    log_->success(forLog(fmt::format("{} (user {}) · driver v{}", hello->username,
+                                     hello->userIdText, hello->serverVersion)));
     if (const auto observer = observer_.lock()) {
       observer->driverConnected(hello->username, hello->userId, hello->serverVersion);
     }
     if (hello->patternDefect) {
       log_->warn(fmt::format("space_pattern of the server is unusable ({}) — using the default",
-                             *hello->patternDefect));
+                             forLog(*hello->patternDefect)));
     }
   }
   return answer;
@@ -194,8 +196,8 @@ std::optional<ExitReason> DriverRunner::validateKey() {
   std::optional<std::string> problem;
   try {
     const auto client = std::make_shared<ChatClient>(
-        config_.llmKey, config_.llmBase, [](const std::string&) {},
-        std::make_shared<HttpSession>());
+        config_.llmKey, config_.llmBase, [](const std::string&) {}, std::make_shared<HttpSession>(),
+        SecretScrub{config_.token});
     {
       MutexLock lock(lock_);
       keyCheck_ = client;
@@ -212,7 +214,8 @@ std::optional<ExitReason> DriverRunner::validateKey() {
         fmt::format("the LLM provider at {} rejected the key …{}", host, last));
   }
   if (problem) {
-    log_->warn(fmt::format("could not validate the LLM key against {}: {}", host, *problem));
+    log_->warn(
+        fmt::format("could not validate the LLM key against {}: {}", host, forLog(*problem)));
   } else {
     log_->success(fmt::format("llm key  : …{} accepted by {}", last, host));
   }

@@ -1,6 +1,7 @@
 #include "VerdoDriverCore/Run/TaskSpaces.h"
 
 #include "VerdoDriverCore/System/ThreadName.h"
+#include "VerdoDriverCore/Values/Utf8.h"
 
 #include <algorithm>
 #include <system_error>
@@ -61,8 +62,8 @@ void TaskSpaces::sweepAtEnd() {
 
 void TaskSpaces::reportSweep(const std::vector<std::string>& closed) {
   if (closed.empty()) return;
-  log_->info(
-      fmt::format("closed {} leftover task space(s): {}", closed.size(), fmt::join(closed, ", ")));
+  log_->info(fmt::format("closed {} leftover task space(s): {}", closed.size(),
+                         forLog(fmt::format("{}", fmt::join(closed, ", ")))));
 }
 
 void TaskSpaces::startReaper() try {
@@ -93,8 +94,8 @@ void TaskSpaces::reapIdle() {
     lastUse_.erase(name);
   }
   if (!closed.empty()) {
-    log_->info(
-        fmt::format("idle reaper closed {} space(s): {}", closed.size(), fmt::join(closed, ", ")));
+    log_->info(fmt::format("idle reaper closed {} space(s): {}", closed.size(),
+                           forLog(fmt::format("{}", fmt::join(closed, ", ")))));
   }
 }
 

@@ -24,4 +24,9 @@ WriteOutcome writeAll(int fd, std::string_view bytes) noexcept {
   return outcome;
 }
 
+int closeWritten(UniqueFd file) noexcept {
+  // An interruption (EINTR) counts as well: what became of the writes is unknown.
+  return ::close(file.release()) == 0 ? 0 : errno;
+}
+
 }  // namespace verdo

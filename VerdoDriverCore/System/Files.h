@@ -1,5 +1,7 @@
 #pragma once
 
+#include "VerdoDriverCore/System/UniqueFd.h"
+
 #include <cstddef>
 #include <string_view>
 
@@ -14,5 +16,9 @@ struct WriteOutcome {
 /// Writes the bytes to a descriptor, through interruptions by signals and partial writes. Stops at
 /// the first error; a non-blocking descriptor without room stops it with EAGAIN. Throws nothing.
 [[nodiscard]] WriteOutcome writeAll(int fd, std::string_view bytes) noexcept;
+
+/// Closes a file that was written. Gives 0, or the errno of what went wrong: some file systems tell
+/// only now that earlier writes came to nothing. The descriptor is gone in any case.
+[[nodiscard]] int closeWritten(UniqueFd file) noexcept;
 
 }  // namespace verdo

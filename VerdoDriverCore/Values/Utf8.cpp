@@ -24,6 +24,31 @@ Lead classify(unsigned char byte) {
   return {};
 }
 
+bool isControl(char32_t c) { return c < 0x20 || (c >= 0x7F && c <= 0x9F); }
+
+/// Line and paragraph separator, and the embeddings, overrides and isolates of bidirectional text.
+bool breaksLineOrOrder(char32_t c) {
+  return (c >= 0x2028 && c <= 0x202E) || (c >= 0x2066 && c <= 0x2069);
+}
+
+/// The text, repaired, with the characters that `isUnsafe` names written as numbers.
+template <typename IsUnsafe>
+std::string writtenOut(std::string_view text, const IsUnsafe& isUnsafe) {
+  std::string out;
+  out.reserve(text.size());
+  for (std::size_t at = 0; at < text.size();) {
+    const char32_t c = decodeUtf8(text, at);
+    if (!isUnsafe(c)) {
+      appendUtf8(c, out);
+    } else if (c < 0x100) {
+      out += fmt::format("\\x{:02x}", static_cast<unsigned>(c));
+    } else {
+      out += fmt::format("\\u{:04x}", static_cast<unsigned>(c));
+    }
+  }
+  return out;
+}
+
 }  // namespace
 
 char32_t decodeUtf8(std::string_view text, std::size_t& at) {
@@ -68,17 +93,11 @@ void appendUtf8(char32_t character, std::string& out) {
 std::string repairUtf8(std::string_view bytes) { return firstCharacters(bytes, bytes.size()); }
 
 std::string withoutControls(std::string_view text) {
-  std::string out;
-  out.reserve(text.size());
-  for (std::size_t at = 0; at < text.size();) {
-    const char32_t c = decodeUtf8(text, at);
-    if ((c < 0x20 && c != '\n' && c != '\t') || (c >= 0x7F && c <= 0x9F)) {
-      out += fmt::format("\\x{:02x}", static_cast<unsigned>(c));
-    } else {
-      appendUtf8(c, out);
-    }
-  }
-  return out;
+  return writtenOut(text, [](char32_t c) { return isControl(c) && c != '\n' && c != '\t'; });
+}
+
+std::string forLog(std::string_view text) {
+  return writtenOut(text, [](char32_t c) { return isControl(c) || breaksLineOrOrder(c); });
 }
 
 std::string firstCharacters(std::string_view bytes, std::size_t limit) {

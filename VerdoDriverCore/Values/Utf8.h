@@ -25,6 +25,11 @@ std::string repairUtf8(std::string_view bytes);
 /// ends and tabs are harmless and stay.
 std::string withoutControls(std::string_view text);
 
+/// The text, repaired, on one line: control characters, line ends (U+2028 and U+2029 included) and
+/// what turns the direction of the text around are written out ("\x0a", "\u202e"). For whatever of
+/// a log message comes from outside: it can neither pass for another entry nor hide what follows.
+std::string forLog(std::string_view text);
+
 /// The first `limit` characters (code points) of the bytes, repaired.
 std::string firstCharacters(std::string_view bytes, std::size_t limit);
 

@@ -138,6 +138,22 @@ TEST_F(ApiRequests, TokenThatTheServiceQuotesReachesAMessage) {
   }
 }
 
+TEST_F(ApiRequests, UnreadableReplyCarriesASecretOn) {
+  auto given = options();
+  given.scrub.add("sk-llm/key");
+  make(std::move(given));
+  for (const std::string& secret : {service.token(), std::string("sk-llm/key")}) {
+    for (const auto& body : {'"' + secret, '"' + secret + "\xff",
+                             '"' + std::string(150, 'x') + secret, "{\"a\": \"" + secret + "\n"}) {
+      service.faults().clearAll();
+      service.faults().add({.reply = FaultReply{.body = body}});
+      const auto message = failureOf([&] { api->hello(); });
+      EXPECT_THAT(message, StartsWith("GET /api/driver/hello -> JSONDecodeError: "));
+      EXPECT_THAT(message, Not(HasSubstr(secret.substr(0, 3)))) << body;
+    }
+  }
+}
+
 TEST_F(ApiRequests, ProxyHearsOfRequestsToThisComputer) {
   const ScopedEnv proxy("http_proxy", "http://127.0.0.1:1");
   const ScopedEnv every("ALL_PROXY", "http://127.0.0.1:1");

@@ -9,10 +9,15 @@
 namespace verdo::test {
 namespace {
 
+using testing::HasSubstr;
+using testing::Not;
+
+const std::string kKey = "s3cret/";
+
 /// How the reading of a reply ends: "text|model|usage", or "category retryable?: message".
 std::string outcome(int status, const std::string& body) {
   try {
-    const auto completion = ChatRequest::read({status, body}, "asked");
+    const auto completion = ChatRequest::read({status, body}, "asked", SecretScrub{kKey});
     return fmt::format("{}|{}|{}", completion.text, completion.model,
                        completion.usage ? PyJSON::text(*completion.usage) : "none");
   } catch (const LLMCallError& error) {
@@ -82,6 +87,14 @@ TEST(ChatRequest, MisjudgesAReply) {
       {200, R"({"choices": [[1]]})", "transient retryable: empty completion (finish_reason=None)"},
   };
   for (const auto& row : table) EXPECT_EQ(outcome(row.status, row.body), row.expected);
+  // The key.
+  const std::string cutKey(198, 'x');
+  EXPECT_EQ(outcome(400, "wrong key s3cret%2f or " + kKey),
+            "validation: provider HTTP 400: wrong key … or …");
+  EXPECT_EQ(outcome(400, cutKey + kKey + "y"), "validation: provider HTTP 400: " + cutKey + "…y");
+  EXPECT_THAT(outcome(200, '"' + kKey), Not(HasSubstr("s3c")));
+  EXPECT_EQ(outcome(200, R"({"choices": [{"finish_reason": ")" + kKey + longBody + R"("}]})"),
+            "transient retryable: empty completion (finish_reason=…" + cut.substr(1) + ")");
   EXPECT_THAT(outcome(200, "{"),
               testing::StartsWith("transient retryable: unreadable provider reply: "));
 }

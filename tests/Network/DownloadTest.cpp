@@ -1,8 +1,29 @@
+#include "LocalService/Sha256.h"
+#include "LocalService/Tls.h"
+#include "VerdoDriverCore/Network/BodyQueue.h"
 #include "VerdoDriverCore/Network/CertificateFile.h"
+#include "VerdoDriverCore/System/Files.h"
 #include "tests/Support/ApiFixture.h"
 #include "tests/Support/Certificates.h"
+#include "tests/Support/Leaks.h"
+#include "tests/Support/Listener.h"
 
+#include <cstddef>
+
+#include <curl/curl.h>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <openssl/conf.h>
+#include <openssl/pem.h>
+#include <poll.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 
 namespace verdo::test {
 namespace {
@@ -76,6 +97,134 @@ TEST_F(Download, FailureLeavesAFileOrIsNotNamed) {
   EXPECT_EQ(contentOf(path("precious")), "precious");
 }
 
+/// Makes every close() of the calling thread fail, as the end of a file on a full network disk
+/// does. Descriptors stay open.
+void failToClose() {
+  sock_filter program[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_close, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSPC),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+  };
+  const sock_fprog filter{std::size(program), program};
+  ASSERT_EQ(::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
+  ASSERT_EQ(::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter, 0, 0), 0);
+}
+
+TEST_F(Download, ErrorOfCloseIsIgnored) {
+  const auto address = service.files().add({.name = "a", .content = "abc"});
+  std::string failure;
+  std::thread([&] {
+    failToClose();
+    failure = failureOfDownload([&] { fetch(address); });
+  }).join();
+  EXPECT_EQ(failure, "OSError: write failed: No space left on device");
+  EXPECT_FALSE(std::filesystem::exists(path("file")));
+  for (const auto& open : openDescriptors()) {
+    if (open.find(path("file")) != std::string::npos) ::close(std::stoi(open));
+  }
+}
+
+/// A download to a pipe that nobody reads yet: its disk does not answer.
+class StalledDisk : public Download {
+ protected:
+  static constexpr auto kTimeout = 300ms;
+
+  StalledDisk() : content(std::size_t{8} << 20, 'x') {
+    // Different in each place, lest pieces change places unnoticed.
+    for (std::size_t at = 0; at + 8 < content.size(); at += 100) {
+      content.replace(at, 8, fmt::format("{:08}", at));
+    }
+    EXPECT_EQ(::mkfifo(path("file").c_str(), 0600), 0);
+    disk = UniqueFd(::open(path("file").c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+  }
+  /// Starts the download and waits until the disk is full.
+  void begin() { begin(service.files().add({.name = "a", .content = content})); }
+  void begin(const std::string& address) {
+    caller = std::thread([this, address] {
+      failure = failureOfDownload([&] { sha256 = api->download(address, path("file"), kTimeout); });
+      ended.set();
+    });
+    const int capacity = ::fcntl(disk.get(), F_GETPIPE_SZ);
+    EXPECT_TRUE(eventually([&] {
+      int size = 0;
+      return ::ioctl(disk.get(), FIONREAD, &size) == 0 && size == capacity;
+    }));
+  }
+  void TearDown() override {
+    disk.reset();
+    caller.join();
+    Download::TearDown();
+  }
+
+  /// Lets the disk work until the download has ended. Gives what arrived there.
+  std::string work() {
+    std::string written;
+    std::vector<char> piece(65536);
+    for (bool last = false; !last;) {
+      last = ended.isSet();
+      ssize_t size = 0;
+      while ((size = ::read(disk.get(), piece.data(), piece.size())) > 0) {
+        written.append(piece.data(), static_cast<std::size_t>(size));
+      }
+      if (pollfd wait{disk.get(), POLLIN, 0}; !last) ::poll(&wait, 1, 1);
+    }
+    return written;
+  }
+
+  std::string content;
+  UniqueFd disk;
+  std::string sha256;
+  std::string failure;
+  Event ended;
+  std::thread caller;
+};
+
+TEST_F(StalledDisk, HoldsUpOtherRequestsOrFailsTheDownload) {
+  begin();
+  EXPECT_FALSE(ended.waitFor(2 * kTimeout));
+  addJob("");
+  api->poll(0, {});
+  EXPECT_EQ(failureOf([&] { api->lines(1, batch({})); }), "");
+  EXPECT_FALSE(ended.isSet());
+
+  EXPECT_TRUE(work() == content);
+  EXPECT_EQ(failure, "");
+  EXPECT_EQ(sha256, local::sha256Hex(content));
+}
+
+TEST_F(StalledDisk, KeepsAFileThatWasCancelled) {
+  begin();
+  api->stopPolling();
+  EXPECT_LT(work().size(), content.size());
+  EXPECT_EQ(failure, "URLError: cancelled");
+  EXPECT_FALSE(std::filesystem::exists(path("file")));
+}
+
+TEST_F(StalledDisk, FailureOfAWriteIsNotNamedOrLeavesAFile) {
+  begin();
+  disk.reset();
+  EXPECT_TRUE(ended.waitFor(kLong));
+  EXPECT_EQ(failure, "OSError: write failed: Broken pipe");
+  EXPECT_FALSE(std::filesystem::exists(path("file")));
+}
+
+TEST_F(StalledDisk, NetworkThatIsSilentLaterIsWaitedForWithoutALimit) {
+  const Listener listener;
+  UniqueFd connection;
+  std::thread server([&] {
+    connection = listener.accept();
+    const auto part = "HTTP/1.1 200 OK\r\nContent-Length: 1000000000\r\n\r\n" +
+                      std::string(4 * BodyQueue::kMaxBytes, 'x');
+    EXPECT_EQ(writeAll(connection.get(), part).error, 0);
+  });
+  begin(fmt::format("http://127.0.0.1:{}/", listener.port()));
+  EXPECT_FALSE(ended.waitFor(2 * kTimeout));
+  EXPECT_GE(work().size(), 2 * BodyQueue::kMaxBytes);
+  server.join();
+  EXPECT_EQ(failure, "URLError: Timeout was reached");
+}
+
 /// The service over TLS, with a certificate of an authority of the test's own.
 class Pinned : public ApiFixture {
  protected:
@@ -110,6 +259,105 @@ TEST_F(Pinned, CertificateOfAnotherAuthorityIsAccepted) {
       << "-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n"
       << contentOf(ours->authority());
   EXPECT_EQ(helloWith(path("both.pem")), "");
+}
+
+TEST_F(Pinned, SystemsAuthoritiesAreTrustedAsWell) {
+  const auto* built = curl_version_info(CURLVERSION_NOW);
+  if (!built->capath || !built->cainfo) GTEST_SKIP() << "libcurl knows no certificates";
+  // In place of the system's certificates, for one thread and those that it starts: ours.
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(
+      std::fopen(ours->authority().c_str(), "r"), &std::fclose);
+  const std::unique_ptr<X509, decltype(&X509_free)> authority(
+      PEM_read_X509(file.get(), nullptr, nullptr, nullptr), &X509_free);
+  std::filesystem::create_directory(path("roots"));
+  for (const auto& name : {std::filesystem::path(built->cainfo).filename().string(),
+                           fmt::format("{:08x}.0", X509_subject_name_hash(authority.get()))}) {
+    std::filesystem::copy(ours->authority(), path("roots/" + name));
+  }
+  const Certificates other;
+  bool isPermitted = false;
+  std::string unpinned;
+  std::string pinned;
+  std::thread([&] {
+    isPermitted = ::unshare(CLONE_NEWNS) == 0 &&
+                  ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                  ::mount(path("roots").c_str(), built->capath, nullptr, MS_BIND, nullptr) == 0;
+    if (!isPermitted) return;
+    unpinned = helloWith("");
+    pinned = helloWith(other.authority());
+  }).join();
+  if (!isPermitted) GTEST_SKIP() << "no mount namespaces here";
+  EXPECT_EQ(unpinned, "");
+  EXPECT_THAT(pinned, StartsWith("GET /api/driver/hello -> URLError: "));
+}
+
+TEST_F(Pinned, DownloadGoesOnInClear) {
+  make(options(), {.caCertificates = loadCertificates(ours->authority())});
+  local::LocalService clear;
+  clear.start();
+  const auto target = clear.url() + clear.files().add({.name = "x", .content = "abc"});
+  const auto address = service.files().add({.name = "x", .redirect = target});
+  EXPECT_EQ(failureOfDownload([&] { api->download(address, path("file"), 5s); }),
+            "URLError: Protocol \"http\" not supported or disabled in libcurl");
+  EXPECT_EQ(clear.requests().count(), 0u);
+  EXPECT_FALSE(std::filesystem::exists(path("file")));
+}
+
+/// Lets this process speak every version of TLS that its library has, as some systems do.
+class LaxTls {
+ public:
+  explicit LaxTls(const std::string& file) {
+    std::ofstream(file) << "openssl_conf = init\n[init]\nssl_conf = ssl\n[ssl]\n"
+                           "system_default = lax\n[lax]\nMinProtocol = TLSv1\n"
+                           "CipherString = DEFAULT@SECLEVEL=0\n";
+    EXPECT_EQ(CONF_modules_load_file(file.c_str(), nullptr, 0), 1);
+  }
+  ~LaxTls() { CONF_modules_load_file(nullptr, nullptr, CONF_MFLAGS_IGNORE_MISSING_FILE); }
+};
+
+TEST_F(Pinned, OutdatedTlsIsSpoken) {
+  const LaxTls lax(path("openssl.cnf"));
+  const auto helloOver = [&](int version) {
+    const Listener listener;
+    std::thread server([&] {
+      const UniqueFd connection = listener.accept();
+      const auto context = local::makeServerContext(ours->certificate(), ours->privateKey());
+      SSL_CTX_set_min_proto_version(context.get(), TLS1_VERSION);
+      SSL_CTX_set_max_proto_version(context.get(), version);
+      const local::SslPtr tls(SSL_new(context.get()));
+      SSL_set_fd(tls.get(), connection.get());
+      char request[4096];
+      if (SSL_accept(tls.get()) != 1 || SSL_read(tls.get(), request, sizeof request) <= 0) return;
+      constexpr std::string_view kReply = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n{}";
+      SSL_write(tls.get(), kReply.data(), static_cast<int>(kReply.size()));
+    });
+    auto given = options();
+    given.base = fmt::format("https://127.0.0.1:{}", listener.port());
+    make(std::move(given), {.caCertificates = loadCertificates(ours->authority())});
+    const auto failure = failureOf([&] { api->hello(); });
+    server.join();
+    return failure;
+  };
+  EXPECT_EQ(helloOver(TLS1_2_VERSION), "");
+  EXPECT_THAT(helloOver(TLS1_1_VERSION), StartsWith("GET /api/driver/hello -> URLError: "));
+}
+
+TEST_F(Pinned, FileWithoutACertificateCountsAsOne) {
+  const auto key = contentOf(ours->privateKey());
+  const auto certificate = contentOf(ours->authority());
+  const std::pair<const char*, std::string> table[] = {
+      {"empty", ""},
+      {"key", key},
+      {"broken", "-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n"},
+      {"half", certificate.substr(0, certificate.size() / 2)},
+  };
+  for (const auto& [name, content] : table) {
+    std::ofstream(path(name)) << content;
+    EXPECT_EQ(failureOfDownload([&, name = name] { loadCertificates(path(name)); }),
+              "SSLError: no certificate in " + path(name));
+  }
+  EXPECT_EQ(failureOfDownload([&] { loadCertificates(path("absent")); }),
+            "OSError: [Errno 2] No such file or directory: '" + path("absent") + "'");
 }
 
 }  // namespace

@@ -39,7 +39,7 @@ TEST(SpacePattern, GivesUpOnAHopelessSearch) {
   EXPECT_FALSE(SpacePattern("a").isFoundIn(name + "!!")) << "longer than any name";
 }
 
-TEST(StderrLogSink, PassesCommandsToTheTerminalOrHidesTheLevel) {
+TEST(StderrLogSink, PassesCommandsToTheTerminalOrForgesAnEntryOrHidesTheLevel) {
   Pipe pipe = Pipe::make();
   const UniqueFd before(::dup(STDERR_FILENO));
   ::dup2(pipe.writeEnd.get(), STDERR_FILENO);
@@ -49,7 +49,7 @@ TEST(StderrLogSink, PassesCommandsToTheTerminalOrHidesTheLevel) {
   StderrLogSink(true).error("a");
   ::dup2(before.get(), STDERR_FILENO);
   pipe.writeEnd.reset();
-  EXPECT_THAT(lines.all(), ElementsAre("! \\x1b[2J\tb", "c\\x0dd\\x7f\\x08\\x9b\xef\xbf\xbd é",
+  EXPECT_THAT(lines.all(), ElementsAre("! \\x1b[2J\tb", "  c\\x0dd\\x7f\\x08\\x9b\xef\xbf\xbd é",
                                        "\x1b[31m✗ \x1b[0ma"));
 }
 
