@@ -165,12 +165,11 @@ Api::Reply Api::request(const Call& call) {
   }
 
   const HttpResult result = perform(std::move(request), call.untilStop);
-  if (result.error) {
+  if (!result) {
     failServer(
-        fmt::format("{} -> {}: {}", name, errorName(*result.error), result.error->description));
+        fmt::format("{} -> {}: {}", name, errorName(result.error()), result.error().description));
   }
-  if (!result.response) failServer(name + " -> URLError: no response");
-  const auto& [status, body] = *result.response;
+  const auto& [status, body] = *result;
   if (status < 400) {
     if (status == 204 || body.empty()) return {};
     return {parseObject(body, name), std::nullopt};
@@ -217,8 +216,8 @@ std::string Api::download(const std::string& url, const std::string& destination
   try {
     const HttpResult result = perform(std::move(request), true);
     if (file->failure()) throw *file->failure();
-    if (result.error) throw PyError("URLError", result.error->description);
-    const int status = result.response ? result.response->status : 0;
+    if (!result) throw PyError("URLError", result.error().description);
+    const int status = result->status;
     if (status < 200 || status > 299) throw PyError("HTTPError", fmt::format("HTTP {}", status));
     return file->finish();
   } catch (const PyError&) {

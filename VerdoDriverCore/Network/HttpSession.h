@@ -13,6 +13,8 @@
 #include <utility>
 #include <vector>
 
+#include <tl/expected.hpp>
+
 namespace verdo {
 
 /// Takes the bytes of a response as they arrive, instead of having them collected. Called on the
@@ -53,11 +55,8 @@ struct TransportError {
   static TransportError timedOut();
 };
 
-/// Either a response or an error.
-struct HttpResult {
-  std::optional<HttpResponse> response;
-  std::optional<TransportError> error;
-};
+/// A response, or why there is none.
+using HttpResult = tl::expected<HttpResponse, TransportError>;
 
 /// What the blocked caller of a request does from time to time while it waits.
 struct HttpMeanwhile {
@@ -114,9 +113,9 @@ class HttpSession {
   /// A task for the request, not yet started.
   std::shared_ptr<HttpTask> task(HttpRequest request, Completion completion);
   /// Sends the request and blocks until it has ended. `onTask` is given the task before it starts.
-  HttpResult perform(HttpRequest request,
-                     const std::function<void(const std::shared_ptr<HttpTask>&)>& onTask = {},
-                     const HttpMeanwhile& meanwhile = {});
+  [[nodiscard]] HttpResult perform(
+      HttpRequest request, const std::function<void(const std::shared_ptr<HttpTask>&)>& onTask = {},
+      const HttpMeanwhile& meanwhile = {});
 
  private:
   Options options_;

@@ -144,7 +144,7 @@ int HttpTransfer::onProgress(void* self, curl_off_t, curl_off_t downNow, curl_of
 void HttpTransfer::finish(CURLcode code) {
   if (code == CURLE_OK) {
     response_.status = status();
-    completion({std::move(response_), std::nullopt});
+    completion(std::move(response_));
   } else if (bodyTooLong_) {
     fail({TransportError::Kind::other,
           fmt::format("The response is longer than {} bytes", request.maxBody)});
@@ -155,6 +155,6 @@ void HttpTransfer::finish(CURLcode code) {
   }
 }
 
-void HttpTransfer::fail(TransportError error) { completion({std::nullopt, std::move(error)}); }
+void HttpTransfer::fail(TransportError error) { completion(tl::make_unexpected(std::move(error))); }
 
 }  // namespace verdo

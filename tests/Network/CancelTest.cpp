@@ -64,7 +64,7 @@ class Cancel : public ApiFixture {
     task->cancel();
     EXPECT_TRUE(ended.waitFor(20s));
     const auto took = Clock::now() - begin;
-    EXPECT_TRUE(result.error && result.error->kind == TransportError::Kind::cancelled);
+    EXPECT_TRUE(!result && result.error().kind == TransportError::Kind::cancelled);
     task->cancel();
     return took;
   }
@@ -84,7 +84,7 @@ TEST_F(Cancel, IsNotFeltInSomePhase) {
   // Before the start.
   bool cancelled = false;
   const auto task = session->task(to(service.url()), [&](HttpResult result) {
-    cancelled = result.error && result.error->kind == TransportError::Kind::cancelled;
+    cancelled = !result && result.error().kind == TransportError::Kind::cancelled;
   });
   task->cancel();
   task->start();
@@ -144,8 +144,8 @@ TEST_F(Cancel, TimeoutEndsAReplyThatMovesOrSparesOneThatDoesNot) {
   const auto hang = service.addFault({.delay = 60s});
   auto begin = Clock::now();
   auto result = session->perform(request);
-  EXPECT_TRUE(result.error && result.error->kind == TransportError::Kind::timedOut);
-  EXPECT_EQ(result.error->description, "Timeout was reached");
+  EXPECT_TRUE(!result && result.error().kind == TransportError::Kind::timedOut);
+  EXPECT_EQ(result.error().description, "Timeout was reached");
   EXPECT_GE(Clock::now() - begin, 300ms);
   EXPECT_LT(Clock::now() - begin, 2s);
   service.clearFault(hang);
@@ -154,13 +154,13 @@ TEST_F(Cancel, TimeoutEndsAReplyThatMovesOrSparesOneThatDoesNot) {
   service.addFault({.delivery = local::Delivery::trickled, .bytesPerSecond = 400});
   begin = Clock::now();
   result = session->perform(request);
-  EXPECT_TRUE(result.response && result.response->status == 200);
+  EXPECT_TRUE(result && result->status == 200);
   EXPECT_GE(Clock::now() - begin, 600ms);
 
   request.deadline = Clock::now() + 400ms;
   begin = Clock::now();
   result = session->perform(request);
-  EXPECT_TRUE(result.error && result.error->kind == TransportError::Kind::timedOut);
+  EXPECT_TRUE(!result && result.error().kind == TransportError::Kind::timedOut);
   EXPECT_LT(Clock::now() - begin, 2s);
 }
 
