@@ -66,9 +66,9 @@ void HttpTask::start() {
     // Held while the loop takes the transfer, so that a cancellation cannot overtake the start.
     MutexLock lock(lock_);
     refused = std::move(transfer_);
-    if (!cancelled_) refused = loop_->start(std::move(refused));
+    if (!cancelled_ && !refused->refusal()) refused = loop_->start(std::move(refused));
   }
-  if (refused) refused->fail(TransportError::cancelled());
+  if (refused) refused->fail(refused->refusal().value_or(TransportError::cancelled()));
 }
 
 void HttpTask::cancel() {

@@ -34,7 +34,8 @@ struct HttpRequest {
   std::vector<std::pair<std::string, std::string>> headers;  ///< sent in this order
   std::shared_ptr<const ByteBuffer> body;                    ///< null: none
   Clock::duration timeout = std::chrono::seconds(60);        ///< inactivity: restarts as data moves
-  std::optional<Clock::time_point> deadline;                 ///< absolute, whatever data moves
+  /// Absolute, whatever data moves; absent: the session's resource limit.
+  std::optional<Clock::time_point> deadline;
   bool followRedirects = false;
   std::size_t maxBody = 64u << 20;     ///< a longer collected body is an error, bytes
   std::shared_ptr<HttpBodySink> sink;  ///< null: the body is collected in the response
@@ -96,7 +97,7 @@ class HttpSession {
   struct Options {
     /// PEM text of the only certificates to trust; empty: the system's roots.
     std::string caCertificates;
-    /// Upper limit for any request.
+    /// Upper limit for a request that has no deadline of its own.
     std::chrono::steady_clock::duration resourceLimit = std::chrono::seconds(3600);
   };
   /// Called once, on the I/O thread: must not block and must not throw.

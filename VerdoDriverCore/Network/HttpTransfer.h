@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <curl/curl.h>
 
@@ -22,12 +23,15 @@ struct CurlListFree {
 struct HttpTransfer {
   using Clock = HttpRequest::Clock;
 
-  /// `caCertificates` must outlive the transfer. Throws std::bad_alloc.
+  /// `options` must outlive the transfer. Throws std::bad_alloc. What libcurl or the protocol does
+  /// not take is in refusal().
   HttpTransfer(HttpRequest request, HttpSession::Completion completion,
                const HttpSession::Options& options);
   HttpTransfer(const HttpTransfer&) = delete;
   HttpTransfer& operator=(const HttpTransfer&) = delete;
 
+  /// Why the request must not be sent, if so.
+  const std::optional<TransportError>& refusal() const { return refusal_; }
   /// When the transfer times out, should nothing move until then.
   Clock::time_point expiry() const;
   /// Gives the completion what libcurl ended with.
@@ -47,9 +51,15 @@ struct HttpTransfer {
   static std::size_t onBody(char* data, std::size_t size, std::size_t count, void* self);
   static int onProgress(void* self, curl_off_t downTotal, curl_off_t downNow, curl_off_t upTotal,
                         curl_off_t upNow);
-  int status() const;
+  template <typename Value>
+  void set(CURLoption option, Value value);
+  void setTrust(const std::string& caCertificates);
   void setUrl();
+  void setHeadersAndBody();
+  void addHeader(const std::string& name, const std::string& rest);
+  int status() const;
 
+  std::optional<TransportError> refusal_;
   HttpResponse response_;
   curl_off_t moved_ = 0;
   bool bodyTooLong_ = false;
