@@ -82,16 +82,16 @@ void HttpTask::cancel() {
 
 HttpSession::HttpSession() : HttpSession(Options{}) {}
 
-HttpSession::HttpSession(Options options) : options_(std::move(options)) {
+HttpSession::HttpSession(Options options) {
   initialiseCurlOnce();
-  loop_ = std::make_shared<HttpSessionLoop>();
+  loop_ = std::make_shared<HttpSessionLoop>(std::move(options));
 }
 
 HttpSession::~HttpSession() { loop_->shutDown(); }
 
 std::shared_ptr<HttpTask> HttpSession::task(HttpRequest request, Completion completion) {
   auto transfer =
-      std::make_unique<HttpTransfer>(std::move(request), std::move(completion), options_);
+      std::make_unique<HttpTransfer>(std::move(request), std::move(completion), loop_->options());
   transfer->identifier = loop_->nextIdentifier();
   const auto identifier = transfer->identifier;
   return std::make_shared<HttpTask>(loop_, std::move(transfer), identifier);

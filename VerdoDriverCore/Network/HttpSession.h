@@ -90,8 +90,8 @@ class HttpTask {
   bool cancelled_ GUARDED_BY(lock_) = false;
 };
 
-/// An HTTP client whose requests, from any thread, share one I/O thread and one pool of
-/// connections. It keeps no cookies and no cache.
+/// An HTTP client whose requests, from any thread, share one I/O thread and their connections. It
+/// keeps no cookies and no cache.
 class HttpSession {
  public:
   struct Options {
@@ -119,7 +119,6 @@ class HttpSession {
       const HttpMeanwhile& meanwhile = {});
 
  private:
-  Options options_;
   std::shared_ptr<HttpSessionLoop> loop_;
 };
 

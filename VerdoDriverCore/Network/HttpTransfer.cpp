@@ -66,6 +66,12 @@ HttpTransfer::HttpTransfer(HttpRequest req, HttpSession::Completion done,
   set(CURLOPT_XFERINFODATA, this);
 }
 
+HttpTransfer* HttpTransfer::of(CURL* handle) {
+  HttpTransfer* transfer = nullptr;
+  curl_easy_getinfo(handle, CURLINFO_PRIVATE, &transfer);
+  return transfer;
+}
+
 template <typename Value>
 void HttpTransfer::set(CURLoption option, Value value) {
   const CURLcode code = curl_easy_setopt(handle.get(), option, value);

@@ -18,6 +18,8 @@ struct CurlListFree {
   void operator()(curl_slist* list) const { curl_slist_free_all(list); }
 };
 
+class ConnectionPool;
+
 /// One request on its way through libcurl. Built on the caller's thread, then owned by the I/O
 /// thread.
 struct HttpTransfer {
@@ -29,6 +31,9 @@ struct HttpTransfer {
                const HttpSession::Options& options);
   HttpTransfer(const HttpTransfer&) = delete;
   HttpTransfer& operator=(const HttpTransfer&) = delete;
+
+  /// The transfer of a handle; null for one of libcurl's own.
+  static HttpTransfer* of(CURL* handle);
 
   /// Why the request must not be sent, if so.
   const std::optional<TransportError>& refusal() const { return refusal_; }
@@ -43,6 +48,7 @@ struct HttpTransfer {
   HttpSession::Completion completion;
   Clock::time_point lastActivity;
   Clock::time_point deadline;
+  ConnectionPool* pool = nullptr;  ///< the one that it runs in
   std::unique_ptr<CURL, CurlEasyFree> handle;
   std::unique_ptr<curl_slist, CurlListFree> headers;
   char errorText[CURL_ERROR_SIZE] = {};
