@@ -1,5 +1,6 @@
 #include "VerdoDriverCore/Network/HttpTransfer.h"
 
+#include "VerdoDriverCore/Network/SocketOptions.h"
 #include "VerdoDriverCore/Values/Url.h"
 
 #include <algorithm>
@@ -47,6 +48,9 @@ HttpTransfer::HttpTransfer(HttpRequest req, HttpSession::Completion done,
   set(CURLOPT_NOSIGNAL, 1L);
   set(CURLOPT_QUICK_EXIT, 1L);  // cancelling must not wait for a name resolution
   set(CURLOPT_ERRORBUFFER, errorText);
+  set(CURLOPT_SOCKOPTFUNCTION, &HttpTransfer::onSocketOpened);
+  set(CURLOPT_PREREQFUNCTION, &HttpTransfer::onSending);
+  set(CURLOPT_PREREQDATA, this);
   set(CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_2TLS});
   // Whether a connection can be shared, its TLS handshake tells at once. Without TLS only the first
   // reply would tell, and a long poll's comes late.
@@ -136,6 +140,18 @@ void HttpTransfer::addHeader(const std::string& name, const std::string& rest) {
 
 HttpTransfer::Clock::time_point HttpTransfer::expiry() const {
   return std::min(deadline, lastActivity + request.timeout);
+}
+
+/// Called when a connection is there for the request: more than once when libcurl sends it anew
+/// because the first one had died, or for a redirect.
+int HttpTransfer::onSending(void* self, char*, char*, int, int) {
+  static_cast<HttpTransfer*>(self)->lastActivity = Clock::now();
+  return CURL_PREREQFUNC_OK;
+}
+
+int HttpTransfer::onSocketOpened(void*, curl_socket_t socket, curlsocktype) {
+  detectDeadPath(socket);
+  return CURL_SOCKOPT_OK;
 }
 
 int HttpTransfer::status() const {

@@ -57,6 +57,8 @@ struct HttpTransfer {
   static std::size_t onBody(char* data, std::size_t size, std::size_t count, void* self);
   static int onProgress(void* self, curl_off_t downTotal, curl_off_t downNow, curl_off_t upTotal,
                         curl_off_t upNow);
+  static int onSending(void* self, char* remoteIp, char* localIp, int remotePort, int localPort);
+  static int onSocketOpened(void* self, curl_socket_t socket, curlsocktype purpose);
   template <typename Value>
   void set(CURLoption option, Value value);
   void setTrust(const std::string& caCertificates);

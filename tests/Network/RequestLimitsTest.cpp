@@ -31,6 +31,17 @@ TEST_F(RequestLimits, DeadlineIsCutToTheLimitOfTheSession) {
   EXPECT_EQ(outcomeOf(request), "200");
 }
 
+TEST_F(RequestLimits, RequestSentAnewHasOnlyWhatTheFirstLeftOfItsTimeout) {
+  auto request = modelsRequest();
+  EXPECT_EQ(outcomeOf(request), "200");
+  // A connection that breaks after it was good for a while: libcurl tries another one by itself.
+  service.addFault({.count = 1, .delay = 400ms, .delivery = local::Delivery::reset});
+  service.addFault({.delay = 400ms});
+  request.timeout = 600ms;
+  EXPECT_EQ(outcomeOf(request), "200");
+  EXPECT_EQ(service.requestCount(), 3u);
+}
+
 TEST_F(RequestLimits, ControlCharacterOfAHeaderIsSent) {
   for (const auto* character : {"\n", "\r", "\r\nX-Forged: 1", "\t", "\x01", "\x7f"}) {
     auto given = options();
