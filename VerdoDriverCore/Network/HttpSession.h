@@ -92,6 +92,10 @@ class HttpTask {
 
 /// An HTTP client whose requests, from any thread, share one I/O thread and their connections. It
 /// keeps no cookies and no cache.
+///
+/// Paths die silently, so a time-out says something of the connection: after one, new requests go
+/// over new connections. Those that share the connection get 5 s more for an answer to a ping; when
+/// none comes, they end with an error too.
 class HttpSession {
  public:
   struct Options {
@@ -99,6 +103,8 @@ class HttpSession {
     std::string caCertificates;
     /// Upper limit for a request that has no deadline of its own.
     std::chrono::steady_clock::duration resourceLimit = std::chrono::seconds(3600);
+    /// For the answer to a ping over a connection on which a request timed out.
+    std::chrono::steady_clock::duration pingTimeout = std::chrono::seconds(5);
   };
   /// Called once, on the I/O thread: must not block and must not throw.
   using Completion = std::function<void(HttpResult)>;

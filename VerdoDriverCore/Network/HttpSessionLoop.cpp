@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <limits>
+#include <stdexcept>
 #include <utility>
 
 #include <fmt/format.h>
@@ -66,6 +67,7 @@ void HttpSessionLoop::run() {
   while (readMailbox()) {
     failUnwatched();
     expireOverdue();
+    removeIdlePools();
     for (const auto& ready : poller_.wait(untilNextLook())) dispatch(ready);
     for (const auto& pool : pools_) pool->onTime(Clock::now());
     reportFinished();
@@ -152,9 +154,83 @@ void HttpSessionLoop::expireOverdue() {
       looks_.erase(running.look);
       running.look = looks_.emplace(expiry, identifier);
     } else {
-      remove(identifier)->fail(TransportError::timedOut());
+      timeOut(identifier);
     }
   }
+}
+
+/// Ends a transfer whose time is up, and sees to its connection.
+void HttpSessionLoop::timeOut(std::int64_t identifier) {
+  HttpTransfer& late = *running_.at(identifier).transfer;
+  ConnectionPool& pool = *late.pool;
+  const auto connection = late.connection();
+  if (late.pinged) {
+    // A ping that went another way proves nothing.
+    auto silent = transfersOn(pool, connection == late.pinged ? connection : nullptr);
+    const auto asked = late.lastActivity;
+    remove(identifier);
+    std::erase(silent, identifier);
+    if (hasMovedSince(asked, silent)) return;
+    for (const auto transfer : silent) {
+      remove(transfer)->fail({TransportError::Kind::other, "The connection no longer answers"});
+    }
+    return;
+  }
+  if (&pool == pools_.back().get()) leavePool();
+  char* url = nullptr;
+  curl_easy_getinfo(late.handle.get(), CURLINFO_EFFECTIVE_URL, &url);
+  const std::string asked = url ? url : late.request.url;
+  const auto ended = remove(identifier);
+  ping(pool, connection, asked);
+  ended->fail(TransportError::timedOut());
+}
+
+/// Asks whether a connection still answers, if anyone else uses it.
+void HttpSessionLoop::ping(ConnectionPool& pool, HttpTransfer::Connection connection,
+                           const std::string& url) {
+  const auto waiting = transfersOn(pool, connection);
+  const bool underWay = std::any_of(running_.begin(), running_.end(), [&](const auto& entry) {
+    return entry.second.transfer->pinged == connection && entry.second.transfer->pool == &pool;
+  });
+  if (waiting.empty() || underWay) return;
+  auto question = HttpTransfer::ping(url, options_);
+  if (question->refusal()) return;
+  question->identifier = nextIdentifier();
+  question->pinged = connection;
+  add(std::move(question), pool);
+}
+
+bool HttpSessionLoop::hasMovedSince(Clock::time_point time,
+                                    const std::vector<std::int64_t>& transfers) const {
+  return std::any_of(transfers.begin(), transfers.end(), [&](std::int64_t identifier) {
+    return running_.at(identifier).transfer->lastActivity > time;
+  });
+}
+
+/// The transfers that go over an encrypted connection; none for a null one.
+std::vector<std::int64_t> HttpSessionLoop::transfersOn(const ConnectionPool& pool,
+                                                       HttpTransfer::Connection connection) const {
+  std::vector<std::int64_t> found;
+  if (!connection) return found;
+  for (const auto& [identifier, running] : running_) {
+    if (running.transfer->pool == &pool && running.transfer->connection() == connection) {
+      found.push_back(identifier);
+    }
+  }
+  return found;
+}
+
+/// Has later transfers open connections of their own.
+void HttpSessionLoop::leavePool() try {
+  pools_.push_back(std::make_unique<ConnectionPool>(poller_));
+} catch (const std::runtime_error&) {
+  // No memory for another one. The old one serves on: late is better than not at all.
+}
+
+void HttpSessionLoop::removeIdlePools() {
+  if (pools_.size() == 1) return;
+  const auto* current = pools_.back().get();
+  std::erase_if(pools_, [&](const auto& pool) { return pool.get() != current && pool->isIdle(); });
 }
 
 std::unique_ptr<HttpTransfer> HttpSessionLoop::remove(std::int64_t identifier) {

@@ -7,6 +7,7 @@
 
 #include <map>
 #include <memory>
+#include <string>
 #include <thread>
 #include <unordered_map>
 #include <vector>
@@ -56,6 +57,13 @@ class HttpSessionLoop {
   void reportFinished();
   void failUnwatched();
   void expireOverdue();
+  void timeOut(std::int64_t identifier);
+  void leavePool();
+  void removeIdlePools();
+  void ping(ConnectionPool& pool, HttpTransfer::Connection connection, const std::string& url);
+  bool hasMovedSince(Clock::time_point time, const std::vector<std::int64_t>& transfers) const;
+  std::vector<std::int64_t> transfersOn(const ConnectionPool& pool,
+                                        HttpTransfer::Connection connection) const;
   std::unique_ptr<HttpTransfer> remove(std::int64_t identifier);
 
   const HttpSession::Options options_;
@@ -68,6 +76,7 @@ class HttpSessionLoop {
   bool ending_ GUARDED_BY(lock_) = false;
 
   // The I/O thread's own.
+  /// New transfers go to the last one; those before it only live until theirs have ended.
   std::vector<std::unique_ptr<ConnectionPool>> pools_;
   std::unordered_map<std::int64_t, Running> running_;
   Looks looks_;

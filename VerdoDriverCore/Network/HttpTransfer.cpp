@@ -18,6 +18,7 @@ namespace {
 constexpr long kUploadPiece = 256 * 1024;
 constexpr std::size_t kLargeBody = 1 << 20;
 constexpr long kMaxRedirects = 20;
+constexpr std::size_t kMaxPingBody = 64 * 1024;
 /// libcurl copies a query byte by byte, more than once; the target that it is given, in one piece.
 constexpr std::size_t kLongQuery = 256;
 
@@ -68,6 +69,19 @@ HttpTransfer::HttpTransfer(HttpRequest req, HttpSession::Completion done,
   set(CURLOPT_NOPROGRESS, 0L);
   set(CURLOPT_XFERINFOFUNCTION, &HttpTransfer::onProgress);
   set(CURLOPT_XFERINFODATA, this);
+}
+
+std::unique_ptr<HttpTransfer> HttpTransfer::ping(const std::string& url,
+                                                 const HttpSession::Options& options) {
+  HttpRequest question;
+  question.method = "OPTIONS";
+  question.url = url;
+  question.timeout = options.pingTimeout;
+  question.maxBody = kMaxPingBody;
+  auto transfer =
+      std::make_unique<HttpTransfer>(std::move(question), [](const HttpResult&) {}, options);
+  transfer->set(CURLOPT_REQUEST_TARGET, "*");
+  return transfer;
 }
 
 HttpTransfer* HttpTransfer::of(CURL* handle) {
@@ -140,6 +154,12 @@ void HttpTransfer::addHeader(const std::string& name, const std::string& rest) {
 
 HttpTransfer::Clock::time_point HttpTransfer::expiry() const {
   return std::min(deadline, lastActivity + request.timeout);
+}
+
+HttpTransfer::Connection HttpTransfer::connection() const {
+  curl_tlssessioninfo* session = nullptr;
+  const CURLcode code = curl_easy_getinfo(handle.get(), CURLINFO_TLS_SSL_PTR, &session);
+  return code == CURLE_OK && session ? session->internals : nullptr;
 }
 
 /// Called when a connection is there for the request: more than once when libcurl sends it anew

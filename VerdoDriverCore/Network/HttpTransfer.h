@@ -24,6 +24,9 @@ class ConnectionPool;
 /// thread.
 struct HttpTransfer {
   using Clock = HttpRequest::Clock;
+  /// What tells one encrypted connection from another while transfers use it; null: none yet, or
+  /// one in clear, which no two transfers share.
+  using Connection = const void*;
 
   /// `options` must outlive the transfer. Throws std::bad_alloc. What libcurl or the protocol does
   /// not take is in refusal().
@@ -32,6 +35,9 @@ struct HttpTransfer {
   HttpTransfer(const HttpTransfer&) = delete;
   HttpTransfer& operator=(const HttpTransfer&) = delete;
 
+  /// A question to the server of `url` that only asks whether it still answers: HTTP's "OPTIONS *".
+  static std::unique_ptr<HttpTransfer> ping(const std::string& url,
+                                            const HttpSession::Options& options);
   /// The transfer of a handle; null for one of libcurl's own.
   static HttpTransfer* of(CURL* handle);
 
@@ -39,6 +45,8 @@ struct HttpTransfer {
   const std::optional<TransportError>& refusal() const { return refusal_; }
   /// When the transfer times out, should nothing move until then.
   Clock::time_point expiry() const;
+  /// The connection that it goes over now.
+  Connection connection() const;
   /// Gives the completion what libcurl ended with.
   void finish(CURLcode code);
   void fail(TransportError error);
@@ -49,6 +57,7 @@ struct HttpTransfer {
   Clock::time_point lastActivity;
   Clock::time_point deadline;
   ConnectionPool* pool = nullptr;  ///< the one that it runs in
+  Connection pinged = nullptr;     ///< of a ping: the connection that it is about
   std::unique_ptr<CURL, CurlEasyFree> handle;
   std::unique_ptr<curl_slist, CurlListFree> headers;
   char errorText[CURL_ERROR_SIZE] = {};

@@ -169,12 +169,13 @@ ExitReason DriverRunner::runImpl() {
 
 std::shared_ptr<Api> DriverRunner::makeApi(const std::string& server) {
   HttpSession::Options session;
+  session.pingTimeout = timings_.pingTimeout;
   if (config_.caCertPath) session.caCertificates = loadCertificates(*config_.caCertPath);
   Api::Options options;
   options.base = server;
   options.token = config_.token;
   options.clientHeader = config_.clientHeader;
-  options.throttlePause = timings_.throttlePause;
+  options.timings = timings_;
   // The key itself stays here.
   const bool hasKey = !config_.llmKey.empty();
   options.llmInfo =

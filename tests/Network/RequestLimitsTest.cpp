@@ -31,6 +31,11 @@ TEST_F(RequestLimits, DeadlineIsCutToTheLimitOfTheSession) {
   EXPECT_EQ(outcomeOf(request), "200");
 }
 
+TEST_F(RequestLimits, LongestPollIsCutByTheLimitOfTheSession) {
+  constexpr double kLongestPoll = 3580;  // of the option --poll-wait
+  EXPECT_GE(HttpSession::Options().resourceLimit, fromSeconds(kLongestPoll) + Timings().pollMargin);
+}
+
 TEST_F(RequestLimits, RequestSentAnewHasOnlyWhatTheFirstLeftOfItsTimeout) {
   auto request = modelsRequest();
   EXPECT_EQ(outcomeOf(request), "200");

@@ -1,0 +1,86 @@
+#include "tests/Support/ApiFixture.h"
+#include "tests/Support/Front.h"
+
+#include <future>
+
+namespace verdo::test {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+using testing::HasSubstr;
+
+/// An Api that speaks HTTP/2 to the service, over a road that can die.
+class SilentPath : public ApiFixture {
+ protected:
+  SilentPath() : front_(std::make_unique<Front>(service.port(), &certificates_)) {
+    auto given = options();
+    given.base = front_->url();
+    given.timings.helloTimeout = 300ms;
+    given.timings.postTimeout = 300ms;
+    make(std::move(given), sessionOptions());
+  }
+  void TearDown() override {
+    api.reset();
+    session.reset();
+    front_.reset();
+    ApiFixture::TearDown();
+  }
+  HttpSession::Options sessionOptions() const {
+    HttpSession::Options given;
+    given.caCertificates = contentOf(certificates_.authority());
+    given.pingTimeout = 300ms;
+    return given;
+  }
+  /// A poll of `wait` seconds that has arrived; its message ends in the future, "" when it is well.
+  std::future<std::string> beginPoll(double wait) {
+    const auto before = service.requestCount("poll");
+    auto poll = std::async(std::launch::async,
+                           [this, wait] { return failureOf([&] { api->poll(wait, {}); }); });
+    EXPECT_TRUE(service.waitForRequest("poll", before + 1, kLong));
+    return poll;
+  }
+
+  Front& front() { return *front_; }
+
+ private:
+  const Certificates certificates_;
+  std::unique_ptr<Front> front_;
+};
+
+TEST_F(SilentPath, RequestGoesOverAConnectionThatTimedOut) {
+  EXPECT_EQ(failureOf([&] { api->hello(); }), "");
+  EXPECT_EQ(failureOf([&] { api->hello(); }), "");
+  EXPECT_EQ(front().connections(), 1);
+  EXPECT_EQ(front().swallow(), 1);
+  EXPECT_THAT(failureOf([&] { api->hello(); }), HasSubstr("Timeout was reached"));
+  EXPECT_EQ(failureOf([&] { api->hello(); }), "");
+  EXPECT_EQ(front().connections(), 2);
+}
+
+TEST_F(SilentPath, RequestThatSharesADeadConnectionWaitsForItsOwnTimeout) {
+  auto poll = beginPoll(25);
+  front().swallow();
+  const auto begin = Clock::now();
+  EXPECT_THAT(failureOf([&] { api->hello(); }), HasSubstr("Timeout was reached"));
+  ASSERT_EQ(poll.wait_for(kLong), std::future_status::ready);
+  EXPECT_LT(Clock::now() - begin, 10s);
+  EXPECT_THAT(poll.get(), HasSubstr("no longer answers"));
+}
+
+TEST_F(SilentPath, RequestIsEndedThoughItsConnectionAnswersThePing) {
+  auto poll = beginPoll(25);
+  const auto hang = service.addFault({.endpoint = "hello", .delay = 60s});
+  EXPECT_THAT(failureOf([&] { api->hello(); }), HasSubstr("Timeout was reached"));
+  service.clearFault(hang);
+  // Twice the time that an unanswered ping would have been given.
+  EXPECT_EQ(poll.wait_for(600ms), std::future_status::timeout);
+  addJob("");
+  EXPECT_EQ(poll.get(), "");
+  // The connection is done with what it had, and nothing new goes over it.
+  EXPECT_EQ(failureOf([&] { api->hello(); }), "");
+  EXPECT_EQ(front().connections(), 2);
+}
+
+}  // namespace
+}  // namespace verdo::test
