@@ -62,6 +62,11 @@ std::string quoted(const std::string& body, const std::string& token) {
   return firstCharacters(text, kQuotedBody);
 }
 
+/// The connection was dropped on purpose, which is no failure of the request.
+bool isDropped(const HttpResult& result) {
+  return !result && result.error().kind == TransportError::Kind::dropped;
+}
+
 JV parseObject(const std::string& body, const std::string& call) {
   JV value;
   try {
@@ -157,7 +162,7 @@ Api::Reply Api::request(const Call& call) {
     request.body = call.body;
   }
 
-  const HttpResult result = perform(std::move(request), call.untilStop);
+  const HttpResult result = perform(request, call.untilStop);
   if (!result) {
     failServer(
         fmt::format("{} -> {}: {}", name, errorName(result.error()), result.error().description));
@@ -182,7 +187,14 @@ Api::Reply Api::request(const Call& call) {
   }
 }
 
-HttpResult Api::perform(HttpRequest request, bool untilStop) {
+HttpResult Api::perform(const HttpRequest& request, bool untilStop) {
+  while (true) {
+    HttpResult result = performOnce(request, untilStop);
+    if (!isDropped(result)) return result;
+  }
+}
+
+HttpResult Api::performOnce(HttpRequest request, bool untilStop) {
   std::int64_t identifier = 0;
   const auto enter = [&](const std::shared_ptr<HttpTask>& task) {
     MutexLock lock(pollLock_);
@@ -204,18 +216,24 @@ std::string Api::download(const std::string& url, const std::string& destination
   if (!Url::parse(request.url)) throw PyError("ValueError", "bad file URL");
   request.timeout = timeout;
   request.followRedirects = true;
-  const auto file = std::make_shared<FileDownload>(destination);
-  request.sink = file;
-  try {
-    const HttpResult result = perform(std::move(request), true);
-    if (file->failure()) throw *file->failure();
-    if (!result) throw PyError("URLError", result.error().description);
-    const int status = result->status;
-    if (status < 200 || status > 299) throw PyError("HTTPError", fmt::format("HTTP {}", status));
-    return file->finish();
-  } catch (const PyError&) {
-    file->discard();
-    throw;
+  while (true) {
+    const auto file = std::make_shared<FileDownload>(destination);
+    request.sink = file;
+    const HttpResult result = performOnce(request, true);
+    try {
+      if (file->failure()) throw *file->failure();
+      if (isDropped(result)) {
+        file->discard();
+        continue;
+      }
+      if (!result) throw PyError("URLError", result.error().description);
+      const int status = result->status;
+      if (status < 200 || status > 299) throw PyError("HTTPError", fmt::format("HTTP {}", status));
+      return file->finish();
+    } catch (const PyError&) {
+      file->discard();
+      throw;
+    }
   }
 }
 
@@ -226,6 +244,8 @@ void Api::stopPolling() {
     if (call.untilStop) call.task->cancel();
   }
 }
+
+void Api::networkChanged() { session_->dropConnections(); }
 
 void Api::cancelAll() {
   stopPolling();

@@ -57,6 +57,10 @@ class Api {
   /// Takes no new work: cancels the hello, poll and downloads in flight, and refuses later ones as
   /// cancelled.
   void stopPolling() EXCLUDES(pollLock_);
+  /// For when the path to the service may have changed: open connections are dropped, and the
+  /// requests in flight are sent anew over new ones without their callers noticing. At most once in
+  /// 5 s; a call that comes too soon takes effect later. Never waits.
+  void networkChanged();
   /// stopPolling(), and cancels every other request in flight. Later posts are sent as usual: a
   /// stopping driver still reports its jobs.
   void cancelAll() EXCLUDES(pollLock_);
@@ -81,7 +85,8 @@ class Api {
   };
 
   Reply request(const Call& call);
-  HttpResult perform(HttpRequest request, bool untilStop) EXCLUDES(pollLock_);
+  HttpResult perform(const HttpRequest& request, bool untilStop);
+  HttpResult performOnce(HttpRequest request, bool untilStop) EXCLUDES(pollLock_);
   Headers protocolHeaders() const;
   JV post(const std::string& path, std::shared_ptr<const ByteBuffer> body);
 

@@ -54,6 +54,8 @@ TransportError TransportError::timedOut() {
   return {Kind::timedOut, curl_easy_strerror(CURLE_OPERATION_TIMEDOUT)};
 }
 
+TransportError TransportError::dropped() { return {Kind::dropped, "the connection was dropped"}; }
+
 HttpTask::HttpTask(std::shared_ptr<HttpSessionLoop> loop, std::unique_ptr<HttpTransfer> transfer,
                    std::int64_t identifier)
     : loop_(std::move(loop)), identifier_(identifier), transfer_(std::move(transfer)) {}
@@ -114,5 +116,7 @@ HttpResult HttpSession::perform(HttpRequest request,
   }
   return reply->take();
 }
+
+void HttpSession::dropConnections() { loop_->dropConnections(); }
 
 }  // namespace verdo

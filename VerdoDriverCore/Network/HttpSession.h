@@ -48,12 +48,18 @@ struct HttpResponse {
 
 /// A request that got no response.
 struct TransportError {
-  enum class Kind { cancelled, timedOut, other };
+  enum class Kind {
+    cancelled,
+    timedOut,
+    dropped,  ///< by HttpSession::dropConnections(): nothing is wrong, the request may be sent anew
+    other,
+  };
   Kind kind = Kind::other;
   std::string description;  ///< one sentence for a person
 
   static TransportError cancelled();
   static TransportError timedOut();
+  static TransportError dropped();
 };
 
 /// A response, or why there is none.
@@ -105,6 +111,8 @@ class HttpSession {
     std::chrono::steady_clock::duration resourceLimit = std::chrono::seconds(3600);
     /// For the answer to a ping over a connection on which a request timed out.
     std::chrono::steady_clock::duration pingTimeout = std::chrono::seconds(5);
+    /// Between two times that connections are dropped.
+    std::chrono::steady_clock::duration dropInterval = std::chrono::seconds(5);
   };
   /// Called once, on the I/O thread: must not block and must not throw.
   using Completion = std::function<void(HttpResult)>;
@@ -123,6 +131,10 @@ class HttpSession {
   [[nodiscard]] HttpResult perform(
       HttpRequest request, const std::function<void(const std::shared_ptr<HttpTask>&)>& onTask = {},
       const HttpMeanwhile& meanwhile = {});
+  /// For when the network has changed: closes every connection, and ends what is in flight with
+  /// TransportError::dropped. Returns at once. A call less than dropInterval after the last one
+  /// took effect takes effect when that time is over; several such calls are one. Any thread.
+  void dropConnections();
 
  private:
   std::shared_ptr<HttpSessionLoop> loop_;

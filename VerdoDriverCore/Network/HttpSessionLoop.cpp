@@ -53,6 +53,14 @@ void HttpSessionLoop::cancel(std::int64_t identifier) {
   if (first) poller_.wakeUp();
 }
 
+void HttpSessionLoop::dropConnections() {
+  {
+    MutexLock lock(lock_);
+    mail_.drop = true;
+  }
+  poller_.wakeUp();
+}
+
 void HttpSessionLoop::shutDown() {
   {
     MutexLock lock(lock_);
@@ -67,6 +75,7 @@ void HttpSessionLoop::run() {
   while (readMailbox()) {
     failUnwatched();
     expireOverdue();
+    dropIfDue();
     removeIdlePools();
     for (const auto& ready : poller_.wait(untilNextLook())) dispatch(ready);
     for (const auto& pool : pools_) pool->onTime(Clock::now());
@@ -89,6 +98,7 @@ bool HttpSessionLoop::readMailbox() {
   for (const auto identifier : mail.cancelling) {
     if (const auto transfer = remove(identifier)) transfer->fail(TransportError::cancelled());
   }
+  if (mail.drop && !dropDue_) dropDue_ = std::max(Clock::now(), nextDrop_);
   return !ending;
 }
 
@@ -105,6 +115,7 @@ void HttpSessionLoop::add(std::unique_ptr<HttpTransfer> transfer, ConnectionPool
 std::chrono::milliseconds HttpSessionLoop::untilNextLook() const {
   const auto now = Clock::now();
   auto next = looks_.empty() ? now + std::chrono::hours(1) : looks_.begin()->first;
+  if (dropDue_) next = std::min(next, *dropDue_);
   for (const auto& pool : pools_) {
     if (pool->due()) next = std::min(next, *pool->due());
   }
@@ -218,6 +229,14 @@ std::vector<std::int64_t> HttpSessionLoop::transfersOn(const ConnectionPool& poo
     }
   }
   return found;
+}
+
+void HttpSessionLoop::dropIfDue() {
+  if (!dropDue_ || *dropDue_ > Clock::now()) return;
+  dropDue_.reset();
+  nextDrop_ = Clock::now() + options_.dropInterval;
+  leavePool();
+  while (!running_.empty()) remove(running_.begin()->first)->fail(TransportError::dropped());
 }
 
 /// Has later transfers open connections of their own.

@@ -7,6 +7,7 @@
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -16,8 +17,8 @@ namespace verdo {
 
 /// The I/O thread of a session. libcurl says which sockets to watch and when it wants to be called;
 /// a turn of the loop costs what has happened, however many transfers wait (curl_multi_perform and
-/// poll(2) would look at all of them each time). Other threads hand it transfers and cancellations
-/// through a mailbox; transfers themselves are touched by this thread only.
+/// poll(2) would look at all of them each time). Other threads hand it transfers, cancellations and
+/// changes of the network through a mailbox; transfers themselves are touched by this thread only.
 class HttpSessionLoop {
  public:
   /// Throws std::runtime_error or std::system_error when there is no room for another thread.
@@ -30,6 +31,8 @@ class HttpSessionLoop {
   std::unique_ptr<HttpTransfer> start(std::unique_ptr<HttpTransfer> transfer) EXCLUDES(lock_);
   /// Ends a transfer that was started before; nothing for one that has ended.
   void cancel(std::int64_t identifier) EXCLUDES(lock_);
+  /// As HttpSession::dropConnections().
+  void dropConnections() EXCLUDES(lock_);
   /// Cancels everything and joins the thread.
   void shutDown() EXCLUDES(lock_);
 
@@ -46,7 +49,8 @@ class HttpSessionLoop {
   struct Mail {
     std::vector<std::unique_ptr<HttpTransfer>> starting;
     std::vector<std::int64_t> cancelling;
-    bool isEmpty() const { return starting.empty() && cancelling.empty(); }
+    bool drop = false;
+    bool isEmpty() const { return starting.empty() && cancelling.empty() && !drop; }
   };
 
   void run();
@@ -58,6 +62,7 @@ class HttpSessionLoop {
   void failUnwatched();
   void expireOverdue();
   void timeOut(std::int64_t identifier);
+  void dropIfDue();
   void leavePool();
   void removeIdlePools();
   void ping(ConnectionPool& pool, HttpTransfer::Connection connection, const std::string& url);
@@ -80,6 +85,8 @@ class HttpSessionLoop {
   std::vector<std::unique_ptr<ConnectionPool>> pools_;
   std::unordered_map<std::int64_t, Running> running_;
   Looks looks_;
+  std::optional<Clock::time_point> dropDue_;
+  Clock::time_point nextDrop_{};  ///< not before
 };
 
 }  // namespace verdo

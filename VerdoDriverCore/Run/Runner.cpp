@@ -321,6 +321,15 @@ void DriverRunner::stop() {
   if (keyCheck) keyCheck->cancel();
 }
 
+void DriverRunner::networkChanged() {
+  std::shared_ptr<Api> api;
+  {
+    MutexLock lock(lock_);
+    api = api_;
+  }
+  if (api) api->networkChanged();
+}
+
 void DriverRunner::killJobsNow() {
   std::shared_ptr<Driver> driver;
   {

@@ -30,6 +30,7 @@ class SilentPath : public ApiFixture {
     HttpSession::Options given;
     given.caCertificates = contentOf(certificates_.authority());
     given.pingTimeout = 300ms;
+    given.dropInterval = kDropInterval;
     return given;
   }
   /// A poll of `wait` seconds that has arrived; its message ends in the future, "" when it is well.
@@ -40,6 +41,8 @@ class SilentPath : public ApiFixture {
     EXPECT_TRUE(service.waitForRequest("poll", before + 1, kLong));
     return poll;
   }
+
+  static constexpr auto kDropInterval = 1000ms;
 
   Front& front() { return *front_; }
 
@@ -80,6 +83,25 @@ TEST_F(SilentPath, RequestIsEndedThoughItsConnectionAnswersThePing) {
   // The connection is done with what it had, and nothing new goes over it.
   EXPECT_EQ(failureOf([&] { api->hello(); }), "");
   EXPECT_EQ(front().connections(), 2);
+}
+
+TEST_F(SilentPath, ChangeOfTheNetworkIsTakenForAFailure) {
+  auto poll = beginPoll(25);
+  front().swallow();
+  auto begin = Clock::now();
+  api->networkChanged();
+  EXPECT_TRUE(service.waitForRequest("poll", 2, kLong));
+  EXPECT_LT(Clock::now() - begin, 2s);
+  // Soon after the first one, another has to wait.
+  front().swallow();
+  begin = Clock::now();
+  api->networkChanged();
+  api->networkChanged();
+  EXPECT_TRUE(service.waitForRequest("poll", 3, kLong));
+  EXPECT_GT(Clock::now() - begin, kDropInterval / 2);
+  addJob("");
+  EXPECT_EQ(poll.get(), "");
+  EXPECT_EQ(service.requestCount("poll"), 3u);
 }
 
 }  // namespace

@@ -8,6 +8,9 @@ namespace verdo::test {
 namespace {
 
 using namespace std::chrono_literals;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
 
 /// A run that reaches the service by a road which can die without anybody being told.
 class SilentPathJob : public DriverFixture {
@@ -63,6 +66,18 @@ TEST_F(SilentPathJob, IsLostBehindARoadThatOnlyAcknowledges) {
     stopAndFinish();
     runner.reset();
   }
+}
+
+TEST_F(SilentPathJob, HearsOfAChangeOfTheNetwork) {
+  startBehind(&certificates);
+  const auto polls = service.requestCount("poll");
+  front->swallow();
+  runner->networkChanged();
+  EXPECT_TRUE(service.waitForRequest("poll", polls + 1, 500ms));
+  finishJob();
+  for (const auto& text : texts('w')) EXPECT_THAT(text, Not(HasSubstr("poll failed")));
+  for (const auto& text : texts('w')) EXPECT_THAT(text, Not(HasSubstr("unreachable")));
+  for (const auto& event : observer->events()) EXPECT_THAT(event, Not(StartsWith("retrying")));
 }
 
 }  // namespace
