@@ -1,10 +1,13 @@
 #include "VerdoDriverCLI/Options.h"
 #include "VerdoDriverCLI/Secrets.h"
 #include "VerdoDriverCLI/SignalThread.h"
+#include "VerdoDriverCLI/SuspendWatch.h"
 #include "VerdoDriverCore/Contract/DriverConstants.h"
 #include "VerdoDriverCore/Run/Log.h"
 #include "VerdoDriverCore/Run/Runner.h"
+#include "VerdoDriverCore/System/SuspendClock.h"
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -22,6 +25,9 @@ void openStandardDescriptors() {
   } while (fd >= 0 && fd <= STDERR_FILENO);
   if (fd > STDERR_FILENO) ::close(fd);
 }
+
+/// Between two looks whether the computer has slept: seldom enough to let it sleep on.
+constexpr std::chrono::seconds kSuspendLook{5};
 
 /// Ends at once: a job's thread that was given up on may still use what static destructors destroy.
 [[noreturn]] void exitNow(int status) {
@@ -47,6 +53,8 @@ int serve(verdo::cli::Options options) {
                                   runner->killJobsNow();
                                   exitNow(verdo::ExitReason::stopped().code());
                                 });
+  const verdo::cli::SuspendWatch suspendWatch([runner] { runner->networkChanged(); }, kSuspendLook,
+                                              verdo::timeSuspended);
   const verdo::ExitReason reason = runner->run();
   // These two the serve loop has said already.
   const bool said = reason.message() == verdo::DriverConstants::tokenRevokedMessage ||
