@@ -13,7 +13,7 @@ constexpr std::chrono::seconds kMinSleep{1};
 }  // namespace
 
 SuspendWatch::SuspendWatch(std::function<void()> onWakeUp, Duration interval,
-                           std::function<std::chrono::nanoseconds()> timeSuspended)
+                           const std::function<std::chrono::nanoseconds()>& timeSuspended)
     : thread_([this, onWakeUp = std::move(onWakeUp), interval, known = timeSuspended(),
                timeSuspended]() mutable {
         setThreadName("wake-up");

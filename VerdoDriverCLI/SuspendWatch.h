@@ -16,7 +16,7 @@ class SuspendWatch {
   /// Looks every `interval` at `timeSuspended` (System/SuspendClock.h), and calls `onWakeUp` when
   /// it has grown by a second or more. Throws std::system_error when there is no room for a thread.
   SuspendWatch(std::function<void()> onWakeUp, Duration interval,
-               std::function<std::chrono::nanoseconds()> timeSuspended);
+               const std::function<std::chrono::nanoseconds()>& timeSuspended);
   /// Waits for a call under way.
   ~SuspendWatch();
   SuspendWatch(const SuspendWatch&) = delete;

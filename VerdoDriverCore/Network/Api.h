@@ -30,7 +30,7 @@ class Api {
     std::optional<std::string> clientHeader;  ///< X-VERDO-Driver-Client
     /// Upper limit of any request's time-out, seconds; absent: none.
     std::function<std::optional<double>()> timeoutCap = [] { return std::nullopt; };
-    Timings timings{};  ///< of them: the time-outs and throttlePause
+    Timings timings;  ///< of them: the time-outs and throttlePause
   };
 
   Api(Options options, std::shared_ptr<HttpSession> session);

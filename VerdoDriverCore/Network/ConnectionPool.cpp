@@ -23,7 +23,7 @@ ConnectionPool::ConnectionPool(Poller& poller) : poller_(poller), multi_(curl_mu
                                            curl_multi_strerror(code)));
     }
   };
-  set(CURLMOPT_PIPELINING, long{CURLPIPE_MULTIPLEX});
+  set(CURLMOPT_PIPELINING, CURLPIPE_MULTIPLEX);
   set(CURLMOPT_MAXCONNECTS, kConnectionCache);
   set(CURLMOPT_SOCKETFUNCTION, &ConnectionPool::onSocket);
   set(CURLMOPT_SOCKETDATA, this);

@@ -86,7 +86,7 @@ class HttpSessionLoop {
   std::unordered_map<std::int64_t, Running> running_;
   Looks looks_;
   std::optional<Clock::time_point> dropDue_;
-  Clock::time_point nextDrop_{};  ///< not before
+  Clock::time_point nextDrop_;  ///< not before
 };
 
 }  // namespace verdo

@@ -125,7 +125,8 @@ void HttpTransfer::setHeadersAndBody() {
   for (const auto& [name, value] : request.headers) addHeader(name, ": " + value);
   if (request.body) {
     set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body->size()));
-    set(CURLOPT_POSTFIELDS, request.body->view().data());
+    const char* const bytes = request.body->view().data();
+    set(CURLOPT_POSTFIELDS, bytes);
     // libcurl would otherwise name its own type, and ask before it sends a large body.
     const bool hasType =
         std::any_of(request.headers.begin(), request.headers.end(),
