@@ -17,7 +17,7 @@ namespace verdo::cli {
 namespace {
 
 constexpr int kUsageError = 2;
-constexpr double kLongestPoll = 3600;  // seconds; a session's requests are limited to an hour
+constexpr double kLongestPoll = 3580;  // seconds; with its margin an hour, the limit of a request
 constexpr double kYear = 365.0 * 24 * 3600;
 constexpr int kMostLanes = 1000;
 

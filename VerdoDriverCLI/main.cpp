@@ -1,11 +1,14 @@
 #include "VerdoDriverCLI/Options.h"
 #include "VerdoDriverCLI/Secrets.h"
 #include "VerdoDriverCLI/SignalThread.h"
+#include "VerdoDriverCLI/SuspendWatch.h"
 #include "VerdoDriverCore/Contract/DriverConstants.h"
 #include "VerdoDriverCore/Run/Log.h"
 #include "VerdoDriverCore/Run/Runner.h"
 #include "VerdoDriverCore/System/LargeBlocks.h"
+#include "VerdoDriverCore/System/SuspendClock.h"
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -23,6 +26,9 @@ void openStandardDescriptors() {
   } while (fd >= 0 && fd <= STDERR_FILENO);
   if (fd > STDERR_FILENO) ::close(fd);
 }
+
+/// Between two looks whether the computer has slept: seldom enough to let it sleep on.
+constexpr std::chrono::seconds kSuspendLook{5};
 
 /// Ends at once: a job's thread that was given up on may still use what static destructors destroy.
 [[noreturn]] void exitNow(int status) {
@@ -48,6 +54,8 @@ int serve(verdo::cli::Options options) {
                                   runner->killJobsNow();
                                   exitNow(verdo::ExitReason::stopped().code());
                                 });
+  const verdo::cli::SuspendWatch suspendWatch([runner] { runner->networkChanged(); }, kSuspendLook,
+                                              verdo::timeSuspended);
   const verdo::ExitReason reason = runner->run();
   // These two the serve loop has said already.
   const bool said = reason.message() == verdo::DriverConstants::tokenRevokedMessage ||

@@ -78,6 +78,10 @@ export class Service {
     return job
   }
 
+  async requestCount(endpoint) {
+    return (await this.#call(`requests?endpoint=${endpoint}&limit=1`)).count
+  }
+
   async waitUntilLeased(id) {
     await this.#call(`jobs/${id}/wait?for=leased&timeout=${kJobLimit}`)
   }

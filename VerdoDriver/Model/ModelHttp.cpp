@@ -23,7 +23,7 @@ void ModelHttp::send(HttpRequest request, std::chrono::seconds timeout, Completi
     if (!session_) session_ = std::make_unique<HttpSession>();
   } catch (const std::exception& error) {
     later([completion = std::move(completion), text = std::string(error.what())] {
-      completion({std::nullopt, TransportError{TransportError::Kind::other, text}});
+      completion(tl::make_unexpected(TransportError{TransportError::Kind::other, text}));
     });
     return;
   }

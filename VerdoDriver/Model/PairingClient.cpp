@@ -101,12 +101,12 @@ void PairingClient::post(const std::string& server, bool allowInsecure, const st
   AppLog::connect.debug("[PairingClient] POST " + *url);
   http_.send(
       std::move(request), kTimeout, [completion = std::move(completion)](const HttpResult& result) {
-        if (result.error) {
-          completion(tl::make_unexpected(PairingError::transport(result.error->description)));
-        } else if (result.response->status < 200 || result.response->status > 299) {
-          completion(tl::make_unexpected(statusError(*result.response)));
+        if (!result) {
+          completion(tl::make_unexpected(PairingError::transport(result.error().description)));
+        } else if (result->status < 200 || result->status > 299) {
+          completion(tl::make_unexpected(statusError(*result)));
         } else {
-          completion(result.response->body);
+          completion(result->body);
         }
       });
 }

@@ -21,8 +21,8 @@ UpdateChecker::Outcome failure(Kind kind, std::string description) {
 }
 
 UpdateChecker::Outcome read(const HttpResult& result) {
-  if (result.error) return failure(Kind::transport, result.error->description);
-  const auto& [status, body] = *result.response;
+  if (!result) return failure(Kind::transport, result.error().description);
+  const auto& [status, body] = *result;
   if (status < 200 || status > 299) {
     return failure(Kind::badServerResponse, fmt::format("HTTP {}", status));
   }

@@ -36,6 +36,12 @@ struct Timings {
   Duration emptyPollPause = std::chrono::seconds(1);
   Duration throttlePause = std::chrono::seconds(1);  ///< after a reply with status 429
 
+  // Asking the service: time-outs of inactivity.
+  Duration helloTimeout = std::chrono::seconds(20);
+  Duration pollMargin = std::chrono::seconds(20);  ///< beyond the wait that was asked for
+  Duration postTimeout = std::chrono::seconds(45);
+  Duration pingTimeout = std::chrono::seconds(5);  ///< for a connection under suspicion
+
   // One-shot browser scripts.
   Duration browserLook = std::chrono::milliseconds(50);  ///< between two looks at the child
   Duration scriptStopping = std::chrono::seconds(5);     ///< for a script while the driver stops

@@ -43,6 +43,11 @@ void appendQuoted(std::string& out, std::string_view text) {
   }
 }
 
+/// The connection was dropped on purpose, which is no failure of the request.
+bool isDropped(const HttpResult& result) {
+  return !result && result.error().kind == TransportError::Kind::dropped;
+}
+
 }  // namespace
 
 Api::Api(Options options, std::shared_ptr<HttpSession> session)
@@ -56,7 +61,7 @@ Api::Api(Options options, std::shared_ptr<HttpSession> session)
 JV Api::hello() {
   Call call;
   call.path = "/api/driver/hello";
-  call.timeout = options_.limits.hello;
+  call.timeout = options_.timings.helloTimeout;
   call.untilStop = true;
   if (options_.llmInfo) {
     call.headers.emplace_back("X-VERDO-Driver-LLM", PyJSON::text(*options_.llmInfo));
@@ -76,7 +81,7 @@ std::optional<JsonReading> Api::poll(double wait, std::vector<std::string> busy)
       appendQuoted(call.path, lane);
     }
   }
-  call.timeout = fromSeconds(wait) + options_.limits.pollMargin;
+  call.timeout = fromSeconds(wait) + options_.timings.pollMargin;
   call.untilStop = true;
   call.mayBringDefect = true;
   return request(call).object;
@@ -104,7 +109,8 @@ JV Api::post(const std::string& path, std::shared_ptr<const ByteBuffer> body,
   call.method = "POST";
   call.path = path;
   call.body = std::move(body);
-  call.timeout = std::min(options_.limits.post, timeoutCap.value_or(options_.limits.post));
+  const Duration usual = options_.timings.postTimeout;
+  call.timeout = std::min(usual, timeoutCap.value_or(usual));
   Reply reply = request(call);
   if (reply.throttled) fail(ServerError::Kind::server, *reply.throttled);
   return objectOf(std::move(reply));
@@ -132,15 +138,15 @@ Api::Reply Api::request(const Call& call) {
     request.body = call.body;
   }
 
-  const HttpResult result = perform(std::move(request), call.untilStop);
-  if (result.error) {
+  const HttpResult result = perform(request, call.untilStop);
+  if (!result) {
+    const TransportError& error = result.error();
     fail(ServerError::Kind::server,
-         fmt::format("{} -> {}: {}", name, errorName(*result.error), result.error->description),
-         result.error->kind == TransportError::Kind::streamReset ? ServerError::Cause::streamReset
-                                                                 : ServerError::Cause::other);
+         fmt::format("{} -> {}: {}", name, errorName(error), error.description),
+         error.kind == TransportError::Kind::streamReset ? ServerError::Cause::streamReset
+                                                         : ServerError::Cause::other);
   }
-  if (!result.response) fail(ServerError::Kind::server, name + " -> URLError: no response");
-  const auto& [status, body] = *result.response;
+  const auto& [status, body] = *result;
   if (status < 400) {
     if (status == 204 || body.empty()) return {};
     return {readObject(body, name, call.mayBringDefect), std::nullopt};
@@ -153,7 +159,7 @@ Api::Reply Api::request(const Call& call) {
     case 426:
       fail(ServerError::Kind::outOfDate, message);
     case 429:
-      interrupted_.waitFor(options_.throttlePause);
+      interrupted_.waitFor(options_.timings.throttlePause);
       return {std::nullopt, message};
     case 413:
       fail(ServerError::Kind::server, message, ServerError::Cause::bodyTooLarge);
@@ -187,7 +193,14 @@ void Api::fail(ServerError::Kind kind, const std::string& message, ServerError::
   throw ServerError(kind, scrub().scrubbed(message), cause);
 }
 
-HttpResult Api::perform(HttpRequest request, bool untilStop) {
+HttpResult Api::perform(const HttpRequest& request, bool untilStop) {
+  while (true) {
+    HttpResult result = performOnce(request, untilStop);
+    if (!isDropped(result)) return result;
+  }
+}
+
+HttpResult Api::performOnce(HttpRequest request, bool untilStop) {
   std::int64_t identifier = 0;
   const auto begin = [&](const std::shared_ptr<HttpTask>& task) {
     identifier = task->identifier();
@@ -238,12 +251,16 @@ std::string Api::download(const std::string& url, const std::string& destination
   if (!Url::parse(request.url)) throw PyError("ValueError", "bad file URL");
   request.timeout = timeout;
   request.followRedirects = true;
-  FileDownload file(destination);
-  const HttpResult result = performInto(file, std::move(request), onTask);
-  if (result.error) throw PyError("URLError", scrub().scrubbed(result.error->description));
-  const int status = result.response ? result.response->status : 0;
-  if (status < 200 || status > 299) throw PyError("HTTPError", fmt::format("HTTP {}", status));
-  return file.finish();
+  while (true) {
+    FileDownload file(destination);
+    const HttpResult result = performInto(file, request, onTask);
+    if (isDropped(result)) continue;
+    if (!result) throw PyError("URLError", scrub().scrubbed(result.error().description));
+    if (result->status < 200 || result->status > 299) {
+      throw PyError("HTTPError", fmt::format("HTTP {}", result->status));
+    }
+    return file.finish();
+  }
 }
 
 void Api::stopPolling() {
@@ -253,6 +270,8 @@ void Api::stopPolling() {
     if (call.untilStop) call.task->cancel();
   }
 }
+
+void Api::networkChanged() { session_->dropConnections(); }
 
 void Api::cancelAll() {
   stopPolling();

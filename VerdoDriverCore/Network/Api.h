@@ -28,21 +28,13 @@ class Api {
   using Duration = std::chrono::steady_clock::duration;
   using OnTask = std::function<void(const std::shared_ptr<HttpTask>&)>;
 
-  /// How long a call may wait without any data moving: the protocol's time-outs.
-  struct Limits {
-    Duration hello = std::chrono::seconds(20);
-    Duration pollMargin = std::chrono::seconds(20);  ///< beyond what the poll asked to wait
-    Duration post = std::chrono::seconds(45);
-  };
-
   struct Options {
     std::string base;                         ///< service URL; trailing "/" are removed
     std::string token;                        ///< bearer credential
     std::optional<JV> llmInfo;                ///< describes the LLM key; sent in the hello
     std::optional<std::string> clientHeader;  ///< X-VERDO-Driver-Client
     SecretScrub scrub;                        ///< what no message may hold, besides the token
-    Limits limits;
-    Duration throttlePause = Timings().throttlePause;  ///< after a reply with status 429
+    Timings timings;                          ///< of them: the time-outs and throttlePause
   };
 
   Api(Options options, std::shared_ptr<HttpSession> session);
@@ -81,6 +73,10 @@ class Api {
   /// Takes no new work: cancels the hello, poll and downloads in flight, and refuses later ones as
   /// cancelled.
   void stopPolling() EXCLUDES(pollLock_);
+  /// For when the path to the service may have changed: open connections are dropped, and the
+  /// requests in flight are sent anew over new ones without their callers noticing. At most once in
+  /// 5 s; a call that comes too soon takes effect later. Never waits.
+  void networkChanged();
   /// stopPolling(), and cancels every other request in flight. Later posts are sent as usual: a
   /// stopping driver still reports its jobs.
   void cancelAll() EXCLUDES(pollLock_);
@@ -112,7 +108,8 @@ class Api {
                          bool mayHaveDefect) const;
   [[noreturn]] void fail(ServerError::Kind kind, const std::string& message,
                          ServerError::Cause cause = ServerError::Cause::other) const;
-  HttpResult perform(HttpRequest request, bool untilStop) EXCLUDES(pollLock_);
+  HttpResult perform(const HttpRequest& request, bool untilStop);
+  HttpResult performOnce(HttpRequest request, bool untilStop) EXCLUDES(pollLock_);
   HttpResult performInto(FileDownload& file, HttpRequest request, const OnTask& onTask)
       EXCLUDES(pollLock_);
   void enter(const std::shared_ptr<HttpTask>& task, bool untilStop) EXCLUDES(pollLock_);

@@ -30,7 +30,7 @@ bool BodyQueue::onBytes(int status, std::string_view bytes) {
 void BodyQueue::end(HttpResult result) {
   {
     MutexLock lock(lock_);
-    if (result.error) waiting_.clear();
+    if (!result) waiting_.clear();
     result_ = std::move(result);
   }
   readable_.notifyOne();

@@ -153,16 +153,15 @@ HttpResponse ChatClient::http(const char* method, const std::string& path,
     if (cancelledEvent_.isSet()) task->cancel();
   };
   HttpResult result = session_->perform(std::move(request), enter, meanwhile);
-  if (result.response) return std::move(*result.response);
+  if (result) return *std::move(result);
   throwIfCancelled();
-  if (!result.error) throw LLMCallError("transient", "provider unreachable: no response", true);
-  if (result.error->kind == TransportError::Kind::timedOut) {
+  if (result.error().kind == TransportError::Kind::timedOut) {
     throw LLMCallError("transient",
                        fmt::format("provider timed out after {}s", wholeSeconds(timeout)), true);
   }
   throw LLMCallError("transient",
-                     fmt::format("provider unreachable: {}: {}", Api::errorName(*result.error),
-                                 scrub_.scrubbed(result.error->description)),
+                     fmt::format("provider unreachable: {}: {}", Api::errorName(result.error()),
+                                 scrub_.scrubbed(result.error().description)),
                      true);
 }
 

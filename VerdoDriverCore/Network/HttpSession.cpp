@@ -54,6 +54,8 @@ TransportError TransportError::timedOut() {
   return {Kind::timedOut, curl_easy_strerror(CURLE_OPERATION_TIMEDOUT)};
 }
 
+TransportError TransportError::dropped() { return {Kind::dropped, "the connection was dropped"}; }
+
 HttpTask::HttpTask(std::shared_ptr<HttpSessionLoop> loop, std::unique_ptr<HttpTransfer> transfer,
                    std::int64_t identifier)
     : loop_(std::move(loop)), identifier_(identifier), transfer_(std::move(transfer)) {}
@@ -66,9 +68,9 @@ void HttpTask::start() {
     // Held while the loop takes the transfer, so that a cancellation cannot overtake the start.
     MutexLock lock(lock_);
     refused = std::move(transfer_);
-    if (!cancelled_) refused = loop_->start(std::move(refused));
+    if (!cancelled_ && !refused->refusal()) refused = loop_->start(std::move(refused));
   }
-  if (refused) refused->fail(TransportError::cancelled());
+  if (refused) refused->fail(refused->refusal().value_or(TransportError::cancelled()));
 }
 
 void HttpTask::cancel() {
@@ -84,16 +86,16 @@ void HttpTask::resume() { loop_->resume(identifier_); }
 
 HttpSession::HttpSession() : HttpSession(Options{}) {}
 
-HttpSession::HttpSession(Options options) : options_(std::move(options)) {
+HttpSession::HttpSession(Options options) {
   initialiseCurlOnce();
-  loop_ = std::make_shared<HttpSessionLoop>();
+  loop_ = std::make_shared<HttpSessionLoop>(std::move(options));
 }
 
 HttpSession::~HttpSession() { loop_->shutDown(); }
 
 std::shared_ptr<HttpTask> HttpSession::task(HttpRequest request, Completion completion) {
   auto transfer =
-      std::make_unique<HttpTransfer>(std::move(request), std::move(completion), options_);
+      std::make_unique<HttpTransfer>(std::move(request), std::move(completion), loop_->options());
   transfer->identifier = loop_->nextIdentifier();
   const auto identifier = transfer->identifier;
   return std::make_shared<HttpTask>(loop_, std::move(transfer), identifier);
@@ -116,5 +118,7 @@ HttpResult HttpSession::perform(HttpRequest request,
   }
   return reply->take();
 }
+
+void HttpSession::dropConnections() { loop_->dropConnections(); }
 
 }  // namespace verdo

@@ -13,6 +13,8 @@
 #include <utility>
 #include <vector>
 
+#include <tl/expected.hpp>
+
 namespace verdo {
 
 /// Takes the bytes of a response as they arrive, instead of having them collected. Called on the
@@ -34,7 +36,8 @@ struct HttpRequest {
   std::vector<std::pair<std::string, std::string>> headers;  ///< sent in this order
   std::shared_ptr<const ByteBuffer> body;                    ///< null: none
   Clock::duration timeout = std::chrono::seconds(60);        ///< inactivity: restarts as data moves
-  std::optional<Clock::time_point> deadline;                 ///< absolute, whatever data moves
+  /// Absolute, whatever data moves; absent: the session's resource limit.
+  std::optional<Clock::time_point> deadline;
   bool followRedirects = false;
   std::size_t maxBody = 64u << 20;     ///< a longer collected body is an error, bytes
   std::shared_ptr<HttpBodySink> sink;  ///< null: the body is collected in the response
@@ -51,6 +54,7 @@ struct TransportError {
     cancelled,
     timedOut,
     streamReset,  ///< HTTP/2: the other side ended this request's stream, not the connection
+    dropped,  ///< by HttpSession::dropConnections(): nothing is wrong, the request may be sent anew
     other,
   };
   Kind kind = Kind::other;
@@ -58,13 +62,11 @@ struct TransportError {
 
   static TransportError cancelled();
   static TransportError timedOut();
+  static TransportError dropped();
 };
 
-/// Either a response or an error.
-struct HttpResult {
-  std::optional<HttpResponse> response;
-  std::optional<TransportError> error;
-};
+/// A response, or why there is none.
+using HttpResult = tl::expected<HttpResponse, TransportError>;
 
 /// What the blocked caller of a request does from time to time while it waits.
 struct HttpMeanwhile {
@@ -99,15 +101,23 @@ class HttpTask {
   bool cancelled_ GUARDED_BY(lock_) = false;
 };
 
-/// An HTTP client whose requests, from any thread, share one I/O thread and one pool of
-/// connections. It keeps no cookies and no cache.
+/// An HTTP client whose requests, from any thread, share one I/O thread and their connections. It
+/// keeps no cookies and no cache.
+///
+/// Paths die silently, so a time-out says something of the connection: after one, new requests go
+/// over new connections. Those that share the connection get 5 s more for an answer to a ping; when
+/// none comes, they end with an error too.
 class HttpSession {
  public:
   struct Options {
     /// PEM text of the only certificates to trust; empty: the system's roots.
     std::string caCertificates;
-    /// Upper limit for any request.
+    /// Upper limit for a request that has no deadline of its own.
     std::chrono::steady_clock::duration resourceLimit = std::chrono::seconds(3600);
+    /// For the answer to a ping over a connection on which a request timed out.
+    std::chrono::steady_clock::duration pingTimeout = std::chrono::seconds(5);
+    /// Between two times that connections are dropped.
+    std::chrono::steady_clock::duration dropInterval = std::chrono::seconds(5);
   };
   /// Called once, on the I/O thread: must not block and must not throw.
   using Completion = std::function<void(HttpResult)>;
@@ -123,12 +133,15 @@ class HttpSession {
   /// A task for the request, not yet started.
   std::shared_ptr<HttpTask> task(HttpRequest request, Completion completion);
   /// Sends the request and blocks until it has ended. `onTask` is given the task before it starts.
-  HttpResult perform(HttpRequest request,
-                     const std::function<void(const std::shared_ptr<HttpTask>&)>& onTask = {},
-                     const HttpMeanwhile& meanwhile = {});
+  [[nodiscard]] HttpResult perform(
+      HttpRequest request, const std::function<void(const std::shared_ptr<HttpTask>&)>& onTask = {},
+      const HttpMeanwhile& meanwhile = {});
+  /// For when the network has changed: closes every connection, and ends what is in flight with
+  /// TransportError::dropped. Returns at once. A call less than dropInterval after the last one
+  /// took effect takes effect when that time is over; several such calls are one. Any thread.
+  void dropConnections();
 
  private:
-  Options options_;
   std::shared_ptr<HttpSessionLoop> loop_;
 };
 

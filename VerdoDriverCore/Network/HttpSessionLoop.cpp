@@ -6,28 +6,20 @@
 #include <chrono>
 #include <limits>
 #include <stdexcept>
-#include <system_error>
+#include <utility>
+
+#include <fmt/format.h>
 
 namespace verdo {
 namespace {
 
-/// More idle connections than a driver ever has calls at once: libcurl closes connections beyond
-/// this number even while it needs them.
-constexpr long kConnectionCache = 4096;
-
-constexpr std::chrono::milliseconds kShortestWait{0};
-constexpr std::chrono::milliseconds kLongestWait{std::numeric_limits<int>::max()};
+constexpr std::chrono::milliseconds kMinWait{0};
+constexpr std::chrono::milliseconds kMaxWait{std::numeric_limits<int>::max()};
 
 }  // namespace
 
-HttpSessionLoop::HttpSessionLoop() : multi_(curl_multi_init()) {
-  if (!multi_) throw std::runtime_error("no memory for another network session");
-  curl_multi_setopt(multi_.get(), CURLMOPT_PIPELINING, long{CURLPIPE_MULTIPLEX});
-  curl_multi_setopt(multi_.get(), CURLMOPT_MAXCONNECTS, kConnectionCache);
-  curl_multi_setopt(multi_.get(), CURLMOPT_SOCKETFUNCTION, &HttpSessionLoop::onSocket);
-  curl_multi_setopt(multi_.get(), CURLMOPT_SOCKETDATA, this);
-  curl_multi_setopt(multi_.get(), CURLMOPT_TIMERFUNCTION, &HttpSessionLoop::onTimer);
-  curl_multi_setopt(multi_.get(), CURLMOPT_TIMERDATA, this);
+HttpSessionLoop::HttpSessionLoop(HttpSession::Options options) : options_(std::move(options)) {
+  pools_.push_back(std::make_unique<ConnectionPool>(poller_));
   thread_ = std::thread([this] { run(); });
 }
 
@@ -43,8 +35,8 @@ std::unique_ptr<HttpTransfer> HttpSessionLoop::start(std::unique_ptr<HttpTransfe
   {
     MutexLock lock(lock_);
     if (ending_) return transfer;
-    first = isMailboxEmpty();
-    starting_.push_back(std::move(transfer));
+    first = mail_.isEmpty();
+    mail_.starting.push_back(std::move(transfer));
   }
   // Later mail is found by the wake-up that is on its way already.
   if (first) poller_.wakeUp();
@@ -55,8 +47,8 @@ void HttpSessionLoop::cancel(std::int64_t identifier) {
   bool first = false;
   {
     MutexLock lock(lock_);
-    first = isMailboxEmpty();
-    cancelling_.push_back(identifier);
+    first = mail_.isEmpty();
+    mail_.cancelling.push_back(identifier);
   }
   if (first) poller_.wakeUp();
 }
@@ -65,10 +57,18 @@ void HttpSessionLoop::resume(std::int64_t identifier) {
   bool first = false;
   {
     MutexLock lock(lock_);
-    first = isMailboxEmpty();
-    resuming_.push_back(identifier);
+    first = mail_.isEmpty();
+    mail_.resuming.push_back(identifier);
   }
   if (first) poller_.wakeUp();
+}
+
+void HttpSessionLoop::dropConnections() {
+  {
+    MutexLock lock(lock_);
+    mail_.drop = true;
+  }
+  poller_.wakeUp();
 }
 
 void HttpSessionLoop::shutDown() {
@@ -80,65 +80,36 @@ void HttpSessionLoop::shutDown() {
   if (thread_.joinable()) thread_.join();
 }
 
-int HttpSessionLoop::onSocket(CURL*, curl_socket_t socket, int what, void* self, void*) {
-  auto& loop = *static_cast<HttpSessionLoop*>(self);
-  const bool read = what == CURL_POLL_IN || what == CURL_POLL_INOUT;
-  const bool write = what == CURL_POLL_OUT || what == CURL_POLL_INOUT;
-  try {
-    loop.poller_.watch(socket, read, write);
-    return 0;
-  } catch (const std::system_error&) {
-    return -1;  // libcurl fails the transfers of this multi handle rather than wait in vain
-  }
-}
-
-int HttpSessionLoop::onTimer(CURLM*, long milliseconds, void* self) {
-  auto& loop = *static_cast<HttpSessionLoop*>(self);
-  loop.curlTimer_.reset();
-  if (milliseconds >= 0) loop.curlTimer_ = Clock::now() + std::chrono::milliseconds(milliseconds);
-  return 0;
-}
-
 void HttpSessionLoop::run() {
   setThreadName("http");
   while (readMailbox()) {
-    auto next = expireOverdue();
-    if (curlTimer_) next = std::min(next, *curlTimer_);
-    // Rounded up, lest the loop spins through the last millisecond.
-    const auto wait = std::chrono::ceil<std::chrono::milliseconds>(next - Clock::now());
-    const auto ready = poller_.wait(std::clamp(wait, kShortestWait, kLongestWait));
-    int active = 0;
-    for (const auto& [fd, readable, writable] : ready) {
-      const int events = (readable ? CURL_CSELECT_IN : 0) | (writable ? CURL_CSELECT_OUT : 0);
-      curl_multi_socket_action(multi_.get(), fd, events, &active);
-    }
-    if (curlTimer_ && *curlTimer_ <= Clock::now()) {
-      curlTimer_.reset();
-      curl_multi_socket_action(multi_.get(), CURL_SOCKET_TIMEOUT, 0, &active);
-    }
+    failUnwatched();
+    expireOverdue();
+    dropIfDue();
+    removeIdlePools();
+    for (const auto& ready : poller_.wait(untilNextLook())) dispatch(ready);
+    for (const auto& pool : pools_) pool->onTime(Clock::now());
     reportFinished();
   }
   while (!running_.empty()) remove(running_.begin()->first)->fail(TransportError::cancelled());
+  pools_.clear();
 }
 
 /// Takes in what other threads asked for. False when the session ends.
 bool HttpSessionLoop::readMailbox() {
-  std::vector<std::unique_ptr<HttpTransfer>> starting;
-  std::vector<std::int64_t> cancelling;
-  std::vector<std::int64_t> resuming;
+  Mail mail;
   bool ending = false;
   {
     MutexLock lock(lock_);
-    starting.swap(starting_);
-    cancelling.swap(cancelling_);
-    resuming.swap(resuming_);
+    std::swap(mail, mail_);
     ending = ending_;
   }
-  for (auto& transfer : starting) add(std::move(transfer));
-  for (const auto identifier : cancelling) {
+  for (auto& transfer : mail.starting) add(std::move(transfer), *pools_.back());
+  for (const auto identifier : mail.cancelling) {
     if (const auto transfer = remove(identifier)) transfer->fail(TransportError::cancelled());
   }
-  for (const auto identifier : resuming) goOn(identifier);
+  for (const auto identifier : mail.resuming) goOn(identifier);
+  if (mail.drop && !dropDue_) dropDue_ = std::max(Clock::now(), nextDrop_);
   return !ending;
 }
 
@@ -154,10 +125,9 @@ void HttpSessionLoop::goOn(std::int64_t identifier) {
   running.look = looks_.emplace(running.transfer->expiry(), identifier);
 }
 
-void HttpSessionLoop::add(std::unique_ptr<HttpTransfer> transfer) {
-  const CURLMcode code = curl_multi_add_handle(multi_.get(), transfer->handle.get());
-  if (code != CURLM_OK) {
-    transfer->fail({TransportError::Kind::other, curl_multi_strerror(code)});
+void HttpSessionLoop::add(std::unique_ptr<HttpTransfer> transfer, ConnectionPool& pool) {
+  if (auto error = pool.add(*transfer)) {
+    transfer->fail(std::move(*error));
     return;
   }
   const auto identifier = transfer->identifier;
@@ -165,20 +135,50 @@ void HttpSessionLoop::add(std::unique_ptr<HttpTransfer> transfer) {
   running_.emplace(identifier, Running{std::move(transfer), look});
 }
 
-void HttpSessionLoop::reportFinished() {
-  int left = 0;
-  while (const CURLMsg* message = curl_multi_info_read(multi_.get(), &left)) {
-    if (message->msg != CURLMSG_DONE) continue;
-    const CURLcode code = message->data.result;
-    HttpTransfer* finished = nullptr;
-    curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &finished);
-    const auto transfer = remove(finished->identifier);
-    transfer->finish(code);
+std::chrono::milliseconds HttpSessionLoop::untilNextLook() const {
+  const auto now = Clock::now();
+  auto next = looks_.empty() ? now + std::chrono::hours(1) : looks_.begin()->first;
+  if (dropDue_) next = std::min(next, *dropDue_);
+  for (const auto& pool : pools_) {
+    if (pool->due()) next = std::min(next, *pool->due());
+  }
+  // Rounded up, lest the loop spins through the last millisecond.
+  return std::clamp(std::chrono::ceil<std::chrono::milliseconds>(next - now), kMinWait, kMaxWait);
+}
+
+void HttpSessionLoop::dispatch(const Poller::Ready& ready) {
+  for (const auto& pool : pools_) {
+    if (pool->watches(ready.fd)) {
+      pool->onReady(ready);
+      return;
+    }
   }
 }
 
-/// Ends the transfers whose time is up. Gives the time of the next look.
-HttpSessionLoop::Clock::time_point HttpSessionLoop::expireOverdue() {
+void HttpSessionLoop::reportFinished() {
+  for (const auto& pool : pools_) {
+    while (true) {
+      const auto [finished, code] = pool->nextFinished();
+      if (!finished) break;
+      remove(finished->identifier)->finish(code);
+    }
+  }
+}
+
+/// Ends the transfers that wait for sockets which the system does not watch.
+void HttpSessionLoop::failUnwatched() {
+  for (const auto& pool : pools_) {
+    for (const auto& [identifier, reason] : pool->takeUnwatched()) {
+      const auto transfer = remove(identifier);
+      if (!transfer) continue;
+      transfer->fail({TransportError::Kind::other,
+                      fmt::format("The connection cannot be watched ({})", reason)});
+    }
+  }
+}
+
+/// Ends the transfers whose time is up.
+void HttpSessionLoop::expireOverdue() {
   const auto now = Clock::now();
   while (!looks_.empty() && looks_.begin()->first <= now) {
     const auto identifier = looks_.begin()->second;
@@ -188,10 +188,91 @@ HttpSessionLoop::Clock::time_point HttpSessionLoop::expireOverdue() {
       looks_.erase(running.look);
       running.look = looks_.emplace(expiry, identifier);
     } else {
-      remove(identifier)->fail(TransportError::timedOut());
+      timeOut(identifier);
     }
   }
-  return looks_.empty() ? now + std::chrono::hours(1) : looks_.begin()->first;
+}
+
+/// Ends a transfer whose time is up, and sees to its connection.
+void HttpSessionLoop::timeOut(std::int64_t identifier) {
+  HttpTransfer& late = *running_.at(identifier).transfer;
+  ConnectionPool& pool = *late.pool;
+  const auto connection = late.connection();
+  if (late.pinged) {
+    // A ping that went another way proves nothing.
+    auto silent = transfersOn(pool, connection == late.pinged ? connection : nullptr);
+    const auto asked = late.lastActivity;
+    remove(identifier);
+    std::erase(silent, identifier);
+    if (hasMovedSince(asked, silent)) return;
+    for (const auto transfer : silent) {
+      remove(transfer)->fail({TransportError::Kind::other, "The connection no longer answers"});
+    }
+    return;
+  }
+  if (&pool == pools_.back().get()) leavePool();
+  char* url = nullptr;
+  curl_easy_getinfo(late.handle.get(), CURLINFO_EFFECTIVE_URL, &url);
+  const std::string asked = url ? url : late.request.url;
+  const auto ended = remove(identifier);
+  ping(pool, connection, asked);
+  ended->fail(TransportError::timedOut());
+}
+
+/// Asks whether a connection still answers, if anyone else uses it.
+void HttpSessionLoop::ping(ConnectionPool& pool, HttpTransfer::Connection connection,
+                           const std::string& url) {
+  const auto waiting = transfersOn(pool, connection);
+  const bool underWay = std::any_of(running_.begin(), running_.end(), [&](const auto& entry) {
+    return entry.second.transfer->pinged == connection && entry.second.transfer->pool == &pool;
+  });
+  if (waiting.empty() || underWay) return;
+  auto question = HttpTransfer::ping(url, options_);
+  if (question->refusal()) return;
+  question->identifier = nextIdentifier();
+  question->pinged = connection;
+  add(std::move(question), pool);
+}
+
+bool HttpSessionLoop::hasMovedSince(Clock::time_point time,
+                                    const std::vector<std::int64_t>& transfers) const {
+  return std::any_of(transfers.begin(), transfers.end(), [&](std::int64_t identifier) {
+    return running_.at(identifier).transfer->lastActivity > time;
+  });
+}
+
+/// The transfers that go over an encrypted connection; none for a null one.
+std::vector<std::int64_t> HttpSessionLoop::transfersOn(const ConnectionPool& pool,
+                                                       HttpTransfer::Connection connection) const {
+  std::vector<std::int64_t> found;
+  if (!connection) return found;
+  for (const auto& [identifier, running] : running_) {
+    if (running.transfer->pool == &pool && running.transfer->connection() == connection) {
+      found.push_back(identifier);
+    }
+  }
+  return found;
+}
+
+void HttpSessionLoop::dropIfDue() {
+  if (!dropDue_ || *dropDue_ > Clock::now()) return;
+  dropDue_.reset();
+  nextDrop_ = Clock::now() + options_.dropInterval;
+  leavePool();
+  while (!running_.empty()) remove(running_.begin()->first)->fail(TransportError::dropped());
+}
+
+/// Has later transfers open connections of their own.
+void HttpSessionLoop::leavePool() try {
+  pools_.push_back(std::make_unique<ConnectionPool>(poller_));
+} catch (const std::runtime_error&) {
+  // No memory for another one. The old one serves on: late is better than not at all.
+}
+
+void HttpSessionLoop::removeIdlePools() {
+  if (pools_.size() == 1) return;
+  const auto* current = pools_.back().get();
+  std::erase_if(pools_, [&](const auto& pool) { return pool.get() != current && pool->isIdle(); });
 }
 
 std::unique_ptr<HttpTransfer> HttpSessionLoop::remove(std::int64_t identifier) {
@@ -200,7 +281,7 @@ std::unique_ptr<HttpTransfer> HttpSessionLoop::remove(std::int64_t identifier) {
   auto transfer = std::move(found->second.transfer);
   looks_.erase(found->second.look);
   running_.erase(found);
-  curl_multi_remove_handle(multi_.get(), transfer->handle.get());
+  transfer->pool->remove(*transfer);
   return transfer;
 }
 

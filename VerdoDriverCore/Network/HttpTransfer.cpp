@@ -1,9 +1,12 @@
 #include "VerdoDriverCore/Network/HttpTransfer.h"
 
+#include "VerdoDriverCore/Network/SocketOptions.h"
 #include "VerdoDriverCore/Values/Url.h"
 
 #include <algorithm>
 #include <new>
+#include <string_view>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -17,15 +20,11 @@ constexpr std::size_t kLargeBody = 1 << 20;
 /// What is read at once of a body that a sink takes, rather than libcurl's 16 KiB.
 constexpr long kDownloadPiece = 128 * 1024;
 constexpr long kMaxRedirects = 20;
+constexpr std::size_t kMaxPingBody = 64 * 1024;
 /// libcurl copies a query byte by byte, more than once; the target that it is given, in one piece.
 constexpr std::size_t kLongQuery = 256;
 
-void addHeader(std::unique_ptr<curl_slist, CurlListFree>& list, const std::string& line) {
-  curl_slist* longer = curl_slist_append(list.get(), line.c_str());
-  if (!longer) throw std::bad_alloc();
-  static_cast<void>(list.release());
-  list.reset(longer);
-}
+bool isControl(char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; }
 
 /// True for a URL of this very computer, which no proxy could reach, nor should hear of.
 bool isLoopback(const std::string& url) {
@@ -51,12 +50,9 @@ HttpTransfer::HttpTransfer(HttpRequest req, HttpSession::Completion done,
     : request(std::move(req)),
       completion(std::move(done)),
       lastActivity(Clock::now()),
-      deadline(lastActivity + options.resourceLimit),
+      deadline(request.deadline.value_or(lastActivity + options.resourceLimit)),
       handle(curl_easy_init()) {
   if (!handle) throw std::bad_alloc();
-  if (request.deadline) deadline = std::min(deadline, *request.deadline);
-  CURL* easy = handle.get();
-  const auto set = [easy](CURLoption option, auto value) { curl_easy_setopt(easy, option, value); };
   set(CURLOPT_PRIVATE, this);
   setUrl();
   set(CURLOPT_PROTOCOLS_STR, "http,https");
@@ -70,41 +66,61 @@ HttpTransfer::HttpTransfer(HttpRequest req, HttpSession::Completion done,
   // one on an HTTP/2 connection.
   set(CURLOPT_HTTP_VERSION,
       request.sink ? long{CURL_HTTP_VERSION_1_1} : long{CURL_HTTP_VERSION_2TLS});
+  set(CURLOPT_SOCKOPTFUNCTION, &HttpTransfer::onSocketOpened);
+  set(CURLOPT_PREREQFUNCTION, &HttpTransfer::onSending);
+  set(CURLOPT_PREREQDATA, this);
   // Whether a connection can be shared, its TLS handshake tells at once. Without TLS only the first
   // reply would tell, and a long poll's comes late.
   if (request.url.starts_with("https:") && !request.sink) set(CURLOPT_PIPEWAIT, 1L);
   if (request.sink) set(CURLOPT_BUFFERSIZE, kDownloadPiece);
   set(CURLOPT_SSLVERSION, long{CURL_SSLVERSION_TLSv1_2});
-  if (!options.caCertificates.empty()) {
-    curl_blob blob{const_cast<char*>(options.caCertificates.data()), options.caCertificates.size(),
-                   CURL_BLOB_NOCOPY};
-    set(CURLOPT_CAINFO, static_cast<char*>(nullptr));
-    set(CURLOPT_CAPATH, static_cast<char*>(nullptr));
-    set(CURLOPT_CAINFO_BLOB, &blob);
-  }
+  if (!options.caCertificates.empty()) setTrust(options.caCertificates);
   if (request.followRedirects) {
     set(CURLOPT_FOLLOWLOCATION, 1L);
     set(CURLOPT_MAXREDIRS, kMaxRedirects);
   }
   set(CURLOPT_CUSTOMREQUEST, request.method.c_str());
-  for (const auto& [name, value] : request.headers) addHeader(headers, name + ": " + value);
-  if (request.body) {
-    set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body->size()));
-    set(CURLOPT_POSTFIELDS, request.body->view().data());
-    // libcurl would otherwise name its own type, and ask before it sends a large body.
-    const bool hasType =
-        std::any_of(request.headers.begin(), request.headers.end(),
-                    [](const auto& header) { return header.first == "Content-Type"; });
-    if (!hasType) addHeader(headers, "Content-Type:");
-    addHeader(headers, "Expect:");
-    if (request.body->size() > kLargeBody) set(CURLOPT_UPLOAD_BUFFERSIZE, kUploadPiece);
-  }
-  set(CURLOPT_HTTPHEADER, headers.get());
+  setHeadersAndBody();
   set(CURLOPT_WRITEFUNCTION, &HttpTransfer::onBody);
   set(CURLOPT_WRITEDATA, this);
   set(CURLOPT_NOPROGRESS, 0L);
   set(CURLOPT_XFERINFOFUNCTION, &HttpTransfer::onProgress);
   set(CURLOPT_XFERINFODATA, this);
+}
+
+std::unique_ptr<HttpTransfer> HttpTransfer::ping(const std::string& url,
+                                                 const HttpSession::Options& options) {
+  HttpRequest question;
+  question.method = "OPTIONS";
+  question.url = url;
+  question.timeout = options.pingTimeout;
+  question.maxBody = kMaxPingBody;
+  auto transfer =
+      std::make_unique<HttpTransfer>(std::move(question), [](const HttpResult&) {}, options);
+  transfer->set(CURLOPT_REQUEST_TARGET, "*");
+  return transfer;
+}
+
+HttpTransfer* HttpTransfer::of(CURL* handle) {
+  HttpTransfer* transfer = nullptr;
+  curl_easy_getinfo(handle, CURLINFO_PRIVATE, &transfer);
+  return transfer;
+}
+
+template <typename Value>
+void HttpTransfer::set(CURLoption option, Value value) {
+  const CURLcode code = curl_easy_setopt(handle.get(), option, value);
+  if (code == CURLE_OK || refusal_) return;
+  refusal_ = {TransportError::Kind::other,
+              fmt::format("The request cannot be set up (option {}: {})", static_cast<int>(option),
+                          curl_easy_strerror(code))};
+}
+
+void HttpTransfer::setTrust(const std::string& caCertificates) {
+  curl_blob blob{const_cast<char*>(caCertificates.data()), caCertificates.size(), CURL_BLOB_NOCOPY};
+  set(CURLOPT_CAINFO, static_cast<char*>(nullptr));
+  set(CURLOPT_CAPATH, static_cast<char*>(nullptr));
+  set(CURLOPT_CAINFO_BLOB, &blob);
 }
 
 /// Gives libcurl the address, a long query apart. A proxy for plain http needs the whole address as
@@ -115,11 +131,43 @@ void HttpTransfer::setUrl() {
   const auto query = std::min(url.find('?'), url.size());
   const bool direct = url.starts_with("https:") || isLoopback(url);
   if (url.size() - query < kLongQuery || path > query || request.followRedirects || !direct) {
-    curl_easy_setopt(handle.get(), CURLOPT_URL, url.c_str());
+    set(CURLOPT_URL, url.c_str());
     return;
   }
-  curl_easy_setopt(handle.get(), CURLOPT_URL, url.substr(0, path).c_str());
-  curl_easy_setopt(handle.get(), CURLOPT_REQUEST_TARGET, url.c_str() + path);
+  set(CURLOPT_URL, url.substr(0, path).c_str());
+  set(CURLOPT_REQUEST_TARGET, url.c_str() + path);
+}
+
+void HttpTransfer::setHeadersAndBody() {
+  for (const auto& [name, value] : request.headers) addHeader(name, ": " + value);
+  if (request.body) {
+    set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body->size()));
+    const char* const bytes = request.body->view().data();
+    set(CURLOPT_POSTFIELDS, bytes);
+    // libcurl would otherwise name its own type, and ask before it sends a large body.
+    const bool hasType =
+        std::any_of(request.headers.begin(), request.headers.end(),
+                    [](const auto& header) { return header.first == "Content-Type"; });
+    if (!hasType) addHeader("Content-Type", ":");
+    addHeader("Expect", ":");
+    if (request.body->size() > kLargeBody) set(CURLOPT_UPLOAD_BUFFERSIZE, kUploadPiece);
+  }
+  set(CURLOPT_HTTPHEADER, headers.get());
+}
+
+/// `rest` is what follows the name. A control character in it could end the header and begin
+/// another one.
+void HttpTransfer::addHeader(const std::string& name, const std::string& rest) {
+  const std::string line = name + rest;
+  if (std::any_of(line.begin(), line.end(), isControl)) {
+    // Without the value, which may be a secret.
+    refusal_ = {TransportError::Kind::other, "A header of the request holds a control character"};
+    return;
+  }
+  curl_slist* longer = curl_slist_append(headers.get(), line.c_str());
+  if (!longer) throw std::bad_alloc();
+  static_cast<void>(headers.release());
+  headers.reset(longer);
 }
 
 HttpTransfer::Clock::time_point HttpTransfer::expiry() const {
@@ -130,6 +178,24 @@ CURLcode HttpTransfer::resume() {
   paused_ = false;
   lastActivity = Clock::now();
   return curl_easy_pause(handle.get(), CURLPAUSE_CONT);  // may call onBody, which may pause again
+}
+
+HttpTransfer::Connection HttpTransfer::connection() const {
+  curl_tlssessioninfo* session = nullptr;
+  const CURLcode code = curl_easy_getinfo(handle.get(), CURLINFO_TLS_SSL_PTR, &session);
+  return code == CURLE_OK && session ? session->internals : nullptr;
+}
+
+/// Called when a connection is there for the request: more than once when libcurl sends it anew
+/// because the first one had died, or for a redirect.
+int HttpTransfer::onSending(void* self, char*, char*, int, int) {
+  static_cast<HttpTransfer*>(self)->lastActivity = Clock::now();
+  return CURL_PREREQFUNC_OK;
+}
+
+int HttpTransfer::onSocketOpened(void*, curl_socket_t socket, curlsocktype) {
+  detectDeadPath(socket);
+  return CURL_SOCKOPT_OK;
 }
 
 int HttpTransfer::status() const {
@@ -168,7 +234,7 @@ int HttpTransfer::onProgress(void* self, curl_off_t, curl_off_t downNow, curl_of
 void HttpTransfer::finish(CURLcode code) {
   if (code == CURLE_OK) {
     response_.status = status();
-    completion({std::move(response_), std::nullopt});
+    completion(std::move(response_));
   } else if (bodyTooLong_) {
     fail({TransportError::Kind::other,
           fmt::format("The response is longer than {} bytes", request.maxBody)});
@@ -177,6 +243,6 @@ void HttpTransfer::finish(CURLcode code) {
   }
 }
 
-void HttpTransfer::fail(TransportError error) { completion({std::nullopt, std::move(error)}); }
+void HttpTransfer::fail(TransportError error) { completion(tl::make_unexpected(std::move(error))); }
 
 }  // namespace verdo

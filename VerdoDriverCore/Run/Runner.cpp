@@ -128,13 +128,14 @@ ExitReason DriverRunner::runImpl() {
 
 std::shared_ptr<Api> DriverRunner::makeApi() {
   HttpSession::Options session;
+  session.pingTimeout = timings_.pingTimeout;
   if (config_.caCertPath) session.caCertificates = loadCertificates(*config_.caCertPath);
   Api::Options options;
   options.base = server_;
   options.token = config_.token;
   options.clientHeader = config_.clientHeader;
   options.scrub.add(config_.llmKey);
-  options.throttlePause = timings_.throttlePause;
+  options.timings = timings_;
   // The key itself stays here.
   const bool hasKey = !config_.llmKey.empty();
   options.llmInfo =
@@ -269,6 +270,15 @@ void DriverRunner::stop() {
   if (driver) driver->stop();
   if (api) api->cancelAll();
   if (keyCheck) keyCheck->cancel();
+}
+
+void DriverRunner::networkChanged() {
+  std::shared_ptr<Api> api;
+  {
+    MutexLock lock(lock_);
+    api = api_;
+  }
+  if (api) api->networkChanged();
 }
 
 void DriverRunner::killJobsNow() {

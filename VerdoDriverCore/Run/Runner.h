@@ -37,6 +37,10 @@ class DriverRunner {
   /// Makes run() return soon, having ended its jobs; a run that has not begun will not serve.
   /// Never waits. Any thread may call it, at any time, again and again.
   void stop() EXCLUDES(lock_);
+  /// The path to the service may have changed (a wake-up, another network): its connections are
+  /// dropped and what is in flight is asked anew, which nobody notices. Never waits; at most once
+  /// in 5 s. Any thread may call it, at any time.
+  void networkChanged() EXCLUDES(lock_);
   /// SIGKILL to the processes of all jobs, for a caller that is about to exit. Any thread may call
   /// it.
   void killJobsNow() EXCLUDES(lock_);

@@ -50,7 +50,7 @@ class Cancel : public ApiFixture {
     task->cancel();
     EXPECT_TRUE(ended.waitFor(20s));
     const auto took = Clock::now() - begin;
-    EXPECT_TRUE(result.error && result.error->kind == TransportError::Kind::cancelled);
+    EXPECT_TRUE(!result && result.error().kind == TransportError::Kind::cancelled);
     task->cancel();
     return took;
   }
@@ -70,7 +70,7 @@ TEST_F(Cancel, IsNotFeltInSomePhase) {
   // Before the start.
   bool cancelled = false;
   const auto task = session->task(to(service.url()), [&](HttpResult result) {
-    cancelled = result.error && result.error->kind == TransportError::Kind::cancelled;
+    cancelled = !result && result.error().kind == TransportError::Kind::cancelled;
   });
   task->cancel();
   task->start();
@@ -125,29 +125,29 @@ TEST_F(Cancel, CancelAllLeavesACallerBlockedOrRefusesLaterPosts) {
 }
 
 TEST_F(Cancel, CallWaitsForAnotherOnesTimeOrWithoutALimit) {
-  const Api::Limits real;
-  EXPECT_EQ(real.hello, 20s);
+  const Timings real;
+  EXPECT_EQ(real.helloTimeout, 20s);
   EXPECT_EQ(real.pollMargin, 20s);
-  EXPECT_EQ(real.post, 45s);
+  EXPECT_EQ(real.postTimeout, 45s);
   EXPECT_EQ(HttpSession::Options().resourceLimit, 3600s);
 
   service.faults().add({.delay = 60s});
   const struct {
     std::function<void()> call;
-    Api::Limits limits;
+    Timings limits;
     std::chrono::milliseconds expected;
   } table[] = {
-      {[&] { api->hello(); }, {.hello = 100ms}, 100ms},
+      {[&] { api->hello(); }, {.helloTimeout = 100ms}, 100ms},
       {[&] { api->poll(0.2, {}); }, {.pollMargin = 100ms}, 300ms},
-      {[&] { api->lines(1, batch({})); }, {.post = 100ms}, 100ms},
-      {[&] { api->complete(1, 0, {}); }, {.post = 100ms}, 100ms},
+      {[&] { api->lines(1, batch({})); }, {.postTimeout = 100ms}, 100ms},
+      {[&] { api->complete(1, 0, {}); }, {.postTimeout = 100ms}, 100ms},
       {[&] { api->complete(1, 0, {}, 100ms); }, {}, 100ms},
       {[&] { api->lines(1, batch({}), 100ms); }, {}, 100ms},
-      {[&] { api->lines(1, batch({}), 30s); }, {.post = 100ms}, 100ms},
+      {[&] { api->lines(1, batch({}), 30s); }, {.postTimeout = 100ms}, 100ms},
   };
   for (const auto& [call, limits, expected] : table) {
     auto given = options();
-    given.limits = limits;
+    given.timings = limits;
     make(std::move(given));
     const auto begin = Clock::now();
     EXPECT_THAT(failureOf(call), testing::EndsWith("-> URLError: Timeout was reached"));
@@ -162,8 +162,8 @@ TEST_F(Cancel, TimeoutEndsAReplyThatMovesOrSparesOneThatDoesNot) {
   const auto hang = service.faults().add({.delay = 60s});
   auto begin = Clock::now();
   auto result = session->perform(request);
-  EXPECT_TRUE(result.error && result.error->kind == TransportError::Kind::timedOut);
-  EXPECT_EQ(result.error->description, "Timeout was reached");
+  EXPECT_TRUE(!result && result.error().kind == TransportError::Kind::timedOut);
+  EXPECT_EQ(result.error().description, "Timeout was reached");
   EXPECT_GE(Clock::now() - begin, 300ms);
   EXPECT_LT(Clock::now() - begin, 2s);
   service.faults().clear(hang);
@@ -172,13 +172,13 @@ TEST_F(Cancel, TimeoutEndsAReplyThatMovesOrSparesOneThatDoesNot) {
   service.faults().add({.delivery = local::Delivery::trickled, .bytesPerSecond = 400});
   begin = Clock::now();
   result = session->perform(request);
-  EXPECT_TRUE(result.response && result.response->status == 200);
+  EXPECT_TRUE(result && result->status == 200);
   EXPECT_GE(Clock::now() - begin, 600ms);
 
   request.deadline = Clock::now() + 400ms;
   begin = Clock::now();
   result = session->perform(request);
-  EXPECT_TRUE(result.error && result.error->kind == TransportError::Kind::timedOut);
+  EXPECT_TRUE(!result && result.error().kind == TransportError::Kind::timedOut);
   EXPECT_LT(Clock::now() - begin, 2s);
 }
 

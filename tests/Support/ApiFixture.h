@@ -21,7 +21,7 @@ class ApiFixture : public DriverFixture {
     Api::Options given;
     given.base = service.url();
     given.token = service.token();
-    given.throttlePause = std::chrono::milliseconds(50);
+    given.timings.throttlePause = std::chrono::milliseconds(50);
     return given;
   }
   void make() { make(options()); }

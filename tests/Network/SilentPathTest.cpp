@@ -1,0 +1,108 @@
+#include "tests/Support/ApiFixture.h"
+#include "tests/Support/Front.h"
+
+#include <future>
+
+namespace verdo::test {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+using testing::HasSubstr;
+
+/// An Api that speaks HTTP/2 to the service, over a road that can die.
+class SilentPath : public ApiFixture {
+ protected:
+  SilentPath() : front_(std::make_unique<Front>(service.port(), &certificates_)) {
+    auto given = options();
+    given.base = front_->url();
+    given.timings.helloTimeout = 300ms;
+    given.timings.postTimeout = 300ms;
+    make(std::move(given), sessionOptions());
+  }
+  void TearDown() override {
+    api.reset();
+    session.reset();
+    front_.reset();
+    ApiFixture::TearDown();
+  }
+  HttpSession::Options sessionOptions() const {
+    HttpSession::Options given;
+    given.caCertificates = contentOf(certificates_.authority());
+    given.pingTimeout = 300ms;
+    given.dropInterval = kDropInterval;
+    return given;
+  }
+  /// A poll of `wait` seconds that has arrived; its message ends in the future, "" when it is well.
+  std::future<std::string> beginPoll(double wait) {
+    const auto before = service.requests().count("poll");
+    auto poll = std::async(std::launch::async,
+                           [this, wait] { return failureOf([&] { api->poll(wait, {}); }); });
+    EXPECT_TRUE(service.requests().waitFor("poll", before + 1, kLong));
+    return poll;
+  }
+
+  static constexpr auto kDropInterval = 1000ms;
+
+  Front& front() { return *front_; }
+
+ private:
+  const Certificates certificates_;
+  std::unique_ptr<Front> front_;
+};
+
+TEST_F(SilentPath, RequestGoesOverAConnectionThatTimedOut) {
+  EXPECT_EQ(failureOf([&] { api->hello(); }), "");
+  EXPECT_EQ(failureOf([&] { api->hello(); }), "");
+  EXPECT_EQ(front().connections(), 1);
+  EXPECT_EQ(front().swallow(), 1);
+  EXPECT_THAT(failureOf([&] { api->hello(); }), HasSubstr("Timeout was reached"));
+  EXPECT_EQ(failureOf([&] { api->hello(); }), "");
+  EXPECT_EQ(front().connections(), 2);
+}
+
+TEST_F(SilentPath, RequestThatSharesADeadConnectionWaitsForItsOwnTimeout) {
+  auto poll = beginPoll(25);
+  front().swallow();
+  const auto begin = Clock::now();
+  EXPECT_THAT(failureOf([&] { api->hello(); }), HasSubstr("Timeout was reached"));
+  ASSERT_EQ(poll.wait_for(kLong), std::future_status::ready);
+  EXPECT_LT(Clock::now() - begin, 10s);
+  EXPECT_THAT(poll.get(), HasSubstr("no longer answers"));
+}
+
+TEST_F(SilentPath, RequestIsEndedThoughItsConnectionAnswersThePing) {
+  auto poll = beginPoll(25);
+  const auto hang = service.faults().add({.endpoint = "hello", .delay = 60s});
+  EXPECT_THAT(failureOf([&] { api->hello(); }), HasSubstr("Timeout was reached"));
+  service.faults().clear(hang);
+  // Twice the time that an unanswered ping would have been given.
+  EXPECT_EQ(poll.wait_for(600ms), std::future_status::timeout);
+  addJob("");
+  EXPECT_EQ(poll.get(), "");
+  // The connection is done with what it had, and nothing new goes over it.
+  EXPECT_EQ(failureOf([&] { api->hello(); }), "");
+  EXPECT_EQ(front().connections(), 2);
+}
+
+TEST_F(SilentPath, ChangeOfTheNetworkIsTakenForAFailure) {
+  auto poll = beginPoll(25);
+  front().swallow();
+  auto begin = Clock::now();
+  api->networkChanged();
+  EXPECT_TRUE(service.requests().waitFor("poll", 2, kLong));
+  EXPECT_LT(Clock::now() - begin, 2s);
+  // Soon after the first one, another has to wait.
+  front().swallow();
+  begin = Clock::now();
+  api->networkChanged();
+  api->networkChanged();
+  EXPECT_TRUE(service.requests().waitFor("poll", 3, kLong));
+  EXPECT_GT(Clock::now() - begin, kDropInterval / 2);
+  addJob("");
+  EXPECT_EQ(poll.get(), "");
+  EXPECT_EQ(service.requests().count("poll"), 3u);
+}
+
+}  // namespace
+}  // namespace verdo::test

@@ -1,0 +1,113 @@
+// What lies between a driver and a service: a reverse proxy that speaks HTTP/2, and a road that can
+// die silently. The driver talks to the address printed first.
+//
+//   node front.mjs --to PORT [--certificate FILE --key FILE] [--listen ADDRESS]
+//
+// With a certificate: HTTP/2 over TLS, passed on as plain HTTP to PORT of this machine. Without:
+// whatever is said is passed on as it is. A command is a line on standard input, answered by a line:
+//
+//   swallow   the connections open now go on acknowledging, but nothing passes any more: "swallowed N"
+//   count     "connections N": how many there have been
+//
+// It ends with its input.
+import { readFileSync } from 'node:fs'
+import http from 'node:http'
+import http2 from 'node:http2'
+import net from 'node:net'
+import readline from 'node:readline'
+import { parseArgs } from 'node:util'
+
+const { values: options } = parseArgs({
+  options: {
+    to: { type: 'string' },
+    certificate: { type: 'string' },
+    key: { type: 'string' },
+    listen: { type: 'string', default: '127.0.0.1' },
+  },
+})
+const LOOPBACK = '127.0.0.1'
+
+function listen(server, address) {
+  return new Promise((resolve, reject) => {
+    server.once('error', reject)
+    server.listen(0, address, () => resolve(server.address().port))
+  })
+}
+
+/// Passes one request on, and its reply back, piece by piece.
+function passOn(agent, stream, headers) {
+  const upstream = http.request({
+    host: LOOPBACK,
+    port: Number(options.to),
+    agent,
+    method: headers[':method'],
+    path: headers[':path'],
+    headers: Object.fromEntries(Object.entries(headers).filter(([name]) => !name.startsWith(':'))),
+  })
+  stream.on('error', () => {})
+  stream.on('close', () => upstream.destroy())
+  upstream.on('error', () => stream.close(http2.constants.NGHTTP2_INTERNAL_ERROR))
+  upstream.on('response', (reply) => {
+    if (stream.destroyed) return
+    const kept = Object.entries(reply.headers).filter(
+      ([name]) => !['connection', 'keep-alive', 'transfer-encoding'].includes(name))
+    stream.respond({ ':status': reply.statusCode, ...Object.fromEntries(kept) })
+    reply.pipe(stream)
+  })
+  stream.pipe(upstream)
+}
+
+async function startProxy() {
+  const agent = new http.Agent({ keepAlive: true })
+  const proxy = http2.createSecureServer({
+    cert: readFileSync(options.certificate),
+    key: readFileSync(options.key),
+  })
+  proxy.on('stream', (stream, headers) => passOn(agent, stream, headers))
+  proxy.on('sessionError', () => {})
+  return listen(proxy, LOOPBACK)
+}
+
+const target = options.certificate ? await startProxy() : Number(options.to)
+const roads = new Set()
+let count = 0
+
+const relay = net.createServer({ allowHalfOpen: true }, (near) => {
+  const far = net.connect(target, LOOPBACK)
+  const road = { near, far, dead: false }
+  roads.add(road)
+  ++count
+  for (const [from, to] of [[near, far], [far, near]]) {
+    from.setNoDelay(true)
+    from.on('data', (bytes) => {
+      if (road.dead || to.destroyed || to.write(bytes)) return
+      from.pause()
+      to.once('drain', () => from.resume())
+    })
+    from.on('end', () => {
+      if (!road.dead) to.end()
+      else if (from === near) near.end()
+    })
+    from.on('error', () => {})
+    from.on('close', () => {
+      roads.delete(road)
+      if (road.dead && from === far) return
+      to.destroy()
+    })
+  }
+})
+
+console.log(`listening ${await listen(relay, options.listen)}`)
+
+for await (const command of readline.createInterface({ input: process.stdin })) {
+  if (command === 'swallow') {
+    const open = [...roads].filter((road) => !road.dead)
+    for (const road of open) road.dead = true
+    console.log(`swallowed ${open.length}`)
+  } else if (command === 'count') {
+    console.log(`connections ${count}`)
+  } else {
+    console.log(`unknown command: ${command}`)
+  }
+}
+process.exit(0)
