@@ -79,9 +79,12 @@ class Reader {
                                      : fmt::format("the text ends where {} is expected", expected));
   }
 
-  void noteDefect(std::string defect) {
-    if (!isTolerant_) throw PyError("JSONDecodeError", defect);
-    if (!defect_) defect_ = std::move(defect);
+  /// Only the first one is put into words: a text may have millions.
+  template <class... Arguments>
+  void noteDefect(fmt::format_string<Arguments...> form, Arguments&&... arguments) {
+    if (defect_) return;
+    defect_ = fmt::format(form, std::forward<Arguments>(arguments)...);
+    if (!isTolerant_) throw PyError("JSONDecodeError", *defect_);
   }
 
   // Places in the text.
@@ -154,7 +157,7 @@ class Reader {
 
   void open(bool isObject) {
     if (levels_.size() == kMaxJsonDepth) {
-      noteDefect(fmt::format("nested more than {} levels deep", kMaxJsonDepth));
+      noteDefect("nested more than {} levels deep", std::size_t{kMaxJsonDepth});
     } else if (isKept()) {
       ++count_;
       open_.push_back({isObject, {}, {}, {}});
@@ -186,7 +189,7 @@ class Reader {
 
   bool noteTooMany() {
     if (levels_.size() == open_.size()) {
-      noteDefect(fmt::format("more than {} values", kMaxJsonValues));
+      noteDefect("more than {} values", std::size_t{kMaxJsonValues});
     }
     return false;
   }
@@ -242,7 +245,7 @@ class Reader {
     }
     const double real = std::strtod(std::string(token).c_str(), nullptr);
     if (std::isfinite(real)) return real;
-    noteDefect(fmt::format("number out of range at position {}", begin));
+    noteDefect("number out of range at position {}", begin);
     return {};
   }
 
@@ -286,7 +289,7 @@ class Reader {
       } else if (static_cast<unsigned char>(peek()) < 0x20) {
         fail("the end of a string");
       } else {
-        noteDefect(fmt::format("not UTF-8 at position {}", at_));
+        noteDefect("not UTF-8 at position {}", at_);
         decodeUtf8(text_, at_);
         take(kReplacement);
       }
