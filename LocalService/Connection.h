@@ -1,6 +1,6 @@
 #pragma once
 
-#include "LocalService/Handles.h"
+#include "LocalService/EventFd.h"
 #include "LocalService/Tls.h"
 
 #include <chrono>

@@ -14,12 +14,6 @@ using nlohmann::ordered_json;
 using std::chrono::milliseconds;
 
 constexpr std::string_view kPrefix = "/control/";
-constexpr double kMaxWait = 600;  // seconds
-
-milliseconds queryWait(const Exchange& exchange, const char* name, double fallback) {
-  return milliseconds(
-      static_cast<std::int64_t>(queryNumber(exchange.request, name, fallback, kMaxWait) * 1000));
-}
 
 double bodyNumber(const Exchange& exchange, const char* key) {
   const auto body = parseJson(exchange.request.body);
@@ -34,6 +28,20 @@ double bodyNumber(const Exchange& exchange, const char* key) {
 
 milliseconds bodySeconds(const Exchange& exchange) {
   return milliseconds(static_cast<std::int64_t>(bodyNumber(exchange, "seconds") * 1000));
+}
+
+/// A JSON value that is shown, replaced or patched.
+bool document(Exchange& exchange, JsonDocument& value) {
+  const auto& method = exchange.request.method;
+  if (method == "PUT") {
+    value.set(parseJson(exchange.request.body));
+  } else if (method == "PATCH") {
+    value.patch(parseJson(exchange.request.body));
+  } else if (method != "GET") {
+    return false;
+  }
+  replyJson(exchange.response, value.value());
+  return true;
 }
 
 }  // namespace
@@ -58,13 +66,13 @@ void ControlEndpoints::dispatch(Exchange& exchange, const Words& words) const {
     throw HttpError(403, "the control interface does not serve web pages");
   }
   const std::string first = words.empty() ? "" : words[0];
-  const bool served = first == "jobs"       ? jobs(exchange, words)
+  const bool served = first == "jobs"       ? jobs_.serve(exchange, words)
                       : first == "faults"   ? faults(exchange, words)
                       : first == "pairings" ? pairings(exchange, words)
                       : words.size() != 1   ? false
                       : first == "outage"   ? outage(exchange)
-                      : first == "hello"    ? hello(exchange)
-                      : first == "manifest" ? manifest(exchange)
+                      : first == "hello"    ? document(exchange, service_.hello())
+                      : first == "manifest" ? document(exchange, service_.manifest())
                       : first == "requests" ? requests(exchange)
                       : first == "provider" ? provider(exchange)
                                             : rest(exchange, first);
@@ -74,86 +82,11 @@ void ControlEndpoints::dispatch(Exchange& exchange, const Words& words) const {
   }
 }
 
-bool ControlEndpoints::jobs(Exchange& exchange, const Words& words) const {
-  const auto& method = exchange.request.method;
-  if (words.size() > 1) return oneJob(exchange, words);
-  if (method == "POST") {
-    const auto id = service_.addJob(readJob(parseJson(exchange.request.body), files_));
-    replyJson(exchange.response, {{"id", id}});
-    return true;
-  }
-  if (method != "GET") return false;
-  auto list = ordered_json::array();
-  for (const auto& job : service_.jobs()) list.push_back(toJson(job));
-  replyJson(exchange.response, {{"jobs", std::move(list)}});
-  return true;
-}
-
-ordered_json ControlEndpoints::known(std::int64_t id) const {
-  const auto job = service_.job(id);
-  if (!job) throw HttpError(404, "there is no job " + std::to_string(id));
-  return toJson(*job);
-}
-
-bool ControlEndpoints::oneJob(Exchange& exchange, const Words& words) const {
-  const auto id = parseInteger(words[1]);
-  if (!id) throw HttpError(400, "the job identifier in the address must be an integer");
-  auto job = known(*id);
-  const auto& method = exchange.request.method;
-  const std::string action = words.size() == 3 ? words[2] : "";
-  if (words.size() == 2 && method == "GET") {
-    replyJson(exchange.response, job);
-  } else if (action == "lines" && method == "GET") {
-    jobLines(exchange, *id);
-  } else if (action == "wait" && method == "GET") {
-    jobWait(exchange, *id);
-  } else if (action == "cancel" && method == "POST") {
-    replyJson(exchange.response, {{"cancelled", service_.cancelJob(*id)}});
-  } else {
-    return false;
-  }
-  return true;
-}
-
-void ControlEndpoints::jobLines(Exchange& exchange, std::int64_t id) const {
-  const auto from = static_cast<std::size_t>(queryNumber(exchange.request, "from", 0, 1e15));
-  const auto wait = queryWait(exchange, "wait", 0);
-  constexpr std::size_t mostAtOnce = 10'000;
-  std::vector<std::string> lines;
-  service_.waitFor(
-      id,
-      [&](const JobSnapshot& job) {
-        lines = service_.lines(id, from, mostAtOnce);
-        return !lines.empty() || job.state == JobState::done;
-      },
-      wait);
-  const auto job = known(id);
-  replyJson(
-      exchange.response,
-      {{"from", from}, {"next", from + lines.size()}, {"lines", lines}, {"state", job["state"]}});
-}
-
-void ControlEndpoints::jobWait(Exchange& exchange, std::int64_t id) const {
-  const auto what =
-      exchange.request.has_param("for") ? exchange.request.get_param_value("for") : "done";
-  if (what != "leased" && what != "lines" && what != "done") {
-    throw HttpError(400, "\"for\" must be leased, lines or done, not \"" + what + "\"");
-  }
-  const auto reached = service_.waitFor(
-      id,
-      [&](const JobSnapshot& job) {
-        if (job.state == JobState::done) return true;
-        return what == "leased" ? job.timesLeased > 0 : what == "lines" && job.lineCount > 0;
-      },
-      queryWait(exchange, "timeout", 30));
-  replyJson(exchange.response, {{"reached", reached}, {"job", known(id)}});
-}
-
 bool ControlEndpoints::faults(Exchange& exchange, const Words& words) const {
   const auto& method = exchange.request.method;
   if (words.size() == 2 && method == "DELETE") {
     const auto id = parseInteger(words[1]);
-    if (!id || !service_.clearFault(static_cast<std::uint64_t>(*id))) {
+    if (!id || !service_.faults().clear(static_cast<std::uint64_t>(*id))) {
       throw HttpError(404, "there is no fault " + words[1]);
     }
     replyJson(exchange.response, {{"ok", true}});
@@ -162,17 +95,17 @@ bool ControlEndpoints::faults(Exchange& exchange, const Words& words) const {
   if (words.size() != 1) return false;
   if (method == "POST") {
     try {
-      const auto id = service_.addFault(readFault(parseJson(exchange.request.body)));
+      const auto id = service_.faults().add(readFault(parseJson(exchange.request.body)));
       replyJson(exchange.response, {{"id", id}});
     } catch (const std::invalid_argument& error) {
       throw HttpError(400, error.what());
     }
   } else if (method == "GET") {
     auto list = ordered_json::array();
-    for (const auto& fault : service_.faults()) list.push_back(toJson(fault));
+    for (const auto& fault : service_.faults().list()) list.push_back(toJson(fault));
     replyJson(exchange.response, {{"faults", std::move(list)}});
   } else if (method == "DELETE") {
-    service_.clearFaults();
+    service_.faults().clearAll();
     replyJson(exchange.response, {{"ok", true}});
   } else {
     return false;
@@ -185,24 +118,26 @@ bool ControlEndpoints::pairings(Exchange& exchange, const Words& words) const {
   const std::string second = words.size() > 1 ? words[1] : "";
   if (words.size() == 1 && method == "GET") {
     auto list = ordered_json::array();
-    for (const auto& pairing : service_.pairings()) list.push_back(toJson(pairing));
+    for (const auto& pairing : service_.pairings().list()) list.push_back(toJson(pairing));
     replyJson(exchange.response, {{"pairings", std::move(list)}});
   } else if (words.size() == 2 && second == "wait" && method == "GET") {
     const auto n = static_cast<std::size_t>(queryNumber(exchange.request, "n", 1, 1e15));
-    const auto pairing = service_.waitForPairing(n, queryWait(exchange, "timeout", 30));
+    const auto pairing = service_.pairings().waitFor(n, queryWait(exchange.request, "timeout", 30));
     replyJson(exchange.response, {{"reached", pairing.has_value()},
                                   {"pairing", pairing ? toJson(*pairing) : ordered_json()}});
   } else if (words.size() == 2 && second == "rules" && method == "POST") {
     try {
-      service_.setPairingRules(readPairingRules(parseJson(exchange.request.body)));
+      service_.pairings().setRules(readPairingRules(parseJson(exchange.request.body)));
     } catch (const std::invalid_argument& error) {
       throw HttpError(400, error.what());
     }
     replyJson(exchange.response, {{"ok", true}});
   } else if (words.size() == 3 && method == "POST" &&
              (words[2] == "approve" || words[2] == "deny" || words[2] == "expire")) {
-    const bool done = words[2] == "expire" ? service_.expirePairing(second)
-                                           : service_.decidePairing(second, words[2] == "approve");
+    auto& pairings = service_.pairings();
+    const bool done = words[2] == "approve" ? pairings.approve(second)
+                      : words[2] == "deny"  ? pairings.deny(second)
+                                            : pairings.expire(second);
     if (!done) throw HttpError(404, "there is no pending pairing " + second);
     replyJson(exchange.response, {{"ok", true}});
   } else {
@@ -233,49 +168,23 @@ bool ControlEndpoints::outage(Exchange& exchange) const {
   return true;
 }
 
-bool ControlEndpoints::hello(Exchange& exchange) const {
-  return document(exchange, &LocalService::hello, &LocalService::setHello,
-                  &LocalService::patchHello);
-}
-
-bool ControlEndpoints::manifest(Exchange& exchange) const {
-  return document(exchange, &LocalService::manifest, &LocalService::setManifest,
-                  &LocalService::patchManifest);
-}
-
-/// A JSON value that is shown, replaced or patched.
-bool ControlEndpoints::document(Exchange& exchange, ordered_json (LocalService::*get)() const,
-                                void (LocalService::*set)(ordered_json),
-                                void (LocalService::*patch)(const ordered_json&)) const {
-  const auto& method = exchange.request.method;
-  if (method == "PUT") {
-    (service_.*set)(parseJson(exchange.request.body));
-  } else if (method == "PATCH") {
-    (service_.*patch)(parseJson(exchange.request.body));
-  } else if (method != "GET") {
-    return false;
-  }
-  replyJson(exchange.response, (service_.*get)());
-  return true;
-}
-
 bool ControlEndpoints::requests(Exchange& exchange) const {
   const auto& method = exchange.request.method;
   if (method == "DELETE") {
-    service_.clearRequests();
+    service_.requests().clear();
     replyJson(exchange.response, {{"ok", true}});
     return true;
   }
   if (method != "GET") return false;
   const auto endpoint = exchange.request.get_param_value("endpoint");
   const auto limit = static_cast<std::size_t>(queryNumber(exchange.request, "limit", 100, 20'000));
-  const auto all = service_.requests(endpoint);
+  const auto all = service_.requests().list(endpoint);
   auto list = ordered_json::array();
   for (auto i = all.size() - std::min(limit, all.size()); i < all.size(); ++i) {
     list.push_back(toJson(all[i]));
   }
   replyJson(exchange.response,
-            {{"count", service_.requestCount(endpoint)}, {"requests", std::move(list)}});
+            {{"count", service_.requests().count(endpoint)}, {"requests", std::move(list)}});
   return true;
 }
 
@@ -283,22 +192,22 @@ bool ControlEndpoints::provider(Exchange& exchange) const {
   const auto& method = exchange.request.method;
   if (method == "POST") {
     try {
-      const auto id = service_.addProviderRule(readProviderRule(parseJson(exchange.request.body)));
+      const auto id = service_.provider().add(readProviderRule(parseJson(exchange.request.body)));
       replyJson(exchange.response, {{"id", id}});
     } catch (const std::invalid_argument& error) {
       throw HttpError(400, error.what());
     }
   } else if (method == "DELETE") {
-    service_.clearProviderRules();
+    service_.provider().clear();
     replyJson(exchange.response, {{"ok", true}});
   } else if (method == "GET") {
     auto list = ordered_json::array();
-    for (const auto& rule : service_.providerRules()) list.push_back(toJson(rule));
+    for (const auto& rule : service_.provider().list()) list.push_back(toJson(rule));
     replyJson(exchange.response, {{"url", service_.providerUrl()},
                                   {"rules", std::move(list)},
-                                  {"requests", service_.requestCount("chat")},
-                                  {"in_flight", service_.inFlight("chat")},
-                                  {"max_in_flight", service_.maxInFlight("chat")}});
+                                  {"requests", service_.requests().count("chat")},
+                                  {"in_flight", service_.requests().inFlight("chat")},
+                                  {"max_in_flight", service_.requests().maxInFlight("chat")}});
   } else {
     return false;
   }
@@ -309,8 +218,8 @@ bool ControlEndpoints::rest(Exchange& exchange, const std::string& word) const {
   const auto& method = exchange.request.method;
   if (word == "status" && method == "GET") {
     replyJson(exchange.response, {{"url", service_.url()},
-                                  {"jobs", service_.jobs().size()},
-                                  {"requests", service_.requestCount()},
+                                  {"jobs", service_.jobs().list().size()},
+                                  {"requests", service_.requests().count()},
                                   {"open_connections", service_.openConnections()},
                                   {"accepted_connections", service_.acceptedConnections()}});
     return true;
@@ -320,16 +229,17 @@ bool ControlEndpoints::rest(Exchange& exchange, const std::string& word) const {
     const auto body = parseJson(exchange.request.body);
     const auto token = body.is_object() ? body.value("token", ordered_json(1)) : ordered_json(1);
     if (token.is_null()) {
-      service_.revokeToken();
+      service_.driverToken().revoke();
     } else if (token.is_string() && !token.get_ref<const std::string&>().empty()) {
-      service_.setToken(token.get<std::string>());
+      service_.driverToken().set(token.get<std::string>());
     } else {
       throw HttpError(400, R"(give {"token": "the new one"}, or {"token": null} to revoke it)");
     }
   } else if (word == "lease") {
-    service_.setLease(bodySeconds(exchange));
+    service_.jobs().setLease(bodySeconds(exchange));
   } else if (word == "files") {
-    const auto path = service_.addFile(readFile(parseJson(exchange.request.body), files_));
+    const auto path =
+        service_.files().add(readFile(parseJson(exchange.request.body), service_.files()));
     replyJson(exchange.response, {{"url", path}});
     return true;
   } else if (word == "reset") {

@@ -206,14 +206,15 @@ JobSpec readJob(const ordered_json& json, const FileStore& files) {
 Fault readFault(const ordered_json& json) {
   const Reader reader(json, "a fault");
   Fault fault;
-  reader.refuseOthers({"endpoint", "job_id", "after", "count", "probability", "delay_ms", "status",
-                       "body", "headers", "delivery", "truncate_after", "bytes_per_second",
-                       "garbage", "processed"});
+  reader.refuseOthers({"endpoint", "job_id", "after", "count", "probability", "body_over",
+                       "delay_ms", "status", "body", "headers", "delivery", "truncate_after",
+                       "bytes_per_second", "garbage", "processed"});
   reader.text("endpoint", fault.endpoint);
   reader.count("job_id", fault.jobId);
   reader.count("after", fault.after);
   reader.count("count", fault.count);
   reader.number("probability", fault.probability);
+  reader.count("body_over", fault.bodyOver);
   reader.delay("delay_ms", fault.delay);
   if (reader.has("status") || reader.has("body") || reader.has("headers")) {
     auto& reply = fault.reply.emplace();
@@ -321,6 +322,7 @@ ordered_json toJson(const FaultStatus& status) {
   json["after"] = fault.after;
   if (fault.count) json["count"] = *fault.count;
   json["probability"] = fault.probability;
+  if (fault.bodyOver) json["body_over"] = *fault.bodyOver;
   json["delay_ms"] = fault.delay.count();
   if (fault.reply) json["status"] = fault.reply->status;
   json["delivery"] =

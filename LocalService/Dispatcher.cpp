@@ -1,6 +1,7 @@
 #include "LocalService/Dispatcher.h"
 
 #include "LocalService/RawReply.h"
+#include "LocalService/WebGuard.h"
 
 #include <algorithm>
 #include <csignal>
@@ -144,6 +145,11 @@ Route Dispatcher::findRoute(const std::string& method, const std::string& path) 
 void Dispatcher::handle(Current& current, const httplib::Request& request,
                         httplib::Response& response) {
   auto& connection = current.connection;
+  try {
+    refuseForeignPages(request);
+  } catch (const HttpError& error) {
+    return replyJson(response, {{"error", error.what()}}, error.status());
+  }
   const auto route = findRoute(request.method, current.path);
   Exchange exchange{.request = request,
                     .path = current.path,
@@ -161,7 +167,7 @@ void Dispatcher::handle(Current& current, const httplib::Request& request,
   }
 
   logArrival(current, route, request);
-  if (auto picked = faults_.pick(route.endpoint, route.jobId)) {
+  if (auto picked = faults_.pick(route.endpoint, route.jobId, request.body.size())) {
     log_.faultApplied(*current.entry, picked->first);
     current.fault = std::move(picked->second);
   }

@@ -6,8 +6,6 @@
 #include <set>
 #include <utility>
 
-#include <openssl/crypto.h>
-
 namespace verdo::local {
 namespace {
 
@@ -34,10 +32,7 @@ void answer(httplib::Response& response, const JobStore::LinesAnswer& lines) {
 
 }  // namespace
 
-DriverSettings::DriverSettings(std::string token)
-    : token_(std::move(token)), hello_(defaultHello()) {}
-
-nlohmann::ordered_json DriverSettings::defaultHello() {
+nlohmann::ordered_json DriverEndpoints::defaultHello() {
   return {{"protocol", 2},
           {"user", {{"username", "local"}, {"id", 1}}},
           {"driver_version", "2026.09.04"},
@@ -46,44 +41,6 @@ nlohmann::ordered_json DriverSettings::defaultHello() {
           {"reap_interval_seconds", 60},
           {"space_pattern", "^(u\\d+-|replay-|apply-|audit-|agent-|co-sweep-|co-id-)"},
           {"cleanup_timeout_seconds", 45}};
-}
-
-std::string DriverSettings::token() const {
-  const std::lock_guard lock(mutex_);
-  return token_;
-}
-
-void DriverSettings::setToken(std::string token) {
-  const std::lock_guard lock(mutex_);
-  token_ = std::move(token);
-  revoked_ = false;
-}
-
-void DriverSettings::revokeToken() {
-  const std::lock_guard lock(mutex_);
-  revoked_ = true;
-}
-
-bool DriverSettings::accepts(const std::string& authorization) const {
-  const std::lock_guard lock(mutex_);
-  const auto wanted = "Bearer " + token_;
-  return !revoked_ && authorization.size() == wanted.size() &&
-         CRYPTO_memcmp(authorization.data(), wanted.data(), wanted.size()) == 0;
-}
-
-nlohmann::ordered_json DriverSettings::hello() const {
-  const std::lock_guard lock(mutex_);
-  return hello_;
-}
-
-void DriverSettings::setHello(nlohmann::ordered_json reply) {
-  const std::lock_guard lock(mutex_);
-  hello_ = std::move(reply);
-}
-
-void DriverSettings::patchHello(const nlohmann::ordered_json& patch) {
-  const std::lock_guard lock(mutex_);
-  hello_.merge_patch(patch);
 }
 
 std::optional<Route> DriverEndpoints::match(std::string_view method, std::string_view path) {
@@ -122,7 +79,7 @@ Route DriverEndpoints::route(std::string endpoint, std::optional<std::int64_t> j
 }
 
 void DriverEndpoints::authorize(const httplib::Request& request) const {
-  if (!settings_.accepts(request.get_header_value("Authorization"))) {
+  if (!token_.accepts(request.get_header_value("Authorization"))) {
     throw HttpError(401, "unknown or revoked driver token");
   }
   const auto protocol = request.get_header_value("X-VERDO-Driver-Protocol");
@@ -133,7 +90,7 @@ void DriverEndpoints::authorize(const httplib::Request& request) const {
 }
 
 void DriverEndpoints::hello(Exchange& exchange) const {
-  replyJson(exchange.response, settings_.hello());
+  replyJson(exchange.response, hello_.value());
 }
 
 void DriverEndpoints::poll(Exchange& exchange) const {

@@ -1,44 +1,26 @@
 #pragma once
 
+#include "LocalService/DriverToken.h"
 #include "LocalService/HangGate.h"
 #include "LocalService/JobStore.h"
+#include "LocalService/JsonDocument.h"
 #include "LocalService/Routes.h"
 
-#include <mutex>
 #include <string>
 
 #include <nlohmann/json.hpp>
 
 namespace verdo::local {
 
-/// The token that is good now, and the reply to hello. Every member may be called from any thread.
-class DriverSettings {
- public:
-  explicit DriverSettings(std::string token);
-
-  std::string token() const;
-  void setToken(std::string token);
-  void revokeToken();
-  bool accepts(const std::string& authorization) const;  ///< value of an Authorization header
-
-  nlohmann::ordered_json hello() const;
-  void setHello(nlohmann::ordered_json reply);
-  void patchHello(const nlohmann::ordered_json& patch);
-  static nlohmann::ordered_json defaultHello();
-
- private:
-  mutable std::mutex mutex_;  // guards all below
-  std::string token_;
-  bool revoked_ = false;
-  nlohmann::ordered_json hello_;
-};
-
 /// The driver protocol: hello, poll, lines and complete.
 class DriverEndpoints final : public RouteGroup {
  public:
-  DriverEndpoints(JobStore& jobs, const DriverSettings& settings, const HangGate& hang)
-      : jobs_(jobs), settings_(settings), hang_(hang) {}
+  /// All outlive this. `hello` is the reply to hello.
+  DriverEndpoints(JobStore& jobs, const DriverToken& token, const JsonDocument& hello,
+                  const HangGate& hang)
+      : jobs_(jobs), token_(token), hello_(hello), hang_(hang) {}
   std::optional<Route> match(std::string_view method, std::string_view path) override;
+  static nlohmann::ordered_json defaultHello();
 
  private:
   Route route(std::string endpoint, std::optional<std::int64_t> jobId,
@@ -50,7 +32,8 @@ class DriverEndpoints final : public RouteGroup {
   void complete(Exchange& exchange, std::int64_t id) const;
 
   JobStore& jobs_;
-  const DriverSettings& settings_;
+  const DriverToken& token_;
+  const JsonDocument& hello_;
   const HangGate& hang_;
 };
 

@@ -48,6 +48,7 @@ struct Fault {
   /// Chance 0..1 that a request is hit, from a generator seeded by LocalServiceOptions::seed.
   /// Requests that it spares use up neither `after` nor `count`.
   double probability = 1.0;
+  std::optional<std::size_t> bodyOver{};  ///< only requests whose body has more bytes than this
 
   // What happens to them.
 
@@ -63,6 +64,10 @@ struct Fault {
 };
 
 // NOLINTEND(readability-redundant-member-init)
+
+/// What a proxy does that takes bodies of at most `bytes`: longer ones on the endpoint are answered
+/// 413, until the fault is cleared.
+Fault bodyLimit(std::string endpoint, std::size_t bytes);
 
 /// A fault in force.
 struct FaultStatus {

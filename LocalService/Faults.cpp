@@ -5,6 +5,15 @@
 
 namespace verdo::local {
 
+Fault bodyLimit(std::string endpoint, std::size_t bytes) {
+  return {.endpoint = std::move(endpoint),
+          .bodyOver = bytes,
+          .reply = FaultReply{
+              .status = 413,
+              .body = "<html><head><title>413 Request Entity Too Large</title></head></html>\r\n",
+              .headers = {{"Content-Type", "text/html"}}}};
+}
+
 std::uint64_t Faults::add(Fault fault) {
   if (!(fault.probability >= 0 && fault.probability <= 1)) {
     throw std::invalid_argument("a fault's probability must be from 0 to 1");
@@ -16,18 +25,20 @@ std::uint64_t Faults::add(Fault fault) {
   if (fault.reply && (fault.reply->status < 200 || fault.reply->status > 599)) {
     throw std::invalid_argument("a fault's status must be from 200 to 599");
   }
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   entries_.push_back(Entry{.id = nextId_, .fault = std::move(fault)});
   return nextId_++;
 }
 
 std::optional<std::pair<std::uint64_t, Fault>> Faults::pick(std::string_view endpoint,
-                                                            std::optional<std::int64_t> jobId) {
-  const std::lock_guard lock(mutex_);
+                                                            std::optional<std::int64_t> jobId,
+                                                            std::size_t bodySize) {
+  const MutexLock lock(mutex_);
   for (auto& entry : entries_) {
     const auto& fault = entry.fault;
     if (entry.cleared || (fault.endpoint != "any" && fault.endpoint != endpoint)) continue;
     if (fault.jobId && fault.jobId != jobId) continue;
+    if (fault.bodyOver && bodySize <= *fault.bodyOver) continue;
     if (fault.count && entry.hits >= *fault.count) continue;
     if (fault.probability < 1 &&
         std::uniform_real_distribution<double>(0, 1)(random_) >= fault.probability) {
@@ -42,7 +53,7 @@ std::optional<std::pair<std::uint64_t, Fault>> Faults::pick(std::string_view end
 
 std::vector<FaultStatus> Faults::list() const {
   std::vector<FaultStatus> all;
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   for (const auto& entry : entries_) {
     if (!entry.cleared) all.push_back({entry.id, entry.fault, entry.hits});
   }
@@ -50,13 +61,13 @@ std::vector<FaultStatus> Faults::list() const {
 }
 
 std::uint64_t Faults::hits(std::uint64_t id) const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto found = std::ranges::find(entries_, id, &Entry::id);
   return found == entries_.end() ? 0 : found->hits;
 }
 
 bool Faults::clear(std::uint64_t id) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto found = std::ranges::find(entries_, id, &Entry::id);
   if (found == entries_.end() || found->cleared) return false;
   found->cleared = true;
@@ -64,7 +75,7 @@ bool Faults::clear(std::uint64_t id) {
 }
 
 void Faults::clearAll() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   for (auto& entry : entries_) entry.cleared = true;
 }
 

@@ -1,9 +1,9 @@
 #pragma once
 
 #include "LocalService/Fault.h"
+#include "VerdoDriverCore/System/Sync.h"
 
 #include <cstdint>
-#include <mutex>
 #include <optional>
 #include <random>
 #include <string_view>
@@ -17,14 +17,15 @@ class Faults {
  public:
   explicit Faults(std::uint64_t seed) : random_(seed) {}
 
-  /// Throws std::invalid_argument that says which field is wrong.
+  /// Gives an identifier. Throws std::invalid_argument that says which field is wrong.
   std::uint64_t add(Fault fault);
   /// The fault that hits this request, with its identifier; counts the hit.
   std::optional<std::pair<std::uint64_t, Fault>> pick(std::string_view endpoint,
-                                                      std::optional<std::int64_t> jobId);
-  std::vector<FaultStatus> list() const;
-  std::uint64_t hits(std::uint64_t id) const;
-  bool clear(std::uint64_t id);  ///< its hits stay known
+                                                      std::optional<std::int64_t> jobId,
+                                                      std::size_t bodySize);
+  std::vector<FaultStatus> list() const;       ///< those not cleared
+  std::uint64_t hits(std::uint64_t id) const;  ///< requests hit; 0 for an unknown fault
+  bool clear(std::uint64_t id);                ///< its hits stay known
   void clearAll();
 
  private:
@@ -36,10 +37,10 @@ class Faults {
     bool cleared = false;
   };
 
-  mutable std::mutex mutex_;  // guards all below
-  std::vector<Entry> entries_;
-  std::uint64_t nextId_ = 1;
-  std::mt19937_64 random_;
+  mutable Mutex mutex_;
+  std::vector<Entry> entries_ GUARDED_BY(mutex_);
+  std::uint64_t nextId_ GUARDED_BY(mutex_) = 1;
+  std::mt19937_64 random_ GUARDED_BY(mutex_);
 };
 
 }  // namespace verdo::local

@@ -25,16 +25,16 @@ std::string percentEncoded(const std::string& text) {
 
 }  // namespace
 
-std::string FileStore::publish(FileSpec file, std::optional<std::int64_t> jobId) {
+std::string FileStore::add(FileSpec file, std::optional<std::int64_t> jobId) {
   const auto key = jobId ? std::to_string(*jobId) + "/" + file.name : file.name;
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   files_[key] = std::make_shared<const FileSpec>(std::move(file));
   return "/files/" + percentEncoded(key);
 }
 
 std::shared_ptr<const FileSpec> FileStore::find(const std::string& name) const {
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     const auto found = files_.find(name);
     if (found != files_.end()) return found->second;
   }
@@ -55,7 +55,7 @@ std::optional<std::string> FileStore::readFromDirectory(const std::string& name)
 }
 
 void FileStore::clear() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   files_.clear();
 }
 

@@ -1,12 +1,12 @@
 #pragma once
 
 #include "LocalService/JobTypes.h"
+#include "VerdoDriverCore/System/Sync.h"
 
 #include <cstdint>
 #include <filesystem>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
@@ -20,8 +20,10 @@ class FileStore {
   /// Files of `directory` are found by their name when no published one has it; may be empty.
   explicit FileStore(std::filesystem::path directory) : directory_(std::move(directory)) {}
 
-  /// Publishes a file under its name, or under the folder of a job; gives its percent-encoded path.
-  std::string publish(FileSpec file, std::optional<std::int64_t> jobId = {});
+  /// Publishes a file as /files/{name}, or under the folder of a job, and gives that path,
+  /// percent-encoded. `sha256`, `url` and the omit options have no meaning here. A second file of
+  /// the same name replaces the first.
+  std::string add(FileSpec file, std::optional<std::int64_t> jobId = {});
   /// `name` is what follows /files/, decoded. Null when there is none.
   std::shared_ptr<const FileSpec> find(const std::string& name) const;
   /// Bytes of a file of the directory, named without any folder. Absent: none, or unreadable.
@@ -30,8 +32,8 @@ class FileStore {
 
  private:
   const std::filesystem::path directory_;
-  mutable std::mutex mutex_;  // guards files_
-  std::map<std::string, std::shared_ptr<const FileSpec>> files_;
+  mutable Mutex mutex_;
+  std::map<std::string, std::shared_ptr<const FileSpec>> files_ GUARDED_BY(mutex_);
 };
 
 }  // namespace verdo::local

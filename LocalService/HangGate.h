@@ -1,11 +1,11 @@
 #pragma once
 
 #include "LocalService/Connection.h"
-#include "LocalService/Handles.h"
+#include "LocalService/EventFd.h"
+#include "VerdoDriverCore/System/Sync.h"
 
 #include <chrono>
 #include <memory>
-#include <mutex>
 #include <utility>
 
 namespace verdo::local {
@@ -14,11 +14,11 @@ namespace verdo::local {
 class HangGate {
  public:
   void close() {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (!over_) over_ = std::make_shared<EventFd>();
   }
   void open() {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (const auto over = std::exchange(over_, nullptr)) over->set();
   }
   /// Holds the calling thread while the gate is closed. False: the client went away or the service
@@ -34,12 +34,12 @@ class HangGate {
 
  private:
   std::shared_ptr<EventFd> current() const {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     return over_;
   }
 
-  mutable std::mutex mutex_;       // guards over_
-  std::shared_ptr<EventFd> over_;  // set while closed; up when that is over
+  mutable Mutex mutex_;
+  std::shared_ptr<EventFd> over_ GUARDED_BY(mutex_);  // set while closed; up when that is over
 };
 
 }  // namespace verdo::local

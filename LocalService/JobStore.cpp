@@ -8,23 +8,21 @@ namespace verdo::local {
 using nlohmann::ordered_json;
 
 JobStore::Waiter::Waiter(JobStore& store, std::set<std::string> busyLanes)
-    : store_(store), busy_(std::move(busyLanes)) {
-  const std::lock_guard lock(store_.mutex_);
-  place_ = store_.waiters_.insert(store_.waiters_.end(), this);
+    : store_(store), poll_{.busyLanes = std::move(busyLanes), .event = {}} {
+  const MutexLock lock(store_.mutex_);
+  store_.lanes_.add(poll_);
 }
 
 JobStore::Waiter::~Waiter() {
-  const std::lock_guard lock(store_.mutex_);
-  store_.waiters_.erase(place_);
-  // It may have been woken for a job that it did not take.
-  if (notified_) store_.wakeWaiters();
+  const MutexLock lock(store_.mutex_);
+  store_.lanes_.remove(poll_);
 }
 
 void JobStore::Waiter::clear() {
-  // Nobody sets the flag while the waiter counts as notified.
-  event_.clear();
-  const std::lock_guard lock(store_.mutex_);
-  notified_ = false;
+  // Nobody sets the flag while the poll counts as notified.
+  poll_.event.clear();
+  const MutexLock lock(store_.mutex_);
+  poll_.notified = false;
 }
 
 JobStore::JobStore(std::chrono::milliseconds lease)
@@ -32,15 +30,15 @@ JobStore::JobStore(std::chrono::milliseconds lease)
 
 JobStore::~JobStore() {
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     ending_ = true;
-    leasesChanged_.notify_all();
+    leasesChanged_.notifyAll();
   }
   leaseWatch_.join();
 }
 
 std::int64_t JobStore::reserveId() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return nextId_++;
 }
 
@@ -63,61 +61,27 @@ void JobStore::add(std::int64_t id, const JobSpec& spec, const ordered_json& obj
       ordered_json{{"job", object}}.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
   record.lines = std::make_shared<LineLog>(spec.keepLines);
 
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   enqueue(jobs_.insert_or_assign(id, std::move(record)).first->second);
   changed();
 }
 
 void JobStore::enqueue(Record& record) {
   record.snapshot.state = JobState::queued;
-  const auto& name = record.snapshot.lane;
-  auto& lane = lanes_[name];
-  lane.queued.insert(record.snapshot.id);
-  updateLane(name, lane);
-  wakeWaiters();
-}
-
-void JobStore::updateLane(const std::string& name, Lane& lane) {
-  if (lane.readyAs != 0) ready_.erase(lane.readyAs);
-  lane.readyAs = lane.leased || lane.queued.empty() ? 0 : *lane.queued.begin();
-  if (lane.readyAs != 0) {
-    ready_.emplace(lane.readyAs, name);
-  } else if (!lane.leased) {
-    lanes_.erase(std::string(name));
-  }
-}
-
-void JobStore::wakeWaiters() {
-  auto asleep = std::ranges::count_if(waiters_, [](const Waiter* w) { return !w->notified_; });
-  for (const auto& [id, lane] : ready_) {
-    if (asleep == 0) return;
-    const auto taker = std::ranges::find_if(waiters_, [&wanted = lane](const Waiter* waiter) {
-      return !waiter->notified_ && !waiter->busy_.contains(wanted);
-    });
-    if (taker == waiters_.end()) continue;
-    (*taker)->notified_ = true;
-    (*taker)->event_.set();
-    --asleep;
-  }
+  lanes_.enqueue(record.snapshot.id, record.snapshot.lane);
 }
 
 void JobStore::changed() {
   ++version_;
-  changed_.notify_all();
+  changed_.notifyAll();
 }
 
 std::optional<JobStore::Handout> JobStore::lease(const std::set<std::string>& busyLanes) {
-  const std::lock_guard lock(mutex_);
-  const auto found = std::ranges::find_if(
-      ready_, [&](const auto& entry) { return !busyLanes.contains(entry.second); });
-  if (found == ready_.end()) return std::nullopt;
-  auto& record = jobs_.at(found->first);
+  const MutexLock lock(mutex_);
+  const auto id = lanes_.take(busyLanes);
+  if (!id) return std::nullopt;
+  auto& record = jobs_.at(*id);
   auto& snapshot = record.snapshot;
-  auto& lane = lanes_.at(snapshot.lane);
-  lane.queued.erase(snapshot.id);
-  lane.leased = true;
-  updateLane(snapshot.lane, lane);
-
   snapshot.state = JobState::leased;
   ++snapshot.timesLeased;
   snapshot.leased = Clock::now();
@@ -127,23 +91,19 @@ std::optional<JobStore::Handout> JobStore::lease(const std::set<std::string>& bu
   leased_.insert(snapshot.id);
   if (record.leasedUntil < nextExpiry_) {
     nextExpiry_ = record.leasedUntil;
-    leasesChanged_.notify_all();
+    leasesChanged_.notifyAll();
   }
-  wakeWaiters();
   changed();
   return Handout{snapshot.id, record.lease, record.body};
 }
 
 void JobStore::release(Record& record) {
   leased_.erase(record.snapshot.id);
-  auto& lane = lanes_.at(record.snapshot.lane);
-  lane.leased = false;
-  updateLane(record.snapshot.lane, lane);
-  wakeWaiters();
+  lanes_.release(record.snapshot.lane);
 }
 
 void JobStore::putBack(const Handout& handout) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto found = jobs_.find(handout.id);
   if (found == jobs_.end()) return;
   auto& record = found->second;
@@ -176,7 +136,7 @@ JobStore::LinesAnswer JobStore::answerFor(const Record& record) {
 JobStore::LinesAnswer JobStore::lines(std::int64_t id, const LinesBatch& batch) {
   std::shared_ptr<LineLog> log;
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     const auto found = jobs_.find(id);
     if (found == jobs_.end()) return {};
     auto& record = found->second;
@@ -187,7 +147,7 @@ JobStore::LinesAnswer JobStore::lines(std::int64_t id, const LinesBatch& batch) 
   // Hashing megabytes takes milliseconds: not under the lock of all jobs.
   log->append(batch);
 
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto found = jobs_.find(id);
   if (found == jobs_.end()) return {};
   auto& snapshot = found->second.snapshot;
@@ -204,7 +164,7 @@ JobStore::LinesAnswer JobStore::lines(std::int64_t id, const LinesBatch& batch) 
 
 JobStore::LinesAnswer JobStore::complete(std::int64_t id, std::int64_t exitCode,
                                          std::optional<std::string> error) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto found = jobs_.find(id);
   if (found == jobs_.end()) return {};
   auto& record = found->second;
@@ -224,23 +184,20 @@ JobStore::LinesAnswer JobStore::complete(std::int64_t id, std::int64_t exitCode,
 }
 
 bool JobStore::cancel(std::int64_t id) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto found = jobs_.find(id);
   if (found == jobs_.end() || found->second.snapshot.state == JobState::done) return false;
   auto& record = found->second;
   record.snapshot.cancelled = true;
   if (record.snapshot.state == JobState::queued) {
-    auto& lane = lanes_.at(record.snapshot.lane);
-    lane.queued.erase(id);
-    updateLane(record.snapshot.lane, lane);
+    lanes_.remove(id, record.snapshot.lane);
     finish(record);
-    wakeWaiters();
   }
   changed();
   return true;
 }
 
-JobSnapshot JobStore::snapshotOf(const Record& record) const {
+JobSnapshot JobStore::snapshotOf(const Record& record) {
   auto snapshot = record.snapshot;
   auto totals = record.lines->totals();
   snapshot.lineCount = totals.lines;
@@ -250,7 +207,7 @@ JobSnapshot JobStore::snapshotOf(const Record& record) const {
 }
 
 std::optional<JobSnapshot> JobStore::job(std::int64_t id) const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto found = jobs_.find(id);
   if (found == jobs_.end()) return std::nullopt;
   return snapshotOf(found->second);
@@ -258,91 +215,92 @@ std::optional<JobSnapshot> JobStore::job(std::int64_t id) const {
 
 std::vector<JobSnapshot> JobStore::jobs() const {
   std::vector<JobSnapshot> all;
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   all.reserve(jobs_.size());
   for (const auto& [id, record] : jobs_) all.push_back(snapshotOf(record));
   return all;
 }
 
 std::shared_ptr<const LineLog> JobStore::lineLog(std::int64_t id) const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto found = jobs_.find(id);
   return found == jobs_.end() ? nullptr : found->second.lines;
 }
 
 bool JobStore::allDone() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return lanes_.empty();
 }
 
 bool JobStore::waitUntil(const std::function<bool()>& done, Clock::time_point deadline) const {
-  std::unique_lock lock(mutex_);
   while (true) {
-    const auto seen = version_;
-    lock.unlock();
-    if (done()) return true;
-    lock.lock();
-    changed_.wait_until(lock, deadline, [&] { return version_ != seen || interrupted_; });
-    if (version_ == seen || interrupted_) return false;
-    if (Clock::now() >= deadline) {
-      lock.unlock();
-      return done();
+    std::uint64_t seen = 0;
+    {
+      const MutexLock lock(mutex_);
+      seen = version_;
     }
+    if (done()) return true;
+    if (Clock::now() >= deadline) return false;  // changes may come faster than it is asked
+    const MutexLock lock(mutex_);
+    while (version_ == seen && !interrupted_) {
+      if (!changed_.waitUntil(mutex_, deadline)) break;
+    }
+    if (version_ == seen || interrupted_) return false;
   }
 }
 
 void JobStore::setLease(std::chrono::milliseconds lease) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   leaseTime_ = lease;
 }
 
 void JobStore::clear() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   jobs_.clear();
   leased_.clear();
   lanes_.clear();
-  ready_.clear();
   changed();
 }
 
 void JobStore::interrupt() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   interrupted_ = true;
-  changed_.notify_all();
+  changed_.notifyAll();
 }
 
 void JobStore::resume() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   interrupted_ = false;
 }
 
-void JobStore::watchLeases() {
-  std::unique_lock lock(mutex_);
-  while (!ending_) {
-    const auto now = Clock::now();
-    nextExpiry_ = Clock::time_point::max();
-    const auto leased = leased_;
-    for (const auto id : leased) {
-      auto& record = jobs_.at(id);
-      if (record.leasedUntil > now) {
-        nextExpiry_ = std::min(nextExpiry_, record.leasedUntil);
-        continue;
-      }
-      release(record);
-      // A driver that was told to cancel may drop a job without a word: nobody else shall run it.
-      if (record.snapshot.cancelled) {
-        finish(record);
-      } else {
-        enqueue(record);
-      }
-      changed();
+void JobStore::endOverdueLeases(Clock::time_point now) {
+  nextExpiry_ = Clock::time_point::max();
+  const auto leased = leased_;
+  for (const auto id : leased) {
+    auto& record = jobs_.at(id);
+    if (record.leasedUntil > now) {
+      nextExpiry_ = std::min(nextExpiry_, record.leasedUntil);
+      continue;
     }
-    if (nextExpiry_ == Clock::time_point::max()) {
-      leasesChanged_.wait(lock);
+    release(record);
+    // A driver that was told to cancel may drop a job without a word: nobody else shall run it.
+    if (record.snapshot.cancelled) {
+      finish(record);
     } else {
-      // By value: the wait must not look at a member that changes while the lock is free.
-      const auto until = nextExpiry_;
-      leasesChanged_.wait_until(lock, until);
+      enqueue(record);
+    }
+    changed();
+  }
+}
+
+void JobStore::watchLeases() {
+  const MutexLock lock(mutex_);
+  while (!ending_) {
+    endOverdueLeases(Clock::now());
+    if (nextExpiry_ == Clock::time_point::max()) {
+      leasesChanged_.wait(mutex_);
+    } else {
+      leasesChanged_.waitUntil(mutex_, nextExpiry_);
     }
   }
 }

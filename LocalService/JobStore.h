@@ -1,17 +1,15 @@
 #pragma once
 
-#include "LocalService/Handles.h"
 #include "LocalService/JobTypes.h"
+#include "LocalService/LaneQueue.h"
 #include "LocalService/LineLog.h"
+#include "VerdoDriverCore/System/Sync.h"
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
-#include <list>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -48,16 +46,12 @@ class JobStore {
     ~Waiter();
     Waiter(const Waiter&) = delete;
     Waiter& operator=(const Waiter&) = delete;
-    int fd() const { return event_.fd(); }
+    int fd() const { return poll_.event.fd(); }
     void clear();
 
    private:
-    friend class JobStore;
     JobStore& store_;
-    const std::set<std::string> busy_;
-    EventFd event_;
-    bool notified_ = false;  // guarded by the store's mutex
-    std::list<Waiter*>::iterator place_;
+    LaneQueue::Poll poll_;
   };
 
   explicit JobStore(std::chrono::milliseconds lease);
@@ -100,38 +94,29 @@ class JobStore {
     std::uint64_t lease = 0;
     Clock::time_point leasedUntil;
   };
-  struct Lane {
-    std::set<std::int64_t> queued;
-    bool leased = false;
-    std::int64_t readyAs = 0;  // key in ready_; 0: not there
-  };
 
-  // All called with the lock held.
-  void enqueue(Record& record);
-  void release(Record& record);  // the lane of a leased job is free again
-  void finish(Record& record);
-  void updateLane(const std::string& name, Lane& lane);
-  void wakeWaiters();
-  void changed();
+  void enqueue(Record& record) REQUIRES(mutex_);
+  void release(Record& record) REQUIRES(mutex_);  // the lane of a leased job is free again
+  void changed() REQUIRES(mutex_);
+  void endOverdueLeases(Clock::time_point now) REQUIRES(mutex_);
+  static void finish(Record& record);
   static LinesAnswer answerFor(const Record& record);
+  static JobSnapshot snapshotOf(const Record& record);
 
-  JobSnapshot snapshotOf(const Record& record) const;
   void watchLeases();
 
-  mutable std::mutex mutex_;  // guards all below
-  mutable std::condition_variable changed_;
-  std::condition_variable leasesChanged_;
-  std::chrono::milliseconds leaseTime_;
-  std::int64_t nextId_ = 1;
-  std::uint64_t version_ = 0;
-  std::map<std::int64_t, Record> jobs_;
-  std::set<std::int64_t> leased_;
-  std::map<std::string, Lane> lanes_;          // those with queued or leased jobs
-  std::map<std::int64_t, std::string> ready_;  // first queued job of each free lane
-  std::list<Waiter*> waiters_;                 // in order of arrival
-  Clock::time_point nextExpiry_ = Clock::time_point::max();
-  bool interrupted_ = false;
-  bool ending_ = false;
+  mutable Mutex mutex_;
+  mutable Condition changed_;
+  Condition leasesChanged_;
+  std::chrono::milliseconds leaseTime_ GUARDED_BY(mutex_);
+  std::int64_t nextId_ GUARDED_BY(mutex_) = 1;
+  std::uint64_t version_ GUARDED_BY(mutex_) = 0;  // of all that snapshots tell
+  std::map<std::int64_t, Record> jobs_ GUARDED_BY(mutex_);
+  std::set<std::int64_t> leased_ GUARDED_BY(mutex_);
+  LaneQueue lanes_ GUARDED_BY(mutex_);
+  Clock::time_point nextExpiry_ GUARDED_BY(mutex_) = Clock::time_point::max();
+  bool interrupted_ GUARDED_BY(mutex_) = false;
+  bool ending_ GUARDED_BY(mutex_) = false;
   std::thread leaseWatch_;
 };
 

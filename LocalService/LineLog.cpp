@@ -11,7 +11,7 @@ LineLog::LineLog(bool keep) : keep_(keep), digest_(EVP_MD_CTX_new()) {
 }
 
 void LineLog::append(const LinesBatch& batch) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   EVP_DigestUpdate(digest_.get(), batch.text.data(), batch.text.size());
   count_ += batch.ends.size();
   bytes_ += batch.text.size() - batch.ends.size();
@@ -24,7 +24,7 @@ void LineLog::append(const LinesBatch& batch) {
 }
 
 LineLog::Totals LineLog::totals() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const Digest copy(EVP_MD_CTX_new());
   EVP_MD_CTX_copy_ex(copy.get(), digest_.get());
   std::string sum(32, '\0');
@@ -33,7 +33,7 @@ LineLog::Totals LineLog::totals() const {
 }
 
 std::vector<std::string> LineLog::lines(std::size_t from, std::size_t limit) const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   from = std::min(from, lines_.size());
   const auto count = std::min(limit, lines_.size() - from);
   const auto begin = lines_.begin() + static_cast<std::ptrdiff_t>(from);
@@ -41,7 +41,7 @@ std::vector<std::string> LineLog::lines(std::size_t from, std::size_t limit) con
 }
 
 bool LineLog::contains(const std::string& text, std::size_t& from) const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   for (; from < lines_.size(); ++from) {
     if (lines_[from].find(text) != std::string::npos) return true;
   }

@@ -1,11 +1,11 @@
 #pragma once
 
 #include "LocalService/LinesBody.h"
+#include "VerdoDriverCore/System/Sync.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -38,11 +38,11 @@ class LineLog {
   using Digest = std::unique_ptr<EVP_MD_CTX, DigestDeleter>;
 
   const bool keep_;
-  mutable std::mutex mutex_;  // guards all below
-  Digest digest_;
-  std::uint64_t count_ = 0;
-  std::uint64_t bytes_ = 0;
-  std::vector<std::string> lines_;
+  mutable Mutex mutex_;
+  Digest digest_ GUARDED_BY(mutex_);
+  std::uint64_t count_ GUARDED_BY(mutex_) = 0;
+  std::uint64_t bytes_ GUARDED_BY(mutex_) = 0;
+  std::vector<std::string> lines_ GUARDED_BY(mutex_);
 };
 
 }  // namespace verdo::local

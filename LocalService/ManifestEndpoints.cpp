@@ -1,7 +1,5 @@
 #include "LocalService/ManifestEndpoints.h"
 
-#include <utility>
-
 namespace verdo::local {
 
 using nlohmann::ordered_json;
@@ -14,25 +12,10 @@ ordered_json ManifestEndpoints::defaultManifest() {
           {"ego_install_url", "https://example.org/verdo/ego-lite"}};
 }
 
-ordered_json ManifestEndpoints::manifest() const {
-  const std::lock_guard lock(mutex_);
-  return manifest_;
-}
-
-void ManifestEndpoints::setManifest(ordered_json manifest) {
-  const std::lock_guard lock(mutex_);
-  manifest_ = std::move(manifest);
-}
-
-void ManifestEndpoints::patchManifest(const ordered_json& patch) {
-  const std::lock_guard lock(mutex_);
-  manifest_.merge_patch(patch);
-}
-
 std::optional<Route> ManifestEndpoints::match(std::string_view method, std::string_view path) {
   if (method != "GET" || path != "/driver/app.json") return std::nullopt;
   return Route{.endpoint = "manifest", .jobId = {}, .handle = [this](Exchange& exchange) {
-                 replyJson(exchange.response, manifest());
+                 replyJson(exchange.response, manifest_.value());
                }};
 }
 

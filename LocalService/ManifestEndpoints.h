@@ -1,27 +1,20 @@
 #pragma once
 
+#include "LocalService/JsonDocument.h"
 #include "LocalService/Routes.h"
-
-#include <mutex>
-
-#include <nlohmann/json.hpp>
 
 namespace verdo::local {
 
-/// /driver/app.json: what apps look at to learn of new releases. Every member may be called from
-/// any thread.
+/// /driver/app.json: what apps look at to learn of new releases.
 class ManifestEndpoints final : public RouteGroup {
  public:
-  nlohmann::ordered_json manifest() const;
-  void setManifest(nlohmann::ordered_json manifest);
-  void patchManifest(const nlohmann::ordered_json& patch);
+  /// `manifest` outlives this.
+  explicit ManifestEndpoints(const JsonDocument& manifest) : manifest_(manifest) {}
+  std::optional<Route> match(std::string_view method, std::string_view path) override;
   static nlohmann::ordered_json defaultManifest();
 
-  std::optional<Route> match(std::string_view method, std::string_view path) override;
-
  private:
-  mutable std::mutex mutex_;  // guards manifest_
-  nlohmann::ordered_json manifest_ = defaultManifest();
+  const JsonDocument& manifest_;
 };
 
 }  // namespace verdo::local

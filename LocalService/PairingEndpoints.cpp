@@ -53,7 +53,8 @@ void replyPage(httplib::Response& response, const std::string& page, int status)
   response.status = status;
   response.set_header("Content-Security-Policy", approvePagePolicy());
   response.set_header("X-Content-Type-Options", "nosniff");
-  response.set_header("Referrer-Policy", "no-referrer");
+  // Less would make the browser hide the origin of the form that it posts.
+  response.set_header("Referrer-Policy", "same-origin");
   response.set_header("Cache-Control", "no-store");
   response.set_content(page, "text/html; charset=utf-8");
 }
@@ -100,7 +101,7 @@ void PairingEndpoints::poll(Exchange& exchange) const {
   if (!poll) throw HttpError(404, "there is no pairing with this code");
   ordered_json reply{{"status", toText(poll->state)}};
   if (poll->state == PairingState::approved) {
-    reply["token"] = settings_.token();
+    reply["token"] = token_.value();
     reply["username"] = poll->username;
     exchange.undo = [&pairings = pairings_, code = std::move(code)] { pairings.putBack(code); };
   }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "LocalService/DriverEndpoints.h"
+#include "LocalService/DriverToken.h"
 #include "LocalService/PairingStore.h"
 #include "LocalService/Routes.h"
 
@@ -12,9 +12,9 @@ namespace verdo::local {
 /// for a driver token; it is how one is got.
 class PairingEndpoints final : public RouteGroup {
  public:
-  /// Both outlive this. The token that is handed out is that of `settings` at that moment.
-  PairingEndpoints(PairingStore& pairings, const DriverSettings& settings)
-      : pairings_(pairings), settings_(settings) {}
+  /// Both outlive this. The token that is handed out is the one that is good at that moment.
+  PairingEndpoints(PairingStore& pairings, const DriverToken& token)
+      : pairings_(pairings), token_(token) {}
   std::optional<Route> match(std::string_view method, std::string_view path) override;
 
  private:
@@ -24,7 +24,7 @@ class PairingEndpoints final : public RouteGroup {
   void decide(Exchange& exchange) const;
 
   PairingStore& pairings_;
-  const DriverSettings& settings_;
+  const DriverToken& token_;
 };
 
 }  // namespace verdo::local

@@ -1,20 +1,18 @@
 #include "LocalService/PairingStore.h"
 
+#include "LocalService/Deadline.h"
 #include "LocalService/Random.h"
-#include "LocalService/Sha256.h"
+#include "LocalService/Secret.h"
 
 #include <algorithm>
 #include <stdexcept>
 #include <utility>
-
-#include <openssl/crypto.h>
 
 namespace verdo::local {
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t kSecretBytes = 24;
 /// 32 signs, none of which is taken for another when it is read out.
 constexpr std::string_view kUserCodeSigns = "ABCDEFGHJKLMNPQRSTUVWXYZ23456789";
 constexpr std::size_t kUserCodeSize = 8;
@@ -32,11 +30,6 @@ std::string userCode() {
     code += kUserCodeSigns[static_cast<unsigned char>(byte) % kUserCodeSigns.size()];
   }
   return code;
-}
-
-bool sameSecret(std::string_view given, std::string_view secret) {
-  return given.size() == secret.size() &&
-         CRYPTO_memcmp(given.data(), secret.data(), secret.size()) == 0;
 }
 
 /// The entry whose pairing has this code; null: none has.
@@ -66,7 +59,7 @@ const char* toText(PairingState state) {
 void PairingStore::setRules(PairingRules rules) {
   check(rules.expiresIn, "lifetime");
   check(rules.interval, "polling interval");
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   rules_ = std::move(rules);
 }
 
@@ -78,16 +71,16 @@ std::string PairingStore::unusedUserCode() const {
 
 std::pair<PairingSnapshot, PairingRules> PairingStore::begin(std::string host) {
   Entry entry;
-  entry.pairing.code = "vdp_" + hex(randomBytes(kSecretBytes));
+  entry.pairing.code = randomSecret("vdp_");
   entry.pairing.host = std::move(host);
-  entry.nonce = hex(randomBytes(kSecretBytes));
-  const std::lock_guard lock(mutex_);
+  entry.nonce = randomSecret("");
+  const MutexLock lock(mutex_);
   entry.pairing.userCode = unusedUserCode();
   entry.pairing.verifyPath = std::string(kPairingPages) + entry.pairing.userCode;
   entry.username = rules_.username;
   entry.expires = Clock::now() + rules_.expiresIn;
   entries_.push_back(std::move(entry));
-  changed_.notify_all();
+  changed_.notifyAll();
   return {snapshot(entries_.back()), rules_};
 }
 
@@ -100,7 +93,7 @@ PairingSnapshot PairingStore::snapshot(const Entry& entry) {
 }
 
 std::optional<PairingStore::Poll> PairingStore::poll(std::string_view code) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   auto* entry = find(entries_, &PairingSnapshot::code, code);
   if (entry == nullptr) return std::nullopt;
   auto state = snapshot(*entry).state;
@@ -111,12 +104,12 @@ std::optional<PairingStore::Poll> PairingStore::poll(std::string_view code) {
 }
 
 void PairingStore::putBack(std::string_view code) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   if (auto* entry = find(entries_, &PairingSnapshot::code, code)) entry->handedOut = false;
 }
 
 std::optional<PairingStore::Request> PairingStore::request(std::string_view userCode) const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto* entry = find(entries_, &PairingSnapshot::userCode, userCode);
   if (entry == nullptr) return std::nullopt;
   return Request{.pairing = snapshot(*entry), .username = entry->username, .nonce = entry->nonce};
@@ -124,7 +117,7 @@ std::optional<PairingStore::Request> PairingStore::request(std::string_view user
 
 PairingStore::Decision PairingStore::decide(std::string_view userCode, std::string_view nonce,
                                             bool approve) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   auto* entry = find(entries_, &PairingSnapshot::userCode, userCode);
   if (entry == nullptr) return Decision::unknown;
   if (!sameSecret(nonce, entry->nonce)) return Decision::wrongNonce;
@@ -133,8 +126,8 @@ PairingStore::Decision PairingStore::decide(std::string_view userCode, std::stri
   return Decision::made;
 }
 
-bool PairingStore::decide(std::string_view userCode, PairingState state) {
-  const std::lock_guard lock(mutex_);
+bool PairingStore::end(std::string_view userCode, PairingState state) {
+  const MutexLock lock(mutex_);
   auto* entry = find(entries_, &PairingSnapshot::userCode, userCode);
   if (entry == nullptr || snapshot(*entry).state != PairingState::pending) return false;
   entry->pairing.state = state;
@@ -143,33 +136,37 @@ bool PairingStore::decide(std::string_view userCode, PairingState state) {
 
 std::vector<PairingSnapshot> PairingStore::list() const {
   std::vector<PairingSnapshot> all;
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   all.reserve(entries_.size());
   for (const auto& entry : entries_) all.push_back(snapshot(entry));
   return all;
 }
 
-std::optional<PairingSnapshot> PairingStore::waitFor(std::size_t n, Deadline deadline) const {
-  std::unique_lock lock(mutex_);
-  changed_.wait_until(lock, deadline, [&] { return interrupted_ || entries_.size() >= n; });
+std::optional<PairingSnapshot> PairingStore::waitFor(std::size_t n,
+                                                     std::chrono::milliseconds timeout) const {
+  const auto deadline = deadlineAfter(timeout);
+  const MutexLock lock(mutex_);
+  while (!interrupted_ && entries_.size() < n) {
+    if (!changed_.waitUntil(mutex_, deadline)) break;
+  }
   if (n == 0 || n > entries_.size()) return std::nullopt;
   return snapshot(entries_[n - 1]);
 }
 
 void PairingStore::clear() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   entries_.clear();
   rules_ = {};
 }
 
 void PairingStore::interrupt() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   interrupted_ = true;
-  changed_.notify_all();
+  changed_.notifyAll();
 }
 
 void PairingStore::resume() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   interrupted_ = false;
 }
 

@@ -1,11 +1,10 @@
 #pragma once
 
 #include "LocalService/PairingTypes.h"
+#include "VerdoDriverCore/System/Sync.h"
 
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -19,11 +18,11 @@ inline constexpr std::string_view kPairingPages = "/driver/pair/";
 
 const char* toText(PairingState state);
 
-/// The pairings that apps have begun. Every member may be called from any thread.
+/// The pairings that apps have begun: they poll for the end of theirs without a token, and a person
+/// decides on the approve page, or the owner of the service does here. Every member may be called
+/// from any thread.
 class PairingStore {
  public:
-  using Deadline = std::chrono::steady_clock::time_point;
-
   /// What the approve page needs to know of a pairing.
   struct Request {
     PairingSnapshot pairing;
@@ -52,12 +51,15 @@ class PairingStore {
   std::optional<Request> request(std::string_view userCode) const;
   /// A decision made on the page. It is only made while the pairing is pending.
   Decision decide(std::string_view userCode, std::string_view nonce, bool approve);
-  /// A decision made here. False: there is no such pairing, or it is not pending.
-  bool decide(std::string_view userCode, PairingState state);
+  // Decisions made here. False: there is no such pairing, or it is not pending.
+
+  bool approve(std::string_view userCode) { return end(userCode, PairingState::approved); }
+  bool deny(std::string_view userCode) { return end(userCode, PairingState::denied); }
+  bool expire(std::string_view userCode) { return end(userCode, PairingState::expired); }
 
   std::vector<PairingSnapshot> list() const;  ///< oldest first
   /// The n-th pairing (1, 2, …) since the last clear(); absent when it did not begin in time.
-  std::optional<PairingSnapshot> waitFor(std::size_t n, Deadline deadline) const;
+  std::optional<PairingSnapshot> waitFor(std::size_t n, std::chrono::milliseconds timeout) const;
 
   void clear();      ///< no pairings, and the rules of the beginning
   void interrupt();  ///< waits end now
@@ -68,17 +70,18 @@ class PairingStore {
     PairingSnapshot pairing;  // its state does not know of the deadline
     std::string username;
     std::string nonce;
-    Deadline expires;
+    std::chrono::steady_clock::time_point expires;
     bool handedOut = false;
   };
   static PairingSnapshot snapshot(const Entry& entry);
-  std::string unusedUserCode() const;  // called with the lock held
+  bool end(std::string_view userCode, PairingState state);
+  std::string unusedUserCode() const REQUIRES(mutex_);
 
-  mutable std::mutex mutex_;  // guards all below
-  mutable std::condition_variable changed_;
-  PairingRules rules_;
-  std::vector<Entry> entries_;
-  bool interrupted_ = false;
+  mutable Mutex mutex_;
+  mutable Condition changed_;
+  PairingRules rules_ GUARDED_BY(mutex_);
+  std::vector<Entry> entries_ GUARDED_BY(mutex_);
+  bool interrupted_ GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace verdo::local

@@ -1,5 +1,7 @@
 #include "LocalService/ProviderEndpoints.h"
 
+#include "LocalService/Secret.h"
+
 #include <algorithm>
 #include <chrono>
 #include <ctime>
@@ -7,8 +9,6 @@
 #include <sstream>
 #include <stdexcept>
 #include <utility>
-
-#include <openssl/crypto.h>
 
 namespace verdo::local {
 namespace {
@@ -129,9 +129,9 @@ bool keepAlive(Connection& connection, const httplib::Response& response, const 
 
 }  // namespace
 
-ProviderEndpoints::ProviderEndpoints(ProviderRules& rules, const std::string& key)
-    : rules_(rules), authorization_("Bearer " + key) {
-  if (key.empty()) throw std::invalid_argument("the provider key must not be empty");
+ProviderEndpoints::ProviderEndpoints(ProviderRules& rules, std::string key)
+    : rules_(rules), key_(std::move(key)) {
+  if (key_.empty()) throw std::invalid_argument("the provider key must not be empty");
 }
 
 std::optional<Route> ProviderEndpoints::match(std::string_view method, std::string_view path) {
@@ -155,11 +155,7 @@ std::optional<Route> ProviderEndpoints::match(std::string_view method, std::stri
 }
 
 bool ProviderEndpoints::authorized(Exchange& exchange) const {
-  const auto given = exchange.request.get_header_value("Authorization");
-  if (given.size() == authorization_.size() &&
-      CRYPTO_memcmp(given.data(), authorization_.data(), given.size()) == 0) {
-    return true;
-  }
+  if (isBearer(exchange.request.get_header_value("Authorization"), key_)) return true;
   replyError(exchange.response, 401, "this is not the key that the provider accepts",
              kInvalidRequest, "invalid_api_key");
   return false;

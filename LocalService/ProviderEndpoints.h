@@ -15,7 +15,7 @@ class ProviderEndpoints final : public RouteGroup {
   static constexpr std::string_view kPrefix = "/llm";
 
   /// `rules` outlives this. Throws std::invalid_argument when the key is empty.
-  ProviderEndpoints(ProviderRules& rules, const std::string& key);
+  ProviderEndpoints(ProviderRules& rules, std::string key);
   std::optional<Route> match(std::string_view method, std::string_view path) override;
 
  private:
@@ -23,7 +23,7 @@ class ProviderEndpoints final : public RouteGroup {
   void chat(Exchange& exchange);
 
   ProviderRules& rules_;
-  const std::string authorization_;  // value of the header
+  const std::string key_;
   std::atomic<std::uint64_t> completions_ = 0;
 };
 

@@ -46,13 +46,13 @@ std::uint64_t ProviderRules::add(ProviderRule rule) {
   auto contentJson = rule.content ? jsonText(*rule.content) : std::string();
   auto prepared = std::make_shared<const Prepared>(
       Prepared{.rule = std::move(rule), .contentJson = std::move(contentJson)});
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   entries_.push_back(Entry{.id = nextId_, .prepared = std::move(prepared)});
   return nextId_++;
 }
 
 std::shared_ptr<const ProviderRules::Prepared> ProviderRules::pick(std::string_view requestBody) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   for (auto& entry : entries_) {
     const auto& rule = entry.prepared->rule;
     if (rule.count && entry.hits >= *rule.count) continue;
@@ -65,14 +65,14 @@ std::shared_ptr<const ProviderRules::Prepared> ProviderRules::pick(std::string_v
 
 std::vector<ProviderRuleStatus> ProviderRules::list() const {
   std::vector<ProviderRuleStatus> all;
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   all.reserve(entries_.size());
   for (const auto& entry : entries_) all.push_back({entry.id, entry.prepared->rule, entry.hits});
   return all;
 }
 
 void ProviderRules::clear() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   entries_.clear();
 }
 

@@ -1,10 +1,10 @@
 #pragma once
 
 #include "LocalService/ProviderRule.h"
+#include "VerdoDriverCore/System/Sync.h"
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -34,9 +34,9 @@ class ProviderRules {
     std::uint64_t hits = 0;
   };
 
-  mutable std::mutex mutex_;  // guards all below
-  std::vector<Entry> entries_;
-  std::uint64_t nextId_ = 1;
+  mutable Mutex mutex_;
+  std::vector<Entry> entries_ GUARDED_BY(mutex_);
+  std::uint64_t nextId_ GUARDED_BY(mutex_) = 1;
 };
 
 /// A text as JSON; bytes that are not UTF-8 become U+FFFD.

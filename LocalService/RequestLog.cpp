@@ -1,5 +1,7 @@
 #include "LocalService/RequestLog.h"
 
+#include "LocalService/Deadline.h"
+
 #include <algorithm>
 #include <utility>
 
@@ -18,7 +20,7 @@ std::optional<std::string> RequestRecord::header(std::string_view name) const {
 
 std::uint64_t RequestLog::arrived(RequestRecord record, std::string_view body) {
   record.body = body.substr(0, limits_.bodyBytes);
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   record.sequence = nextSequence_++;
   bodyBytes_ += record.body.size();
   for (const auto& name : {record.endpoint, std::string()}) {
@@ -29,7 +31,7 @@ std::uint64_t RequestLog::arrived(RequestRecord record, std::string_view body) {
   }
   records_.push_back(std::move(record));
   dropExcess();
-  changed_.notify_all();
+  changed_.notifyAll();
   return nextSequence_ - 1;
 }
 
@@ -56,42 +58,42 @@ void RequestLog::leftFlight(const RequestRecord& record) {
   --endpoints_[""].inFlight;
 }
 
-template <typename Function>
-void RequestLog::update(std::uint64_t sequence, Function function) {
-  const std::lock_guard lock(mutex_);
+RequestRecord* RequestLog::kept(std::uint64_t sequence) {
   const auto first = nextSequence_ - records_.size();
-  if (sequence < first || sequence >= nextSequence_) return;
-  function(records_[sequence - first]);
-  changed_.notify_all();
+  return sequence < first || sequence >= nextSequence_ ? nullptr : &records_[sequence - first];
 }
 
 void RequestLog::faultApplied(std::uint64_t sequence, std::uint64_t fault) {
-  update(sequence, [&](RequestRecord& record) { record.fault = fault; });
+  const MutexLock lock(mutex_);
+  if (auto* record = kept(sequence)) record->fault = fault;
 }
 
 void RequestLog::replied(std::uint64_t sequence, int status) {
-  update(sequence, [&](RequestRecord& record) {
-    leftFlight(record);
-    record.status = status;
-    record.replied = RequestRecord::Clock::now();
-  });
+  const MutexLock lock(mutex_);
+  auto* record = kept(sequence);
+  if (record == nullptr) return;
+  leftFlight(*record);
+  record->status = status;
+  record->replied = RequestRecord::Clock::now();
+  changed_.notifyAll();
 }
 
 void RequestLog::hungUp(std::uint64_t sequence) {
-  update(sequence, [&](RequestRecord& record) {
-    if (record.hungUp) return;
-    leftFlight(record);
-    record.hungUp = RequestRecord::Clock::now();
-    record.replied.reset();
-    record.status = 0;
-    ++endpoints_[record.endpoint].hungUp;
-    ++endpoints_[""].hungUp;
-  });
+  const MutexLock lock(mutex_);
+  auto* record = kept(sequence);
+  if (record == nullptr || record->hungUp) return;
+  leftFlight(*record);
+  record->hungUp = RequestRecord::Clock::now();
+  record->replied.reset();
+  record->status = 0;
+  ++endpoints_[record->endpoint].hungUp;
+  ++endpoints_[""].hungUp;
+  changed_.notifyAll();
 }
 
-std::vector<RequestRecord> RequestLog::requests(std::string_view endpoint) const {
+std::vector<RequestRecord> RequestLog::list(std::string_view endpoint) const {
   std::vector<RequestRecord> found;
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   for (const auto& record : records_) {
     if (endpoint.empty() || record.endpoint == endpoint) found.push_back(record);
   }
@@ -109,18 +111,18 @@ std::uint64_t RequestLog::hungUpOn(const std::string& endpoint) const {
 }
 
 std::uint64_t RequestLog::count(const std::string& endpoint) const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return arrivedOn(endpoint);
 }
 
 std::uint64_t RequestLog::inFlight(const std::string& endpoint) const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto found = endpoints_.find(endpoint);
   return found == endpoints_.end() ? 0 : found->second.inFlight;
 }
 
 std::uint64_t RequestLog::maxInFlight(const std::string& endpoint) const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto found = endpoints_.find(endpoint);
   return found == endpoints_.end() ? 0 : found->second.maxInFlight;
 }
@@ -135,35 +137,45 @@ const RequestRecord* RequestLog::find(const std::string& endpoint, std::uint64_t
   return &records_[kept[n - dropped - 1] - (nextSequence_ - records_.size())];
 }
 
-std::optional<RequestRecord> RequestLog::waitForRequest(const std::string& endpoint,
-                                                        std::uint64_t n, Deadline deadline) const {
-  std::unique_lock lock(mutex_);
-  changed_.wait_until(lock, deadline, [&] { return interrupted_ || arrivedOn(endpoint) >= n; });
+const RequestRecord* RequestLog::findOver(const std::string& endpoint, std::uint64_t n) const {
+  const auto* record = find(endpoint, n);
+  return record != nullptr && (record->replied || record->hungUp) ? record : nullptr;
+}
+
+std::optional<RequestRecord> RequestLog::waitFor(const std::string& endpoint, std::uint64_t n,
+                                                 Milliseconds timeout) const {
+  const auto deadline = deadlineAfter(timeout);
+  const MutexLock lock(mutex_);
+  while (!interrupted_ && arrivedOn(endpoint) < n) {
+    if (!changed_.waitUntil(mutex_, deadline)) break;
+  }
   const auto* record = find(endpoint, n);
   return record == nullptr ? std::nullopt : std::optional(*record);
 }
 
 std::optional<RequestRecord> RequestLog::waitForReply(const std::string& endpoint, std::uint64_t n,
-                                                      Deadline deadline) const {
-  std::unique_lock lock(mutex_);
-  const RequestRecord* record = nullptr;
-  const auto over = [&] {
-    record = find(endpoint, n);
-    return record != nullptr && (record->replied || record->hungUp);
-  };
-  changed_.wait_until(lock, deadline, [&] { return over() || interrupted_; });
-  return over() ? std::optional(*record) : std::nullopt;
+                                                      Milliseconds timeout) const {
+  const auto deadline = deadlineAfter(timeout);
+  const MutexLock lock(mutex_);
+  while (!interrupted_ && findOver(endpoint, n) == nullptr) {
+    if (!changed_.waitUntil(mutex_, deadline)) break;
+  }
+  const auto* record = findOver(endpoint, n);
+  return record == nullptr ? std::nullopt : std::optional(*record);
 }
 
 bool RequestLog::waitForHangUps(const std::string& endpoint, std::uint64_t n,
-                                Deadline deadline) const {
-  std::unique_lock lock(mutex_);
-  changed_.wait_until(lock, deadline, [&] { return interrupted_ || hungUpOn(endpoint) >= n; });
+                                Milliseconds timeout) const {
+  const auto deadline = deadlineAfter(timeout);
+  const MutexLock lock(mutex_);
+  while (!interrupted_ && hungUpOn(endpoint) < n) {
+    if (!changed_.waitUntil(mutex_, deadline)) break;
+  }
   return hungUpOn(endpoint) >= n;
 }
 
 void RequestLog::clear() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   records_.clear();
   endpoints_.clear();
   bodyBytes_ = 0;
@@ -171,13 +183,13 @@ void RequestLog::clear() {
 }
 
 void RequestLog::interrupt() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   interrupted_ = true;
-  changed_.notify_all();
+  changed_.notifyAll();
 }
 
 void RequestLog::resume() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   interrupted_ = false;
 }
 

@@ -8,6 +8,7 @@ namespace verdo::local {
 namespace {
 
 constexpr int kMaxDepth = 100;
+constexpr double kMaxWait = 600;  // seconds
 
 }  // namespace
 
@@ -50,6 +51,12 @@ double queryNumber(const httplib::Request& request, const std::string& name, dou
     throw HttpError(400, "\"" + name + "\" must be a number of at least 0, not \"" + text + "\"");
   }
   return std::min(value, most);
+}
+
+std::chrono::milliseconds queryWait(const httplib::Request& request, const std::string& name,
+                                    double fallback) {
+  return std::chrono::milliseconds(
+      static_cast<std::int64_t>(queryNumber(request, name, fallback, kMaxWait) * 1000));
 }
 
 }  // namespace verdo::local

@@ -2,6 +2,7 @@
 
 #include "LocalService/Connection.h"
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -79,5 +80,9 @@ std::optional<std::int64_t> parseInteger(std::string_view text);
 /// 400 when it is no number or negative.
 double queryNumber(const httplib::Request& request, const std::string& name, double fallback,
                    double most);
+
+/// The same as a time to wait in seconds, at most ten minutes.
+std::chrono::milliseconds queryWait(const httplib::Request& request, const std::string& name,
+                                    double fallback);
 
 }  // namespace verdo::local

@@ -1,5 +1,7 @@
 #include "LocalService/Server.h"
 
+#include "LocalService/Deadline.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -73,7 +75,7 @@ void Server::start(std::uint16_t port, SslCtxPtr tls) {
   stopEvent_.clear();
   acceptorWake_.clear();
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     tls_ = std::move(tls);
     listener_ = std::move(listener);
     running_ = true;
@@ -84,7 +86,7 @@ void Server::start(std::uint16_t port, SslCtxPtr tls) {
 
 void Server::stop() {
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (!running_) return;
     running_ = false;
     endOutageLocked();
@@ -96,17 +98,17 @@ void Server::stop() {
 }
 
 bool Server::running() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return running_;
 }
 
 std::uint16_t Server::port() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return port_;
 }
 
 bool Server::secure() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return tls_ != nullptr;
 }
 
@@ -115,7 +117,7 @@ void Server::acceptLoop() {
     bool refusing = false;
     milliseconds untilOutageEnds{-1};
     {
-      const std::lock_guard lock(mutex_);
+      const MutexLock lock(mutex_);
       if (!running_) return;
       if (outage_ && Clock::now() >= outageEnd_) endOutageLocked();
       refusing = outage_ == OutageKind::refuse;
@@ -146,30 +148,35 @@ void Server::acceptOne() {
     }
     return;
   }
-  std::unique_lock lock(mutex_);
-  // Accepted just as the outage or the stop began.
-  if (!running_ || outage_ == OutageKind::refuse) return;
-  auto connection = std::make_shared<Connection>(std::move(socket), tls_.get(), stopEvent_,
-                                                 ++accepted_, ntohs(peer.sin_port));
-  connections_.insert(connection.get());
-  lock.unlock();
+  auto connection = admit(std::move(socket), ntohs(peer.sin_port));
+  if (!connection) return;
   const auto task = [this, connection]() mutable {
     serve(*connection);
     {
-      const std::lock_guard inner(mutex_);
+      const MutexLock inner(mutex_);
       connections_.erase(connection.get());
     }
     connection.reset();
-    const std::lock_guard inner(mutex_);
-    connectionsChanged_.notify_all();
+    const MutexLock inner(mutex_);
+    connectionsChanged_.notifyAll();
   };
   try {
     threads_.run(task);
   } catch (const std::system_error&) {
     // No thread to be had: the client sees its connection closed, as on any overloaded server.
-    const std::lock_guard inner(mutex_);
+    const MutexLock inner(mutex_);
     connections_.erase(connection.get());
   }
+}
+
+std::shared_ptr<Connection> Server::admit(UniqueFd socket, std::uint16_t peerPort) {
+  const MutexLock lock(mutex_);
+  // Accepted just as the outage or the stop began.
+  if (!running_ || outage_ == OutageKind::refuse) return nullptr;
+  auto connection = std::make_shared<Connection>(std::move(socket), tls_.get(), stopEvent_,
+                                                 ++accepted_, peerPort);
+  connections_.insert(connection.get());
+  return connection;
 }
 
 void Server::serve(Connection& connection) {
@@ -180,7 +187,7 @@ void Server::serve(Connection& connection) {
 }
 
 void Server::outage(OutageKind kind, milliseconds duration) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   if (!running_) throw std::runtime_error("an outage needs a running service");
   endOutageLocked();
   outage_ = kind;
@@ -196,7 +203,7 @@ void Server::outage(OutageKind kind, milliseconds duration) {
 }
 
 void Server::endOutage() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   endOutageLocked();
 }
 
@@ -209,19 +216,22 @@ void Server::endOutageLocked() {
 }
 
 std::uint64_t Server::acceptedConnections() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return accepted_;
 }
 
 std::uint64_t Server::openConnections() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return connections_.size();
 }
 
-bool Server::waitForConnections(std::uint64_t atMost, Clock::time_point deadline) const {
-  std::unique_lock lock(mutex_);
-  return connectionsChanged_.wait_until(lock, deadline,
-                                        [&] { return connections_.size() <= atMost || !running_; });
+bool Server::waitForConnections(std::uint64_t atMost, milliseconds timeout) const {
+  const auto deadline = deadlineAfter(timeout);
+  const MutexLock lock(mutex_);
+  while (running_ && connections_.size() > atMost) {
+    if (!connectionsChanged_.waitUntil(mutex_, deadline)) break;
+  }
+  return !running_ || connections_.size() <= atMost;
 }
 
 }  // namespace verdo::local

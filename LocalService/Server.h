@@ -2,19 +2,19 @@
 
 #include "LocalService/Connection.h"
 #include "LocalService/Dispatcher.h"
+#include "LocalService/EventFd.h"
 #include "LocalService/Fault.h"
 #include "LocalService/Faults.h"
-#include "LocalService/Handles.h"
 #include "LocalService/HangGate.h"
 #include "LocalService/RequestLog.h"
 #include "LocalService/Routes.h"
 #include "LocalService/ThreadCache.h"
 #include "LocalService/Tls.h"
+#include "VerdoDriverCore/System/Sync.h"
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
+#include <memory>
 #include <optional>
 #include <set>
 
@@ -47,13 +47,15 @@ class Server {
 
   std::uint64_t acceptedConnections() const;
   std::uint64_t openConnections() const;
-  bool waitForConnections(std::uint64_t atMost, Clock::time_point deadline) const;
+  bool waitForConnections(std::uint64_t atMost, std::chrono::milliseconds timeout) const;
 
  private:
   void acceptLoop();
   void acceptOne();
+  /// Takes a new connection into connections_; null: it is not wanted any more.
+  std::shared_ptr<Connection> admit(UniqueFd socket, std::uint16_t peerPort);
   void serve(Connection& connection);
-  void endOutageLocked();
+  void endOutageLocked() REQUIRES(mutex_);
 
   Dispatcher& dispatcher_;
   HangGate& hang_;
@@ -63,14 +65,14 @@ class Server {
   SslCtxPtr tls_;  // constant while running
   UniqueFd listener_;
 
-  mutable std::mutex mutex_;  // guards all below, and the listening state of listener_
-  mutable std::condition_variable connectionsChanged_;
-  bool running_ = false;
-  std::uint16_t port_ = 0;
-  std::optional<OutageKind> outage_;
-  Clock::time_point outageEnd_;
-  std::set<Connection*> connections_;
-  std::uint64_t accepted_ = 0;
+  mutable Mutex mutex_;  // also for the listening state of listener_
+  mutable Condition connectionsChanged_;
+  bool running_ GUARDED_BY(mutex_) = false;
+  std::uint16_t port_ GUARDED_BY(mutex_) = 0;
+  std::optional<OutageKind> outage_ GUARDED_BY(mutex_);
+  Clock::time_point outageEnd_ GUARDED_BY(mutex_);
+  std::set<Connection*> connections_ GUARDED_BY(mutex_);
+  std::uint64_t accepted_ GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace verdo::local

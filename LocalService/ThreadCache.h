@@ -1,21 +1,28 @@
 #pragma once
 
-#include <condition_variable>
+#include "VerdoDriverCore/System/Sync.h"
+
+#include <chrono>
 #include <cstddef>
 #include <deque>
 #include <functional>
-#include <mutex>
+#include <map>
 #include <thread>
 #include <vector>
 
 namespace verdo::local {
 
 /// A thread for each task, however many run at once; a thread whose task is over takes the next
-/// one. Every signal is blocked in these threads: the program's own threads handle signals, and a
-/// broken connection cannot raise SIGPIPE against the process.
+/// one, and ends when none comes for a while. Every signal is blocked in these threads: the
+/// program's own threads handle signals, and a broken connection cannot raise SIGPIPE against the
+/// process.
 class ThreadCache {
  public:
-  ThreadCache() = default;
+  /// How long a thread without a task is kept: longer than the pauses within a burst of connects,
+  /// short enough that the stacks of a thousand are not held for ever.
+  static constexpr std::chrono::milliseconds kMaxIdle{10'000};
+
+  explicit ThreadCache(std::chrono::milliseconds maxIdle = kMaxIdle) : maxIdle_(maxIdle) {}
   ~ThreadCache() { join(); }
   ThreadCache(const ThreadCache&) = delete;
   ThreadCache& operator=(const ThreadCache&) = delete;
@@ -27,13 +34,19 @@ class ThreadCache {
 
  private:
   void work();
+  /// Absent: this thread shall end.
+  std::function<void()> nextTask();
+  std::vector<std::thread> takeEnded();
+  std::vector<std::thread> takeAll();
 
-  std::mutex mutex_;  // guards all below
-  std::condition_variable wake_;
-  std::deque<std::function<void()>> tasks_;
-  std::vector<std::thread> threads_;
-  std::size_t idle_ = 0;
-  bool ending_ = false;
+  const std::chrono::milliseconds maxIdle_;
+  Mutex mutex_;
+  Condition wake_;
+  std::deque<std::function<void()>> tasks_ GUARDED_BY(mutex_);
+  std::map<std::thread::id, std::thread> threads_ GUARDED_BY(mutex_);
+  std::vector<std::thread> ended_ GUARDED_BY(mutex_);  // idle for too long; to be joined
+  std::size_t idle_ GUARDED_BY(mutex_) = 0;
+  bool ending_ GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace verdo::local

@@ -6,7 +6,7 @@
 namespace verdo::bench {
 
 /// A verdo-driver that serves the service with the given executor command.
-inline MeasuredProcess startDriver(const local::LocalService& service, const std::string& executor,
+inline MeasuredProcess startDriver(local::LocalService& service, const std::string& executor,
                                    const Environment& additional = {}) {
   Environment environment = additional;
   environment["VERDO_DRIVER_TOKEN"] = service.token();

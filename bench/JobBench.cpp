@@ -22,7 +22,7 @@ Clock::time_point stampOf(const std::vector<std::string>& lines) {
 }
 
 /// One request and its reply over a connection that is open already, milliseconds.
-double referenceRoundTrip(const local::LocalService& service) {
+double referenceRoundTrip(local::LocalService& service) {
   HttpSession session;
   std::vector<double> times;
   for (int i = 0; i < 50; ++i) {
@@ -65,16 +65,16 @@ void benchJobs(std::vector<Row>& rows) {
   for (int i = 0; i < kJobs; ++i) {
     local::JobSpec spec;
     spec.payload = "stamp";
-    const auto id = service.addJob(spec);
-    if (!service.waitFor(id, local::JobState::done, 20s)) {
+    const auto id = service.jobs().add(spec);
+    if (!service.jobs().waitFor(id, local::JobState::done, 20s)) {
       throw std::runtime_error("a job did not end");
     }
     std::optional<Clock::time_point> given;
-    for (const auto& request : service.requests()) {
+    for (const auto& request : service.requests().list()) {
       if (request.endpoint == "poll" && request.status == 200) given = request.replied;
       if (request.endpoint != "lines" || request.jobId != id) continue;
       acknowledged.push_back(secondsBetween(given.value(), request.arrived) * 1e3);
-      running.push_back(secondsBetween(request.arrived, stampOf(service.lines(id))) * 1e3);
+      running.push_back(secondsBetween(request.arrived, stampOf(service.jobs().lines(id))) * 1e3);
       break;
     }
   }

@@ -25,21 +25,21 @@ std::vector<std::string> expectedLines(int number) {
 }
 
 /// How many jobs ended well with exactly the provider's text.
-int intactReplies(const local::LocalService& service) {
+int intactReplies(local::LocalService& service) {
   int intact = 0;
   for (int i = 0; i < kCalls; ++i) {
-    auto lines = service.lines(i + 1);
+    auto lines = service.jobs().lines(i + 1);
     if (lines.empty() || !lines.back().starts_with("__LLMEND__{\"ok\": true")) continue;
     lines.pop_back();
-    if (lines == expectedLines(i) && service.job(i + 1)->exitCode == 0) ++intact;
+    if (lines == expectedLines(i) && service.jobs().find(i + 1)->exitCode == 0) ++intact;
   }
   return intact;
 }
 
-double secondsFromFirstLease(const local::LocalService& service) {
+double secondsFromFirstLease(local::LocalService& service) {
   auto first = local::JobSnapshot::Time::max();
   auto last = local::JobSnapshot::Time::min();
-  for (const auto& job : service.jobs()) {
+  for (const auto& job : service.jobs().list()) {
     first = std::min(first, job.leased.value());
     last = std::max(last, job.finished.value());
   }
@@ -47,7 +47,7 @@ double secondsFromFirstLease(const local::LocalService& service) {
 }
 
 /// CPU seconds of a Python program that makes the same calls and nothing else.
-double pythonCalls(const local::LocalService& service) {
+double pythonCalls(local::LocalService& service) {
   const std::string python = "/usr/bin/python3";
   const auto child = Spawn::launch(python,
                                    {python, VERDO_REFERENCE_DIR "/calls.py", service.providerUrl(),
@@ -65,27 +65,27 @@ double pythonCalls(const local::LocalService& service) {
 void benchLLM(std::vector<Row>& rows) {
   local::LocalService service;
   service.start();
-  service.addProviderRule({.delay = kAnswerTime});
+  service.provider().add({.delay = kAnswerTime});
   const double reference = pythonCalls(service);
-  service.clearRequests();
+  service.requests().clear();
 
   const auto driver = startDriver(service, childCommand("stamp"),
                                   {{"VERDO_LLM_API_KEY", service.providerKey()},
                                    {"VERDO_LLM_BASE_URL", service.providerUrl()}});
-  if (!service.waitForRequest("poll", 1, 10s)) throw std::runtime_error("no poll came");
+  if (!service.requests().waitFor("poll", 1, 10s)) throw std::runtime_error("no poll came");
   const double before = driver.usage().cpu;
   for (int i = 0; i < kCalls; ++i) {
     local::JobSpec spec;
     spec.label = fmt::format("l{}", i);
     spec.kind = "llm";
     spec.payload = fmt::format(R"({{"v": 1, "model": "m", "prompt": "{}"}})", promptOf(i));
-    service.addJob(spec);
+    service.jobs().add(spec);
   }
-  if (!service.waitForAllDone(60s)) throw std::runtime_error("the LLM jobs did not end");
+  if (!service.jobs().waitForAllDone(60s)) throw std::runtime_error("the LLM jobs did not end");
   const Usage usage = driver.usage();
   const double cpu = usage.cpu - before;
   const double elapsed = secondsFromFirstLease(service);
-  const auto together = service.maxInFlight("chat");
+  const auto together = service.requests().maxInFlight("chat");
   const int intact = intactReplies(service);
 
   const auto name = [](const char* what) {

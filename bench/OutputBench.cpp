@@ -88,18 +88,18 @@ void benchOutput(std::vector<Row>& rows) {
   local::LocalService service;
   service.start();
   const auto driver = startDriver(service, childCommand(fmt::format("flood {}", kBytes)));
-  if (!service.waitForRequest("poll", 1, 10s)) throw std::runtime_error("no poll came");
+  if (!service.requests().waitFor("poll", 1, 10s)) throw std::runtime_error("no poll came");
   const double before = driver.usage().cpu;
   local::JobSpec spec;
   spec.payload = "flood";
   spec.keepLines = false;
-  const auto id = service.addJob(spec);
-  if (!service.waitFor(id, local::JobState::done, 120s)) {
+  const auto id = service.jobs().add(spec);
+  if (!service.jobs().waitFor(id, local::JobState::done, 120s)) {
     throw std::runtime_error("the job that prints a gigabyte did not end");
   }
   const Usage usage = driver.usage();
   const double cpu = usage.cpu - before;
-  const auto job = service.job(id).value();
+  const auto job = service.jobs().find(id).value();
   const bool whole = job.lineCount == kLines && job.linesSha256 == reference.digest;
   rows.push_back({"1 GB in 100-byte lines: CPU", fmt::format("{:.2f} s", cpu),
                   fmt::format("{:.2f} s", kMostTimes * reference.cpu),

@@ -15,15 +15,14 @@ using namespace std::chrono_literals;
 constexpr auto kIdleTime = 10s;
 
 /// Seconds from the start of a process to the n-th hello that the service saw.
-double untilHello(const local::LocalService& service, std::uint64_t n,
-                  const MeasuredProcess& process) {
-  const auto hello = service.waitForRequest("hello", n, 10s);
+double untilHello(local::LocalService& service, std::uint64_t n, const MeasuredProcess& process) {
+  const auto hello = service.requests().waitFor("hello", n, 10s);
   if (!hello) throw std::runtime_error("no hello came");
   return secondsBetween(process.startedAt(), hello->arrived);
 }
 
-void waitForPoll(const local::LocalService& service, std::uint64_t n) {
-  if (!service.waitForRequest("poll", n, 10s)) throw std::runtime_error("no poll came");
+void waitForPoll(local::LocalService& service, std::uint64_t n) {
+  if (!service.requests().waitFor("poll", n, 10s)) throw std::runtime_error("no poll came");
   // Sent and settled: what follows is the waiting itself.
   std::this_thread::sleep_for(500ms);
 }

@@ -23,6 +23,9 @@ class DriverObserver {
                                  const std::optional<std::string>& error) = 0;
   /// The service could not be reached; the next try follows after this many seconds.
   virtual void driverRetrying(const std::string& message, double retryInSeconds) = 0;
+  /// Another driver on this computer serves the same user, and looks after the task spaces; this
+  /// run leaves those of others alone. `holder` names that driver for a person.
+  virtual void driverSharesSpaces(const std::string& holder) { static_cast<void>(holder); }
 };
 
 }  // namespace verdo

@@ -18,6 +18,8 @@ struct Timings {
   Duration postDeadline = std::chrono::seconds(90);  ///< after this long a failing post is given up
   Duration postDeadlineStopping = std::chrono::seconds(10);  ///< the same once the driver stops
   Duration acknowledgeDeadline = std::chrono::seconds(5);    ///< the same for an acknowledgement
+  /// While stopping an attempt waits for its answer until the deadline, but at least for so long.
+  Duration minAttemptStopping = std::chrono::seconds(1);
 
   // Ending a job.
   TerminationTimings termination;
@@ -36,6 +38,8 @@ struct Timings {
 
   // One-shot browser scripts.
   Duration browserLook = std::chrono::milliseconds(50);  ///< between two looks at the child
+  Duration scriptStopping = std::chrono::seconds(5);     ///< for a script while the driver stops
+  Duration sweepStopping = std::chrono::seconds(60);     ///< for all scripts of the last sweep
 };
 
 }  // namespace verdo

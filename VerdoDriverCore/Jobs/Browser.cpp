@@ -10,11 +10,10 @@
 #include <thread>
 
 #include <fmt/format.h>
+#include <signal.h>
 
 namespace verdo {
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 constexpr const char* LIST_JS =
     "const spaces = await listTaskSpaces()\n"
@@ -25,8 +24,8 @@ constexpr std::string_view kSpacesMarker = "__SPACES__";
 constexpr std::int32_t kTimedOut = 124;
 constexpr std::int32_t kNotStarted = 127;
 
-/// More than any answer needs: what a script prints beyond it is dropped.
-constexpr std::size_t kMostOutput = 16u << 20;
+/// More than any answer needs, bytes: what a script prints beyond it is dropped.
+constexpr std::size_t kMaxOutput = 16u << 20;
 
 std::string closeScript(const std::string& space) {
   return "await completeTaskSpace(" + PyJSON::text(space) +
@@ -47,11 +46,7 @@ class Collector {
   }
 
   const Event& outputEnded() const { return out_.done(); }
-
-  bool waitUntil(Clock::time_point deadline) {
-    return out_.done().waitFor(deadline - Clock::now()) &&
-           err_.done().waitFor(deadline - Clock::now());
-  }
+  const Event& errorsEnded() const { return err_.done(); }
 
   std::vector<std::string> lines() EXCLUDES(lock_) {
     MutexLock lock(lock_);
@@ -66,8 +61,8 @@ class Collector {
       EXCLUDES(lock_) {
     MutexLock lock(lock_);
     for (const auto line : lines) {
-      bytes_ += line.size();
-      if (bytes_ > kMostOutput) return;
+      bytes_ += sizeof(std::string) + line.size();  // an empty line costs memory, too
+      if (bytes_ > kMaxOutput) return;
       list.push_back(repairUtf8(line));
     }
   }
@@ -81,43 +76,62 @@ class Collector {
   LineReader err_;
 };
 
-/// The child's status, absent when it still ran at the deadline. A child's output ends moments
-/// before the child does, as a rule: until then looking is left to the reader, from then on looks
-/// come quickly first.
-std::optional<std::int32_t> waitForExit(ChildProcess& child, const Event& outputEnded,
-                                        Clock::time_point deadline, Clock::duration longestLook) {
-  Clock::duration look = std::chrono::milliseconds(1);
-  for (;;) {
-    if (const auto status = child.poll()) return status;
-    if (Clock::now() >= deadline) return std::nullopt;
-    if (outputEnded.isSet()) {
-      std::this_thread::sleep_for(look);
-      look = std::min(2 * look, longestLook);
-    } else {
-      outputEnded.waitFor(longestLook);
-    }
-  }
-}
-
 }  // namespace
 
 Browser::Browser(ExecutorCommand command, Duration timeout, std::shared_ptr<LogSink> log,
                  Timings timings)
     : command_(std::move(command)), timeout_(timeout), log_(std::move(log)), timings_(timings) {}
 
-Browser::Result Browser::run(const std::string& script) try {
+/// Lets killNow() find a script while it runs.
+class Browser::RunningScript {
+ public:
+  RunningScript(Browser& browser, ChildProcess& child) : browser_(browser), child_(child) {
+    MutexLock lock(browser_.lock_);
+    browser_.running_.insert(&child_);
+  }
+  ~RunningScript() {
+    MutexLock lock(browser_.lock_);
+    browser_.running_.erase(&child_);
+  }
+  RunningScript(const RunningScript&) = delete;
+  RunningScript& operator=(const RunningScript&) = delete;
+
+ private:
+  Browser& browser_;
+  ChildProcess& child_;
+};
+
+Browser::Result Browser::run(const std::string& script, const Event* interrupt) try {
+  const auto begin = Clock::now();
   const auto child = Spawn::launch(command_.path, command_.argv, command_.env, false);
+  const RunningScript running(*this, *child);
   Collector collector(*child);
   collector.start(*child, script);
-  const auto deadline = Clock::now() + timeout_;
-  const auto exit = waitForExit(*child, collector.outputEnded(), deadline, timings_.browserLook);
-  if (!exit || !collector.waitUntil(deadline)) {
-    child->terminateGroup(timings_.termination);
+
+  // A child's output ends moments before the child does, as a rule: until then looking is left to
+  // the reader, from then on looks come quickly first.
+  Duration nap = std::chrono::milliseconds(1);
+  const auto hasExited = [&](Duration look) {
+    if (child->poll()) return true;
+    if (!collector.outputEnded().isSet()) {
+      collector.outputEnded().waitFor(look);
+    } else {
+      std::this_thread::sleep_for(std::min(nap, look));
+      nap *= 2;
+    }
+    return false;
+  };
+  const auto isRead = [&](Duration look) {
+    return collector.outputEnded().waitFor(look) && collector.errorsEnded().waitFor(look);
+  };
+  if (await(hasExited, begin, interrupt) && await(isRead, begin, interrupt)) {
+    const std::int32_t exit = child->wait();
     child->release();
-    return {kTimedOut, collector.lines()};
+    return {exit, collector.lines()};
   }
+  child->terminateGroup(grace());
   child->release();
-  return {*exit, collector.lines()};
+  return {kTimedOut, collector.lines()};
 } catch (const Spawn::Error& error) {
   return {kNotStarted, {error.what()}};
 } catch (const std::system_error& error) {
@@ -125,20 +139,60 @@ Browser::Result Browser::run(const std::string& script) try {
   return {kNotStarted, {error.what()}};
 }
 
-std::shared_ptr<Mutex> Browser::lockOf(const std::string& space) {
-  MutexLock lock(locksGuard_);
-  auto& entry = locks_[space];
-  if (!entry) entry = std::make_shared<Mutex>();
-  return entry;
+bool Browser::await(const std::function<bool(Duration look)>& isDone, Clock::time_point begin,
+                    const Event* interrupt) {
+  for (;;) {
+    const auto left = deadlineOf(begin) - Clock::now();
+    if (isDone(std::clamp(left, Duration::zero(), timings_.browserLook))) return true;
+    if (left <= Duration::zero() || (interrupt && interrupt->isSet())) return false;
+  }
 }
 
-bool Browser::closeSpace(const std::string& space) {
+Browser::Clock::time_point Browser::deadlineOf(Clock::time_point begin) {
+  MutexLock lock(lock_);
+  const auto usual = begin + timeout_;
+  if (!stoppingSince_) return usual;
+  return std::min(usual, std::max(begin, *stoppingSince_) + timings_.scriptStopping);
+}
+
+/// How a script whose time is up is ended: in haste, once the driver stops.
+TerminationTimings Browser::grace() {
+  constexpr int kStepsStopping = 5;
+  MutexLock lock(lock_);
+  TerminationTimings timings = timings_.termination;
+  if (stoppingSince_) timings.steps = std::min(timings.steps, kStepsStopping);
+  return timings;
+}
+
+void Browser::beginStopping() {
+  MutexLock lock(lock_);
+  if (!stoppingSince_) stoppingSince_ = Clock::now();
+}
+
+void Browser::killNow() {
+  MutexLock lock(lock_);
+  for (ChildProcess* child : running_) child->signalGroup(SIGKILL);
+}
+
+std::shared_ptr<Mutex> Browser::lockOf(const std::string& space) {
+  MutexLock lock(lock_);
+  std::erase_if(spaceLocks_, [](const auto& entry) { return entry.second.expired(); });
+  auto& entry = spaceLocks_[space];
+  auto spaceLock = entry.lock();
+  if (!spaceLock) entry = spaceLock = std::make_shared<Mutex>();
+  return spaceLock;
+}
+
+bool Browser::closeSpace(const std::string& space, const std::function<bool()>& isTaken,
+                         const Event* interrupt) {
   Result result;
   {
-    // Held while the script runs: two closes of one space must not overlap.
+    // Held while the script runs: two closes of one space must not overlap, and who takes the
+    // space after the question waits for the close (waitForClose).
     const auto spaceLock = lockOf(space);
     MutexLock lock(*spaceLock);
-    result = run(closeScript(space));
+    if (isTaken()) return false;
+    result = run(closeScript(space), interrupt);
   }
   const std::string text =
       fmt::format("space {}: close -> exit {}", PyJSON::pyRepr(space), result.exit);
@@ -150,9 +204,14 @@ bool Browser::closeSpace(const std::string& space) {
   return result.exit == 0;
 }
 
-std::vector<JV> Browser::listSpaces() try {
+void Browser::waitForClose(const std::string& space) {
+  const auto spaceLock = lockOf(space);
+  MutexLock lock(*spaceLock);
+}
+
+std::vector<JV> Browser::listSpaces(const Event* interrupt) try {
   std::vector<JV> spaces;
-  for (const auto& line : run(LIST_JS).lines) {
+  for (const auto& line : run(LIST_JS, interrupt).lines) {
     const auto marker = line.find(kSpacesMarker);
     if (marker == std::string::npos) continue;
     const JV answer = parseJson(std::string_view(line).substr(marker + kSpacesMarker.size()));
@@ -168,9 +227,9 @@ std::vector<JV> Browser::listSpaces() try {
   return {};
 }
 
-std::vector<std::string> Browser::spaceNames() {
+std::vector<std::string> Browser::spaceNames(const Event* interrupt) {
   std::vector<std::string> names;
-  for (const JV& space : listSpaces()) {
+  for (const JV& space : listSpaces(interrupt)) {
     if (auto name = pyStrIfTruthy(space.find("name"))) names.push_back(std::move(*name));
   }
   return names;

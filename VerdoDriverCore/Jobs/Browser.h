@@ -2,13 +2,17 @@
 
 #include "VerdoDriverCore/Contract/LogSink.h"
 #include "VerdoDriverCore/Contract/Timings.h"
+#include "VerdoDriverCore/Process/ChildProcess.h"
 #include "VerdoDriverCore/Process/Spawn.h"
 #include "VerdoDriverCore/System/Sync.h"
 #include "VerdoDriverCore/Values/JV.h"
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
+#include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -38,24 +42,47 @@ class Browser {
 
   const ExecutorCommand& command() const { return command_; }
 
+  // An event given to these ends the script as soon as it is set, as a time-out would.
+
   /// Runs one script to its end, or to its time-out. Never throws for what the script does.
-  Result run(const std::string& script);
-  /// Closes a task space and logs how that went. True when the executor said it worked.
-  bool closeSpace(const std::string& space) EXCLUDES(locksGuard_);
+  Result run(const std::string& script, const Event* interrupt = nullptr) EXCLUDES(lock_);
+  /// Closes a task space and logs how that went. True when the executor said it worked. `isTaken`
+  /// is asked right before, with the space's lock held: when it says so, nothing is done.
+  bool closeSpace(
+      const std::string& space, const std::function<bool()>& isTaken = [] { return false; },
+      const Event* interrupt = nullptr) EXCLUDES(lock_);
+  /// Blocks while the space is being closed.
+  void waitForClose(const std::string& space) EXCLUDES(lock_);
   /// The task spaces that the browser knows, each an object; empty when no answer could be read.
-  std::vector<JV> listSpaces();
+  std::vector<JV> listSpaces(const Event* interrupt = nullptr);
   /// The names of those spaces, without the ones that have none.
-  std::vector<std::string> spaceNames();
+  std::vector<std::string> spaceNames(const Event* interrupt = nullptr);
+
+  /// The driver stops: from now on each script, those at work included, has
+  /// Timings::scriptStopping.
+  void beginStopping() EXCLUDES(lock_);
+  /// SIGKILL to the scripts at work, for a caller that is about to exit.
+  void killNow() EXCLUDES(lock_);
 
  private:
-  std::shared_ptr<Mutex> lockOf(const std::string& space) EXCLUDES(locksGuard_);
+  using Clock = std::chrono::steady_clock;
+  class RunningScript;
+
+  Clock::time_point deadlineOf(Clock::time_point begin) EXCLUDES(lock_);
+  /// Looks at `isDone` until it says so; false when the script's time is up before.
+  bool await(const std::function<bool(Duration look)>& isDone, Clock::time_point begin,
+             const Event* interrupt);
+  TerminationTimings grace() EXCLUDES(lock_);
+  std::shared_ptr<Mutex> lockOf(const std::string& space) EXCLUDES(lock_);
 
   const ExecutorCommand command_;
   const Duration timeout_;
   const std::shared_ptr<LogSink> log_;
   const Timings timings_;
-  Mutex locksGuard_;
-  std::map<std::string, std::shared_ptr<Mutex>> locks_ GUARDED_BY(locksGuard_);
+  Mutex lock_;
+  std::map<std::string, std::weak_ptr<Mutex>> spaceLocks_ GUARDED_BY(lock_);
+  std::set<ChildProcess*> running_ GUARDED_BY(lock_);
+  std::optional<Clock::time_point> stoppingSince_ GUARDED_BY(lock_);
 };
 
 }  // namespace verdo

@@ -2,6 +2,7 @@
 
 #include "VerdoDriverCore/Contract/LogSink.h"
 #include "VerdoDriverCore/Contract/Timings.h"
+#include "VerdoDriverCore/Jobs/BodyLimit.h"
 #include "VerdoDriverCore/Jobs/Browser.h"
 #include "VerdoDriverCore/Network/Api.h"
 #include "VerdoDriverCore/System/Sync.h"
@@ -22,6 +23,8 @@ class JobHost {
   virtual LogSink& log() = 0;
   virtual Browser& browser() = 0;
   virtual const Timings& timings() const = 0;
+  /// The size of posts, which all jobs of the run learn together.
+  virtual BodyLimit& bodyLimit() = 0;
   /// The provider key; empty: there is none.
   virtual const std::string& llmKey() const = 0;
   /// The provider's base URL.

@@ -28,8 +28,15 @@ void PendingLines::add(std::span<const std::string_view> lines) {
 
 void PendingLines::waitUntilFull(Clock::time_point deadline) {
   MutexLock lock(lock_);
-  while (!full_ && changed_.waitUntil(lock_, deadline)) {
+  while (!full_ && !woken_ && changed_.waitUntil(lock_, deadline)) {
   }
+  woken_ = false;
+}
+
+void PendingLines::wakeUp() {
+  MutexLock lock(lock_);
+  woken_ = true;
+  changed_.notifyAll();
 }
 
 LineBatch PendingLines::take() {

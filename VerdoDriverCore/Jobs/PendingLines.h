@@ -23,8 +23,10 @@ class PendingLines {
 
   /// Adds the lines in order, waiting while the batch is full. After close() they are dropped.
   void add(std::span<const std::string_view> lines) EXCLUDES(lock_);
-  /// Blocks until `deadline`, or until a batch is full.
+  /// Blocks until `deadline`, or until a batch is full, or wakeUp().
   void waitUntilFull(Clock::time_point deadline) EXCLUDES(lock_);
+  /// Ends the current waitUntilFull(), or else the next one.
+  void wakeUp() EXCLUDES(lock_);
   /// The lines that have come so far, as one batch, perhaps an empty one.
   LineBatch take() EXCLUDES(lock_);
   /// Gives the memory of a posted batch back for the next one.
@@ -41,6 +43,7 @@ class PendingLines {
   LineBatch batch_ GUARDED_BY(lock_);
   ByteBuffer spare_ GUARDED_BY(lock_);
   bool full_ GUARDED_BY(lock_) = false;
+  bool woken_ GUARDED_BY(lock_) = false;
   bool closed_ GUARDED_BY(lock_) = false;
 };
 

@@ -3,24 +3,39 @@
 #include "VerdoDriverCore/Network/Errors.h"
 #include "VerdoDriverCore/System/ThreadName.h"
 #include "VerdoDriverCore/Values/PyError.h"
+#include "VerdoDriverCore/Values/Utf8.h"
 
 #include <algorithm>
 #include <thread>
 
 #include <fmt/format.h>
-#include <signal.h>
 
 namespace verdo {
 namespace {
 
 constexpr std::int32_t kDriverFailed = 127;
+/// So many replies in a row that say so make a job no longer ours: one alone may be a hiccup.
+constexpr int kRefusalsUntilLost = 2;
+/// A stream that ended early says nothing of the size of a body up to this one, bytes.
+constexpr std::size_t kMaxBlamelessBody = 64 * 1024;
+/// What is left of an error text that is too long for the way to the service, characters.
+constexpr std::size_t kMaxErrorCharacters = 1000;
 
 bool isWorthRetrying(const ServerError& error) { return error.kind() == ServerError::Kind::server; }
+
+/// A smaller body may get through where this one did not.
+bool isForItsSize(const ServerError& error, std::size_t size) {
+  if (error.cause() == ServerError::Cause::bodyTooLarge) return size > BodyLimit::kMinBytes;
+  return error.cause() == ServerError::Cause::streamReset && size > kMaxBlamelessBody;
+}
+
+/// Lets a failure through the retry rule, to whoever can do better than try again.
+struct BodyRefused {};
 
 }  // namespace
 
 Worker::Worker(std::shared_ptr<JobHost> host, Job job)
-    : host_(std::move(host)), job_(std::move(job)) {}
+    : host_(std::move(host)), job_(std::move(job)), body_(makeJobBody(job_, *this)) {}
 
 Worker::~Worker() = default;
 
@@ -41,6 +56,8 @@ void Worker::run() {
     } else {
       reportFailure(failure);
     }
+  } catch (const LeaseLost&) {
+    // Said already; whoever has the job now does not want to hear of us.
   } catch (const std::exception& failure) {
     reportFailure(failure);
   }
@@ -49,11 +66,8 @@ void Worker::run() {
 
 void Worker::runInner() {
   if (!acknowledge()) return;
-  if (job_.kind == "llm") {
-    runLLM();
-  } else {
-    runBrowser();
-  }
+  runBody();
+  completeAndReport();
 }
 
 /// Tells the service that the job has arrived. False when the job is not to be run.
@@ -62,8 +76,9 @@ bool Worker::acknowledge() {
   try {
     const auto body = std::make_shared<const ByteBuffer>(LineBatch().finish());
     // Short on purpose: a job that cannot be acknowledged is soon offered to somebody else.
-    retry([this] { return host_->timings().acknowledgeDeadline; },
-          [&] { reply = LinesReply::from(host_->api().lines(job_.id, body)); });
+    retry(
+        Clock::now(), [this] { return host_->timings().acknowledgeDeadline; },
+        [&](auto cap) { reply = LinesReply::from(host_->api().lines(job_.id, body, cap)); });
   } catch (const ServerError& error) {
     if (error.kind() == ServerError::Kind::auth) throw;
     host_->log().warn(prefixed(
@@ -76,12 +91,36 @@ bool Worker::acknowledge() {
   return false;
 }
 
-void Worker::retry(const std::function<Duration()>& deadline, const std::function<void()>& call) {
-  const auto begin = Clock::now();
+/// Has the body do the job. When that fails, nothing of it is left at work.
+void Worker::runBody() {
+  try {
+    outcome_ = body_->run();
+  } catch (const ServerError& error) {
+    loseServer(error);
+    if (error.kind() == ServerError::Kind::auth) throw;
+  } catch (...) {
+    kill();
+    outcome_.exitCode = body_->abandon();
+    throw;
+  }
+}
+
+void Worker::loseServer(const ServerError& error) {
+  const bool revoked = error.kind() == ServerError::Kind::auth;
+  if (!revoked) {
+    host_->log().error(prefixed(fmt::format("{}: {}", body_->lostText(), error.what())));
+  }
+  outcome_.error = revoked ? "driver token revoked mid-job" : "driver lost the server mid-job";
+  kill();
+  outcome_.exitCode = body_->abandon();
+}
+
+void Worker::retry(Clock::time_point begin, const std::function<Duration()>& deadline,
+                   const std::function<void(std::optional<Duration> cap)>& call) {
   Duration delay = host_->timings().retryFirst;
   for (;;) {
     try {
-      return call();
+      return call(attemptCap(begin));
     } catch (const ServerError& error) {
       if (!isWorthRetrying(error) || Clock::now() - begin >= deadline()) throw;
       host_->log().warn(fmt::format("server unreachable, retrying: {}", error.what()));
@@ -101,31 +140,117 @@ Worker::Duration Worker::postDeadline() const {
   return host_->stopping().isSet() ? timings.postDeadlineStopping : timings.postDeadline;
 }
 
-LinesReply Worker::postLines(LineBatch batch) {
-  LinesReply reply;
+/// How long an attempt may wait for its answer: while stopping, what is left of the deadline.
+std::optional<Worker::Duration> Worker::attemptCap(Clock::time_point begin) const {
+  if (!host_->stopping().isSet()) return std::nullopt;
+  const Timings& timings = host_->timings();
+  return std::max(timings.postDeadlineStopping - (Clock::now() - begin),
+                  timings.minAttemptStopping);
+}
+
+ByteBuffer Worker::post(LineBatch batch) {
   const auto body = std::make_shared<ByteBuffer>(std::move(batch).finish());
-  retry([this] { return postDeadline(); },
-        [&] { reply = LinesReply::from(host_->api().lines(job_.id, body)); });
-  pending_.recycle(std::move(*body));
-  return reply;
+  postBody(body, Clock::now());
+  return std::move(*body);
+}
+
+void Worker::postBody(const std::shared_ptr<const ByteBuffer>& body, Clock::time_point begin) {
+  BodyLimit& limit = host_->bodyLimit();
+  const bool fits = body->size() <= limit.bytes();
+  if (fits && postWhole(body, begin)) return;
+  auto pieces = LineBatch::split(body->view(), limit.bytes(), body_->mayCutLines());
+  if (pieces.size() < 2) {
+    // The limit may be older than what it was learnt from.
+    if (!fits && postWhole(body, begin)) return;
+    throw ServerError(
+        ServerError::Kind::server,
+        fmt::format("a line of {} bytes is too long for the way to the service", body->size()));
+  }
+  for (auto& piece : pieces) {
+    postBody(std::make_shared<const ByteBuffer>(std::move(piece).finish()), begin);
+  }
+}
+
+bool Worker::postWhole(const std::shared_ptr<const ByteBuffer>& body, Clock::time_point begin) {
+  LinesReply reply;
+  try {
+    retry(
+        begin, [this] { return postDeadline(); },
+        [&](auto cap) {
+          try {
+            reply = LinesReply::from(host_->api().lines(job_.id, body, cap));
+          } catch (const ServerError& error) {
+            if (isForItsSize(error, body->size())) throw BodyRefused();
+            throw;
+          }
+        });
+  } catch (const BodyRefused&) {
+    host_->bodyLimit().refused(body->size());
+    return false;
+  }
+  host_->bodyLimit().passed(body->size());
+  hear(reply);
+  return true;
+}
+
+/// Does what the service's answer to a lines post asks for.
+void Worker::hear(const LinesReply& reply) {
+  if (reply.ok || reply.cancel) {
+    refusals_ = 0;
+  } else if (++refusals_ >= kRefusalsUntilLost) {
+    host_->log().warn(prefixed(
+        fmt::format("no longer ours (state={}); killing it", reply.state.value_or("None"))));
+    throw LeaseLost();
+  }
+  if (reply.cancel && !isCancelled()) {
+    host_->log().warn(prefixed(body_->cancelText()));
+    cancelledByService_ = true;
+    kill();
+  }
+  if (host_->stopping().isSet() && !isCancelled()) kill();
 }
 
 void Worker::reportFailure(const std::exception& failure) {
   host_->log().error(prefixed(pyDescribe(failure)));
-  if (err_.value_or("").empty()) err_ = "driver error: " + pyTypeName(failure);
+  outcome_.exitCode = kDriverFailed;
+  if (outcome_.error.value_or("").empty()) {
+    outcome_.error = "driver error: " + pyTypeName(failure);
+  }
   try {
-    retry([this] { return postDeadline(); },
-          [this] { host_->api().complete(job_.id, kDriverFailed, err_); });
+    complete();
   } catch (const std::exception&) {
     // The failure itself has been logged; that the service could not be told adds nothing.
+  }
+}
+
+/// Posts the completion record. One that is too large is sent once more with less of its error.
+void Worker::complete() {
+  const auto send = [this](const std::optional<std::string>& error) {
+    retry(
+        Clock::now(), [this] { return postDeadline(); },
+        [&](auto cap) {
+          try {
+            host_->api().complete(job_.id, outcome_.exitCode.value_or(0), error, cap);
+          } catch (const ServerError& failure) {
+            const bool isShort = !error || countCharacters(*error) <= kMaxErrorCharacters;
+            if (!isShort && failure.cause() == ServerError::Cause::bodyTooLarge) {
+              throw BodyRefused();
+            }
+            throw;
+          }
+        });
+  };
+  try {
+    send(outcome_.error);
+  } catch (const BodyRefused&) {
+    send(firstCharacters(*outcome_.error, kMaxErrorCharacters));
   }
 }
 
 void Worker::completeAndReport() {
   if (host_->stopping().isSet()) closeSpaceOnBadEnd();
   try {
-    retry([this] { return postDeadline(); },
-          [this] { host_->api().complete(job_.id, exitCode_.value_or(0), err_); });
+    complete();
     reportFinished();
   } catch (const ServerError& error) {
     host_->log().error(prefixed(fmt::format("could not report completion: {}", error.what())));
@@ -134,10 +259,11 @@ void Worker::completeAndReport() {
 }
 
 void Worker::reportFinished() {
-  const std::string text = prefixed(fmt::format("finished with exit {}{}",
-                                                exitCode_ ? std::to_string(*exitCode_) : "None",
-                                                isCancelled() ? " (cancelled)" : ""));
-  if (exitCode_ == 0 && err_.value_or("").empty()) {
+  const auto& [exitCode, error] = outcome_;
+  const std::string text =
+      prefixed(fmt::format("finished with exit {}{}", exitCode ? std::to_string(*exitCode) : "None",
+                           isCancelled() ? " (cancelled)" : ""));
+  if (exitCode == 0 && error.value_or("").empty()) {
     host_->log().success(text);
   } else {
     host_->log().warn(text);
@@ -145,48 +271,40 @@ void Worker::reportFinished() {
 }
 
 void Worker::closeSpaceOnBadEnd() {
-  if (!job_.taskSpace || spaceClosed_) return;
-  const bool bad = exitCode_.value_or(0) != 0 || isCancelled() || !err_.value_or("").empty() ||
-                   host_->stopping().isSet();
-  // Jobs of these kinds manage spaces themselves or use none.
-  if (!bad || job_.kind == "close" || job_.kind == "list" || job_.kind == "llm") return;
+  if (!job_.taskSpace || spaceClosed_ || !body_->ownsSpace()) return;
+  const bool bad = outcome_.exitCode.value_or(0) != 0 || isCancelled() ||
+                   !outcome_.error.value_or("").empty() || host_->stopping().isSet();
+  if (!bad) return;
   spaceClosed_ = true;
   host_->browser().closeSpace(*job_.taskSpace);
 }
 
 void Worker::cleanUp() {
-  files_.reset();
+  body_->cleanUp();
   closeSpaceOnBadEnd();
-  touchSpace();
+  if (job_.taskSpace) host_->touchSpace(*job_.taskSpace);
   host_->workerDone(*this);
   tornDown_.set();  // last, so that no run ends before its jobs' ends are told
 }
 
+void Worker::terminate() {
+  cancelled_ = true;
+  body_->terminate();
+}
+
 void Worker::kill() {
-  if (const auto proc = cancelAndGetProcess()) proc->terminateGroup(host_->timings().termination);
+  terminate();
+  const TerminationTimings& timings = host_->timings().termination;
+  for (int step = 0; step < timings.steps; ++step) {
+    if (!body_->hasProcess()) return;
+    std::this_thread::sleep_for(timings.step);
+  }
+  body_->killNow();
 }
 
 void Worker::killNow() {
-  if (const auto proc = cancelAndGetProcess()) proc->signalGroup(SIGKILL);
-}
-
-/// Marks the job as cancelled, ends its provider call, and gives its child, if it has one.
-std::shared_ptr<ChildProcess> Worker::cancelAndGetProcess() {
-  std::shared_ptr<ChatClient> client;
-  std::shared_ptr<ChildProcess> proc;
-  {
-    MutexLock lock(stateLock_);
-    cancelled_ = true;
-    client = llmClient_;
-    proc = proc_;
-  }
-  if (client) client->cancel();
-  return proc;
-}
-
-bool Worker::isCancelled() const {
-  MutexLock lock(stateLock_);
-  return cancelled_;
+  cancelled_ = true;
+  body_->killNow();
 }
 
 std::string Worker::prefixed(const std::string& text) const {

@@ -1,14 +1,12 @@
 #pragma once
 
 #include "VerdoDriverCore/Jobs/Job.h"
+#include "VerdoDriverCore/Jobs/JobBody.h"
 #include "VerdoDriverCore/Jobs/JobHost.h"
-#include "VerdoDriverCore/Jobs/PendingLines.h"
-#include "VerdoDriverCore/Jobs/StagingDirectory.h"
-#include "VerdoDriverCore/Network/ChatClient.h"
-#include "VerdoDriverCore/Process/ChildProcess.h"
-#include "VerdoDriverCore/Process/LineReader.h"
 #include "VerdoDriverCore/System/Sync.h"
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -19,84 +17,88 @@ namespace verdo {
 
 /// Runs one leased job on a thread of its own and owns everything that the service hears about it:
 /// the acknowledgement, the output (which is heartbeat and cancel channel as well) and the
-/// completion record. It bridges outages of the service for a bounded time.
-class Worker : public std::enable_shared_from_this<Worker> {
+/// completion record. It bridges outages of the service for a bounded time. What the job does is
+/// its body's affair.
+class Worker : public JobReporter, public std::enable_shared_from_this<Worker> {
  public:
   using Duration = std::chrono::steady_clock::duration;
 
   Worker(std::shared_ptr<JobHost> host, Job job);
-  ~Worker();
+  ~Worker() override;
   Worker(const Worker&) = delete;
   Worker& operator=(const Worker&) = delete;
 
   /// Starts the thread "job-{id}", which keeps the worker alive until it has ended. Called once.
   /// Throws std::system_error.
   void start();
-  /// Stops the job: SIGTERM to its processes, SIGKILL after the grace; a provider call ends at
-  /// once. Blocks for that grace at most. Any thread may call it, at any time, again and again.
-  void kill() EXCLUDES(stateLock_);
-  /// SIGKILL to the job's processes, without waiting for anything.
-  void killNow() EXCLUDES(stateLock_);
 
-  const Job& job() const { return job_; }
+  // Ending the job. Any thread may call these, at any time, again and again.
+
+  /// Asks the job to end: SIGTERM to its processes; a provider call ends at once. Never blocks.
+  void terminate();
+  /// terminate(), and SIGKILL to what is left after the grace. Blocks for that grace at most.
+  void kill();
+  /// SIGKILL to the job's processes, without waiting for anything.
+  void killNow();
+  /// Processes of the job may still be at work.
+  bool hasProcess() { return body_->hasProcess(); }
+
+  /// The job, but for its payload, which its body has taken.
+  const Job& job() const override { return job_; }
+  bool takesLane() const { return body_->takesLane(); }
   // The outcome; valid once JobHost::workerDone has been called, on the calling thread.
-  const std::optional<std::int32_t>& exitCode() const { return exitCode_; }
-  const std::optional<std::string>& error() const { return err_; }
+  const std::optional<std::int32_t>& exitCode() const { return outcome_.exitCode; }
+  const std::optional<std::string>& error() const { return outcome_.error; }
   /// Set once all clean-up is done.
   const Event& tornDown() const { return tornDown_; }
+
+  // JobReporter
+  const std::shared_ptr<JobHost>& host() const override { return host_; }
+  std::string prefixed(const std::string& text) const override;
+  ByteBuffer post(LineBatch batch) override;
+  bool isCancelled() const override { return cancelled_; }
+  bool isCancelledByService() const override { return cancelledByService_; }
 
  private:
   using Clock = std::chrono::steady_clock;
 
-  // The life of a job (Worker.cpp).
   void run();
   void runInner();
   bool acknowledge();
+  void runBody();
+  void loseServer(const ServerError& error);
   void reportFailure(const std::exception& failure);
-  void cleanUp();
+  void complete();
   void completeAndReport();
   void reportFinished();
   void closeSpaceOnBadEnd();
-  bool isCancelled() const EXCLUDES(stateLock_);
-  std::shared_ptr<ChildProcess> cancelAndGetProcess() EXCLUDES(stateLock_);
-  /// Posts a batch through the retry rule.
-  LinesReply postLines(LineBatch batch);
+  void cleanUp();
+
+  /// Posts a finished body, in pieces when it is larger than what gets through.
+  void postBody(const std::shared_ptr<const ByteBuffer>& body, Clock::time_point begin);
+  /// False when the body was too large and must be made smaller.
+  bool postWhole(const std::shared_ptr<const ByteBuffer>& body, Clock::time_point begin);
+  void hear(const LinesReply& reply);
   /// The retry rule: repeats `call` while it fails with a ServerError of the kind that is worth
-  /// it, until `deadline()` has passed since the start. Rethrows everything else.
-  void retry(const std::function<Duration()>& deadline, const std::function<void()>& call);
+  /// it, until `deadline()` has passed since `begin`. `call` is given the time that its attempt may
+  /// take at most, if there is a limit. Rethrows everything else.
+  void retry(Clock::time_point begin, const std::function<Duration()>& deadline,
+             const std::function<void(std::optional<Duration> cap)>& call);
   Duration postDeadline() const;
-  std::string prefixed(const std::string& text) const;
-
-  // Browser jobs (WorkerBrowser.cpp).
-  void runBrowser();
-  std::optional<std::string> stageFiles();
-  void failUnrun(const std::string& error);
-  void reportWhileRunning(ChildProcess& child, LineReader& reader);
-  void touchSpace();
-
-  // LLM jobs (WorkerLLM.cpp).
-  void runLLM();
-  void failCall(const char* category, const std::string& message, const char* complaint);
-  void runCall(const std::shared_ptr<ChatClient>& client, const JV& payload);
-  void heartbeat();
-  void postReply(const ChatClient::Completion& completion);
+  std::optional<Duration> attemptCap(Clock::time_point begin) const;
 
   const std::shared_ptr<JobHost> host_;
-  const Job job_;
+  Job job_;  // constant once the body has been made
   Event tornDown_;
-  PendingLines pending_;
+  std::atomic<bool> cancelled_ = false;
 
   // The worker thread's own.
-  std::optional<std::int32_t> exitCode_;
-  std::optional<std::string> err_;
-  std::unique_ptr<StagingDirectory> files_;
+  JobOutcome outcome_;
   bool spaceClosed_ = false;
-  bool cancelledByServer_ = false;  ///< LLM jobs only
+  bool cancelledByService_ = false;
+  int refusals_ = 0;  ///< replies in a row that said that the job is not ours
 
-  mutable Mutex stateLock_;
-  bool cancelled_ GUARDED_BY(stateLock_) = false;
-  std::shared_ptr<ChildProcess> proc_ GUARDED_BY(stateLock_);
-  std::shared_ptr<ChatClient> llmClient_ GUARDED_BY(stateLock_);
+  std::unique_ptr<JobBody> body_;  // last: it uses the rest
 };
 
 }  // namespace verdo

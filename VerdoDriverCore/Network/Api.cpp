@@ -25,8 +25,9 @@ constexpr auto kPostTimeout = seconds(45);
 
 constexpr std::size_t kQuotedBody = 300;  // characters of an error's body that a message quotes
 
-[[noreturn]] void failServer(const std::string& message) {
-  throw ServerError(ServerError::Kind::server, message);
+[[noreturn]] void failServer(const std::string& message,
+                             ServerError::Cause cause = ServerError::Cause::other) {
+  throw ServerError(ServerError::Kind::server, message, cause);
 }
 
 /// Which bytes Python's quote leaves as they are: letters, digits and "_.-~/".
@@ -117,23 +118,25 @@ std::optional<JV> Api::poll(double wait, std::vector<std::string> busy) {
   return request(call).object;
 }
 
-JV Api::lines(std::int64_t jobId, std::shared_ptr<const ByteBuffer> body) {
-  return post(fmt::format("/api/driver/jobs/{}/lines", jobId), std::move(body));
+JV Api::lines(std::int64_t jobId, std::shared_ptr<const ByteBuffer> body,
+              std::optional<Duration> timeoutCap) {
+  return post(fmt::format("/api/driver/jobs/{}/lines", jobId), std::move(body), timeoutCap);
 }
 
 void Api::complete(std::int64_t jobId, std::int32_t exitCode,
-                   const std::optional<std::string>& error) {
+                   const std::optional<std::string>& error, std::optional<Duration> timeoutCap) {
   const JV record = JV::Object{{"exit_code", exitCode}, {"error", error ? JV(*error) : JV()}};
   post(fmt::format("/api/driver/jobs/{}/complete", jobId),
-       std::make_shared<const ByteBuffer>(PyJSON::text(record)));
+       std::make_shared<const ByteBuffer>(PyJSON::text(record)), timeoutCap);
 }
 
-JV Api::post(const std::string& path, std::shared_ptr<const ByteBuffer> body) {
+JV Api::post(const std::string& path, std::shared_ptr<const ByteBuffer> body,
+             std::optional<Duration> timeoutCap) {
   Call call;
   call.method = "POST";
   call.path = path;
   call.body = std::move(body);
-  call.timeout = kPostTimeout;
+  call.timeout = std::min<Duration>(kPostTimeout, timeoutCap.value_or(kPostTimeout));
   Reply reply = request(call);
   if (reply.throttled) failServer(*reply.throttled);
   return reply.object ? std::move(*reply.object) : JV(JV::Object{});
@@ -154,9 +157,6 @@ Api::Reply Api::request(const Call& call) {
   request.url = options_.base + call.path;
   if (!isBaseValid_) failServer(name + " -> ValueError: bad URL");
   request.timeout = call.timeout;
-  if (const auto cap = options_.timeoutCap()) {
-    request.timeout = std::min(request.timeout, fromSeconds(*cap));
-  }
   request.headers = protocolHeaders();
   request.headers.insert(request.headers.end(), call.headers.begin(), call.headers.end());
   if (call.body) {
@@ -167,7 +167,9 @@ Api::Reply Api::request(const Call& call) {
   const HttpResult result = perform(std::move(request), call.untilStop);
   if (result.error) {
     failServer(
-        fmt::format("{} -> {}: {}", name, errorName(*result.error), result.error->description));
+        fmt::format("{} -> {}: {}", name, errorName(*result.error), result.error->description),
+        result.error->kind == TransportError::Kind::streamReset ? ServerError::Cause::streamReset
+                                                                : ServerError::Cause::other);
   }
   if (!result.response) failServer(name + " -> URLError: no response");
   const auto& [status, body] = *result.response;
@@ -185,18 +187,24 @@ Api::Reply Api::request(const Call& call) {
     case 429:
       interrupted_.waitFor(options_.throttlePause);
       return {std::nullopt, message};
+    case 413:
+      failServer(message, ServerError::Cause::bodyTooLarge);
+    case 408:
+    case 504:
+      failServer(message, ServerError::Cause::waitTooLong);
     default:
       failServer(message);
   }
 }
 
-HttpResult Api::perform(HttpRequest request, bool untilStop) {
+HttpResult Api::perform(HttpRequest request, bool untilStop, const OnTask& onTask) {
   std::int64_t identifier = 0;
   const auto enter = [&](const std::shared_ptr<HttpTask>& task) {
     MutexLock lock(pollLock_);
     identifier = task->identifier();
     inFlight_.emplace(identifier, InFlight{task, untilStop});
     if (untilStop && pollingStopped_) task->cancel();
+    if (onTask) onTask(task);
   };
   HttpResult result = session_->perform(std::move(request), enter);
   MutexLock lock(pollLock_);
@@ -204,8 +212,8 @@ HttpResult Api::perform(HttpRequest request, bool untilStop) {
   return result;
 }
 
-std::string Api::download(const std::string& url, const std::string& destination,
-                          Duration timeout) {
+std::string Api::download(const std::string& url, const std::string& destination, Duration timeout,
+                          const OnTask& onTask) {
   HttpRequest request;
   request.url =
       url.starts_with("http://") || url.starts_with("https://") ? url : options_.base + url;
@@ -215,7 +223,7 @@ std::string Api::download(const std::string& url, const std::string& destination
   const auto file = std::make_shared<FileDownload>(destination);
   request.sink = file;
   try {
-    const HttpResult result = perform(std::move(request), true);
+    const HttpResult result = perform(std::move(request), true, onTask);
     if (file->failure()) throw *file->failure();
     if (result.error) throw PyError("URLError", result.error->description);
     const int status = result.response ? result.response->status : 0;

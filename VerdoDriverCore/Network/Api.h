@@ -22,14 +22,13 @@ namespace verdo {
 class Api {
  public:
   using Duration = std::chrono::steady_clock::duration;
+  using OnTask = std::function<void(const std::shared_ptr<HttpTask>&)>;
 
   struct Options {
-    std::string base;                         ///< service URL; trailing "/" are removed
-    std::string token;                        ///< bearer credential
-    std::optional<JV> llmInfo;                ///< describes the LLM key; sent in the hello
-    std::optional<std::string> clientHeader;  ///< X-VERDO-Driver-Client
-    /// Upper limit of any request's time-out, seconds; absent: none.
-    std::function<std::optional<double>()> timeoutCap = [] { return std::nullopt; };
+    std::string base;                                  ///< service URL; trailing "/" are removed
+    std::string token;                                 ///< bearer credential
+    std::optional<JV> llmInfo;                         ///< describes the LLM key; sent in the hello
+    std::optional<std::string> clientHeader;           ///< X-VERDO-Driver-Client
     Duration throttlePause = Timings().throttlePause;  ///< after a reply with status 429
   };
 
@@ -44,15 +43,20 @@ class Api {
   std::optional<JV> poll(double wait, std::vector<std::string> busy);
   /// Posts a batch of output lines (a finished LineBatch). An empty object when the service
   /// answered nothing. A throttled post (429) counts as a failed one: nothing was taken.
-  JV lines(std::int64_t jobId, std::shared_ptr<const ByteBuffer> body);
+  /// `timeoutCap` lowers the time-out.
+  JV lines(std::int64_t jobId, std::shared_ptr<const ByteBuffer> body,
+           std::optional<Duration> timeoutCap = std::nullopt);
   /// Posts how a job ended. A throttled post counts as a failed one.
-  void complete(std::int64_t jobId, std::int32_t exitCode, const std::optional<std::string>& error);
+  void complete(std::int64_t jobId, std::int32_t exitCode, const std::optional<std::string>& error,
+                std::optional<Duration> timeoutCap = std::nullopt);
 
   /// Downloads a file to `destination` (mode 0600) and gives its SHA-256 in lowercase hexadecimal.
   /// A URL without a scheme is a path on the service. Neither the token nor any header of ours is
   /// sent, and redirects are followed. Nothing is left behind on failure. Throws PyError:
-  /// "ValueError", "URLError", "HTTPError" or "OSError".
-  std::string download(const std::string& url, const std::string& destination, Duration timeout);
+  /// "ValueError", "URLError", "HTTPError" or "OSError". `onTask` is given the request before it
+  /// starts, by which it can be cancelled.
+  std::string download(const std::string& url, const std::string& destination, Duration timeout,
+                       const OnTask& onTask = {});
 
   /// Takes no new work: cancels the hello, poll and downloads in flight, and refuses later ones as
   /// cancelled.
@@ -81,9 +85,11 @@ class Api {
   };
 
   Reply request(const Call& call);
-  HttpResult perform(HttpRequest request, bool untilStop) EXCLUDES(pollLock_);
+  HttpResult perform(HttpRequest request, bool untilStop, const OnTask& onTask = {})
+      EXCLUDES(pollLock_);
   Headers protocolHeaders() const;
-  JV post(const std::string& path, std::shared_ptr<const ByteBuffer> body);
+  JV post(const std::string& path, std::shared_ptr<const ByteBuffer> body,
+          std::optional<Duration> timeoutCap);
 
   Options options_;
   bool isBaseValid_ = false;

@@ -14,9 +14,18 @@ class ServerError : public Error {
     outOfDate,  ///< HTTP 426: the service no longer speaks this driver's protocol
     server,     ///< everything else; the only kind that is worth a retry
   };
+  /// What a `server` failure tells beyond that, for callers that can do better than try again.
+  enum class Cause {
+    other,
+    bodyTooLarge,  ///< HTTP 413: something on the way takes smaller bodies only
+    streamReset,   ///< HTTP/2: the stream was ended early, perhaps for the same reason
+    waitTooLong,   ///< HTTP 504 or 408: something on the way does not wait as long as we asked
+  };
 
-  ServerError(Kind kind, const std::string& message) : Error(message), kind_(kind) {}
+  ServerError(Kind kind, const std::string& message, Cause cause = Cause::other)
+      : Error(message), kind_(kind), cause_(cause) {}
   Kind kind() const { return kind_; }
+  Cause cause() const { return cause_; }
   std::string pyName() const override {
     switch (kind_) {
       case Kind::auth:
@@ -31,6 +40,7 @@ class ServerError : public Error {
 
  private:
   Kind kind_;
+  Cause cause_;
 };
 
 }  // namespace verdo

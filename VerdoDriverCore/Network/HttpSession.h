@@ -45,7 +45,12 @@ struct HttpResponse {
 
 /// A request that got no response.
 struct TransportError {
-  enum class Kind { cancelled, timedOut, other };
+  enum class Kind {
+    cancelled,
+    timedOut,
+    streamReset,  ///< HTTP/2: the other side ended this request's stream, not the connection
+    other,
+  };
   Kind kind = Kind::other;
   std::string description;  ///< one sentence for a person
 

@@ -31,6 +31,17 @@ bool isLoopback(const std::string& url) {
   return parsed && parsed->isLoopback();
 }
 
+TransportError::Kind kindOf(CURLcode code) {
+  switch (code) {
+    case CURLE_OPERATION_TIMEDOUT:
+      return TransportError::Kind::timedOut;
+    case CURLE_HTTP2_STREAM:
+      return TransportError::Kind::streamReset;
+    default:
+      return TransportError::Kind::other;
+  }
+}
+
 }  // namespace
 
 HttpTransfer::HttpTransfer(HttpRequest req, HttpSession::Completion done,
@@ -149,9 +160,7 @@ void HttpTransfer::finish(CURLcode code) {
     fail({TransportError::Kind::other,
           fmt::format("The response is longer than {} bytes", request.maxBody)});
   } else {
-    const auto kind = code == CURLE_OPERATION_TIMEDOUT ? TransportError::Kind::timedOut
-                                                       : TransportError::Kind::other;
-    fail({kind, errorText[0] != 0 ? errorText : curl_easy_strerror(code)});
+    fail({kindOf(code), errorText[0] != 0 ? errorText : curl_easy_strerror(code)});
   }
 }
 

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <string_view>
+#include <vector>
 
 namespace verdo {
 
@@ -26,7 +27,14 @@ class LineBatch {
   /// The finished body. The batch holds nothing afterwards.
   ByteBuffer finish() &&;
 
+  /// The lines of a finished body in batches of at most `maxBytes` each. A longer line is a batch
+  /// of its own, or, with `cutLines`, becomes several lines, cut between characters.
+  static std::vector<LineBatch> split(std::string_view body, std::size_t maxBytes, bool cutLines);
+
  private:
+  /// Adds a line that is JSON already, without its quotes.
+  void addEscaped(std::string_view text);
+
   ByteBuffer text_;
   bool empty_ = true;
 };

@@ -1,72 +1,84 @@
 #include "VerdoDriverCore/Run/Driver.h"
 
 #include "VerdoDriverCore/Contract/DriverConstants.h"
-#include "VerdoDriverCore/Contract/ExitReason.h"
-#include "VerdoDriverCore/System/ThreadName.h"
-#include "VerdoDriverCore/Values/PyValue.h"
+#include "VerdoDriverCore/Network/Errors.h"
 
 #include <algorithm>
-#include <thread>
+#include <system_error>
+#include <utility>
 
 #include <fmt/format.h>
 
 namespace verdo {
-namespace {
-
-/// LLM jobs take no lane: they only wait for the provider.
-bool takesLane(const Job& job) { return job.kind != "llm"; }
-
-constexpr std::int32_t code(ExitReason::Kind kind) { return static_cast<std::int32_t>(kind); }
-
-}  // namespace
 
 Driver::Driver(Options options, std::shared_ptr<Api> api, std::shared_ptr<LogSink> log,
-               std::shared_ptr<Browser> browser, std::weak_ptr<DriverObserver> observer)
+               std::shared_ptr<Browser> browser, std::unique_ptr<SpaceClaim> claim,
+               std::weak_ptr<DriverObserver> observer)
     : options_(std::move(options)),
       api_(std::move(api)),
       log_(std::move(log)),
       browser_(std::move(browser)),
-      observer_(std::move(observer)) {}
+      observer_(observer),
+      jobs_(std::make_shared<RunningJobs>(std::move(observer))),
+      spaces_(std::make_shared<TaskSpaces>(
+          options_.spaces, browser_, log_, std::move(claim),
+          [jobs = jobs_](const std::string& name) { return jobs->usesSpace(name); })),
+      pollWait_(options_.pollWait),
+      retryDelay_(options_.timings.pollRetryFirst) {}
 
-std::int32_t Driver::serve(std::optional<int> serveJobs, std::optional<Duration> idleExit) {
-  startReaper();
-  {
-    MutexLock lock(guardLock_);
-    lastActivity_ = Clock::now();  // what came before, a long sweep say, is no idleness
+ExitReason Driver::serve(std::optional<int> serveJobs, std::optional<Duration> idleExit) {
+  try {
+    spaces_->startReaper();
+    jobs_->beginIdling();
+    serveUntilEnd(serveJobs, idleExit);
+  } catch (...) {
+    static_cast<void>(shutdown());
+    throw;
   }
-  Duration retryDelay = options_.timings.pollRetryFirst;
+  if (!finished_) return shutdown();
+  stopping_.set();
+  spaces_->interrupt();
+  spaces_->waitForReaper(options_.timings.shutdownPerWorker);
+  return ExitReason::clean();
+}
+
+void Driver::serveUntilEnd(std::optional<int> serveJobs, std::optional<Duration> idleExit) {
   int quickEmptyReplies = 0;
   while (!stopping_.isSet() && !tokenRevoked_.isSet()) {
-    if ((hasServed(serveJobs) && isQuiet()) || isIdleFor(idleExit)) {
-      stopping_.set();
-      reaperEnded_.waitFor(options_.timings.shutdownPerWorker);
-      return code(ExitReason::Kind::clean);
+    if (isServed(serveJobs, idleExit)) {
+      finished_ = true;
+      return;
     }
     // Once enough were served, the last ones only have to finish.
-    if (!hasFreeLane() || hasServed(serveJobs)) {
+    const bool enough = serveJobs && jobs_->served() >= *serveJobs;
+    if (enough || jobs_->lanesTaken() >= options_.maxJobs) {
       slotFree_.waitFor(options_.timings.laneWait);
       slotFree_.clear();
       continue;
     }
     const auto asked = Clock::now();
-    const PollOutcome outcome = pollOnce(retryDelay);
-    if (outcome == PollOutcome::ended) break;
+    const PollOutcome outcome = pollOnce();
+    if (outcome == PollOutcome::ended) return;
     const bool quick =
         outcome == PollOutcome::empty && Clock::now() - asked < options_.timings.emptyPollQuick;
     quickEmptyReplies = quick ? quickEmptyReplies + 1 : 0;
     if (quickEmptyReplies >= 2) stopping_.waitFor(options_.timings.emptyPollPause);
   }
-  const std::int32_t result = shutdown();
-  reaperEnded_.waitFor(options_.timings.shutdownPerWorker);
-  return result;
+}
+
+/// Nothing is left to do, by the limits that the run was given.
+bool Driver::isServed(std::optional<int> serveJobs, std::optional<Duration> idleExit) const {
+  if (serveJobs && jobs_->served() >= *serveJobs && jobs_->isQuiet()) return true;
+  return idleExit && *idleExit != Duration::zero() && jobs_->idleFor() > *idleExit;
 }
 
 /// One poll, its job started if it brought one. A failed poll counts as served once its pause is
 /// over: the pause is guard enough.
-Driver::PollOutcome Driver::pollOnce(Duration& retryDelay) {
+Driver::PollOutcome Driver::pollOnce() {
   std::optional<JV> reply;
+  const auto asked = Clock::now();
   try {
-    reply = api_->poll(options_.pollWait, busyLanes());
+    reply = api_->poll(pollWait_.seconds(), jobs_->lanes());
   } catch (const ServerError& failure) {
     switch (failure.kind()) {
       case ServerError::Kind::auth:
@@ -80,28 +92,36 @@ Driver::PollOutcome Driver::pollOnce(Duration& retryDelay) {
       case ServerError::Kind::server:
         break;
     }
-    return waitAfterFailure(failure, retryDelay) ? PollOutcome::served : PollOutcome::ended;
+    learnFrom(failure, Clock::now() - asked);
+    return waitAfterFailure(failure);
+  } catch (const std::exception& failure) {
+    // Out of memory or threads, for the moment perhaps.
+    return waitAfterFailure(failure);
   }
   // A job that arrives while we stop is left alone: unacknowledged, it is offered again.
   if (stopping_.isSet()) return PollOutcome::ended;
-  retryDelay = options_.timings.pollRetryFirst;
-  return reply && accept(*reply) ? PollOutcome::served : PollOutcome::empty;
+  retryDelay_ = options_.timings.pollRetryFirst;
+  return reply && accept(std::move(*reply)) ? PollOutcome::served : PollOutcome::empty;
 }
 
-/// False when the run must end instead of trying again.
-bool Driver::waitAfterFailure(const std::exception& failure, Duration& retryDelay) {
-  if (stopping_.isSet() || tokenRevoked_.isSet()) return false;
+void Driver::learnFrom(const ServerError& failure, Duration waited) {
+  if (failure.cause() != ServerError::Cause::waitTooLong) return;
+  if (const auto news = pollWait_.endedByProxy(waited)) log_->warn(*news);
+}
+
+Driver::PollOutcome Driver::waitAfterFailure(const std::exception& failure) {
+  if (stopping_.isSet() || tokenRevoked_.isSet()) return PollOutcome::ended;
   const std::string message = fmt::format("poll failed ({})", failure.what());
-  const double seconds = toSeconds(retryDelay);
+  const double seconds = toSeconds(retryDelay_);
   log_->warn(fmt::format("{}; retrying in {}s", message, static_cast<std::int64_t>(seconds)));
   if (const auto observer = observer_.lock()) observer->driverRetrying(message, seconds);
-  if (stopping_.waitFor(retryDelay)) return false;
-  retryDelay = std::min(2 * retryDelay, options_.timings.pollRetryLongest);
-  return true;
+  if (stopping_.waitFor(retryDelay_)) return PollOutcome::ended;
+  retryDelay_ = std::min(2 * retryDelay_, options_.timings.pollRetryLongest);
+  return PollOutcome::served;
 }
 
 /// Starts the job that a poll brought. False when it brought none.
-bool Driver::accept(const JV& reply) {
+bool Driver::accept(JV reply) {
   const JV* object = reply.find("job");
   if (!object || !object->asObject() || object->asObject()->empty()) return false;
   auto job = Job::from(*object);
@@ -109,67 +129,34 @@ bool Driver::accept(const JV& reply) {
     log_->warn("poll returned a job without a usable job_id — ignoring it");
     return false;
   }
-  if (isBusy(job->lane)) {
-    log_->warn(fmt::format("job {}: lane {} already busy here — refusing", job->id, job->lane));
+  const std::int64_t id = job->id;
+  const std::string lane = job->lane;
+  const auto worker = std::make_shared<Worker>(shared_from_this(), std::move(*job));
+  if (!jobs_->add(worker)) {
+    log_->warn(fmt::format("job {}: lane {} already busy here — refusing", id, lane));
     return false;
   }
-  startWorker(std::move(*job));
-  return true;
-}
-
-void Driver::startWorker(Job job) {
-  const auto worker = std::make_shared<Worker>(shared_from_this(), std::move(job));
-  {
-    MutexLock lock(guardLock_);
-    const auto& lane = worker->job().lane;
-    workers_.emplace(lane, worker);
-    busyLanes_.insert(std::lower_bound(busyLanes_.begin(), busyLanes_.end(), lane), lane);
-    if (takesLane(worker->job())) ++lanesTaken_;
-    ++served_;
-    lastActivity_ = Clock::now();
-  }
-  if (const auto observer = observer_.lock()) {
-    observer->driverJobStarted(worker->job().id, worker->job().lane, worker->job().kind);
-  }
-  reportBusyLanes();
   try {
     worker->start();
   } catch (const std::system_error& error) {
     // Out of threads. Unacknowledged, the job is offered again, here or elsewhere.
-    log_->error(fmt::format("job {}: cannot start a thread: {}", worker->job().id, error.what()));
+    log_->error(fmt::format("job {}: cannot start a thread: {}", id, error.what()));
     workerDone(*worker);
     stopping_.waitFor(options_.timings.emptyPollPause);
   }
-}
-
-bool Driver::hasServed(std::optional<int> jobs) {
-  MutexLock lock(guardLock_);
-  return jobs && served_ >= *jobs;
-}
-
-bool Driver::isQuiet() {
-  MutexLock lock(guardLock_);
-  return workers_.empty() && endsBeingReported_ == 0;
-}
-
-bool Driver::isIdleFor(std::optional<Duration> limit) {
-  if (!limit || *limit <= Duration::zero() || !isQuiet()) return false;
-  MutexLock lock(guardLock_);
-  return Clock::now() - lastActivity_ > *limit;
-}
-
-bool Driver::hasFreeLane() {
-  MutexLock lock(guardLock_);
-  return lanesTaken_ < options_.maxJobs;
+  return true;
 }
 
 void Driver::stop() {
   stopping_.set();
+  browser_->beginStopping();
+  spaces_->interrupt();
   slotFree_.set();
 }
 
 void Driver::killJobsNow() {
-  for (const auto& [lane, worker] : workersNow()) worker->killNow();
+  jobs_->killAllNow();
+  browser_->killNow();
 }
 
 void Driver::tokenWasRevoked() {
@@ -178,143 +165,36 @@ void Driver::tokenWasRevoked() {
   api_->stopPolling();
 }
 
-std::int32_t Driver::shutdown() {
-  stopping_.set();
+ExitReason Driver::shutdown() {
+  const bool wasAsked = stopping_.isSet();
+  stop();
   api_->stopPolling();  // no job waits for its files any more
-  const Workers workers = workersNow();
-  // All at once, so that the grace periods of their children overlap. LLM jobs have no child.
-  std::vector<std::thread> killers;
-  for (const auto& [lane, worker] : workers) {
-    if (!takesLane(worker->job())) {
-      worker->kill();
-    } else {
-      killers.emplace_back([&doomed = *worker] { doomed.kill(); });
-    }
-  }
-  for (auto& killer : killers) killer.join();
-  for (const auto& [lane, worker] : workers) {
-    worker->tornDown().waitFor(options_.timings.shutdownPerWorker);
-  }
-  sweepSpaces(false);
+  // A post that waits for its answer since before would wait for longer than is left now.
+  if (!wasAsked) api_->cancelAll();
+  jobs_->killAll(options_.timings.termination);
+  jobs_->waitForAll(options_.timings.shutdownPerWorker);
+  spaces_->waitForReaper(options_.timings.shutdownPerWorker);
+  spaces_->sweepAtEnd();
   if (tokenRevoked_.isSet()) {
     log_->error(DriverConstants::tokenRevokedMessage);
-    return code(ExitReason::Kind::tokenRevoked);
+    return ExitReason::tokenRevoked(DriverConstants::tokenRevokedMessage);
   }
   if (outOfDate_.isSet()) {
     log_->error(DriverConstants::outOfDateHint);
-    return code(ExitReason::Kind::outOfDate);
+    return ExitReason::outOfDate(DriverConstants::outOfDateHint);
   }
-  return code(ExitReason::Kind::stopped);
+  return ExitReason::stopped();
 }
 
 void Driver::workerDone(Worker& worker) {
-  {
-    MutexLock lock(guardLock_);
-    const auto entry = workers_.find(worker.job().lane);
-    if (entry != workers_.end() && entry->second.get() == &worker) {
-      if (takesLane(worker.job())) --lanesTaken_;
-      busyLanes_.erase(std::lower_bound(busyLanes_.begin(), busyLanes_.end(), entry->first));
-      workers_.erase(entry);
-    }
-    lastActivity_ = Clock::now();
-    ++endsBeingReported_;
-  }
-  slotFree_.set();
-  if (const auto observer = observer_.lock()) {
-    observer->driverJobFinished(worker.job().id, worker.job().lane, worker.exitCode().value_or(0),
-                                worker.error());
-  }
-  reportBusyLanes();
-  {
-    MutexLock lock(guardLock_);
-    --endsBeingReported_;
-  }
+  jobs_->remove(worker);
   slotFree_.set();
 }
 
 std::shared_ptr<HttpSession> Driver::providerSession() {
-  MutexLock lock(guardLock_);
+  MutexLock lock(providerLock_);
   if (!providerSession_) providerSession_ = std::make_shared<HttpSession>();
   return providerSession_;
-}
-
-void Driver::touchSpace(const std::string& name) {
-  MutexLock lock(guardLock_);
-  spaceSeen_.insert_or_assign(name, Clock::now());
-}
-
-void Driver::startReaper() {
-  std::thread([self = shared_from_this()] {
-    setThreadName("reaper");
-    while (!self->stopping_.waitFor(self->options_.reapInterval)) self->reapIdle();
-    self->reaperEnded_.set();
-  }).detach();
-}
-
-void Driver::reapIdle() {
-  const auto owned = ownedSpaces();
-  std::vector<std::string> closed;
-  for (const auto& name : browser_->spaceNames()) {
-    if (owned.contains(name) || !options_.spacePattern.isFoundIn(name)) continue;
-    {
-      MutexLock lock(guardLock_);
-      const auto seen = spaceSeen_.try_emplace(name, Clock::now()).first;
-      if (Clock::now() - seen->second <= options_.idleClose) continue;
-    }
-    browser_->closeSpace(name);
-    closed.push_back(name);
-    MutexLock lock(guardLock_);
-    spaceSeen_.erase(name);
-  }
-  if (!closed.empty()) {
-    log_->info(
-        fmt::format("idle reaper closed {} space(s): {}", closed.size(), fmt::join(closed, ", ")));
-  }
-}
-
-std::vector<std::string> Driver::sweepSpaces(bool everything) {
-  const auto owned = ownedSpaces();
-  std::vector<std::string> closed;
-  for (const auto& name : browser_->spaceNames()) {
-    if (owned.contains(name)) continue;
-    if (!everything && !options_.spacePattern.isFoundIn(name)) continue;
-    browser_->closeSpace(name);
-    closed.push_back(name);
-  }
-  if (!closed.empty()) {
-    log_->info(fmt::format("closed {} leftover task space(s): {}", closed.size(),
-                           fmt::join(closed, ", ")));
-  }
-  return closed;
-}
-
-Driver::Workers Driver::workersNow() {
-  MutexLock lock(guardLock_);
-  return workers_;
-}
-
-std::vector<std::string> Driver::busyLanes() {
-  MutexLock lock(guardLock_);
-  return busyLanes_;
-}
-
-bool Driver::isBusy(const std::string& lane) {
-  MutexLock lock(guardLock_);
-  return workers_.contains(lane);
-}
-
-std::set<std::string> Driver::ownedSpaces() {
-  std::set<std::string> spaces;
-  for (const auto& [lane, worker] : workersNow()) {
-    if (worker->job().taskSpace) spaces.insert(*worker->job().taskSpace);
-  }
-  return spaces;
-}
-
-void Driver::reportBusyLanes() {
-  const auto observer = observer_.lock();
-  if (!observer) return;
-  observer->driverBusyLanesChanged(busyLanes());
 }
 
 }  // namespace verdo

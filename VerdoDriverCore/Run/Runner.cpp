@@ -10,7 +10,7 @@
 #include "VerdoDriverCore/Process/Shlex.h"
 #include "VerdoDriverCore/Process/Which.h"
 #include "VerdoDriverCore/Run/Driver.h"
-#include "VerdoDriverCore/Values/PyValue.h"
+#include "VerdoDriverCore/Run/SpaceClaim.h"
 #include "VerdoDriverCore/Values/Url.h"
 
 #include <algorithm>
@@ -21,47 +21,11 @@
 
 namespace verdo {
 
-struct DriverRunner::Hello {
-  int maxJobs = 1;
-  double idleClose = 0;       // seconds
-  double reapInterval = 0;    // seconds
-  double cleanupTimeout = 0;  // seconds
-  SpacePattern spacePattern;
-};
-
 namespace {
-
-// What holds when the service says nothing.
-constexpr int kLanes = 3;
-constexpr double kIdleClose = 600;
-constexpr double kReapInterval = 60;
-constexpr double kCleanupTimeout = 45;
-
-constexpr std::int64_t kMostLanes = 1000;
 
 std::string howToGive(const char* variable, const std::string& envFile) {
   return fmt::format("export {0}=..., or put {0}=... in {1} (chmod 600). Issue one in the UI.",
                      variable, envFile);
-}
-
-/// A positive number of seconds from the service, or the default.
-double secondsOr(const JV* value, double fallback) {
-  const auto number = value ? value->number() : std::nullopt;
-  return number && *number > 0 ? *number : fallback;
-}
-
-std::string shown(const JV* value) { return pyStr(value).value_or("?"); }
-
-SpacePattern spacePatternOf(const JV& reply, LogSink& log) {
-  const auto pattern = pyStrIfTruthy(reply.find("space_pattern"));
-  if (!pattern) return SpacePattern();
-  try {
-    return SpacePattern(*pattern);
-  } catch (const PyError& error) {
-    log.warn(fmt::format("space_pattern of the server is unusable ({}) — using the default",
-                         error.what()));
-    return SpacePattern();
-  }
 }
 
 }  // namespace
@@ -91,8 +55,8 @@ ExitReason DriverRunner::run() {
 ExitReason DriverRunner::runImpl() {
   ::signal(SIGPIPE, SIG_IGN);
   const std::string envFile = config_.envFilePath.value_or(DriverConstants::envFile());
-  std::string server = config_.server.empty() ? DriverConstants::defaultServer : config_.server;
-  server = withoutTrailingSlashes(std::move(server));
+  server_ = withoutTrailingSlashes(config_.server.empty() ? DriverConstants::defaultServer
+                                                          : config_.server);
   if (config_.llmBase.empty()) config_.llmBase = DriverConstants::llmDefaultBase;
   config_.llmBase = withoutTrailingSlashes(std::move(config_.llmBase));
 
@@ -100,7 +64,7 @@ ExitReason DriverRunner::runImpl() {
     return ExitReason::badConfig("no driver token: " +
                                  howToGive(DriverConstants::tokenEnv, envFile));
   }
-  if (const auto refusal = ServerURLPolicy::refusal(server, config_.insecure)) {
+  if (const auto refusal = ServerURLPolicy::refusal(server_, config_.insecure)) {
     return ExitReason::badConfig(*refusal);
   }
   std::vector<std::string> argv;
@@ -120,7 +84,7 @@ ExitReason DriverRunner::runImpl() {
 
   std::shared_ptr<Api> api;
   try {
-    api = makeApi(server);
+    api = makeApi();
   } catch (const PyError& error) {
     return ExitReason::badConfig(pyDescribe(error));
   }
@@ -129,19 +93,20 @@ ExitReason DriverRunner::runImpl() {
     api_ = api;
     if (stopRequested_) api->cancelAll();
   }
-  Hello hello;
-  if (const auto ended = sayHello(*api, hello)) {
+  auto answer = sayHello(*api);
+  if (const auto* ended = std::get_if<ExitReason>(&answer)) {
     return isStopRequested() ? ExitReason::stopped() : *ended;
   }
+  const Hello& hello = std::get<Hello>(answer);
   if (const auto ended = checkKey(envFile)) {
     return isStopRequested() ? ExitReason::stopped() : *ended;
   }
 
-  const auto driver = makeDriver(hello, api, argv, *execPath);
   if (config_.dryRun) {
     log_->warn("dry run — not serving jobs");
     return ExitReason::clean();
   }
+  const auto driver = makeDriver(hello, api, argv, *execPath);
   {
     MutexLock lock(lock_);
     driver_ = driver;
@@ -151,27 +116,20 @@ ExitReason DriverRunner::runImpl() {
     return ExitReason::stopped();
   }
   StagingDirectory::removeAbandoned();
-  if (!config_.noSweep) driver->sweepSpaces(config_.sweepAll);
+  if (!config_.noSweep) {
+    driver->sweepSpaces(config_.sweepAll ? TaskSpaces::Sweep::everything : TaskSpaces::Sweep::own);
+  }
   log_->info(fmt::format("serving up to {} job(s) at once — ctrl-c to stop", hello.maxJobs));
   const auto idleExit =
       config_.idleExit ? std::optional(fromSeconds(*config_.idleExit)) : std::nullopt;
-  switch (driver->serve(config_.serveJobs, idleExit)) {
-    case 0:
-      return ExitReason::clean();
-    case 3:
-      return ExitReason::tokenRevoked(DriverConstants::tokenRevokedMessage);
-    case 6:
-      return ExitReason::outOfDate(DriverConstants::outOfDateHint);
-    default:
-      return ExitReason::stopped();
-  }
+  return driver->serve(config_.serveJobs, idleExit);
 }
 
-std::shared_ptr<Api> DriverRunner::makeApi(const std::string& server) {
+std::shared_ptr<Api> DriverRunner::makeApi() {
   HttpSession::Options session;
   if (config_.caCertPath) session.caCertificates = loadCertificates(*config_.caCertPath);
   Api::Options options;
-  options.base = server;
+  options.base = server_;
   options.token = config_.token;
   options.clientHeader = config_.clientHeader;
   options.throttlePause = timings_.throttlePause;
@@ -184,8 +142,8 @@ std::shared_ptr<Api> DriverRunner::makeApi(const std::string& server) {
   return std::make_shared<Api>(std::move(options), std::make_shared<HttpSession>(session));
 }
 
-/// Reads the hello. Gives the reason when the run ends there.
-std::optional<ExitReason> DriverRunner::sayHello(Api& api, Hello& hello) {
+/// Says hello and tells what came of it; or gives the reason when the run ends there.
+std::variant<Hello, ExitReason> DriverRunner::sayHello(Api& api) {
   JV reply;
   try {
     reply = api.hello();
@@ -201,39 +159,19 @@ std::optional<ExitReason> DriverRunner::sayHello(Api& api, Hello& hello) {
     }
     return ExitReason::serverUnreachable(error.what());
   }
-
-  const JV* protocolValue = reply.find("protocol");
-  const auto protocol = pyInt(protocolValue);
-  if (!protocol) {
-    return ExitReason::serverUnreachable("ValueError: invalid literal for int(): " +
-                                         pyStr(protocolValue).value_or("None"));
+  auto answer = Hello::from(reply, config_);
+  if (const auto* hello = std::get_if<Hello>(&answer)) {
+    log_->success(fmt::format("{} (user {}) · driver v{}", hello->username, hello->userIdText,
+                              hello->serverVersion));
+    if (const auto observer = observer_.lock()) {
+      observer->driverConnected(hello->username, hello->userId, hello->serverVersion);
+    }
+    if (hello->patternDefect) {
+      log_->warn(fmt::format("space_pattern of the server is unusable ({}) — using the default",
+                             *hello->patternDefect));
+    }
   }
-  if (*protocol != DRIVER_PROTOCOL) {
-    return ExitReason::outOfDate(
-        fmt::format("server speaks driver protocol {}, this driver speaks {} — {}", *protocol,
-                    DRIVER_PROTOCOL, DriverConstants::outOfDateHint));
-  }
-
-  const JV* user = reply.find("user");
-  const JV* username = user ? user->find("username") : nullptr;
-  const JV* userId = user ? user->find("id") : nullptr;
-  const std::string version = shown(reply.find("driver_version"));
-  log_->success(fmt::format("{} (user {}) · driver v{}", shown(username), shown(userId), version));
-  if (const auto observer = observer_.lock()) {
-    observer->driverConnected(shown(username), pyInt(userId).value_or(0), version);
-  }
-
-  const auto offered = pyInt(reply.find("max_jobs")).value_or(kLanes);
-  hello.maxJobs = config_.maxJobs.value_or(0) != 0
-                      ? *config_.maxJobs
-                      : static_cast<int>(std::clamp<std::int64_t>(offered, 1, kMostLanes));
-  hello.idleClose =
-      config_.idleClose.value_or(secondsOr(reply.find("idle_close_seconds"), kIdleClose));
-  hello.reapInterval =
-      config_.reapInterval.value_or(secondsOr(reply.find("reap_interval_seconds"), kReapInterval));
-  hello.cleanupTimeout = secondsOr(reply.find("cleanup_timeout_seconds"), kCleanupTimeout);
-  hello.spacePattern = spacePatternOf(reply, *log_);
-  return std::nullopt;
+  return answer;
 }
 
 /// Looks after the LLM key. Gives the reason when the run ends there.
@@ -264,6 +202,8 @@ std::optional<ExitReason> DriverRunner::validateKey() {
       if (stopRequested_) client->cancel();
     }
     problem = client->validate();
+    MutexLock lock(lock_);
+    keyCheck_.reset();  // with its session's thread and connection
   } catch (const PyError& error) {
     problem = error.what();
   }
@@ -290,12 +230,20 @@ std::shared_ptr<Driver> DriverRunner::makeDriver(const Hello& hello, std::shared
   options.pollWait = config_.pollWait;
   options.llmKey = config_.llmKey;
   options.llmBase = config_.llmBase;
-  options.idleClose = fromSeconds(hello.idleClose);
-  options.reapInterval = fromSeconds(hello.reapInterval);
-  options.spacePattern = hello.spacePattern;
+  options.spaces = {fromSeconds(hello.idleClose), fromSeconds(hello.reapInterval),
+                    hello.spacePattern, timings_};
   options.timings = timings_;
+  const auto tellOther = [log = log_, observer = observer_](const std::string& holder) {
+    log->warn(
+        fmt::format("another driver ({}) looks after this user's task spaces — leaving all "
+                    "but those of our own jobs alone",
+                    holder));
+    if (const auto listener = observer.lock()) listener->driverSharesSpaces(holder);
+  };
+  auto claim = std::make_unique<SpaceClaim>(StagingDirectory::defaultCache(), server_, hello.userId,
+                                            tellOther);
   return std::make_shared<Driver>(std::move(options), std::move(api), log_, std::move(browser),
-                                  observer_);
+                                  std::move(claim), observer_);
 }
 
 bool DriverRunner::isStopRequested() {

@@ -6,11 +6,13 @@
 #include "VerdoDriverCore/Contract/LogSink.h"
 #include "VerdoDriverCore/Contract/Timings.h"
 #include "VerdoDriverCore/Process/Spawn.h"
+#include "VerdoDriverCore/Run/Hello.h"
 #include "VerdoDriverCore/System/Sync.h"
 
 #include <memory>
 #include <optional>
 #include <string>
+#include <variant>
 #include <vector>
 
 namespace verdo {
@@ -47,20 +49,18 @@ class DriverRunner {
                                       const std::vector<std::string>& extraPathDirs);
 
  private:
-  /// What the service said of itself, and what follows for this run.
-  struct Hello;
-
   ExitReason runImpl();
-  std::optional<ExitReason> sayHello(Api& api, Hello& hello);
+  std::variant<Hello, ExitReason> sayHello(Api& api);
   std::optional<ExitReason> checkKey(const std::string& envFile);
   std::optional<ExitReason> validateKey() EXCLUDES(lock_);
-  std::shared_ptr<Api> makeApi(const std::string& server);
+  std::shared_ptr<Api> makeApi();
   std::shared_ptr<Driver> makeDriver(const Hello& hello, std::shared_ptr<Api> api,
                                      const std::vector<std::string>& argv,
                                      const std::string& execPath);
   bool isStopRequested() EXCLUDES(lock_);
 
   DriverConfig config_;
+  std::string server_;  ///< the resolved URL; the running thread's
   const std::shared_ptr<LogSink> log_;
   const std::weak_ptr<DriverObserver> observer_;
   const Timings timings_;

@@ -24,7 +24,7 @@ class Acknowledge : public DriverFixture {
     log = std::make_shared<RecordingLog>();
     observer = std::make_shared<RecordingObserver>();
     fault.endpoint = "lines";
-    service.addFault(fault);
+    service.faults().add(fault);
     const auto id = addJob("say ran", {.label = "mail"});
     start();
     return id;
@@ -47,7 +47,7 @@ TEST_F(Acknowledge, OneJobMakesExactlyTheRequestsAndTextsThatPeopleRelyOn) {
                   Line{'s', "job 1: finished with exit 0"}));
   EXPECT_THAT(observer->events(), ElementsAre("connected local 1 2026.09.04", "started 1 mail run",
                                               "lanes [mail]", "finished 1 mail 0 -", "lanes []"));
-  const auto requests = service.requests();
+  const auto requests = service.requests().list();
   ASSERT_GE(requests.size(), 5u);
   EXPECT_EQ(requests[0].target, "/api/driver/hello");
   EXPECT_EQ(requests[1].target, "/api/driver/poll?wait=25");
@@ -55,7 +55,7 @@ TEST_F(Acknowledge, OneJobMakesExactlyTheRequestsAndTextsThatPeopleRelyOn) {
   EXPECT_EQ(requests[2].body, R"({"lines": []})");
   EXPECT_EQ(requests.back().target, "/api/driver/jobs/1/complete");
   EXPECT_EQ(requests.back().body, R"({"exit_code": 0, "error": null})");
-  EXPECT_THAT(service.lines(id), ElementsAre("a", "b"));
+  EXPECT_THAT(service.jobs().lines(id), ElementsAre("a", "b"));
   EXPECT_THAT(closedSpaces(), IsEmpty());
 }
 
@@ -82,10 +82,10 @@ TEST_F(Acknowledge, JobThatIsNoLongerOursIsRunAllTheSame) {
     const auto id =
         runJob({.count = 1, .reply = local::FaultReply{.status = 200, .body = row.reply}});
     EXPECT_EQ(finish(), ExitReason::clean());
-    EXPECT_EQ(service.job(id)->completed, row.state == nullptr);
+    EXPECT_EQ(service.jobs().find(id)->completed, row.state == nullptr);
     if (!row.state) continue;
-    EXPECT_EQ(service.requestCount("lines"), 1u);
-    EXPECT_EQ(service.requestCount("complete"), 0u);
+    EXPECT_EQ(service.requests().count("lines"), 1u);
+    EXPECT_EQ(service.requests().count("complete"), 0u);
     EXPECT_EQ(log->lines().back(),
               (Line{'w', "job " + std::to_string(id) + ": no longer ours (state=" + row.state +
                              "); dropping it unrun"}));
@@ -95,7 +95,7 @@ TEST_F(Acknowledge, JobThatIsNoLongerOursIsRunAllTheSame) {
 TEST_F(Acknowledge, ShortOutageDropsTheJob) {
   const auto id = runJob({.count = 2, .delivery = Delivery::reset});
   EXPECT_EQ(finish(), ExitReason::clean());
-  EXPECT_TRUE(service.job(id)->completed);
+  EXPECT_TRUE(service.jobs().find(id)->completed);
   EXPECT_THAT(texts('w'),
               Contains(StartsWith("server unreachable, retrying: POST /api/driver/jobs/" +
                                   std::to_string(id) + "/lines -> URLError: ")));
@@ -107,8 +107,8 @@ TEST_F(Acknowledge, LongOutageLeavesTheDriverWaitingForOneJob) {
   const auto id = runJob({.reply = local::FaultReply{.status = 503, .body = "down"}});
   EXPECT_EQ(finish(), ExitReason::clean());
   // At 0, 1, 3 and 7 units; the limit is at 5.
-  EXPECT_EQ(service.requestCount("lines"), 4u);
-  EXPECT_EQ(service.requestCount("complete"), 0u);
+  EXPECT_EQ(service.requests().count("lines"), 4u);
+  EXPECT_EQ(service.requests().count("complete"), 0u);
   EXPECT_THAT(log->lines().back().text,
               StartsWith("job " + std::to_string(id) +
                          ": could not acknowledge delivery, dropping it unrun: POST "));
@@ -118,7 +118,7 @@ TEST_F(Acknowledge, LongOutageLeavesTheDriverWaitingForOneJob) {
 TEST_F(Acknowledge, DriverOutOfDateIsRetried) {
   const auto id = runJob({.reply = local::FaultReply{.status = 426, .body = "update"}});
   EXPECT_EQ(finish(), ExitReason::clean());
-  EXPECT_EQ(service.requestCount("lines"), 1u);
+  EXPECT_EQ(service.requests().count("lines"), 1u);
   const std::string number = std::to_string(id);
   EXPECT_EQ(log->lines().back(),
             (Line{'w', "job " + number +

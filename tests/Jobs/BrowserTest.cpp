@@ -45,6 +45,12 @@ TEST_F(BrowserTest, EndsTheWholeGroupOfAScriptThatTakesTooLong) {
   EXPECT_EQ(openDescriptors(), descriptors);
 }
 
+TEST_F(BrowserTest, EmptyLinesEscapeTheLimitOfAScriptsOutput) {
+  const auto result = browser({"blank", "2000000"}).run("x");
+  EXPECT_EQ(result.exit, 0);
+  EXPECT_LT(result.lines.size(), 600'000u);
+}
+
 TEST_F(BrowserTest, SendsItsTwoScripts) {
   const TempDir directory;
   const std::string script = directory / "script";

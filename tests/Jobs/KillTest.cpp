@@ -17,7 +17,7 @@ using testing::UnorderedElementsAre;
 class Kill : public DriverFixture {
  protected:
   bool hasPrinted(std::int64_t id) const {
-    return service.waitFor(
+    return service.jobs().waitFor(
         id, [](const local::JobSnapshot& job) { return job.lineCount > 0; }, kLong);
   }
   std::int64_t startJob(const std::string& script, local::JobSpec spec = {.label = "mail"}) {
@@ -47,7 +47,7 @@ TEST_F(Kill, CancelledJobKeepsAProcessOrNeverEnds) {
     SCOPED_TRACE(row.script);
     log = std::make_shared<RecordingLog>();
     const auto id = startJob(row.script, {.label = "mail", .keepLines = false});
-    EXPECT_TRUE(service.cancelJob(id));
+    EXPECT_TRUE(service.jobs().cancel(id));
     const auto job = doneJob(id);
     EXPECT_EQ(job.exitCode, row.exit);
     EXPECT_EQ(job.error, std::nullopt);
@@ -67,7 +67,7 @@ TEST_F(Kill, DescendantInASessionOfItsOwnHangsTheJob) {
     SCOPED_TRACE(script);
     const auto id = startJob(script, {.keepLines = false});
     const auto begin = std::chrono::steady_clock::now();
-    EXPECT_TRUE(service.cancelJob(id));
+    EXPECT_TRUE(service.jobs().cancel(id));
     EXPECT_EQ(doneJob(id).exitCode, 0);
     EXPECT_LT(std::chrono::steady_clock::now() - begin, kSanitized ? 20s : 5s);
     EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
@@ -80,8 +80,8 @@ TEST_F(Kill, JobWhoseChildHasEndedIsCutOffFromADescendantsOutput) {
   config.serveJobs = 1;
   const auto id = addJob("leave flood 5000");
   EXPECT_EQ(run(), ExitReason::clean());
-  EXPECT_EQ(service.lines(id).size(), 51u);
-  EXPECT_EQ(service.job(id)->exitCode, 0);
+  EXPECT_EQ(service.jobs().lines(id).size(), 51u);
+  EXPECT_EQ(service.jobs().find(id)->exitCode, 0);
 }
 
 TEST_F(Kill, StopLeavesAJobUnreportedOrItsSpaceOpen) {
@@ -95,9 +95,9 @@ TEST_F(Kill, StopLeavesAJobUnreportedOrItsSpaceOpen) {
   EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
   EXPECT_LT(elapsed.count(), 5);
 
-  EXPECT_EQ(service.job(1)->exitCode, -SIGKILL);
-  EXPECT_EQ(service.job(2)->exitCode, -SIGTERM);
-  EXPECT_EQ(service.job(3)->exitCode, -SIGTERM);
+  EXPECT_EQ(service.jobs().find(1)->exitCode, -SIGKILL);
+  EXPECT_EQ(service.jobs().find(2)->exitCode, -SIGTERM);
+  EXPECT_EQ(service.jobs().find(3)->exitCode, -SIGTERM);
   // The spaces of the jobs, and then whatever else is the driver's own.
   EXPECT_THAT(closedSpaces(), UnorderedElementsAre("u1-a", "mine", "u1-b", "u1-other"));
   EXPECT_THAT(spaces(), IsEmpty());
@@ -119,14 +119,14 @@ TEST_F(Kill, StopLeavesAJobUnreportedOrItsSpaceOpen) {
 
 TEST_F(Kill, StopBeforeTheChildExistsLetsTheJobRunOn) {
   timings.acknowledgeDeadline = 10s;
-  service.addFault({.endpoint = "lines", .count = 1, .delay = 60s});
+  service.faults().add({.endpoint = "lines", .count = 1, .delay = 60s});
   addJob("sleep 100", {.label = "mail", .taskSpace = "u1-a"});
   start();
   // The acknowledgement is on its way.
-  ASSERT_TRUE(service.waitForRequest("lines", 1, kLong));
+  ASSERT_TRUE(service.requests().waitFor("lines", 1, kLong));
   EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
   EXPECT_LT(elapsed.count(), 5);
-  EXPECT_EQ(service.job(1)->exitCode, -SIGTERM);
+  EXPECT_EQ(service.jobs().find(1)->exitCode, -SIGTERM);
   EXPECT_THAT(closedSpaces(), ElementsAre("u1-a"));
 }
 
@@ -140,13 +140,13 @@ TEST_F(Kill, KillJobsNowWaitsForAJobThatIgnoresSignals) {
 }
 
 TEST_F(Kill, ScriptThatIsNeverReadStopsHeartbeatsOrTheCancel) {
-  service.patchHello({{"cleanup_timeout_seconds", 0.1}});
+  service.hello().patch({{"cleanup_timeout_seconds", 0.1}});
   config.execCommand = roleCommand("noinput");
   config.noSweep = true;
   const auto id = startJob(std::string(10'000'000, 'x'), {.label = "mail"});
-  const auto posts = service.requestCount("lines");
-  EXPECT_TRUE(service.waitForReply("lines", posts + 5, kLong));
-  EXPECT_TRUE(service.cancelJob(id));
+  const auto posts = service.requests().count("lines");
+  EXPECT_TRUE(service.requests().waitForReply("lines", posts + 5, kLong));
+  EXPECT_TRUE(service.jobs().cancel(id));
   EXPECT_EQ(doneJob(id).exitCode, -SIGTERM);
 }
 

@@ -32,18 +32,18 @@ class LLMJobs : public DriverFixture {
     return addPayload(PyJSON::text(payload));
   }
   std::int64_t addPayload(const std::string& payload) {
-    return service.addJob({.kind = "llm", .payload = payload});
+    return service.jobs().add({.kind = "llm", .payload = payload});
   }
-  void answer(ProviderRule rule) { service.addProviderRule(std::move(rule)); }
+  void answer(ProviderRule rule) { service.provider().add(std::move(rule)); }
   std::string lastLine(std::int64_t id) {
     doneJob(id);
-    const auto lines = service.lines(id);
+    const auto lines = service.jobs().lines(id);
     return lines.empty() ? "" : lines.back();
   }
   /// The provider's text, put together again from the chunk lines.
   std::string reply(std::int64_t id) {
     std::string text;
-    for (const auto& line : service.lines(id)) {
+    for (const auto& line : service.jobs().lines(id)) {
       if (!line.starts_with("__LLMCHUNK__")) continue;
       std::string bytes(line.size(), '\0');
       const int size = EVP_DecodeBlock(reinterpret_cast<unsigned char*>(bytes.data()),
@@ -56,7 +56,7 @@ class LLMJobs : public DriverFixture {
     return text;
   }
   std::string completion(std::int64_t id) {
-    for (const auto& request : service.requests("complete")) {
+    for (const auto& request : service.requests().list("complete")) {
       if (request.jobId == id) return request.body;
     }
     return "";
@@ -70,7 +70,7 @@ TEST_F(LLMJobs, SendOrReportSomethingElse) {
   EXPECT_EQ(lastLine(id), R"(__LLMEND__{"ok": true, "model": "m2", "usage": {"total_tokens": 3}})");
   EXPECT_EQ(reply(id), "hi");
   EXPECT_EQ(completion(id), R"({"exit_code": 0, "error": null})");
-  const auto asked = service.waitForRequest("chat", 1, kLong).value();
+  const auto asked = service.requests().waitFor("chat", 1, kLong).value();
   EXPECT_EQ(asked.target, "/llm/v1/chat/completions");
   EXPECT_EQ(asked.header("Authorization"), "Bearer " + service.providerKey());
   EXPECT_EQ(asked.header("Accept"), "application/json");
@@ -123,7 +123,7 @@ TEST_F(LLMJobs, HideHowTheProviderFailed) {
                                                      {"retryable", table[i].retryable}}));
     EXPECT_EQ(completion(id), R"({"exit_code": 1, "error": null})");
   }
-  EXPECT_EQ(service.requestCount("chat"), std::size(table));
+  EXPECT_EQ(service.requests().count("chat"), std::size(table));
 }
 
 TEST_F(LLMJobs, RetryTooOftenOrNotAtAll) {
@@ -134,7 +134,7 @@ TEST_F(LLMJobs, RetryTooOftenOrNotAtAll) {
   start();
   EXPECT_THAT(lastLine(once), StartsWith(R"(__LLMEND__{"ok": true)"));
   EXPECT_THAT(lastLine(twice), StartsWith(R"(__LLMEND__{"ok": false, "category": "transient")"));
-  EXPECT_EQ(service.requestCount("chat"), 4u);
+  EXPECT_EQ(service.requests().count("chat"), 4u);
   EXPECT_THAT(texts('i'), Contains(HasSubstr("llm enrich: attempt 1 failed after 0.0s (transient, "
                                              "retryable): provider HTTP 500")));
   EXPECT_THAT(texts('i'), Contains(HasSubstr("attempt=2")));
@@ -163,7 +163,7 @@ TEST_F(LLMJobs, CallTheProviderWhenTheyCannot) {
       lastLine(baseless),
       HasSubstr(R"("category": "config", "message": "bad LLM base URL: LLM base URL must be )"
                 R"(http(s)://host[:port][/path], got ftp://provider", "retryable": false)"));
-  EXPECT_EQ(service.requestCount("chat"), 0u);
+  EXPECT_EQ(service.requests().count("chat"), 0u);
 }
 
 TEST_F(LLMJobs, KeepTheProviderCallOpen) {
@@ -180,33 +180,33 @@ TEST_F(LLMJobs, KeepTheProviderCallOpen) {
       {End::revoked, "", ": POST /api/driver/jobs/"}};
   answer({.never = true});
   for (const auto& [end, record, text] : table) {
-    service.clearRequests();
-    service.clearFaults();
+    service.requests().clear();
+    service.faults().clearAll();
     // The job shall learn of the revocation, not the next poll.
-    if (end == End::revoked) service.addFault({.endpoint = "poll", .after = 1, .delay = 60s});
+    if (end == End::revoked) service.faults().add({.endpoint = "poll", .after = 1, .delay = 60s});
     const auto id = addLLM("x", 60);
     start();
-    ASSERT_TRUE(service.waitForRequest("chat", 1, kLong));
+    ASSERT_TRUE(service.requests().waitFor("chat", 1, kLong));
     switch (end) {
       case End::cancel:
-        service.cancelJob(id);
+        service.jobs().cancel(id);
         break;
       case End::stop:
         runner->stop();
         break;
       case End::lost:
-        service.addFault({.endpoint = "lines", .reply = local::FaultReply{.status = 500}});
+        service.faults().add({.endpoint = "lines", .reply = local::FaultReply{.status = 500}});
         break;
       case End::revoked:
-        service.revokeToken();
+        service.driverToken().revoke();
         break;
     }
-    ASSERT_TRUE(service.waitForHangUps("chat", 1, kLong)) << text;
+    ASSERT_TRUE(service.requests().waitForHangUps("chat", 1, kLong)) << text;
     EXPECT_TRUE(log->waitFor("job " + std::to_string(id) + text));
     if (end == End::cancel) {
-      const auto closed = service.requests("chat").front().hungUp.value();
+      const auto closed = service.requests().list("chat").front().hungUp.value();
       std::chrono::duration<double> since = 1s;
-      for (const auto& post : service.requests("lines")) {
+      for (const auto& post : service.requests().list("lines")) {
         if (post.replied && *post.replied < closed) since = closed - *post.replied;
       }
       if (!kSanitized) {
@@ -215,7 +215,7 @@ TEST_F(LLMJobs, KeepTheProviderCallOpen) {
     }
     stopAndFinish();
     EXPECT_EQ(completion(id), record);
-    service.setToken(config.token);
+    service.driverToken().set(config.token);
   }
 }
 
@@ -238,11 +238,11 @@ TEST_F(LLMJobs, TakeALaneOrWaitForOne) {
   for (int i = 0; i < 100; ++i) addLLM("call " + std::to_string(i), 60);
   const auto beside = addJob("say a", {.label = "three"});
   start();
-  ASSERT_TRUE(service.waitForReply("chat", 100, kLong));
-  EXPECT_EQ(service.maxInFlight("chat"), 100u);
+  ASSERT_TRUE(service.requests().waitForReply("chat", 100, kLong));
+  EXPECT_EQ(service.requests().maxInFlight("chat"), 100u);
   EXPECT_EQ(doneJob(beside).exitCode, 0);
   for (auto id = held + 2; id < beside; ++id) EXPECT_EQ(doneJob(id).exitCode, 0);
-  EXPECT_EQ(service.job(held)->state, JobState::leased);
+  EXPECT_EQ(service.jobs().find(held)->state, JobState::leased);
 }
 
 TEST_F(LLMJobs, GetLostWhileTheServerFails) {
@@ -253,24 +253,24 @@ TEST_F(LLMJobs, GetLostWhileTheServerFails) {
       fault.probability = 0.05;
       fault.delivery = delivery;
       if (delivery == local::Delivery::whole) fault.reply = local::FaultReply{.status = 500};
-      service.addFault(fault);
+      service.faults().add(fault);
     }
   }
-  service.patchHello({{"max_jobs", 2}});
+  service.hello().patch({{"max_jobs", 2}});
   constexpr int kCalls = 200;
   for (int i = 0; i < kCalls; ++i) addLLM("call " + std::to_string(i), 60);
   const auto one = addJob("say a", {.label = "one"});
   const auto two = addJob("say b", {.label = "two"});
   start();
-  ASSERT_TRUE(service.waitForAllDone(kLong));
+  ASSERT_TRUE(service.jobs().waitForAllDone(kLong));
   for (int i = 0; i < kCalls; ++i) {
-    const auto job = service.job(i + 1).value();
+    const auto job = service.jobs().find(i + 1).value();
     EXPECT_EQ(job.exitCode, 0);
     EXPECT_EQ(job.timesLeased, 1u);
     EXPECT_EQ(reply(i + 1), "echo: call " + std::to_string(i));
   }
-  EXPECT_EQ(service.job(one)->exitCode, 0);
-  EXPECT_THAT(service.lines(two), ElementsAre("b"));
+  EXPECT_EQ(service.jobs().find(one)->exitCode, 0);
+  EXPECT_THAT(service.jobs().lines(two), ElementsAre("b"));
 }
 
 TEST_F(LLMJobs, KeyCheckMisjudgesAKey) {
@@ -293,9 +293,9 @@ TEST_F(LLMJobs, KeyCheckMisjudgesAKey) {
   config.dryRun = true;
   config.envFilePath = "/env";
   for (const auto& [key, status, reason, text] : table) {
-    service.clearFaults();
+    service.faults().clearAll();
     if (status != 0) {
-      service.addFault(
+      service.faults().add(
           {.endpoint = "models", .reply = local::FaultReply{.status = status, .body = "out"}});
     }
     config.llmKey = key;

@@ -21,7 +21,7 @@ class Outage : public DriverFixture {
   std::int64_t startJob(const std::string& script, local::JobSpec spec = {.label = "mail"}) {
     const auto id = addJob(script, std::move(spec));
     start();
-    EXPECT_TRUE(service.waitForLine(id, "ready", kLong));
+    EXPECT_TRUE(service.jobs().waitForLine(id, "ready", kLong));
     return id;
   }
   std::string waitScript(int lines = 0) const {
@@ -46,24 +46,43 @@ TEST_F(Outage, OutputOfAnOutageIsLostOrDoubled) {
     service.reset();
     const auto id = startJob(waitScript(5000));
     // Right after a reply nothing is on its way that could be stored and yet count as failed.
-    ASSERT_TRUE(service.waitForReply("lines", service.requestCount("lines") + 1, kLong));
+    ASSERT_TRUE(
+        service.requests().waitForReply("lines", service.requests().count("lines") + 1, kLong));
     service.outage(kind, 500ms);
     letGo();
     EXPECT_EQ(doneJob(id).exitCode, 0);
-    expectNumbered(service.lines(id), 5000);
+    expectNumbered(service.jobs().lines(id), 5000);
     EXPECT_EQ(finish(), ExitReason::clean());
     EXPECT_EQ(log->has("server unreachable, retrying: POST"), refused);
     log = std::make_shared<RecordingLog>();
   }
 }
 
+TEST_F(Outage, JobThatIsNoLongerOursRunsOnOrAHiccupKillsIt) {
+  const FaultReply refusal{.status = 200, .body = R"({"ok": false, "state": "queued"})"};
+  service.faults().add(
+      {.endpoint = "lines", .after = 1, .count = 1, .reply = refusal, .processed = true});
+  const auto survivor = startJob(waitScript());
+  letGo();
+  EXPECT_EQ(doneJob(survivor).exitCode, 0);
+
+  const auto id = addJob("deaf", {.label = "other", .taskSpace = "u1-a"});
+  ASSERT_TRUE(service.jobs().waitForLine(id, "ready", kLong));
+  service.faults().add({.endpoint = "lines", .count = 2, .reply = refusal});
+  const std::string number = std::to_string(id);
+  ASSERT_TRUE(observer->waitFor("finished " + number));
+  EXPECT_TRUE(log->has("job " + number + ": no longer ours (state=queued); killing it"));
+  EXPECT_TRUE(log->has("space 'u1-a': close -> exit 0"));
+  EXPECT_EQ(service.jobs().find(id)->completePosts, 0u);
+}
+
 TEST_F(Outage, StoppingDriverKeepsRetryingForTheWholeTime) {
-  service.addFault({.endpoint = "complete", .delivery = Delivery::reset});
+  service.faults().add({.endpoint = "complete", .delivery = Delivery::reset});
   timings.retryLongest = timings.retryFirst;
   timings.postDeadline = 60s;
   addJob("say a");
   start();
-  ASSERT_TRUE(service.waitForRequest("complete", 3, kLong));
+  ASSERT_TRUE(service.requests().waitFor("complete", 3, kLong));
   EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
   EXPECT_LT(elapsed.count(), 5);
   EXPECT_TRUE(log->has("job 1: could not report completion: "));
@@ -72,15 +91,15 @@ TEST_F(Outage, StoppingDriverKeepsRetryingForTheWholeTime) {
 TEST_F(Outage, ThrottledRequestIsTakenForDone) {
   const FaultReply throttled{.status = 429, .body = "slow down"};
   for (const char* endpoint : {"poll", "lines", "complete"}) {
-    service.addFault({.endpoint = endpoint, .after = 0, .count = 2, .reply = throttled});
+    service.faults().add({.endpoint = endpoint, .after = 0, .count = 2, .reply = throttled});
   }
   config.serveJobs = 1;
   const auto id = addJob("number 100");
   EXPECT_EQ(run(), ExitReason::clean());
-  EXPECT_EQ(service.lines(id).size(), 100u);
-  EXPECT_EQ(service.job(id)->linesPosts, service.requestCount("lines") - 2);
-  EXPECT_EQ(service.requestCount("complete"), 3u);
-  EXPECT_EQ(service.requestCount("poll"), 3u);
+  EXPECT_EQ(service.jobs().lines(id).size(), 100u);
+  EXPECT_EQ(service.jobs().find(id)->linesPosts, service.requests().count("lines") - 2);
+  EXPECT_EQ(service.requests().count("complete"), 3u);
+  EXPECT_EQ(service.requests().count("poll"), 3u);
   EXPECT_THAT(texts('w'), Contains("server unreachable, retrying: POST /api/driver/jobs/1/complete "
                                    "-> 429: slow down"));
   EXPECT_THAT(texts('w'), Not(Contains(HasSubstr("poll failed"))));
@@ -110,7 +129,7 @@ TEST_F(Outage, LostServerLeavesTheJobRunning) {
     observer = std::make_shared<RecordingObserver>();
     const auto id = startJob("grandchild sleep 100");
     row.fault.endpoint = "lines";
-    service.addFault(row.fault);
+    service.faults().add(row.fault);
     const auto job = doneJob(id);
     EXPECT_EQ(job.exitCode, -SIGTERM);
     EXPECT_EQ(job.error, "driver lost the server mid-job");
@@ -129,23 +148,23 @@ TEST_F(Outage, LostServerLeavesTheJobRunning) {
 
 TEST_F(Outage, TokenRevokedInTheMiddleOfAJobIsNotTheEnd) {
   startJob("sleep 100");
-  service.addJob({.label = "mail"});  // stays queued: its lane is busy
-  ASSERT_TRUE(service.waitForRequest("poll", 2, kLong));
-  service.revokeToken();
+  service.jobs().add({.label = "mail"});  // stays queued: its lane is busy
+  ASSERT_TRUE(service.requests().waitFor("poll", 2, kLong));
+  service.driverToken().revoke();
   const auto reason = finish();
   EXPECT_EQ(reason, ExitReason::tokenRevoked(
                         "driver token revoked — issue a new one in the UI (Browser driver card)"));
   EXPECT_TRUE(observer->waitFor("finished 1 mail -15 driver token revoked mid-job"));
-  EXPECT_EQ(service.requestCount("complete"), 0u);
+  EXPECT_EQ(service.requests().count("complete"), 0u);
   // The poll that was in flight does not hold the run up.
-  EXPECT_TRUE(service.waitForHangUps("poll", 1, kLong));
+  EXPECT_TRUE(service.requests().waitForHangUps("poll", 1, kLong));
   ASSERT_EQ(texts('e').size(), 2u);
   EXPECT_THAT(texts('e')[0], StartsWith("job 1: POST /api/driver/jobs/1/lines -> 401: "));
   EXPECT_EQ(texts('e')[1], reason.message());
 }
 
 TEST_F(Outage, TokenRevokedAtTheCompletionIsNotTheEnd) {
-  service.addFault({.endpoint = "complete", .reply = FaultReply{.status = 401, .body = "no"}});
+  service.faults().add({.endpoint = "complete", .reply = FaultReply{.status = 401, .body = "no"}});
   addJob("say a");
   EXPECT_EQ(run().code(), 3);
   EXPECT_TRUE(

@@ -6,6 +6,7 @@ namespace verdo::test {
 namespace {
 
 using namespace std::chrono_literals;
+using local::FaultReply;
 using local::FileSpec;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -29,9 +30,11 @@ class StagedJob : public DriverFixture {
 TEST_F(StagedJob, ScriptDoesNotFindItsFile) {
   local::LocalService other;
   other.start();
-  const std::string elsewhere = other.url() + other.addFile({.name = "far", .content = "from far"});
+  const std::string elsewhere =
+      other.url() + other.files().add({.name = "far", .content = "from far"});
   // A hostile name in the address would be tidied away by any client.
-  const std::string far = service.url() + service.addFile({.name = "far", .content = "from far"});
+  const std::string far =
+      service.url() + service.files().add({.name = "far", .content = "from far"});
   struct Case {
     FileSpec file;
     std::string content;
@@ -52,12 +55,12 @@ TEST_F(StagedJob, ScriptDoesNotFindItsFile) {
     const auto id =
         addJob("cat __VERDO_FILE__" + row.file.name + "__", {.label = "mail", .files = {row.file}});
     EXPECT_EQ(run(), ExitReason::clean());
-    EXPECT_THAT(service.lines(id), ElementsAre(row.content));
+    EXPECT_THAT(service.jobs().lines(id), ElementsAre(row.content));
     EXPECT_TRUE(log->has("job " + std::to_string(id) + ": 1 file(s) staged"));
     EXPECT_THAT(stagingDirectories(), IsEmpty());
   }
   for (auto* host : {&service, &other}) {
-    for (const auto& request : host->requests("files")) {
+    for (const auto& request : host->requests().list("files")) {
       EXPECT_EQ(request.header("Authorization"), std::nullopt);
       for (const auto& [name, value] : request.headers) {
         EXPECT_THAT(name, testing::Not(HasSubstr("VERDO")));
@@ -72,7 +75,7 @@ TEST_F(StagedJob, FilesWithTheSameSafeNameOverwriteEachOther) {
       addJob("say __VERDO_FILE__a/b__ __VERDO_FILE__a:b__ __VERDO_FILE__other__",
              {.files = {{.name = "a/b", .content = "one"}, {.name = "a:b", .content = "two"}}});
   EXPECT_EQ(run(), ExitReason::clean());
-  const auto lines = service.lines(id);
+  const auto lines = service.jobs().lines(id);
   ASSERT_EQ(lines.size(), 3u);
   EXPECT_NE(lines[0], lines[1]);
   EXPECT_THAT(lines[0], StartsWith(stagingCache() + "/verdo-"));
@@ -110,9 +113,9 @@ TEST_F(StagedJob, FileThatCannotBeHadIsRunWithout) {
     EXPECT_EQ(run(), ExitReason::clean());
     const std::string number = std::to_string(id);
     EXPECT_THAT(texts('e'), ElementsAre("job " + number + ": file staging failed: " + row.type));
-    EXPECT_EQ(service.requests("complete").back().body,
+    EXPECT_EQ(service.requests().list("complete").back().body,
               R"({"exit_code": 127, "error": "file staging failed"})");
-    EXPECT_THAT(service.lines(id), IsEmpty());
+    EXPECT_THAT(service.jobs().lines(id), IsEmpty());
     EXPECT_THAT(stagingDirectories(), IsEmpty());
     EXPECT_TRUE(observer->waitFor("finished " + number + " mail 127 file staging failed"));
     EXPECT_TRUE(log->has("space 'u1-a': close -> exit 0"));
@@ -124,13 +127,13 @@ TEST_F(StagedJob, StopOrRevocationWaitsForADownload) {
     SCOPED_TRACE(revoke ? "revoked" : "stopped");
     service.reset();
     config.serveJobs.reset();
-    service.addFault(
+    service.faults().add(
         {.endpoint = "files", .delivery = local::Delivery::trickled, .bytesPerSecond = 200});
     addJob("say ran", {.files = {{.name = "a", .content = std::string(100'000, 'x')}}});
     start();
-    ASSERT_TRUE(service.waitForRequest("files", 1, kLong));
+    ASSERT_TRUE(service.requests().waitFor("files", 1, kLong));
     if (revoke) {
-      service.addFault(
+      service.faults().add(
           {.endpoint = "poll", .reply = local::FaultReply{.status = 401, .body = "no"}});
       addJob("say a");  // lets the poll in flight return
       const auto begin = std::chrono::steady_clock::now();
@@ -140,6 +143,56 @@ TEST_F(StagedJob, StopOrRevocationWaitsForADownload) {
       EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
       EXPECT_LT(elapsed.count(), 5);
     }
+  }
+}
+
+TEST_F(StagedJob, LeaseRunsOutWhileFilesArrive) {
+  service.jobs().setLease(400ms);
+  service.faults().add(
+      {.endpoint = "files", .delivery = local::Delivery::trickled, .bytesPerSecond = 1000});
+  const auto id = addJob("cat __VERDO_FILE__a__",
+                         {.files = {{.name = "a", .content = std::string(1200, 'x')}}});
+  EXPECT_EQ(run(), ExitReason::clean());
+  EXPECT_EQ(service.jobs().find(id)->timesLeased, 1u);
+  EXPECT_EQ(service.jobs().lines(id), std::vector{std::string(1200, 'x')});
+}
+
+TEST_F(StagedJob, CancelOrLossWhileFilesArriveStartsTheScriptAllTheSame) {
+  struct Case {
+    const char* what;
+    std::optional<FaultReply> answer;  // to the heartbeats
+    std::int64_t exit;
+    std::optional<std::string> error;
+    const char* line;
+  };
+  const Case cases[] = {
+      {"cancel", std::nullopt, -15, std::nullopt, "finished with exit -15 (cancelled)"},
+      {"loss", FaultReply{.status = 426, .body = "old"}, 127, "driver lost the server mid-job",
+       "lost the server, killing the job: POST"},
+  };
+  for (const auto& row : cases) {
+    SCOPED_TRACE(row.what);
+    service.reset();
+    log = std::make_shared<RecordingLog>();
+    config.serveJobs.reset();
+    service.faults().add(
+        {.endpoint = "files", .delivery = local::Delivery::trickled, .bytesPerSecond = 100});
+    const auto id =
+        addJob("say ran", {.files = {{.name = "a", .content = std::string(100'000, 'x')}}});
+    start();
+    ASSERT_TRUE(service.requests().waitFor("files", 1, kLong));
+    if (row.answer) {
+      service.faults().add({.endpoint = "lines", .reply = row.answer});
+    } else {
+      EXPECT_TRUE(service.jobs().cancel(id));
+    }
+    const auto job = doneJob(id);
+    EXPECT_EQ(job.exitCode, row.exit);
+    EXPECT_EQ(job.error, row.error);
+    EXPECT_THAT(service.jobs().lines(id), IsEmpty());
+    EXPECT_TRUE(log->waitFor("job " + std::to_string(id) + ": " + row.line));
+    EXPECT_FALSE(log->has("starting `"));
+    stopAndFinish();
   }
 }
 
@@ -153,8 +206,8 @@ TEST_F(StagedJob, ExecutorThatHasVanishedOrCannotStartHangsTheJob) {
   const auto id = addJob("say ran");
   EXPECT_EQ(run(), ExitReason::clean());
   const std::string error = "[Errno 2] No such file or directory: '" + program + "'";
-  EXPECT_EQ(service.job(id)->exitCode, 127);
-  EXPECT_EQ(service.job(id)->error, "executor failed to start: " + error);
+  EXPECT_EQ(service.jobs().find(id)->exitCode, 127);
+  EXPECT_EQ(service.jobs().find(id)->error, "executor failed to start: " + error);
   EXPECT_THAT(texts('e'), ElementsAre("job 1: cannot start executor: " + error));
 }
 

@@ -44,8 +44,8 @@ class ModelHttpTest : public testing::Test {
   }
   /// The same with this reply of the service.
   std::string ask(const std::string& what, int status, const std::string& body) {
-    service.clearFaults();
-    service.addFault({.reply = local::FaultReply{status, body, {{"Location", "/elsewhere"}}}});
+    service.faults().clearAll();
+    service.faults().add({.reply = local::FaultReply{status, body, {{"Location", "/elsewhere"}}}});
     return ask(what, service.url());
   }
 
@@ -59,7 +59,7 @@ TEST_F(ModelHttpTest, RequestsDifferFromTheProtocol) {
   ask("start", 200, R"({"code": "secret-code"})");
   ask("poll", 200, R"({"status": "approved", "token": "secret-token"})");
   ask("check", " " + service.url() + "// \n");
-  const auto requests = service.requests();
+  const auto requests = service.requests().list();
   ASSERT_EQ(requests.size(), 3u);
   EXPECT_EQ(requests[0].method + requests[0].target, "POST/api/driver/pair/start");
   EXPECT_EQ(requests[0].body, R"({"host": "my \"box\""})");
@@ -112,7 +112,7 @@ TEST_F(ModelHttpTest, ReplyIsReadWrongly) {
     if (told[0] == '!') expected.replace(0, 1, "Unexpected reply from the server: ");
     EXPECT_EQ(ask(what, status, body), expected);
   }
-  EXPECT_EQ(service.requestCount(), std::size(table));
+  EXPECT_EQ(service.requests().count(), std::size(table));
   EXPECT_TRUE(log.has("[UpdateChecker] app_version=2.0.0 protocol=3 newer=true"));
   EXPECT_TRUE(log.has("[UpdateChecker] manifest fetch failed: HTTP 404"));
   EXPECT_EQ(checker.latest(), (AppManifest{"2.0.0", "u", 3, "v", "e"}));
@@ -132,13 +132,13 @@ TEST_F(ModelHttpTest, UnusableServerIsAsked) {
 }
 
 TEST_F(ModelHttpTest, RequestOutlivesTheClient) {
-  service.addFault({.delay = std::chrono::seconds(30)});
+  service.faults().add({.delay = std::chrono::seconds(30)});
   bool told = false;
   auto leaving = std::make_unique<PairingClient>("app/1");
   leaving->poll(service.url(), false, "c", [&](const auto&) { told = true; });
-  ASSERT_TRUE(service.waitForRequest("", 1, std::chrono::seconds(10)));
+  ASSERT_TRUE(service.requests().waitFor("", 1, std::chrono::seconds(10)));
   leaving.reset();
-  EXPECT_TRUE(service.waitForHangUps("", 1, std::chrono::seconds(10)));
+  EXPECT_TRUE(service.requests().waitForHangUps("", 1, std::chrono::seconds(10)));
   spin();
   EXPECT_FALSE(told);
 }

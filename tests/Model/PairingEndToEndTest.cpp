@@ -46,7 +46,7 @@ class Pairing : public testing::Test {
  protected:
   Pairing() {
     service.start();
-    service.setPairingRules({.interval = 2s, .username = "ann"});
+    service.pairings().setRules({.interval = 2s, .username = "ann"});
   }
   void TearDown() override {
     for (const auto& line : appLog.lines()) EXPECT_THAT(line, Not(HasSubstr(service.token())));
@@ -116,7 +116,7 @@ TEST_F(Pairing, IsNotApprovedInTheBrowser) {
       ElementsAre("» pairing with " + service.url() + " — asking for a code",
                   "» pairing code " + code + " — approve it in the browser (" + opened + ")",
                   "» pairing approved as ann — token " + token + " received, checking it"));
-  EXPECT_EQ(service.requests("pair-start").front().body, R"({"host": "Ann's <computer>"})");
+  EXPECT_EQ(service.requests().list("pair-start").front().body, R"({"host": "Ann's <computer>"})");
 }
 
 TEST_F(Pairing, IsNotDeniedInTheBrowser) {
@@ -129,7 +129,7 @@ TEST_F(Pairing, IsNotDeniedInTheBrowser) {
 
 TEST_F(Pairing, EndsWronglyWhenTheServiceMisbehaves) {
   const auto replying = [this](int status, const char* body = R"({"detail": "why"})") {
-    service.addFault(
+    service.faults().add(
         {.endpoint = "pair-poll", .count = 1, .reply = FaultReply{.status = status, .body = body}});
   };
   const struct {
@@ -137,7 +137,7 @@ TEST_F(Pairing, EndsWronglyWhenTheServiceMisbehaves) {
     std::function<void(const std::string& code)> prepare;
     const char* failure;  ///< "": the pairing goes on
   } table[] = {
-      {"expired", [this](const auto& code) { service.expirePairing(code); },
+      {"expired", [this](const auto& code) { service.pairings().expire(code); },
        "The request expired before it was approved — press Connect to website again."},
       {"403", [=](const auto&) { replying(403); }, "The server refused the request: HTTP 403: why"},
       {"429", [=](const auto&) { replying(429); }, ""},
@@ -145,7 +145,7 @@ TEST_F(Pairing, EndsWronglyWhenTheServiceMisbehaves) {
       {"no status", [=](const auto&) { replying(200, "{}"); }, ""},
       {"garbage",
        [this](const auto&) {
-         service.addFault(
+         service.faults().add(
              {.endpoint = "pair-poll", .count = 1, .delivery = local::Delivery::garbage});
        },
        ""},
@@ -159,13 +159,14 @@ TEST_F(Pairing, EndsWronglyWhenTheServiceMisbehaves) {
     EXPECT_EQ(failure(), message);
     if (std::string(message).empty()) {
       service.endOutage();
-      const auto before = service.requestCount("pair-poll");
+      const auto before = service.requests().count("pair-poll");
       clock->advance(3.9);
       spin();
-      EXPECT_EQ(service.requestCount("pair-poll"), before) << "after a failure the pause doubles";
+      EXPECT_EQ(service.requests().count("pair-poll"), before)
+          << "after a failure the pause doubles";
       poll(0.1);
       EXPECT_TRUE(isWaiting());
-      service.decidePairing(code, true);
+      service.pairings().approve(code);
       poll(2);  // for one step only
       EXPECT_EQ(flow.state(), PairingState(PairingConnecting{"ann"}));
     }

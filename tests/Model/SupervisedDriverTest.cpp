@@ -39,7 +39,7 @@ TEST(SupervisedDriver, GoesAstrayBetweenStartAndDrain) {
   ASSERT_TRUE(reaches(Kind::running));
   EXPECT_EQ(supervisor.username(), "local");
 
-  service.addJob({.label = "mail", .payload = "say hello"});
+  service.jobs().add({.label = "mail", .payload = "say hello"});
   ASSERT_TRUE(spinUntil([&] { return !supervisor.busyLanes().empty(); }));
   EXPECT_THAT(supervisor.busyLanes(), ElementsAre("mail"));
   ASSERT_TRUE(spinUntil([&] { return supervisor.servedCount() == 1; }));
@@ -61,8 +61,8 @@ TEST(SupervisedDriver, GoesAstrayBetweenStartAndDrain) {
   EXPECT_EQ(supervisor.lastError(), std::nullopt);
 
   // A stop takes a while when a child ignores SIGTERM; here nobody waits for it.
-  service.addJob({.label = "deaf", .payload = "deaf"});
-  ASSERT_TRUE(service.waitForLine(2, "ready", 20s));
+  service.jobs().add({.label = "deaf", .payload = "deaf"});
+  ASSERT_TRUE(service.jobs().waitForLine(2, "ready", 20s));
   bool stopped = false;
   supervisor.stop(DriverSupervisor::kStopTimeout, [&] { stopped = true; });
   clock->advance(DriverSupervisor::kStopTimeout);

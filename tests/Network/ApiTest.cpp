@@ -25,7 +25,7 @@ TEST_F(ApiRequests, HeadersOrBodiesDifferFromTheProtocol) {
   api->lines(1, batch({"a\"b", "ä\x01"}));
   api->complete(1, -15, std::nullopt);
 
-  const auto requests = service.requests();
+  const auto requests = service.requests().list();
   ASSERT_EQ(requests.size(), 4u);
   const auto host = Pair("Host", "127.0.0.1:" + std::to_string(service.port()));
   const auto accept = Pair("Accept", "*/*");
@@ -67,9 +67,10 @@ TEST_F(ApiRequests, LanesAreNamedInAQueryThatMeansSomethingElse) {
       {{""}, "&busy="},
   };
   for (const auto& row : cases) {
-    service.clearRequests();
+    service.requests().clear();
     api->poll(0.9, row.lanes);
-    EXPECT_EQ(service.requests().at(0).target, std::string("/api/driver/poll?wait=0") + row.query);
+    EXPECT_EQ(service.requests().list().at(0).target,
+              std::string("/api/driver/poll?wait=0") + row.query);
   }
 }
 
@@ -104,8 +105,8 @@ TEST_F(ApiRequests, ReplyIsReadWrongly) {
   };
   for (const auto& row : cases) {
     SCOPED_TRACE(std::to_string(row.status) + " " + row.body.substr(0, 40));
-    service.clearFaults();
-    service.addFault(
+    service.faults().clearAll();
+    service.faults().add(
         {.reply = FaultReply{.status = row.status,
                              .body = row.body,
                              .headers = {{"Location", service.url() + "/elsewhere"}}}});
@@ -120,14 +121,14 @@ TEST_F(ApiRequests, ReplyIsReadWrongly) {
     EXPECT_LE(message.size(), 400u);
   }
   // Redirects of protocol calls are not followed.
-  EXPECT_EQ(service.requestCount(), std::size(cases));
+  EXPECT_EQ(service.requests().count(), std::size(cases));
 }
 
 TEST_F(ApiRequests, TokenThatTheServiceQuotesReachesAMessage) {
   const std::string token = service.token();
   for (const std::size_t before : {0u, 290u, 298u, 299u}) {
-    service.clearFaults();
-    service.addFault(
+    service.faults().clearAll();
+    service.faults().add(
         {.reply = FaultReply{.status = 500, .body = std::string(before, 'x') + token + token}});
     const auto message = failureOf([&] { api->hello(); });
     EXPECT_THAT(message, Not(HasSubstr(token.substr(0, 3)))) << before;

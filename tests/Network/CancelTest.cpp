@@ -89,7 +89,7 @@ TEST_F(Cancel, IsNotFeltInSomePhase) {
   task->cancel();
   task->start();
   EXPECT_TRUE(cancelled);
-  EXPECT_EQ(service.requestCount(), 0u);
+  EXPECT_EQ(service.requests().count(), 0u);
 
   // Connecting: half a second later there is still neither success nor failure.
   const SilentListener silent;
@@ -97,15 +97,15 @@ TEST_F(Cancel, IsNotFeltInSomePhase) {
   EXPECT_LT(cancelWhen(to(silent.url()), [&] { return !never.waitFor(500ms); }), kAtOnce);
 
   // Waiting for a reply.
-  const auto hang = service.addFault({.delay = 60s});
+  const auto hang = service.faults().add({.delay = 60s});
   EXPECT_LT(cancelWhen(to(service.url()),
-                       [&] { return service.waitForRequest("hello", 1, kLong).has_value(); }),
+                       [&] { return service.requests().waitFor("hello", 1, kLong).has_value(); }),
             kAtOnce);
-  EXPECT_TRUE(service.waitForHangUps("hello", 1, kLong));
-  service.clearFault(hang);
+  EXPECT_TRUE(service.requests().waitForHangUps("hello", 1, kLong));
+  service.faults().clear(hang);
 
   // In the middle of the body.
-  service.addFault({.delivery = local::Delivery::trickled, .bytesPerSecond = 150});
+  service.faults().add({.delivery = local::Delivery::trickled, .bytesPerSecond = 150});
   auto request = to(service.url());
   const auto sink = std::make_shared<FirstByte>();
   request.sink = sink;
@@ -125,7 +125,7 @@ TEST_F(Cancel, CancelAllLeavesACallerBlockedOrRefusesLaterPosts) {
   for (std::size_t i = 0; i < calls.size(); ++i) {
     callers.emplace_back([&, i] { messages[i] = failureOf(calls[i]); });
   }
-  EXPECT_TRUE(service.waitForRequest("", 4, kLong));
+  EXPECT_TRUE(service.requests().waitFor("", 4, kLong));
   const auto begin = Clock::now();
   api->cancelAll();
   for (auto& caller : callers) caller.join();
@@ -141,17 +141,17 @@ TEST_F(Cancel, CancelAllLeavesACallerBlockedOrRefusesLaterPosts) {
 TEST_F(Cancel, TimeoutEndsAReplyThatMovesOrSparesOneThatDoesNot) {
   auto request = to(service.url());
   request.timeout = 300ms;
-  const auto hang = service.addFault({.delay = 60s});
+  const auto hang = service.faults().add({.delay = 60s});
   auto begin = Clock::now();
   auto result = session->perform(request);
   EXPECT_TRUE(result.error && result.error->kind == TransportError::Kind::timedOut);
   EXPECT_EQ(result.error->description, "Timeout was reached");
   EXPECT_GE(Clock::now() - begin, 300ms);
   EXPECT_LT(Clock::now() - begin, 2s);
-  service.clearFault(hang);
+  service.faults().clear(hang);
 
   // Some 400 bytes at 400 a second: longer than the time-out, but never silent for so long.
-  service.addFault({.delivery = local::Delivery::trickled, .bytesPerSecond = 400});
+  service.faults().add({.delivery = local::Delivery::trickled, .bytesPerSecond = 400});
   begin = Clock::now();
   result = session->perform(request);
   EXPECT_TRUE(result.response && result.response->status == 200);

@@ -31,7 +31,7 @@ class Download : public ApiFixture {
 };
 
 TEST_F(Download, FileIsReadableByOthersOrNotTheOneServed) {
-  const auto address = service.addFile({.name = "a b", .content = "abc"});
+  const auto address = service.files().add({.name = "a b", .content = "abc"});
   for (const auto& url : {address, service.url() + address}) {
     EXPECT_EQ(fetch(url), kShaOfAbc);
     EXPECT_EQ(contentOf(path("file")), "abc");
@@ -40,7 +40,7 @@ TEST_F(Download, FileIsReadableByOthersOrNotTheOneServed) {
     EXPECT_EQ(status.st_mode & 0777, 0600u);
   }
   // A longer file of before is not left at the end of a shorter one.
-  EXPECT_EQ(fetch(service.addFile({.name = "none", .content = ""})), kShaOfNothing);
+  EXPECT_EQ(fetch(service.files().add({.name = "none", .content = ""})), kShaOfNothing);
   EXPECT_EQ(contentOf(path("file")), "");
 }
 
@@ -59,12 +59,12 @@ TEST_F(Download, FailureLeavesAFileOrIsNotNamed) {
   };
   for (const auto& row : cases) {
     SCOPED_TRACE(row.failure);
-    const auto address = service.addFile(row.file);
+    const auto address = service.files().add(row.file);
     EXPECT_THAT(failureOfDownload([&] { fetch(address); }), StartsWith(row.failure));
     EXPECT_FALSE(std::filesystem::exists(path("file")));
   }
   EXPECT_EQ(failureOfDownload([&] { fetch(":// "); }), "ValueError: bad file URL");
-  const auto good = service.addFile({.name = "g", .content = "abc"});
+  const auto good = service.files().add({.name = "g", .content = "abc"});
   const auto nowhere = path("no/such/directory");
   EXPECT_EQ(failureOfDownload([&] { api->download(good, nowhere, 5s); }),
             "OSError: cannot write " + nowhere);
@@ -102,7 +102,7 @@ TEST_F(Pinned, CertificateOfAnotherAuthorityIsAccepted) {
   EXPECT_THAT(helloWith(other.authority()), StartsWith("GET /api/driver/hello -> URLError: "));
   // The system's roots do not know it.
   EXPECT_THAT(helloWith(""), StartsWith("GET /api/driver/hello -> URLError: "));
-  EXPECT_EQ(service.requestCount(), 1u);
+  EXPECT_EQ(service.requests().count(), 1u);
 
   std::ofstream(path("both.pem"))
       << "# ours and another's\r\n"

@@ -19,8 +19,8 @@ class Hello : public DriverFixture {
   void forget() {
     log = std::make_shared<RecordingLog>();
     observer = std::make_shared<RecordingObserver>();
-    service.clearFaults();
-    service.clearRequests();
+    service.faults().clearAll();
+    service.requests().clear();
   }
 };
 
@@ -52,11 +52,11 @@ TEST_F(Hello, RefusedHelloEndsWithTheWrongReason) {
     SCOPED_TRACE(row.message);
     forget();
     row.fault.endpoint = "hello";
-    service.addFault(row.fault);
+    service.faults().add(row.fault);
     const auto reason = run();
     EXPECT_EQ(reason.code(), row.code);
     EXPECT_EQ(reason.message(), row.message);
-    EXPECT_EQ(service.requestCount(), 1u);
+    EXPECT_EQ(service.requests().count(), 1u);
     EXPECT_EQ(observer->events().empty(), row.code != 0);
   }
 }
@@ -67,9 +67,9 @@ TEST_F(Hello, UnusableSpacePatternStopsTheDriverOrClosesForeignSpaces) {
     SCOPED_TRACE(pattern);
     forget();
     setSpaces({"mine", "u1-a"});
-    service.patchHello({{"space_pattern", pattern}});
+    service.hello().patch({{"space_pattern", pattern}});
     start();
-    EXPECT_TRUE(service.waitForRequest("poll", 1, kLong));
+    EXPECT_TRUE(service.requests().waitFor("poll", 1, kLong));
     EXPECT_THAT(spaces(), ElementsAre("mine"));
     EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
     EXPECT_THAT(texts('w'), Contains(StartsWith("space_pattern of the server is unusable (")));
@@ -81,7 +81,7 @@ TEST_F(Hello, LlmKeyItselfReachesTheServer) {
   config.llmBase = "https://provider.example/base//";
   config.clientHeader = "tests/1";
   EXPECT_EQ(run(), ExitReason::clean());
-  const auto request = service.requests("hello").at(0);
+  const auto request = service.requests().list("hello").at(0);
   EXPECT_EQ(request.header("X-VERDO-Driver-LLM"),
             R"({"present": true, "last4": "7890", "base_url": "https://provider.example/base"})");
   EXPECT_EQ(request.header("X-VERDO-Driver-Client"), "tests/1");

@@ -19,18 +19,18 @@ class ServeLoop : public DriverFixture {
   std::string waitScript() const { return "wait '" + path("go") + "'"; }
   void letGo() const { std::ofstream(path("go")) << ""; }
   void answerPoll(const std::string& body, std::uint64_t count = 1) {
-    service.addFault(
+    service.faults().add(
         {.endpoint = "poll", .count = count, .reply = FaultReply{.status = 200, .body = body}});
   }
 };
 
 TEST_F(ServeLoop, FailingPollsHammerTheServerOrComeTooLate) {
-  service.addFault(
+  service.faults().add(
       {.endpoint = "poll", .count = 7, .reply = FaultReply{.status = 500, .body = "x"}});
   start();
   // 1, 2, 4, 8, 16, 30 and 30 units of 20 ms.
   const std::vector<double> pauses{20, 40, 80, 160, 320, 600, 600};
-  ASSERT_TRUE(service.waitForRequest("poll", 8, kLong));
+  ASSERT_TRUE(service.requests().waitFor("poll", 8, kLong));
   const auto seen = gaps("poll");
   for (std::size_t i = 0; i < pauses.size(); ++i) {
     EXPECT_GE(seen[i], pauses[i] - 2);
@@ -55,9 +55,9 @@ TEST_F(ServeLoop, PollsThatComeBackAtOnceSpin) {
         FaultReply{.status = 200, .body = R"({"job":{"job_id":"4x2"}})"}}) {
     SCOPED_TRACE(reply.body);
     service.reset();
-    service.addFault({.endpoint = "poll", .reply = reply});
+    service.faults().add({.endpoint = "poll", .reply = reply});
     start();
-    ASSERT_TRUE(service.waitForRequest("poll", 6, kLong));
+    ASSERT_TRUE(service.requests().waitFor("poll", 6, kLong));
     EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
     const auto seen = gaps("poll");
     for (std::size_t i = 1; i < 5; ++i) EXPECT_GE(seen[i], 48) << i;
@@ -81,8 +81,8 @@ TEST_F(ServeLoop, UnusableJobStopsTheLoop) {
 TEST_F(ServeLoop, JobOfABusyLaneRunsOrIsNotRefused) {
   addJob(waitScript(), {.label = "mail, ä/~"});
   start();
-  ASSERT_TRUE(service.waitForRequest("poll", 2, kLong));
-  EXPECT_EQ(service.requests("poll").at(1).target,
+  ASSERT_TRUE(service.requests().waitFor("poll", 2, kLong));
+  EXPECT_EQ(service.requests().list("poll").at(1).target,
             "/api/driver/poll?wait=25&busy=mail%2C%20%C3%A4/~");
   answerPoll(R"({"job":{"job_id":77,"label":"mail, ä/~","payload":"say a"}})");
   const auto other = addJob("say b", {.label = "other"});  // lets the poll in flight return
@@ -90,7 +90,7 @@ TEST_F(ServeLoop, JobOfABusyLaneRunsOrIsNotRefused) {
   EXPECT_EQ(doneJob(other).exitCode, 0);
   letGo();
   EXPECT_EQ(doneJob(1).exitCode, 0);
-  for (const auto& request : service.requests("lines")) EXPECT_NE(request.jobId, 77);
+  for (const auto& request : service.requests().list("lines")) EXPECT_NE(request.jobId, 77);
 }
 
 TEST_F(ServeLoop, MoreJobsRunThanThereAreLanes) {
@@ -99,11 +99,12 @@ TEST_F(ServeLoop, MoreJobsRunThanThereAreLanes) {
   addJob(waitScript(), {.label = "b"});
   addJob("say c", {.label = "c"});
   start();
-  ASSERT_TRUE(service.waitForLine(1, "ready", kLong));
-  ASSERT_TRUE(service.waitForLine(2, "ready", kLong));
+  ASSERT_TRUE(service.jobs().waitForLine(1, "ready", kLong));
+  ASSERT_TRUE(service.jobs().waitForLine(2, "ready", kLong));
   // Some heartbeats later there has still been no third poll.
-  ASSERT_TRUE(service.waitForReply("lines", service.requestCount("lines") + 6, kLong));
-  EXPECT_EQ(service.requestCount("poll"), 2u);
+  ASSERT_TRUE(
+      service.requests().waitForReply("lines", service.requests().count("lines") + 6, kLong));
+  EXPECT_EQ(service.requests().count("poll"), 2u);
   letGo();
   EXPECT_EQ(doneJob(3).exitCode, 0);
 }
@@ -115,12 +116,13 @@ TEST_F(ServeLoop, RunEndsBeforeItsLastJobOrLeasesOneMore) {
   const auto third = addJob("say c", {.label = "c"});
   start();
   EXPECT_EQ(doneJob(2).exitCode, 0);
-  ASSERT_TRUE(service.waitForReply("lines", service.requestCount("lines") + 3, kLong));
+  ASSERT_TRUE(
+      service.requests().waitForReply("lines", service.requests().count("lines") + 3, kLong));
   letGo();
   EXPECT_EQ(finish(), ExitReason::clean());
-  EXPECT_EQ(service.job(1)->exitCode, 0);
-  EXPECT_EQ(service.job(third)->timesLeased, 0u);
-  EXPECT_EQ(service.requestCount("poll"), 2u);
+  EXPECT_EQ(service.jobs().find(1)->exitCode, 0);
+  EXPECT_EQ(service.jobs().find(third)->timesLeased, 0u);
+  EXPECT_EQ(service.requests().count("poll"), 2u);
 }
 
 TEST_F(ServeLoop, IdleRunNeverEndsOrEndsUnderAJob) {
@@ -128,8 +130,9 @@ TEST_F(ServeLoop, IdleRunNeverEndsOrEndsUnderAJob) {
   config.idleExit = 0.3;
   addJob(waitScript());
   start();
-  ASSERT_TRUE(service.waitForLine(1, "ready", kLong));
-  ASSERT_TRUE(service.waitForReply("lines", service.requestCount("lines") + 8, kLong));
+  ASSERT_TRUE(service.jobs().waitForLine(1, "ready", kLong));
+  ASSERT_TRUE(
+      service.requests().waitForReply("lines", service.requests().count("lines") + 8, kLong));
   letGo();
   EXPECT_EQ(doneJob(1).exitCode, 0);
   const auto begin = std::chrono::steady_clock::now();

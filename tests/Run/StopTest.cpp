@@ -1,4 +1,12 @@
 #include "tests/Support/DriverFixture.h"
+#include "tests/Support/Leaks.h"
+
+#include <fstream>
+#include <system_error>
+
+#include <signal.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 namespace verdo::test {
 namespace {
@@ -15,26 +23,138 @@ class Stop : public DriverFixture {};
 TEST_F(Stop, HelloIsWaitedFor) {
   service.outage(local::OutageKind::hang, 60s);
   start();
-  ASSERT_TRUE(service.waitForRequest("hello", 1, kLong));
+  ASSERT_TRUE(service.requests().waitFor("hello", 1, kLong));
   EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
   EXPECT_LT(elapsed.count(), kSoon);
-  EXPECT_TRUE(service.waitForHangUps("hello", 1, kLong));
+  EXPECT_TRUE(service.requests().waitForHangUps("hello", 1, kLong));
 }
 
 TEST_F(Stop, PollIsWaitedForOrRepeated) {
   start();
-  ASSERT_TRUE(service.waitForRequest("poll", 1, kLong));
+  ASSERT_TRUE(service.requests().waitFor("poll", 1, kLong));
   EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
   EXPECT_LT(elapsed.count(), kSoon);
-  EXPECT_TRUE(service.waitForHangUps("poll", 1, kLong));
-  EXPECT_EQ(service.requestCount("poll"), 1u);
+  EXPECT_TRUE(service.requests().waitForHangUps("poll", 1, kLong));
+  EXPECT_EQ(service.requests().count("poll"), 1u);
   EXPECT_THAT(texts('w'), Not(Contains(testing::HasSubstr("poll failed"))));
+}
+
+TEST_F(Stop, HangingScriptHoldsUpAStop) {
+  struct Case {
+    const char* what;
+    const char* script;  // that hangs
+    bool sweepsFirst;
+    double reapInterval;
+  };
+  const Case cases[] = {
+      {"list of the first sweep", "list", true, 100},
+      {"close of the first sweep", "close", true, 100},
+      {"list of the reaper", "list", false, 0.01},
+      {"close of the reaper", "close", false, 0.01},
+  };
+  for (const auto& row : cases) {
+    SCOPED_TRACE(row.what);
+    for (const char* name : {"spaces.hang", "spaces.hanging"}) std::remove(path(name).c_str());
+    setSpaces({"u1-a", "u1-b"});
+    hangOn(row.script);
+    config.noSweep = !row.sweepsFirst;
+    config.idleClose = 0.001;
+    config.reapInterval = row.reapInterval;
+    start();
+    ASSERT_TRUE(hangs());
+    EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
+    EXPECT_LT(elapsed.count(), kSanitized ? 5 : 2);  // a script of ours has 45 s otherwise
+  }
+}
+
+TEST_F(Stop, CleanEndWaitsForTheReapersScript) {
+  setSpaces({"u1-a"});
+  hangOn("list");
+  config.noSweep = true;
+  config.reapInterval = 0.01;
+  const auto id = addJob("wait '" + path("go") + "'");
+  config.serveJobs = 1;
+  start();
+  ASSERT_TRUE(service.jobs().waitForLine(id, "ready", kLong));
+  ASSERT_TRUE(hangs());
+  std::ofstream(path("go")) << "";
+  EXPECT_EQ(finish(10s), ExitReason::clean());
+}
+
+TEST_F(Stop, ServiceThatNeverAnswersHoldsUpAStop) {
+  config.noSweep = true;
+  const auto id = addJob("sleep 100");
+  start();
+  ASSERT_TRUE(service.jobs().waitForLine(id, "ready", kLong));
+  service.outage(local::OutageKind::hang, 100s);
+  EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
+  EXPECT_LT(elapsed.count(), kSanitized ? 8 : 3);  // a post waits 45 s otherwise
+  EXPECT_TRUE(log->has("job 1: could not report completion"));
+}
+
+TEST_F(Stop, SecondSignalLeavesAScriptRunning) {
+  hangOn("list");
+  start();
+  ASSERT_TRUE(hangs());
+  runner->killJobsNow();
+  EXPECT_TRUE(eventually([this] { return processesOf(home()).empty(); }));
+}
+
+/// Lets no thread begin while it lives: there is no room left for another stack.
+class NoThreads {
+ public:
+  NoThreads() {
+    ::getrlimit(RLIMIT_AS, &before_);
+    long pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    rlimit tight = before_;
+    tight.rlim_cur = static_cast<rlim_t>(pages * ::sysconf(_SC_PAGESIZE)) + (4u << 20);
+    ::setrlimit(RLIMIT_AS, &tight);
+  }
+  ~NoThreads() { ::setrlimit(RLIMIT_AS, &before_); }
+  NoThreads(const NoThreads&) = delete;
+  NoThreads& operator=(const NoThreads&) = delete;
+
+ private:
+  rlimit before_{};
+};
+
+TEST_F(Stop, WithoutAThreadToBeHadLeavesJobsRunning) {
+  if (kSanitized) GTEST_SKIP() << "a sanitizer needs its address space";
+  config.noSweep = true;
+  addJob("sleep 100", {.label = "a"});
+  addJob("sleep 100", {.label = "b"});
+  start();
+  for (const auto id : {1, 2}) ASSERT_TRUE(service.jobs().waitForLine(id, "ready", kLong));
+  {
+    const NoThreads now;
+    EXPECT_THROW(std::thread([] {}).join(), std::system_error);
+    runner->stop();
+    EXPECT_TRUE(eventually([this] { return processesOf(home()).empty(); }));
+  }
+  EXPECT_EQ(finish(), ExitReason::stopped());
+}
+
+/// Breaks its contract, as a bug might: what is thrown must not leave jobs running.
+class ThrowingObserver : public RecordingObserver {
+  void driverRetrying(const std::string&, double) override { throw std::runtime_error("bug"); }
+};
+
+TEST_F(Stop, ExceptionInTheServeLoopLeavesJobsRunning) {
+  observer = std::make_shared<ThrowingObserver>();
+  const auto id = addJob("sleep 100");
+  start();
+  ASSERT_TRUE(service.jobs().waitForLine(id, "ready", kLong));
+  service.faults().add({.endpoint = "poll", .reply = FaultReply{.status = 500, .body = "no"}});
+  addJob("say a");  // lets the poll in flight return
+  EXPECT_EQ(finish(), ExitReason::serverUnreachable("runtime_error: bug"));
+  EXPECT_EQ(service.jobs().find(id)->exitCode, -SIGTERM);
 }
 
 TEST_F(Stop, UnreachableServerHoldsUpAStopForLongerThanSaid) {
   const auto id = addJob("sleep 100");
   start();
-  ASSERT_TRUE(service.waitForLine(id, "ready", kLong));
+  ASSERT_TRUE(service.jobs().waitForLine(id, "ready", kLong));
   service.stop();
   EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
   EXPECT_LT(elapsed.count(), 3);

@@ -1,7 +1,11 @@
+#include "VerdoDriverCore/Run/TaskSpaces.h"
 #include "tests/Support/DriverFixture.h"
 #include "tests/Support/Misbehaviour.h"
 
 #include <fstream>
+#include <thread>
+
+#include <unistd.h>
 
 namespace verdo::test {
 namespace {
@@ -58,10 +62,11 @@ TEST_F(Sweep, ReaperClosesUsedOrForeignSpacesOrNone) {
   setSpaces({"mine", "u1-busy", "u1-old"});
   const auto id = addJob("wait '" + path("go") + "'", {.taskSpace = "u1-busy"});
   start();
-  ASSERT_TRUE(service.waitForLine(id, "ready", kLong));
+  ASSERT_TRUE(service.jobs().waitForLine(id, "ready", kLong));
   ASSERT_TRUE(log->waitFor("idle reaper closed 1 space(s): u1-old"));
   // Looked at many times since, the job's own is still open.
-  ASSERT_TRUE(service.waitForReply("lines", service.requestCount("lines") + 8, kLong));
+  ASSERT_TRUE(
+      service.requests().waitForReply("lines", service.requests().count("lines") + 8, kLong));
   EXPECT_THAT(spaces(), ElementsAre("mine", "u1-busy"));
   std::ofstream(path("go")) << "";
   EXPECT_EQ(doneJob(id).exitCode, 0);
@@ -71,6 +76,77 @@ TEST_F(Sweep, ReaperClosesUsedOrForeignSpacesOrNone) {
   EXPECT_GE(std::chrono::steady_clock::now() - ended, 200ms);
   EXPECT_THAT(spaces(), ElementsAre("mine"));
   EXPECT_THAT(texts('i'), Not(Contains(HasSubstr("reaper closed 0"))));
+}
+
+TEST_F(Sweep, ReaperClosesASpaceThatAJobHasJustTaken) {
+  setSpaces({"u1-a", "u1-b"});
+  hangOn("nothing");
+  const auto browser = std::make_shared<Browser>(
+      ExecutorCommand{selfPath(), roleArgv({"executor", path("spaces")}), currentEnvironment()},
+      20s, log, timings);
+  int questions = 0;
+  // A job takes the space between the list and the close.
+  const auto isUsed = [&](const std::string& name) { return name == "u1-a" && ++questions > 1; };
+  const auto spacesOf = [&](Timings::Duration idleClose) {
+    return std::make_shared<TaskSpaces>(TaskSpaces::Options{idleClose, 1h, SpacePattern(), timings},
+                                        browser, log, nullptr, isUsed);
+  };
+  const auto reaping = spacesOf(-1ms);
+  reaping->reapIdle();
+  EXPECT_THAT(spaces(), ElementsAre("u1-a"));
+  EXPECT_THAT(texts('i'), Contains("idle reaper closed 1 space(s): u1-b"));
+  questions = 0;
+  spacesOf(0ms)->sweepAtStart(TaskSpaces::Sweep::own);
+  EXPECT_THAT(spaces(), ElementsAre("u1-a"));
+}
+
+TEST_F(Sweep, JobStartsInASpaceThatIsJustBeingClosed) {
+  const auto browser = std::make_shared<Browser>(
+      ExecutorCommand{selfPath(), roleArgv({"executor", path("spaces")}), currentEnvironment()},
+      500ms, log, timings);
+  setSpaces({"u1-a"});
+  hangOn("close");
+  std::thread closing([&] { EXPECT_FALSE(browser->closeSpace("u1-a")); });
+  ASSERT_TRUE(hangs());
+  browser->waitForClose("u1-other");
+  EXPECT_FALSE(log->has("u1-a"));
+  browser->waitForClose("u1-a");
+  closing.join();
+  EXPECT_TRUE(log->has("space 'u1-a': close -> exit 124"));
+}
+
+TEST_F(Sweep, SpaceThatWouldNotCloseIsReportedAsClosed) {
+  setSpaces({"u1-a"});
+  hangOn("close");
+  service.hello().patch({{"cleanup_timeout_seconds", 0.2}});
+  start();
+  ASSERT_TRUE(observer->waitFor("connected"));
+  ASSERT_TRUE(log->waitFor("serving up to"));
+  EXPECT_TRUE(log->has("space 'u1-a': close -> exit 124"));
+  EXPECT_FALSE(log->has("closed 1 leftover"));
+}
+
+TEST_F(Sweep, SecondDriverClosesTheSpacesOfTheFirst) {
+  setSpaces({"u1-busy", "u1-other"});
+  config.noSweep = true;
+  const auto id = addJob("wait '" + path("go") + "'", {.taskSpace = "u1-busy"});
+  start();
+  ASSERT_TRUE(service.jobs().waitForLine(id, "ready", kLong));
+  config.noSweep = false;
+  config.pollWait = 0;
+  config.idleExit = 0.3;
+  config.idleClose = 0.001;
+  config.reapInterval = 0.01;
+  const auto otherLog = std::make_shared<RecordingLog>();
+  EXPECT_EQ(DriverRunner(config, otherLog, {}, timings).run(), ExitReason::clean());
+  EXPECT_THAT(closedSpaces(), IsEmpty());
+  EXPECT_TRUE(otherLog->has("another driver (process " + std::to_string(::getpid()) + ")"));
+  std::ofstream(path("go")) << "";
+  doneJob(id);
+  stopAndFinish();
+  // Alone again, it looks after them.
+  DriverRunner(config, otherLog, {}, timings).run();
+  EXPECT_THAT(spaces(), IsEmpty());
 }
 
 }  // namespace

@@ -50,7 +50,7 @@ void DriverFixture::TearDown() {
   EXPECT_FALSE(hasChildren());
   if (std::filesystem::exists(stagingCache())) {
     for (const auto& entry : std::filesystem::directory_iterator(stagingCache())) {
-      EXPECT_EQ(entry.path().filename(), ".lock");
+      EXPECT_FALSE(entry.is_directory()) << entry;
     }
   }
 }
@@ -63,6 +63,9 @@ Timings DriverFixture::scaledTimings() {
   scaled.postDeadline = 1800ms;
   scaled.postDeadlineStopping = 200ms;
   scaled.acknowledgeDeadline = 100ms;
+  scaled.minAttemptStopping = 20ms;
+  scaled.scriptStopping = 100ms;
+  scaled.sweepStopping = 1200ms;
   scaled.termination.step = 4ms;
   scaled.drainAfterKill = 100ms;
   scaled.pollRetryFirst = 20ms;
@@ -111,17 +114,25 @@ ExitReason DriverFixture::run() {
 
 std::int64_t DriverFixture::addJob(const std::string& script, local::JobSpec spec) {
   spec.payload = script;
-  return service.addJob(std::move(spec));
+  return service.jobs().add(std::move(spec));
 }
 
 local::JobSnapshot DriverFixture::doneJob(std::int64_t id) {
-  EXPECT_TRUE(service.waitFor(id, local::JobState::done, kLong)) << "job " << id;
-  return *service.job(id);
+  EXPECT_TRUE(service.jobs().waitFor(id, local::JobState::done, kLong)) << "job " << id;
+  return *service.jobs().find(id);
 }
 
 void DriverFixture::setSpaces(const std::vector<std::string>& names) {
   std::ofstream file(path("spaces"));
   for (const auto& name : names) file << name << "\n";
+}
+
+void DriverFixture::hangOn(const std::string& script) {
+  std::ofstream(path("spaces.hang")) << script << "\n";
+}
+
+bool DriverFixture::hangs() const {
+  return eventually([this] { return std::filesystem::exists(path("spaces.hanging")); }, kLong);
 }
 
 std::vector<std::string> DriverFixture::linesOf(const std::string& name) const {
@@ -145,7 +156,7 @@ std::vector<std::string> DriverFixture::texts(char level) const {
 
 std::vector<double> DriverFixture::gaps(const std::string& endpoint) const {
   std::vector<double> result;
-  const auto requests = service.requests(endpoint);
+  const auto requests = service.requests().list(endpoint);
   for (std::size_t i = 1; i < requests.size(); ++i) {
     const std::chrono::duration<double, std::milli> gap =
         requests[i].arrived - requests[i - 1].arrived;

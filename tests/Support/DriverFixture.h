@@ -55,6 +55,10 @@ class DriverFixture : public testing::Test {
   void setSpaces(const std::vector<std::string>& names);
   std::vector<std::string> spaces() const;
   std::vector<std::string> closedSpaces() const;
+  /// From now on the executor hangs in scripts of this kind, "list" or "close", deaf to SIGTERM.
+  void hangOn(const std::string& script);
+  /// True once it does.
+  bool hangs() const;
   /// The texts of the log lines of one level.
   std::vector<std::string> texts(char level) const;
   /// Times between the arrivals of the requests on an endpoint, milliseconds.

@@ -4,6 +4,7 @@
 #include "tests/Support/Misbehaviour.h"
 #include "tests/Support/TempDir.h"
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -14,6 +15,7 @@
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
+#include <signal.h>
 #include <unistd.h>
 
 namespace verdo::test {
@@ -31,7 +33,17 @@ std::vector<std::string> spacesIn(const std::string& stateFile) {
   return spaces;
 }
 
+/// Hangs for ever when the tests asked for it.
+void hangIfTold(const std::string& stateFile, const std::string& script) {
+  const auto told = spacesIn(stateFile + ".hang");
+  if (std::find(told.begin(), told.end(), script) == told.end()) return;
+  ::signal(SIGTERM, SIG_IGN);
+  std::ofstream(stateFile + ".hanging") << script;
+  for (;;) ::pause();
+}
+
 int list(const std::string& stateFile) {
+  hangIfTold(stateFile, "list");
   auto answer = nlohmann::json::array();
   for (const auto& name : spacesIn(stateFile)) answer.push_back({{"name", name}});
   std::cout << "chatter\n__SPACES__" << answer.dump() << std::endl;
@@ -39,6 +51,7 @@ int list(const std::string& stateFile) {
 }
 
 int close(const std::string& stateFile, const std::string& script) {
+  hangIfTold(stateFile, "close");
   const auto end = script.find(", { keep: false })");
   const std::string name = nlohmann::json::parse(script.substr(kClose.size(), end - kClose.size()));
   std::string rest;

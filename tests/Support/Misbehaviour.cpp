@@ -101,6 +101,10 @@ int misbehave(const Role& role) {
     for (int i = 0; i < std::stoi(role.at(1)); ++i) std::cout << "line " << i << "\n";
     return 0;
   }
+  if (name == "blank") {
+    std::cout << std::string(std::stoul(role.at(1)), '\n') << std::flush;
+    return 0;
+  }
   if (name == "flood") return flood(std::stoll(role.at(1)));
   if (name == "echo") {
     std::cout << std::cin.rdbuf() << std::flush;

@@ -80,8 +80,8 @@ TEST_F(TheProgram, EndsWithTheWrongStatusOrWithoutAWord) {
   };
   for (const auto& row : cases) {
     SCOPED_TRACE(row.status);
-    service.clearFaults();
-    if (row.fault) service.addFault(*row.fault);
+    service.faults().clearAll();
+    if (row.fault) service.faults().add(*row.fault);
     Arguments all = arguments({"--dry-run"});
     if (row.more.size() == 2 && row.more[0] == "--exec") all = {"--server", service.url()};
     all.insert(all.end(), row.more.begin(), row.more.end());
@@ -103,7 +103,7 @@ TEST_F(TheProgram, ReadsAnEnvFileThatOthersCanRead) {
     EXPECT_EQ(program.wait(), 2);
     EXPECT_EQ(program.errors(),
               "✗ " + file + " is readable by others — fix it first:  chmod 600 " + file + "\n");
-    EXPECT_EQ(service.requestCount(), 0u);
+    EXPECT_EQ(service.requests().count(), 0u);
   }
   std::filesystem::permissions(file, std::filesystem::perms{0600});
   Program program(all, environment);
@@ -154,19 +154,19 @@ TEST_F(TheProgram, ShowsASecretToSomebody) {
   environment["VERDO_LLM_API_KEY"] = kKey;
   const auto id = addJob("environment");
   const auto waiting = addJob("sleep 100");
-  service.addFault({.endpoint = "lines",
-                    .after = 3,
-                    .count = 1,
-                    .reply = FaultReply{.status = 500, .body = "Bearer " + service.token()}});
+  service.faults().add({.endpoint = "lines",
+                        .after = 3,
+                        .count = 1,
+                        .reply = FaultReply{.status = 500, .body = "Bearer " + service.token()}});
   Program program(arguments(), environment);
   EXPECT_EQ(doneJob(id).exitCode, 0);
   std::string seen;
-  for (const auto& line : service.lines(id)) seen += line + "\n";
+  for (const auto& line : service.jobs().lines(id)) seen += line + "\n";
   EXPECT_THAT(seen, HasSubstr("HOME=" + home()));
-  EXPECT_TRUE(service.waitForLine(waiting, "ready", kLong));
+  EXPECT_TRUE(service.jobs().waitForLine(waiting, "ready", kLong));
   EXPECT_TRUE(program.waitForError("server unreachable, retrying: "));
   seen += program.proc("environ") + program.proc("cmdline");
-  service.addFault(
+  service.faults().add(
       {.endpoint = "poll", .reply = FaultReply{.status = 401, .body = "no: " + service.token()}});
   addJob("say a");
   EXPECT_EQ(program.wait(), 3);
@@ -182,9 +182,9 @@ TEST_F(TheProgram, ShowsASecretToSomebody) {
 
 TEST_F(TheProgram, SignalDuringAPollIsNotHeard) {
   for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
-    service.clearRequests();
+    service.requests().clear();
     Program program(arguments(), environment);
-    ASSERT_TRUE(service.waitForRequest("poll", 1, kLong));
+    ASSERT_TRUE(service.requests().waitFor("poll", 1, kLong));
     const auto begin = std::chrono::steady_clock::now();
     program.signal(number);
     EXPECT_EQ(program.wait(), 130);
@@ -196,7 +196,7 @@ TEST_F(TheProgram, SignalDuringAPollIsNotHeard) {
 TEST_F(TheProgram, SecondSignalIsWaitedForLikeTheFirst) {
   const auto id = addJob("deaf");
   Program program(arguments({"--no-sweep"}), environment);
-  ASSERT_TRUE(service.waitForLine(id, "ready", kLong));
+  ASSERT_TRUE(service.jobs().waitForLine(id, "ready", kLong));
   program.signal(SIGTERM);
   ASSERT_TRUE(program.waitForError("stopping — killing jobs"));
   const auto begin = std::chrono::steady_clock::now();

@@ -1,37 +1,15 @@
 #pragma once
 
+#include "VerdoDriverCore/System/UniqueFd.h"
+
 #include <cerrno>
 #include <cstdint>
 #include <system_error>
-#include <utility>
 
 #include <sys/eventfd.h>
 #include <unistd.h>
 
 namespace verdo::local {
-
-/// Owns one file descriptor.
-class UniqueFd {
- public:
-  UniqueFd() = default;
-  explicit UniqueFd(int fd) : fd_(fd) {}
-  UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  UniqueFd& operator=(UniqueFd&& other) noexcept {
-    if (this != &other) reset(std::exchange(other.fd_, -1));
-    return *this;
-  }
-  ~UniqueFd() { reset(); }
-
-  int get() const { return fd_; }
-  explicit operator bool() const { return fd_ >= 0; }
-  void reset(int fd = -1) {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = fd;
-  }
-
- private:
-  int fd_ = -1;
-};
 
 /// A flag that poll(2) can wait for. Every member may be called from any thread.
 class EventFd {

@@ -1,0 +1,73 @@
+#include "VerdoDriverCore/Run/SpaceClaim.h"
+
+#include "VerdoDriverCore/System/Files.h"
+#include "VerdoDriverCore/Values/Utf8.h"
+
+#include <array>
+#include <cerrno>
+#include <filesystem>
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+namespace verdo {
+namespace {
+
+/// A file name for a server's URL: readable, and as short as file systems want it.
+std::string fileNameOf(const std::string& server) {
+  constexpr std::size_t kMaxName = 150;
+  std::string name;
+  for (const char c : server.substr(0, kMaxName)) {
+    const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                       c == '.' || c == '-';
+    name.push_back(plain ? c : '_');
+  }
+  return name;
+}
+
+std::string holderNamedIn(int file) {
+  std::array<char, 64> text{};
+  const ssize_t size = ::pread(file, text.data(), text.size(), 0);
+  const std::string name(text.data(), size > 0 ? static_cast<std::size_t>(size) : 0);
+  return name.empty() ? "a process that gives no number" : withoutControls(name);
+}
+
+}  // namespace
+
+SpaceClaim::SpaceClaim(std::string directory, const std::string& server, std::int64_t userId,
+                       std::function<void(const std::string&)> onOther)
+    : directory_(std::move(directory)),
+      path_(fmt::format("{}/driver-{}-user-{}.lock", directory_, fileNameOf(server), userId)),
+      onOther_(std::move(onOther)) {}
+
+SpaceClaim::~SpaceClaim() = default;
+
+bool SpaceClaim::take() {
+  std::string holder;
+  {
+    MutexLock lock(lock_);
+    if (file_) return true;
+    std::error_code ignored;  // opening the file tells
+    std::filesystem::create_directories(directory_, ignored);
+    UniqueFd file(::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (!file) return true;
+    if (::flock(file.get(), LOCK_EX | LOCK_NB) == 0) {
+      // For people; who holds the lock needs no writing.
+      if (::ftruncate(file.get(), 0) == 0) {
+        static_cast<void>(writeAll(file.get(), fmt::format("process {}", ::getpid())));
+      }
+      file_ = std::move(file);
+      return true;
+    }
+    if (errno != EWOULDBLOCK) return true;
+    holder = holderNamedIn(file.get());
+    if (holder == lastHolder_) return false;
+    lastHolder_ = holder;
+  }
+  onOther_(holder);
+  return false;
+}
+
+}  // namespace verdo

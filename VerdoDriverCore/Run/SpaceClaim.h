@@ -1,0 +1,38 @@
+#pragma once
+
+#include "VerdoDriverCore/Contract/LogSink.h"
+#include "VerdoDriverCore/System/Sync.h"
+#include "VerdoDriverCore/System/UniqueFd.h"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace verdo {
+
+/// Of the drivers on this computer that serve one user of one server (the app and a terminal, say)
+/// a single one may look after the task spaces: the others would close those that its jobs use. It
+/// is the one that holds the lock on a file; the lock goes with its process, and another driver
+/// then takes over. Any thread may call any operation.
+class SpaceClaim {
+ public:
+  /// `directory` is made if need be. `onOther` is told who holds the claim, once for each holder.
+  SpaceClaim(std::string directory, const std::string& server, std::int64_t userId,
+             std::function<void(const std::string& holder)> onOther);
+  ~SpaceClaim();
+
+  /// True when this driver holds the claim, now or since before; also where files cannot be
+  /// locked, since nothing is known of others there.
+  bool take() EXCLUDES(lock_);
+
+ private:
+  const std::string directory_;
+  const std::string path_;
+  const std::function<void(const std::string&)> onOther_;
+  Mutex lock_;
+  UniqueFd file_ GUARDED_BY(lock_);
+  std::string lastHolder_ GUARDED_BY(lock_);
+};
+
+}  // namespace verdo
