@@ -1,14 +1,11 @@
 #include "VerdoDriverCLI/Options.h"
 
-#include "VerdoDriverCore/Contract/DriverConstants.h"
-#include "VerdoDriverCore/Contract/EnvFile.h"
 #include "VerdoDriverCore/Contract/Protocol.h"
-#include "VerdoDriverCore/Values/Url.h"
 
 #include <algorithm>
-#include <cmath>
+#include <charconv>
+#include <cstdlib>
 #include <limits>
-#include <map>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -17,96 +14,143 @@ namespace verdo::cli {
 namespace {
 
 constexpr int kUsageError = 2;
-constexpr double kLongestPoll = 3580;  // seconds; with its margin an hour, the limit of a request
+/// Seconds. A session ends every request after an hour, and a poll's answer may come 15 s late.
+constexpr double kMaxPollWait = 3580;
 constexpr double kYear = 365.0 * 24 * 3600;
-constexpr int kMostLanes = 1000;
+constexpr double kMinReapInterval = 0.1;
+constexpr int kMaxLanes = 1000;
+constexpr std::size_t kNameWidth = 24;  // columns of the help's left side
 
 const char* const kFooter =
-    "The driver token comes from VERDO_DRIVER_TOKEN and the LLM key from VERDO_LLM_API_KEY, in "
-    "the\n"
-    "environment or in the env file (~/.config/verdo/driver.env, chmod 600).\n\n"
-    "Exit status: 0 done, 1 server unreachable, 2 bad configuration or usage, 3 token revoked,\n"
-    "6 driver out of date, 7 LLM key rejected, 127 executor not found, 130 stopped.";
+    "The driver token comes from VERDO_DRIVER_TOKEN and the LLM key from\n"
+    "VERDO_LLM_API_KEY, in the environment or in the env file\n"
+    "(~/.config/verdo/driver.env, chmod 600).\n\n"
+    "Exit status: 0 done, 1 server unreachable, 2 bad configuration or usage,\n"
+    "3 token revoked, 6 driver out of date, 7 LLM key rejected,\n"
+    "127 executor not found, 130 stopped.";
 
-/// A number within the range; not-a-number, which no comparison rules out, is not.
-CLI::Validator between(double least, double most) {
-  return CLI::Range(least, most) & CLI::Validator(
-                                       [](std::string& text) {
-                                         double value = 0;
-                                         const bool number = CLI::detail::lexical_cast(text, value);
-                                         return number && !std::isnan(value)
-                                                    ? std::string()
-                                                    : "Value " + text + " is not a number";
-                                       },
-                                       "");
+/// Accepts a number of seconds, both limits included.
+CLI::Validator seconds(double min, double max) {
+  const auto check = [min, max](const std::string& text) {
+    char* end = nullptr;
+    const double value = std::strtod(text.c_str(), &end);
+    // Not-a-number lies in no range.
+    if (!text.empty() && *end == '\0' && value >= min && value <= max) return std::string();
+    return fmt::format("'{}' is not a number from {} to {} seconds", text, min, max);
+  };
+  return {check, ""};
+}
+
+/// Accepts a whole number, both limits included.
+CLI::Validator wholeNumber(int min, int max) {
+  const auto check = [min, max](std::string& text) {
+    int value = 0;
+    const char* const end = text.data() + text.size();
+    const auto read = std::from_chars(text.data(), end, value);
+    if (read.ec != std::errc() || read.ptr != end || value < min || value > max) {
+      return fmt::format("'{}' is not a whole number from {} to {}", text, min, max);
+    }
+    // The parser would take a leading zero for the sign of an octal number.
+    text = std::to_string(value);
+    return std::string();
+  };
+  return {check, ""};
+}
+
+CLI::Validator colorChoice() {
+  const auto check = [](const std::string& text) {
+    const bool isKnown = text == "auto" || text == "always" || text == "never";
+    return isKnown ? std::string() : fmt::format("'{}' is not auto, always or never", text);
+  };
+  return {check, ""};
+}
+
+/// The options under one heading of the help.
+class Group {
+ public:
+  Group(CLI::App& app, std::string name) : app_(app), name_(std::move(name)) {}
+
+  template <typename Value>
+  CLI::Option* value(const char* option, Value& value, const char* type, const char* text) {
+    return app_.add_option(option, value, text)->type_name(type)->group(name_);
+  }
+  void flag(const char* option, bool& value, const char* text) {
+    app_.add_flag(option, value, text)->group(name_);
+  }
+
+ private:
+  CLI::App& app_;
+  std::string name_;
+};
+
+void defineService(Group group, Options& options) {
+  DriverConfig& config = options.config;
+  group.value("--server", options.server, "URL", "Base URL of the service");
+  group.flag("--insecure", config.insecure, "Allow plain http to a host that is not loopback");
+  group.value("--ca-cert", config.caCertPath, "PATH", "Trust only the certificates in PATH (PEM)");
+  group.value("--env-file", config.envFilePath, "PATH", "Env file to read");
+  group.value("--client", config.clientHeader, "TEXT", "Value of the X-VERDO-Driver-Client header");
+  group.value("--poll-wait", config.pollWait, "S", "Seconds that one poll waits for a job")
+      ->check(seconds(0, kMaxPollWait));
+  group.flag("--dry-run", config.dryRun, "Check configuration and service, serve nothing");
+}
+
+void defineJobs(Group group, Options& options) {
+  DriverConfig& config = options.config;
+  const auto anyTime = seconds(0, kYear);
+  group.value("--exec", options.exec, "COMMAND", "Browser executor, quoted as in a shell");
+  group
+      .value("--extra-path", config.extraPathDirs, "DIR",
+             "Search DIR before PATH for the executor; repeatable")
+      ->allow_extra_args(false);
+  group.value("--max-jobs", config.maxJobs, "N", "Jobs at once, instead of what the service says")
+      ->transform(wholeNumber(1, kMaxLanes));
+  group.value("--serve-jobs", config.serveJobs, "N", "End after N jobs")
+      ->transform(wholeNumber(1, std::numeric_limits<int>::max()));
+  group.value("--idle-exit", config.idleExit, "S", "End after S seconds without a job")
+      ->check(anyTime);
+  group.value("--idle-close", config.idleClose, "S", "Close task spaces idle for S seconds")
+      ->check(anyTime);
+  group
+      .value("--reap-interval", config.reapInterval, "S",
+             "Look for idle task spaces every S seconds")
+      ->check(seconds(kMinReapInterval, kYear));
+  group.flag("--sweep-all", config.sweepAll, "At start, close every task space");
+  group.flag("--no-sweep", config.noSweep, "At start, close no task space");
+}
+
+void defineLLM(Group group, Options& options) {
+  group.value("--llm-base", options.llmBase, "URL", "Base URL of the LLM provider");
+  group.flag("--check-llm", options.config.checkLLM, "Validate the LLM key before serving");
 }
 
 void define(CLI::App& app, Options& options, std::string& color) {
-  DriverConfig& config = options.config;
-  const auto seconds = between(0.0, kYear);
-  const auto count = CLI::Range(1, std::numeric_limits<int>::max());
-  app.add_option("--server", options.server, "Base URL of the service")->type_name("URL");
-  app.add_option("--exec", config.execCommand, "Browser executor")->type_name("COMMAND");
-  app.add_option("--extra-path", config.extraPathDirs,
-                 "Search DIR before PATH for the executor; repeatable")
-      ->type_name("DIR")
-      ->take_all()
-      ->expected(1)
-      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-  app.add_option("--poll-wait", config.pollWait, "Seconds that one poll waits for a job")
-      ->type_name("S")
-      ->check(between(0.0, kLongestPoll));
-  app.add_option("--max-jobs", config.maxJobs, "Jobs at once, instead of what the service says")
-      ->type_name("N")
-      ->check(CLI::Range(1, kMostLanes));
-  app.add_option("--serve-jobs", config.serveJobs, "End after N jobs")
-      ->type_name("N")
-      ->check(count);
-  app.add_option("--idle-exit", config.idleExit, "End after S seconds without a job")
-      ->type_name("S")
-      ->check(seconds);
-  app.add_option("--idle-close", config.idleClose, "Close task spaces idle for S seconds")
-      ->type_name("S")
-      ->check(seconds);
-  app.add_option("--reap-interval", config.reapInterval,
-                 "Look for idle task spaces every S seconds")
-      ->type_name("S")
-      ->check(between(0.1, kYear));
-  app.add_flag("--sweep-all", config.sweepAll, "At start, close every task space");
-  app.add_flag("--no-sweep", config.noSweep, "At start, close no task space")
-      ->excludes("--sweep-all");
-  app.add_flag("--insecure", config.insecure, "Allow plain http to a host that is not loopback");
-  app.add_option("--ca-cert", config.caCertPath, "Trust only the certificates in PATH (PEM)")
-      ->type_name("PATH");
-  app.add_flag("--dry-run", config.dryRun, "Check configuration and service, serve nothing");
-  app.add_flag("--check-llm", config.checkLLM, "Validate the LLM key before serving");
-  app.add_option("--llm-base", options.llmBase, "Base URL of the LLM provider")->type_name("URL");
-  app.add_option("--client", config.clientHeader, "Value of the X-VERDO-Driver-Client header")
-      ->type_name("TEXT");
-  app.add_option("--env-file", config.envFilePath, "Env file to read")->type_name("PATH");
-  app.add_option("--color", color, "Colour of the log: auto, always or never")
-      ->type_name("WHEN")
-      ->check(CLI::IsMember({"auto", "always", "never"}));
-  app.set_version_flag("--version", fmt::format("verdo-driver {}", DRIVER_VERSION));
+  app.set_help_flag("");  // defined last, so that its group comes last
+  defineService(Group(app, "Service"), options);
+  defineJobs(Group(app, "Jobs"), options);
+  defineLLM(Group(app, "LLM"), options);
+  Group(app, "Output")
+      .value("--color", color, "WHEN", "Colour of the log: auto, always or never")
+      ->check(colorChoice());
+  app.set_version_flag("--version", fmt::format("verdo-driver {}", DRIVER_VERSION),
+                       "Show the version and end")
+      ->group("Output");
+  app.set_help_flag("-h,--help", "Show this and end")->group("Output");
+  app.get_formatter()->column_width(kNameWidth);
   app.footer(kFooter);
 }
 
-/// A parser's message as one line.
-std::string oneLine(std::string text) {
-  std::replace(text.begin(), text.end(), '\n', ' ');
+/// The library sets its headings apart by two.
+std::string withSingleBlankLines(std::string text) {
+  for (auto at = text.find("\n\n\n"); at != std::string::npos; at = text.find("\n\n\n", at)) {
+    text.erase(at, 1);
+  }
   return text;
 }
 
-/// The first of the places that has a value which is not empty.
-std::optional<std::string> firstGiven(const std::optional<std::string>& option,
-                                      const char* variable, const Environment& environment,
-                                      const std::map<std::string, std::string>& file) {
-  if (option && !option->empty()) return option;
-  for (const auto* source : {&environment, &file}) {
-    const auto entry = source->find(variable);
-    if (entry != source->end() && !entry->second.empty()) return entry->second;
-  }
-  return std::nullopt;
+Ended usageError(std::string message) {
+  std::replace(message.begin(), message.end(), '\n', ' ');
+  return {kUsageError, fmt::format("verdo-driver: {} (see verdo-driver --help)\n", message)};
 }
 
 }  // namespace
@@ -119,30 +163,17 @@ std::variant<Options, Ended> parseCommandLine(int argc, const char* const* argv)
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp&) {
-    return Ended{0, app.help()};
+    return Ended{0, withSingleBlankLines(app.help())};
   } catch (const CLI::CallForVersion& version) {
     return Ended{0, std::string(version.what()) + "\n"};
   } catch (const CLI::ParseError& error) {
-    return Ended{kUsageError, fmt::format("verdo-driver: {} (see verdo-driver --help)\n",
-                                          oneLine(error.what()))};
+    return usageError(error.what());
+  }
+  if (options.config.sweepAll && options.config.noSweep) {
+    return usageError("--sweep-all and --no-sweep exclude each other");
   }
   if (color != "auto") options.color = color == "always";
   return options;
-}
-
-DriverConfig resolveConfig(Options options, const Environment& environment) {
-  DriverConfig config = std::move(options.config);
-  const auto file = EnvFile::read(config.envFilePath.value_or(DriverConstants::envFile()));
-  const auto given = [&](const std::optional<std::string>& option, const char* variable) {
-    return firstGiven(option, variable, environment, file);
-  };
-  config.token = given(std::nullopt, DriverConstants::tokenEnv).value_or("");
-  config.llmKey = given(std::nullopt, DriverConstants::llmKeyEnv).value_or("");
-  config.server = lowerScheme(
-      given(options.server, DriverConstants::serverEnv).value_or(DriverConstants::defaultServer));
-  config.llmBase = lowerScheme(given(options.llmBase, DriverConstants::llmBaseEnv)
-                                   .value_or(DriverConstants::llmDefaultBase));
-  return config;
 }
 
 }  // namespace verdo::cli

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "VerdoDriverCore/Contract/DriverConfig.h"
-#include "VerdoDriverCore/Process/Spawn.h"
 
 #include <optional>
 #include <string>
@@ -12,9 +11,10 @@ namespace verdo::cli {
 /// What the command line says. Secrets are not among it: they come from the environment or the
 /// env file, never from where every process listing shows them.
 struct Options {
-  DriverConfig config;                 ///< with everything that the command line can set
+  DriverConfig config;                 ///< with everything that the command line alone can set
   std::optional<std::string> server;   ///< --server
   std::optional<std::string> llmBase;  ///< --llm-base
+  std::optional<std::string> exec;     ///< --exec
   std::optional<bool> color;           ///< --color; absent: as the terminal has it
 };
 
@@ -26,10 +26,5 @@ struct Ended {
 
 /// Reads the command line.
 std::variant<Options, Ended> parseCommandLine(int argc, const char* const* argv);
-
-/// The configuration of the run: what the command line leaves open is filled in from the
-/// environment, then from the env file, then with defaults; an empty value counts as absent.
-/// Throws what EnvFile::read throws.
-DriverConfig resolveConfig(Options options, const Environment& environment);
 
 }  // namespace verdo::cli

@@ -1,8 +1,10 @@
+#include "VerdoDriverCLI/Config.h"
 #include "VerdoDriverCLI/Options.h"
-#include "VerdoDriverCLI/Secrets.h"
 #include "VerdoDriverCLI/SignalThread.h"
 #include "VerdoDriverCLI/SuspendWatch.h"
 #include "VerdoDriverCore/Contract/DriverConstants.h"
+#include "VerdoDriverCore/Contract/Secrets.h"
+#include "VerdoDriverCore/Process/ChildProcess.h"
 #include "VerdoDriverCore/Run/Log.h"
 #include "VerdoDriverCore/Run/Runner.h"
 #include "VerdoDriverCore/System/LargeBlocks.h"
@@ -17,6 +19,10 @@
 #include <unistd.h>
 
 namespace {
+
+constexpr const char* kExecutorAdvice =
+    "install ego-browser or verdo-browser, or name another executor with --exec; "
+    "--extra-path DIR searches DIR too";
 
 /// A descriptor opened later must not take the place of a standard one that is closed.
 void openStandardDescriptors() {
@@ -36,16 +42,16 @@ constexpr std::chrono::seconds kSuspendLook{5};
   std::_Exit(status);
 }
 
-int serve(verdo::cli::Options options) {
+int serve(verdo::cli::Options options, const verdo::Secrets& secrets) {
   const auto log = std::make_shared<verdo::StderrLogSink>(options.color);
+  const bool isExecutorNamed = options.exec.has_value();
   verdo::DriverConfig config;
   try {
-    config = verdo::cli::resolveConfig(std::move(options), verdo::currentEnvironment());
+    config = verdo::cli::resolveConfig(std::move(options), verdo::currentEnvironment(), secrets);
   } catch (const std::exception& error) {
     log->error(error.what());
     return verdo::ExitReason::badConfig({}).code();
   }
-  verdo::cli::eraseSecretsFromEnvironment();
 
   const auto runner = std::make_shared<verdo::DriverRunner>(std::move(config), log);
   verdo::cli::handleStopSignals([runner] { runner->stop(); },
@@ -57,6 +63,9 @@ int serve(verdo::cli::Options options) {
   const verdo::cli::SuspendWatch suspendWatch([runner] { runner->networkChanged(); }, kSuspendLook,
                                               verdo::timeSuspended);
   const verdo::ExitReason reason = runner->run();
+  if (reason.kind() == verdo::ExitReason::Kind::noExecutor && !isExecutorNamed) {
+    log->warn(kExecutorAdvice);
+  }
   // These two the serve loop has said already.
   const bool said = reason.message() == verdo::DriverConstants::tokenRevokedMessage ||
                     reason.message() == verdo::DriverConstants::outOfDateHint;
@@ -69,10 +78,12 @@ int serve(verdo::cli::Options options) {
 int main(int argc, char** argv) {
   openStandardDescriptors();
   verdo::giveBackLargeBlocks();
+  verdo::keepEndedChildren();
+  const verdo::Secrets secrets = verdo::eraseSecretsFromEnvironment();
   auto parsed = verdo::cli::parseCommandLine(argc, argv);
   if (const auto* ended = std::get_if<verdo::cli::Ended>(&parsed)) {
     std::fputs(ended->text.c_str(), ended->status == 0 ? stdout : stderr);
     return ended->status;
   }
-  exitNow(serve(std::move(std::get<verdo::cli::Options>(parsed))));
+  exitNow(serve(std::move(std::get<verdo::cli::Options>(parsed)), secrets));
 }

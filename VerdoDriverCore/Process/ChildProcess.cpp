@@ -26,6 +26,8 @@ std::int32_t decode(const siginfo_t& info) {
 
 }  // namespace
 
+void keepEndedChildren() { ::signal(SIGCHLD, SIG_DFL); }
+
 ChildProcess::ChildProcess(pid_t pid, UniqueFd stdinEnd, UniqueFd stdoutEnd, UniqueFd stderrEnd)
     : pid_(pid),
       stdinEnd_(std::move(stdinEnd)),

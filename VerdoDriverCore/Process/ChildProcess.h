@@ -17,6 +17,10 @@ struct TerminationTimings {
   int steps = 25;                       ///< looks before SIGKILL; 25 × 0.2 s = 5 s of grace
 };
 
+/// Undoes a "SIGCHLD ignored" that whoever started this program left behind: ended children would
+/// vanish, and with them their statuses. Call it in main, before the first thread starts.
+void keepEndedChildren();
+
 /// A child process that leads its own process group. Any thread may call any operation.
 ///
 /// An exited child stays a zombie until release(): its pid, which is also the group's id, cannot

@@ -2,6 +2,7 @@
 
 #include "VerdoDriverCore/Contract/DriverConstants.h"
 #include "VerdoDriverCore/Contract/Protocol.h"
+#include "VerdoDriverCore/Contract/Secrets.h"
 #include "VerdoDriverCore/Contract/ServerURLPolicy.h"
 #include "VerdoDriverCore/Jobs/StagingDirectory.h"
 #include "VerdoDriverCore/Network/Api.h"
@@ -64,6 +65,11 @@ ExitReason DriverRunner::runImpl() {
   if (config_.token.empty()) {
     return ExitReason::badConfig("no driver token: " +
                                  howToGive(DriverConstants::tokenEnv, envFile));
+  }
+  const std::pair<const char*, const std::string&> secrets[] = {
+      {DriverConstants::tokenEnv, config_.token}, {DriverConstants::llmKeyEnv, config_.llmKey}};
+  for (const auto& [name, secret] : secrets) {
+    if (const auto refusal = secretRefusal(name, secret)) return ExitReason::badConfig(*refusal);
   }
   if (const auto refusal = ServerURLPolicy::refusal(server_, config_.insecure)) {
     return ExitReason::badConfig(*refusal);

@@ -1,7 +1,9 @@
 #include "VerdoDriverCore/Contract/DriverConfig.h"
 #include "VerdoDriverCore/Contract/EnvFile.h"
 #include "VerdoDriverCore/Contract/Executor.h"
+#include "VerdoDriverCore/Contract/Secrets.h"
 #include "VerdoDriverCore/Contract/ServerURLPolicy.h"
+#include "VerdoDriverCore/Process/Spawn.h"
 #include "VerdoDriverCore/Values/Url.h"
 #include "tests/Support/FailureOf.h"
 #include "tests/Support/ScopedEnv.h"
@@ -93,6 +95,62 @@ TEST(EnvFile, IsReadOnlyWhenNobodyElseCan) {
         failureOf([&] { EnvFile::read(path); }),
         "InsecureError: " + path + " is readable by others — fix it first:  chmod 600 " + path);
   }
+}
+
+TEST(EnvFile, ThatCannotBeReadPassesForAnEmptyOne) {
+  const TempDir directory;
+  const auto file = directory.write("file", "");
+  const auto folder = directory / "folder";
+  std::filesystem::create_directory(folder);
+  std::filesystem::permissions(folder, Mode{0700});
+  const auto latin = directory.write("latin", "A=gr\xfc\xdf\n");
+  const auto fifo = directory / "fifo";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0644), 0);
+  const std::pair<std::string, std::string> cases[] = {
+      {directory / "none", ""},
+      {file + "/below", "OSError: [Errno 20] Not a directory: '" + file + "/below'"},
+      {folder, "OSError: [Errno 21] Is a directory: '" + folder + "'"},
+      {latin, "UnicodeDecodeError: " + latin + " is not UTF-8 text"},
+      {fifo,
+       "InsecureError: " + fifo + " is readable by others — fix it first:  chmod 600 " + fifo},
+  };
+  for (const auto& [path, failure] : cases) {
+    EXPECT_EQ(failureOf([&, &path = path] { EnvFile::read(path); }), failure);
+  }
+}
+
+/// An environment of this process that lasts for a scope.
+class OwnEnvironment {
+ public:
+  explicit OwnEnvironment(std::vector<std::string>& entries) : before_(environ) {
+    for (auto& entry : entries) pointers_.push_back(entry.data());
+    pointers_.push_back(nullptr);
+    environ = pointers_.data();
+  }
+  ~OwnEnvironment() { environ = before_; }
+  OwnEnvironment(const OwnEnvironment&) = delete;
+  OwnEnvironment& operator=(const OwnEnvironment&) = delete;
+
+ private:
+  char** const before_;
+  std::vector<char*> pointers_;
+};
+
+TEST(Secrets, StayInTheEnvironmentsBytes) {
+  // A caller may hand over a variable twice; unsetenv alone leaves every byte where it was.
+  std::vector<std::string> entries{"VERDO_DRIVER_TOKEN=first", "A=1", "VERDO_DRIVER_TOKEN=second",
+                                   "VERDO_LLM_API_KEY=key", "VERDO_LLM_API_KEYS=other"};
+  const OwnEnvironment environment(entries);
+  const Secrets secrets = eraseSecretsFromEnvironment();
+  EXPECT_EQ(secrets.token, "first");
+  EXPECT_EQ(secrets.llmKey, "key");
+  const auto blank = [](std::string name, std::size_t size) {
+    return name + "=" + std::string(size, '\0');
+  };
+  EXPECT_THAT(entries, testing::ElementsAre(
+                           blank("VERDO_DRIVER_TOKEN", 5), "A=1", blank("VERDO_DRIVER_TOKEN", 6),
+                           blank("VERDO_LLM_API_KEY", 3), "VERDO_LLM_API_KEYS=other"));
+  EXPECT_EQ(currentEnvironment(), (Environment{{"A", "1"}, {"VERDO_LLM_API_KEYS", "other"}}));
 }
 
 TEST(Executor, DefaultsToAProgramThatIsNotThere) {

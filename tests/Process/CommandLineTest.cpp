@@ -35,5 +35,71 @@ TEST(Shlex, SplitsLikeAShell) {
   }
 }
 
+/// Makes a directory the current one for a scope.
+class InDirectory {
+ public:
+  explicit InDirectory(const std::string& path) : before_(std::filesystem::current_path()) {
+    std::filesystem::current_path(path);
+  }
+  ~InDirectory() { std::filesystem::current_path(before_); }
+  InDirectory(const InDirectory&) = delete;
+  InDirectory& operator=(const InDirectory&) = delete;
+
+ private:
+  const std::filesystem::path before_;
+};
+
+TEST(Which, FindsWhatAShellWouldNot) {
+  const TempDir root;
+  const auto put = [&](const std::string& directory, const char* name, unsigned mode) {
+    std::filesystem::create_directories(root / directory);
+    root.write(directory + "/" + name, "", std::filesystem::perms{mode});
+    return root / directory;
+  };
+  const auto first = put("first", "tool", 0700);
+  const auto second = put("second", "tool", 0700);
+  const auto plain = put("plain", "tool", 0600);
+  const auto folder = root / "folder";
+  std::filesystem::create_directories(folder + "/tool");
+  put("here", "tool", 0700);
+  const InDirectory here(root / "here");
+  const std::string none = root / "none";
+
+  using Found = std::optional<std::string>;
+  struct Case {
+    std::string name;
+    std::vector<std::string> extra;
+    std::string path;
+    Found found;
+  };
+  const Case cases[] = {
+      {"tool", {}, first + ":" + second, first + "/tool"},
+      {"tool", {}, second + ":" + first, second + "/tool"},
+      {"tool", {second}, first, second + "/tool"},
+      {"tool", {none, second, first}, none, second + "/tool"},
+      {"tool", {plain, folder}, plain + ":" + folder + ":" + second, second + "/tool"},
+      {"tool", {}, none, std::nullopt},
+      {"tool", {}, "", "./tool"},
+      {"tool", {}, none + ":", "./tool"},
+      {"tool", {}, ":" + first, "./tool"},
+      {"tool", {}, none + "::" + first, "./tool"},
+      {"tool", {}, none + ":" + first + ":", first + "/tool"},
+      {"", {first}, first, std::nullopt},
+      {first + "/tool", {}, second, first + "/tool"},
+      {"./tool", {first}, first, "./tool"},
+      {"sub/tool", {first}, first, std::nullopt},
+      {plain + "/tool", {}, "", std::nullopt},
+      {folder + "/tool", {}, "", std::nullopt},
+      {"other", {first}, second, std::nullopt},
+  };
+  for (const auto& row : cases) {
+    EXPECT_EQ(Which::find(row.name, row.extra, row.path), row.found) << row.name << row.path;
+    const ScopedEnv path("PATH", row.path);
+    EXPECT_EQ(Which::find(row.name, row.extra), row.found) << row.name << row.path;
+  }
+  const ScopedEnv path("PATH", std::nullopt);
+  EXPECT_EQ(Which::find("sh").value_or("").substr(0, 5), "/usr/");
+}
+
 }  // namespace
 }  // namespace verdo

@@ -7,16 +7,19 @@ namespace verdo::test {
 namespace {
 
 std::unique_ptr<ChildProcess> launch(const std::vector<std::string>& arguments,
-                                     const Environment& environment) {
-  std::vector<std::string> argv{"verdo-driver"};
+                                     const Environment& environment,
+                                     const std::vector<std::string>& starter) {
+  std::vector<std::string> argv = starter;
+  argv.emplace_back(VERDO_DRIVER_PROGRAM);
   argv.insert(argv.end(), arguments.begin(), arguments.end());
-  return Spawn::launch(VERDO_DRIVER_PROGRAM, argv, environment, false);
+  return Spawn::launch(argv.front(), argv, environment, false);
 }
 
 }  // namespace
 
-Program::Program(const std::vector<std::string>& arguments, const Environment& environment)
-    : child_(launch(arguments, environment)),
+Program::Program(const std::vector<std::string>& arguments, const Environment& environment,
+                 const std::vector<std::string>& starter)
+    : child_(launch(arguments, environment, starter)),
       outputReader_(child_->takeStdout(), into(output_)),
       errorReader_(child_->takeStderr(), into(errors_)) {
   outputReader_.start();

@@ -18,7 +18,9 @@ namespace verdo::test {
 /// The built verdo-driver as a child process. It is killed at the end of this object's life.
 class Program {
  public:
-  Program(const std::vector<std::string>& arguments, const Environment& environment);
+  /// `starter` is a command that becomes the program that it is given, empty for none.
+  Program(const std::vector<std::string>& arguments, const Environment& environment,
+          const std::vector<std::string>& starter = {});
 
   pid_t pid() const { return child_->pid(); }
   void signal(int number) const { child_->signalGroup(number); }

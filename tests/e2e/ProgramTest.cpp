@@ -110,6 +110,46 @@ TEST_F(TheProgram, ReadsAnEnvFileThatOthersCanRead) {
   EXPECT_EQ(program.wait(), 0);
 }
 
+TEST_F(TheProgram, IsBeatenByASecretThatWasCopiedBadly) {
+  environment["VERDO_DRIVER_TOKEN"] = " \t" + service.token() + "\r\n";
+  Program trimmed(arguments({"--dry-run"}), environment);
+  EXPECT_EQ(trimmed.wait(), 0);
+  EXPECT_THAT(trimmed.errors(), Not(HasSubstr("✗")));
+
+  service.requests().clear();
+  environment["VERDO_DRIVER_TOKEN"] = service.token() + "\r\nX-Other: 1";
+  Program split(arguments({"--dry-run"}), environment);
+  EXPECT_EQ(split.wait(), 2);
+  EXPECT_EQ(split.errors(),
+            "✗ the driver token holds a control character, such as a line end inside it; copy it "
+            "again, as one line\n");
+  EXPECT_EQ(service.requests().count(), 0u);
+}
+
+TEST_F(TheProgram, LeavesSomebodyWithoutAnExecutorAlone) {
+  const Arguments none{"--server", service.url(), "--dry-run"};
+  Program unnamed(none, environment);
+  EXPECT_EQ(unnamed.wait(), 127);
+  EXPECT_EQ(unnamed.errors(),
+            "! install ego-browser or verdo-browser, or name another executor with --exec; "
+            "--extra-path DIR searches DIR too\n✗ executor not found: ego-browser\n");
+
+  std::ofstream(path("verdo-browser")) << "#!/bin/sh\n";
+  std::filesystem::permissions(path("verdo-browser"), std::filesystem::perms{0700});
+  Arguments found = none;
+  found.insert(found.end(), {"--extra-path", home()});
+  Program ours(found, environment);
+  EXPECT_EQ(ours.wait(), 0);
+}
+
+TEST_F(TheProgram, LosesTheStatusOfEveryJobWhereSigchldWasIgnored) {
+  const auto id = addJob("say a");
+  Program program(arguments({"--serve-jobs", "1"}), environment,
+                  {"/usr/bin/env", "--ignore-signal=CHLD"});
+  EXPECT_EQ(program.wait(), 0);
+  EXPECT_EQ(doneJob(id).exitCode, 0);
+}
+
 TEST_F(TheProgram, ShowsASecretToSomebody) {
   environment["VERDO_LLM_API_KEY"] = kKey;
   const auto id = addJob("environment");

@@ -1,0 +1,216 @@
+"""Runs clang's warnings, its thread-safety analysis and clang-tidy over the sources.
+
+Each source is compiled once for what only a single file can tell: clang's warnings, and includes
+and declarations that nothing uses. All other checks look at sources of one folder together,
+since most of their time goes into the headers that these share.
+
+What was found clean is remembered by content: the sources, every header that they read, the
+command, the configuration and the version of clang-tidy. Only what differs is looked at again.
+
+Usage: sources.py BUILD_DIR [FILE...]
+"""
+
+import concurrent.futures
+import hashlib
+import json
+import os
+import re
+import shlex
+import subprocess
+import sys
+import threading
+import time
+
+TIDY = 'clang-tidy-19'
+ROOT = os.getcwd()
+CACHE = os.path.join(os.environ.get('XDG_CACHE_HOME') or os.path.expanduser('~/.cache'),
+                     'verdo-lint')
+MAX_AGE = 30 * 24 * 3600  # seconds after which an unused record is forgotten
+MAX_ENTRIES = 6           # states of one piece of work that are remembered
+GROUP_SIZE = 8
+
+# In tests and benchmarks the other checks judge the frameworks' macros instead of our code.
+ALONE_ONLY = ('tests/', 'bench/')
+ALONE = '-*,clang-diagnostic-*,misc-include-cleaner,misc-unused-*'
+TOGETHER = '-clang-diagnostic-*,-misc-include-cleaner,-misc-unused-*,-bugprone-suspicious-include'
+# To the analyzer the sources of a group are headers. Its limit for one function is by default
+# three times this, and then it takes more than twice as long.
+ANALYZER = ['-Xclang', '-analyzer-opt-analyze-headers',
+            '-Xclang', '-analyzer-config', '-Xclang', 'max-nodes=75000']
+
+DIAGNOSTIC = re.compile(r'^(?=/[^\n:]+:\d+:\d+: (?:warning|error):)', re.MULTILINE)
+# This project's sources rely on what their own header includes; only includes too many are found.
+NOT_OURS = re.compile(r'no header providing .* is directly included \[misc-include-cleaner')
+HEADER = re.compile(r'^\.+ (.+)$', re.MULTILINE)
+BROKEN = '[clang-diagnostic-error'
+
+
+class Contents:
+    """Digests of files; each file is read once."""
+
+    def __init__(self):
+        self._digests = {}
+
+    def digest_of(self, paths):
+        total = hashlib.sha256()
+        for path in paths:
+            if path not in self._digests:
+                try:
+                    with open(path, 'rb') as file:
+                        self._digests[path] = hashlib.sha256(file.read()).digest()
+                except OSError:
+                    self._digests[path] = b'absent'
+            total.update(path.replace(ROOT, '@').encode() + b'\0' + self._digests[path])
+        return total.hexdigest()
+
+
+class Work:
+    """Sources that are looked at in one go, and what was found when they were before."""
+
+    def __init__(self, sources, arguments, together, contents):
+        self.sources = sources
+        self.together = together
+        self._arguments = arguments
+        self._contents = contents
+        identity = json.dumps([IDENTITY, sources, arguments, together]).replace(ROOT, '@')
+        self._record = os.path.join(CACHE, hashlib.sha256(identity.encode()).hexdigest())
+
+    def is_clean_already(self):
+        for headers, digest in self._entries():
+            paths = [path.replace('@', ROOT, 1) for path in headers]
+            if self._contents.digest_of(self.sources + paths) == digest:
+                os.utime(self._record)
+                return True
+        return False
+
+    def _entries(self):
+        try:
+            with open(self._record, encoding='utf-8') as file:
+                return json.load(file)
+        except (OSError, ValueError):
+            return []  # never looked at, or the record was cut short: it is written anew
+
+    def _remember(self, headers):
+        entry = [[path.replace(ROOT, '@', 1) for path in headers],
+                 self._contents.digest_of(self.sources + headers)]
+        temporary = f'{self._record}.{os.getpid()}'
+        with open(temporary, 'w', encoding='utf-8') as file:
+            json.dump([entry, *self._entries()][:MAX_ENTRIES], file)
+        os.replace(temporary, self._record)
+
+    def look(self, directory):
+        """The findings, as text; empty when there are none."""
+        name = hashlib.sha256(self._record.encode()).hexdigest()[:16] + '.cpp'
+        unit = os.path.join(directory, name) if self.together else self.sources[0]
+        if self.together:
+            with open(unit, 'w', encoding='utf-8') as file:
+                file.writelines(f'#include "{os.path.join(ROOT, path)}"\n' for path in self.sources)
+        checks = TOGETHER if self.together else ALONE
+        # -H tells the headers; a group's warnings are told by its sources alone.
+        extra = ['-H', *(['-w', *ANALYZER] if self.together else [])]
+        run = subprocess.run(
+            [TIDY, '--quiet', '--warnings-as-errors=*', f'--checks={checks}',
+             *[f'--extra-arg={argument}' for argument in extra], unit, '--', *self._arguments],
+            check=False, capture_output=True, text=True, errors='replace')
+        findings = [text for text in DIAGNOSTIC.split(run.stdout)
+                    if text.strip() and not NOT_OURS.search(text)]
+        if run.returncode not in (0, 1) and not findings:
+            findings = [f'{TIDY} failed on {" ".join(self.sources)}:\n{run.stderr}']
+        if not findings:
+            headers = sorted({os.path.realpath(path) for path in HEADER.findall(run.stderr)})
+            self._remember([path for path in headers if path != os.path.realpath(unit)])
+        return ''.join(findings)
+
+    def halves(self):
+        """The same sources as smaller pieces of work; none when they cannot be parted."""
+        middle = len(self.sources) // 2
+        return [Work(part, self._arguments, True, self._contents)
+                for part in (self.sources[:middle], self.sources[middle:])] if middle else []
+
+
+def identity():
+    version = subprocess.run([TIDY, '--version'], check=True, capture_output=True, text=True)
+    with open('.clang-tidy', encoding='utf-8') as file:
+        return [version.stdout, file.read(), ALONE, TOGETHER, ANALYZER]
+
+
+def sources_of(build):
+    """The tree's sources and the arguments that each is compiled with."""
+    with open(os.path.join(build, 'compile_commands.json'), encoding='utf-8') as file:
+        commands = json.load(file)
+    for command in commands:
+        path = os.path.relpath(command['file'], ROOT)
+        if path.startswith(('build/', '..')):
+            continue  # generated
+        arguments = shlex.split(command['command'])
+        first = next(i for i, word in enumerate(arguments) if 'clang++' in word) + 1
+        arguments = arguments[first:arguments.index('-o')]
+        yield path, arguments
+
+
+def pieces_of_work(build, wanted):
+    contents = Contents()
+    groups = {}
+    for path, arguments in sorted(sources_of(build)):
+        if wanted and path not in wanted:
+            continue
+        yield Work([path], arguments, False, contents)
+        if not path.startswith(ALONE_ONLY):
+            groups.setdefault((os.path.dirname(path), tuple(arguments)), []).append(path)
+    for (_, arguments), sources in groups.items():
+        count = -(-len(sources) // GROUP_SIZE)
+        for i in range(count):
+            yield Work(sources[i::count], list(arguments), True, contents)
+
+
+def look_at(work, directory):
+    """Findings of a piece of work. Sources that do not compile as one are looked at in halves."""
+    found = work.look(directory)
+    if work.together and BROKEN in found:
+        parts = work.halves()
+        if parts:
+            return ''.join(look_at(part, directory) for part in parts if not part.is_clean_already())
+    return found
+
+
+def forget_unused():
+    for name in os.listdir(CACHE):
+        path = os.path.join(CACHE, name)
+        if time.time() - os.path.getmtime(path) > MAX_AGE:
+            os.unlink(path)
+
+
+def main():
+    build, *files = sys.argv[1:]
+    os.makedirs(CACHE, exist_ok=True)
+    forget_unused()
+    directory = os.path.join(build, 'together')
+    os.makedirs(directory, exist_ok=True)
+    every = list(pieces_of_work(build, {os.path.relpath(path, ROOT) for path in files}))
+    due = [work for work in every if not work.is_clean_already()]
+    due.sort(key=lambda work: -len(work.sources))
+    changed = {path for work in due for path in work.sources}
+    total = {path for work in every for path in work.sources}
+    print(f'== clang: {len(total)} sources, {len(changed)} to look at', flush=True)
+
+    printing = threading.Lock()
+    failed = 0
+
+    def handle(work):
+        nonlocal failed
+        found = look_at(work, directory)
+        if found:
+            with printing:
+                failed += 1
+                print(found.replace(ROOT + '/', ''), end='', flush=True)
+
+    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
+        list(pool.map(handle, due))
+    print(f'== clang: {failed} pieces of work with findings' if failed else '== clang: clean')
+    return 1 if failed else 0
+
+
+IDENTITY = identity()
+
+if __name__ == '__main__':
+    sys.exit(main())
