@@ -38,17 +38,18 @@ class Logind : public testing::Test {
         found += (what + "|" + who + "|" + mode + "|" + why).toStdString();
       }
       list.endArray();
-      return found == (reason.empty() ? "" : "idle:sleep|Verdo Driver|block|" + reason);
+      return found == (reason.empty() ? "" : "idle|Verdo Driver|block|" + reason);
     });
   }
 
   PrivateBus bus_;
+  std::shared_ptr<BusLink> link_ = std::make_shared<BusLink>(bus_.address());
   std::unique_ptr<ChildProcess> mock_;
   AppLogCapture log_;
 };
 
 TEST_F(Logind, LockIsNotHeldOrNotReleased) {
-  LogindInhibitor inhibitor(bus_.connection);
+  LogindInhibitor inhibitor(link_);
   for (int round = 0; round < 3; ++round) {
     inhibitor.hold("too early");
     ASSERT_TRUE(spinUntil([&] { return !inhibitor.isHeld(); }));
@@ -75,23 +76,29 @@ TEST_F(Logind, LockIsNotHeldOrNotReleased) {
   inhibitor.hold("third");
   inhibitor.release();
   EXPECT_TRUE(waitForLock(""));
-  EXPECT_TRUE(eventually([&] { return openDescriptors().size() <= descriptors; }));
+  EXPECT_TRUE(spinUntil([&] { return openDescriptors().size() <= descriptors; }));
 
-  LogindInhibitor busless(QDBusConnection("no such bus"));
+  LogindInhibitor busless(std::make_shared<BusLink>(""));
   busless.hold("a reason");
   EXPECT_TRUE(spinUntil([&] { return !busless.isHeld(); }));
 }
 
 TEST_F(Logind, WakeUpIsMissedOrFallingAsleepTakenForIt) {
-  LogindWakeMonitor monitor(bus_.connection);  // logind comes later
+  LogindWakeMonitor monitor(link_);  // logind comes later
   int wakeUps = 0;
   QObject::connect(&monitor, &WakeMonitor::woke, [&] { ++wakeUps; });
   startLogind();
   for (const bool isGoingToSleep : {true, false}) {
-    // The signal comes before the answer.
     bus_.call(kLogind, kPath, "org.freedesktop.DBus.Mock", "EmitSignal",
               {kManager, "PrepareForSleep", "b", QVariantList{isGoingToSleep}});
-    spin();
+    // Signals and answers come in order.
+    bool isAnswered = false;
+    link_->call({.service = kLogind,
+                 .path = kPath,
+                 .interface = "org.freedesktop.DBus.Peer",
+                 .method = "Ping"},
+                [&](const BusResult&) { isAnswered = true; });
+    EXPECT_TRUE(spinUntil([&] { return isAnswered; }));
     EXPECT_EQ(wakeUps, isGoingToSleep ? 0 : 1);
   }
 }
