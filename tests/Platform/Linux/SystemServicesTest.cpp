@@ -1,16 +1,9 @@
-#include "VerdoDriver/Platform/Linux/GioPathMonitor.h"
 #include "VerdoDriver/Platform/Linux/LogindInhibitor.h"
 #include "VerdoDriver/Platform/Linux/LogindWakeMonitor.h"
 #include "tests/Platform/Linux/PrivateBus.h"
 #include "tests/Support/AppLogCapture.h"
 
 #include <QDBusArgument>
-
-#include <fcntl.h>
-#include <net/if.h>
-#include <net/route.h>
-#include <sched.h>
-#include <sys/ioctl.h>
 
 namespace verdo::test {
 
@@ -101,33 +94,6 @@ TEST_F(Logind, WakeUpIsMissedOrFallingAsleepTakenForIt) {
     EXPECT_TRUE(spinUntil([&] { return isAnswered; }));
     EXPECT_EQ(wakeUps, isGoingToSleep ? 0 : 1);
   }
-}
-
-TEST(PathMonitor, MissesTheNetworkGoingOrComing) {
-  // This thread and those that it starts get an empty network of their own, up to the end.
-  const UniqueFd before(::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC));
-  if (::unshare(CLONE_NEWNET) != 0) GTEST_SKIP() << "no own network: " << std::strerror(errno);
-  {
-    const UniqueFd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    struct ifreq loopback{.ifr_ifrn = {"lo"}, .ifr_ifru = {}};
-    loopback.ifr_flags = IFF_UP | IFF_RUNNING;
-    EXPECT_EQ(::ioctl(socket.get(), SIOCSIFFLAGS, &loopback), 0) << std::strerror(errno);
-
-    GioPathMonitor monitor;
-    std::optional<bool> latest;
-    QObject::connect(&monitor, &PathMonitor::reported, [&](bool satisfied) { latest = satisfied; });
-    monitor.start();
-    EXPECT_TRUE(spinUntil([&] { return latest == false; }));
-    struct rtentry route{};
-    route.rt_dst.sa_family = route.rt_genmask.sa_family = AF_INET;
-    route.rt_flags = RTF_UP;
-    route.rt_dev = loopback.ifr_name;
-    for (const bool isThere : {true, false, true}) {
-      EXPECT_EQ(::ioctl(socket.get(), isThere ? SIOCADDRT : SIOCDELRT, &route), 0);
-      EXPECT_TRUE(spinUntil([&] { return latest == isThere; })) << isThere;
-    }
-  }
-  ASSERT_EQ(::setns(before.get(), CLONE_NEWNET), 0) << std::strerror(errno);
 }
 
 }  // namespace verdo::test
