@@ -95,5 +95,20 @@ TEST(EnvFile, IsReadOnlyWhenNobodyElseCan) {
   }
 }
 
+TEST(Executor, DefaultsToAProgramThatIsNotThere) {
+  const TempDir first;
+  const TempDir second;
+  const ScopedEnv path("PATH", second.path());
+  const auto command = [&] { return Executor::defaultCommand({first.path()}); };
+  const auto install = [](const TempDir& where, const char* name) {
+    where.write(name, "", Mode{0700});
+  };
+  EXPECT_EQ(command(), "ego-browser nodejs");
+  install(first, "verdo-browser");
+  EXPECT_EQ(command(), "verdo-browser nodejs");
+  install(second, "ego-browser");  // wins from behind, too
+  EXPECT_EQ(command(), "ego-browser nodejs");
+}
+
 }  // namespace
 }  // namespace verdo

@@ -1,4 +1,5 @@
 #include "VerdoDriver/Model/ConnectFlow.h"
+#include "VerdoDriver/Model/EgoLocator.h"
 #include "tests/Support/AppLogCapture.h"
 #include "tests/Support/MainLoop.h"
 #include "tests/Support/RecordingDriverLog.h"
@@ -139,7 +140,7 @@ TEST_F(Connect, LosesWhatWasProven) {
   const auto& run = *factory->runs[0];
   EXPECT_TRUE(run.config.dryRun && run.config.checkLLM && run.config.insecure);
   EXPECT_EQ(run.config.server, "https://s.example");
-  EXPECT_EQ(run.config.execCommand, "ego-browser nodejs");
+  EXPECT_EQ(run.config.execCommand, EgoLocator::command());
   run.observer.lock()->driverConnected("ann", 1, "1");
   factory->runs[0]->end(ExitReason::clean());
   ASSERT_TRUE(spinUntil([&] { return result.has_value(); }));
