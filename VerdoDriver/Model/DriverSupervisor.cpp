@@ -3,6 +3,7 @@
 #include "VerdoDriver/Model/AppLog.h"
 #include "VerdoDriver/Model/Background.h"
 #include "VerdoDriver/Model/Masked.h"
+#include "VerdoDriverCore/Values/Url.h"
 
 #include <QPointer>
 #include <chrono>
@@ -198,7 +199,8 @@ void DriverSupervisor::launchWith(const std::optional<DriverConfig>& config) {
   assign(retryMessage_, std::nullopt, &DriverSupervisor::retryMessageChanged);
   transition(State::starting());
   log_->write(fmt::format("» driver run #{} starting (server {}, token {}, key {})", generation,
-                          config->server, masked(config->token), maskedKey(config->llmKey)));
+                          withoutUserInfo(config->server), masked(config->token),
+                          maskedKey(config->llmKey)));
   const auto ended = [self = QPointer(this), generation](const ExitReason& reason) {
     if (self) self->runEnded(generation, reason);
   };

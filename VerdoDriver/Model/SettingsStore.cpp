@@ -1,6 +1,7 @@
 #include "VerdoDriver/Model/SettingsStore.h"
 
 #include "VerdoDriver/Model/AppLog.h"
+#include "VerdoDriverCore/Values/Url.h"
 
 #include <QSettings>
 
@@ -62,7 +63,7 @@ void SettingsStore::store(const char* key, const QVariant& value) {
   defaults_->setValue(key, value);
   defaults_->sync();  // at once: a crash later must not undo the choice
   AppLog::settings.debug(
-      fmt::format("[SettingsStore] {} = {}", key, value.toString().toStdString()));
+      fmt::format("[SettingsStore] {} = {}", key, withoutUserInfo(value.toString().toStdString())));
   if (defaults_->status() != QSettings::NoError) {
     // The choice holds until the app ends; more cannot be done about it here.
     AppLog::settings.error(

@@ -16,28 +16,6 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-TEST(ServerURL, IsJudgedWrongly) {
-  const struct {
-    const char* text;
-    bool insecure;
-    const char* result;  ///< the URL, or the refusal
-  } table[] = {
-      {" \t https://s.example/// \n", false, "https://s.example"},
-      {"http://127.0.0.1:8765/", false, "http://127.0.0.1:8765"},
-      {"http://s.example", true, "http://s.example"},
-      {" // ", false, "Enter the server URL."},
-      {"ftp://x", false, "The server URL must start with https:// (got ftp://x)."},
-      {"HTTPS://x", false, "The server URL must start with https:// (got HTTPS://x)."},
-      {"https:///path", false, "https:///path is not a valid URL."},
-      {"https://a b", false, "https://a b is not a valid URL."},
-  };
-  for (const auto& [text, insecure, result] : table) {
-    const auto url = validateServerURL(text, insecure);
-    EXPECT_EQ(url ? *url : url.error().message, result);
-  }
-  EXPECT_FALSE(validateServerURL("http://s.example", false));
-}
-
 /// Fails every write to one account.
 class FailingStore : public MemorySecretStore {
  public:

@@ -161,7 +161,8 @@ TEST(SafeLink, UnsafeLinkIsOpened) {
   for (const char* link : {"HTTPS://Elsewhere.example:8443/a.dmg", "HTTP://H:80/a"}) {
     EXPECT_TRUE(SafeLink::allowed(link, "http://h:80/base")) << link;
   }
-  for (const char* link : {"http://h:80/a", "http://other/a", "http://h@other/a", "ftp://h/a",
+  for (const char* link : {"http://h:80/a", "http://other/a", "http://h@other/a", "http://h@h/a",
+                           "https://h/a\\b", "https://h/%2g", "ftp://h/a",
                            "javascript://h/%0aalert(1)", "https:///a", "//h/a", " https://h/a"}) {
     EXPECT_FALSE(SafeLink::allowed(link, "http://h")) << link;
   }
