@@ -16,10 +16,15 @@ constexpr const char* kKeepAwakeMode = "keepAwakeMode";
 constexpr const char* kAutoStart = "autoStart";
 constexpr const char* kAllowInsecure = "allowInsecure";
 
+std::unique_ptr<QSettings> ofTheUserAlone(std::unique_ptr<QSettings> defaults) {
+  defaults->setFallbacksEnabled(false);
+  return defaults;
+}
+
 }  // namespace
 
 SettingsStore::SettingsStore(std::unique_ptr<QSettings> defaults)
-    : defaults_(std::move(defaults)),
+    : defaults_(ofTheUserAlone(std::move(defaults))),
       serverURL_(defaults_->value(kServerURL).toString().toStdString()),
       launchAtLogin_(defaults_->value(kLaunchAtLogin, false).toBool()),
       keepAwakeMode_(keepAwakeModeOf(defaults_->value(kKeepAwakeMode).toString().toStdString())),

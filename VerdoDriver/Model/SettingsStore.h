@@ -24,7 +24,8 @@ class SettingsStore : public QObject {
   Q_PROPERTY(
       bool allowInsecure READ allowInsecure WRITE setAllowInsecure NOTIFY allowInsecureChanged)
  public:
-  /// Reads all choices. Keys that are missing or hold nonsense give the defaults below.
+  /// Reads all choices. Keys that are missing or hold nonsense give the defaults below; those of
+  /// system-wide files do not count, since nobody but the user may allow plain http.
   explicit SettingsStore(std::unique_ptr<QSettings> defaults);
   ~SettingsStore() override;
 

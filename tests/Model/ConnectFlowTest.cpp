@@ -143,32 +143,5 @@ TEST_F(Connect, ErasesTheStoredKeyWithAnEmptyOne) {
   EXPECT_EQ(textOf(connect()), "Check the setup|Paste the DeepSeek key first.|5");
 }
 
-TEST(Settings, AreForgottenOrMisread) {
-  const TempDir directory;
-  const auto file = QString::fromStdString(directory / "settings");
-  const auto open = [&] {
-    return std::make_unique<SettingsStore>(std::make_unique<QSettings>(file, QSettings::IniFormat));
-  };
-  auto settings = open();
-  EXPECT_EQ(settings->serverURL() + nameOf(settings->keepAwakeMode()), "always");
-  EXPECT_TRUE(settings->autoStart() && !settings->launchAtLogin() && !settings->allowInsecure());
-  int announced = 0;
-  QObject::connect(settings.get(), &SettingsStore::autoStartChanged, [&] { ++announced; });
-  settings->setServerURL("https://ü.example/,;\"");
-  settings->setLaunchAtLogin(true);
-  settings->setKeepAwakeMode(KeepAwakeMode::whileJobRuns);
-  settings->setAutoStart(false);
-  settings->setAutoStart(false);
-  settings->setAllowInsecure(true);
-  EXPECT_EQ(announced, 2);
-
-  const auto again = open();  // while the first one still lives: all has been written
-  EXPECT_EQ(again->serverURL(), "https://ü.example/,;\"");
-  EXPECT_EQ(again->keepAwakeMode(), KeepAwakeMode::whileJobRuns);
-  EXPECT_TRUE(!again->autoStart() && again->launchAtLogin() && again->allowInsecure());
-  QSettings(file, QSettings::IniFormat).setValue("keepAwakeMode", "sometimes");
-  EXPECT_EQ(open()->keepAwakeMode(), KeepAwakeMode::always);
-}
-
 }  // namespace
 }  // namespace verdo::test
