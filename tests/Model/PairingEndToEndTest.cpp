@@ -50,6 +50,7 @@ class Pairing : public testing::Test {
   }
   void TearDown() override {
     for (const auto& line : appLog.lines()) EXPECT_THAT(line, Not(HasSubstr(service.token())));
+    EXPECT_TRUE(log->flush());
     EXPECT_THAT(contentOf(log->path()), Not(HasSubstr(service.token())));
   }
 
@@ -77,6 +78,7 @@ class Pairing : public testing::Test {
   bool isWaiting() const { return std::holds_alternative<PairingWaiting>(flow.state()); }
   /// The lines of the file log, without their times.
   std::vector<std::string> lines() const {
+    EXPECT_TRUE(log->flush());
     std::istringstream text(contentOf(log->path()));
     std::vector<std::string> all;
     for (std::string line; std::getline(text, line);) all.push_back(line.substr(20));
