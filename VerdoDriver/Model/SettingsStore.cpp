@@ -14,6 +14,7 @@ constexpr const char* kLaunchAtLogin = "launchAtLogin";
 constexpr const char* kKeepAwakeMode = "keepAwakeMode";
 constexpr const char* kAutoStart = "autoStart";
 constexpr const char* kAllowInsecure = "allowInsecure";
+constexpr const char* kSecretPlace = "secretPlace";
 
 }  // namespace
 
@@ -23,7 +24,8 @@ SettingsStore::SettingsStore(std::unique_ptr<QSettings> defaults)
       launchAtLogin_(defaults_->value(kLaunchAtLogin, false).toBool()),
       keepAwakeMode_(keepAwakeModeOf(defaults_->value(kKeepAwakeMode).toString().toStdString())),
       autoStart_(defaults_->value(kAutoStart, true).toBool()),
-      allowInsecure_(defaults_->value(kAllowInsecure, false).toBool()) {}
+      allowInsecure_(defaults_->value(kAllowInsecure, false).toBool()),
+      secretPlace_(secretPlaceOf(defaults_->value(kSecretPlace).toString().toStdString())) {}
 
 SettingsStore::~SettingsStore() = default;
 
@@ -49,6 +51,11 @@ void SettingsStore::setAutoStart(bool start) {
 
 void SettingsStore::setAllowInsecure(bool allow) {
   setFlag(allowInsecure_, kAllowInsecure, allow, &SettingsStore::allowInsecureChanged);
+}
+
+void SettingsStore::setSecretPlace(const SecretPlace& place) {
+  secretPlace_ = place;
+  store(kSecretPlace, QString::fromStdString(toText(place)));
 }
 
 void SettingsStore::setFlag(bool& flag, const char* key, bool value,
