@@ -15,6 +15,7 @@ constexpr const char* kLaunchAtLogin = "launchAtLogin";
 constexpr const char* kKeepAwakeMode = "keepAwakeMode";
 constexpr const char* kAutoStart = "autoStart";
 constexpr const char* kAllowInsecure = "allowInsecure";
+constexpr const char* kSecretPlace = "secretPlace";
 
 std::unique_ptr<QSettings> ofTheUserAlone(std::unique_ptr<QSettings> defaults) {
   defaults->setFallbacksEnabled(false);
@@ -29,7 +30,8 @@ SettingsStore::SettingsStore(std::unique_ptr<QSettings> defaults)
       launchAtLogin_(defaults_->value(kLaunchAtLogin, false).toBool()),
       keepAwakeMode_(keepAwakeModeOf(defaults_->value(kKeepAwakeMode).toString().toStdString())),
       autoStart_(defaults_->value(kAutoStart, true).toBool()),
-      allowInsecure_(defaults_->value(kAllowInsecure, false).toBool()) {}
+      allowInsecure_(defaults_->value(kAllowInsecure, false).toBool()),
+      secretPlace_(secretPlaceOf(defaults_->value(kSecretPlace).toString().toStdString())) {}
 
 SettingsStore::~SettingsStore() = default;
 
@@ -55,6 +57,11 @@ void SettingsStore::setAutoStart(bool start) {
 
 void SettingsStore::setAllowInsecure(bool allow) {
   setFlag(allowInsecure_, kAllowInsecure, allow, &SettingsStore::allowInsecureChanged);
+}
+
+void SettingsStore::setSecretPlace(const SecretPlace& place) {
+  secretPlace_ = place;
+  store(kSecretPlace, QString::fromStdString(toText(place)));
 }
 
 void SettingsStore::setFlag(bool& flag, const char* key, bool value,

@@ -1,9 +1,11 @@
 #pragma once
 
 #include "VerdoDriver/Model/KeepAwakeMode.h"
+#include "VerdoDriver/Model/SecretPlace.h"
 
 #include <QObject>
 #include <memory>
+#include <optional>
 #include <string>
 
 class QSettings;
@@ -38,11 +40,15 @@ class SettingsStore : public QObject {
   /// Plain http to a host that is not loopback is allowed.
   bool allowInsecure() const { return allowInsecure_; }
 
+  /// Where the secrets are kept (SecretPlace.h); none before the first one was stored.
+  const std::optional<SecretPlace>& secretPlace() const { return secretPlace_; }
+
   void setServerURL(const std::string& url);
   void setLaunchAtLogin(bool launch);
   void setKeepAwakeMode(KeepAwakeMode mode);
   void setAutoStart(bool start);
   void setAllowInsecure(bool allow);
+  void setSecretPlace(const SecretPlace& place);
 
  Q_SIGNALS:
   void serverURLChanged(const std::string& url);
@@ -61,6 +67,7 @@ class SettingsStore : public QObject {
   KeepAwakeMode keepAwakeMode_;
   bool autoStart_;
   bool allowInsecure_;
+  std::optional<SecretPlace> secretPlace_;
 };
 
 }  // namespace verdo
