@@ -17,7 +17,9 @@
 namespace verdo {
 namespace {
 
-std::int64_t wholeSeconds(double seconds) { return static_cast<std::int64_t>(seconds); }
+std::int64_t wholeSeconds(Clock::Duration time) {
+  return std::chrono::duration_cast<std::chrono::seconds>(time).count();
+}
 
 /// A key shows as "none" where a token shows as "(none)".
 std::string maskedKey(const std::string& key) { return key.empty() ? "none" : masked(key); }
@@ -110,7 +112,8 @@ class DriverSupervisor::ObserverBridge : public DriverObserver {
 
 DriverSupervisor::DriverSupervisor(std::shared_ptr<DriverFactory> factory,
                                    std::shared_ptr<DriverLog> log, std::shared_ptr<Clock> clock,
-                                   double restartImmediateAfter, double backoffDelay)
+                                   Clock::Duration restartImmediateAfter,
+                                   Clock::Duration backoffDelay)
     : factory_(std::move(factory)),
       log_(std::move(log)),
       clock_(std::move(clock)),
@@ -133,7 +136,7 @@ void DriverSupervisor::start(ConfigProvider configProvider) {
   launch();
 }
 
-void DriverSupervisor::stop(double timeout, std::function<void()> completion) {
+void DriverSupervisor::stop(Clock::Duration timeout, std::function<void()> completion) {
   MainThread::require("DriverSupervisor::stop");
   cancelBackoff();
   if (!current_) {
@@ -217,10 +220,11 @@ void DriverSupervisor::launchWith(const std::optional<DriverConfig>& config) {
   }
 }
 
-void DriverSupervisor::stopTimedOut(Generation generation, double timeout) {
+void DriverSupervisor::stopTimedOut(Generation generation, Clock::Duration timeout) {
   if (!isCurrent(generation)) return;
-  AppLog::supervisor.error(fmt::format(
-      "[Supervisor] run #{} did not stop within {:f}s — draining it", generation, timeout));
+  AppLog::supervisor.error(
+      fmt::format("[Supervisor] run #{} did not stop within {:f}s — draining it", generation,
+                  std::chrono::duration<double>(timeout).count()));
   log_->write(fmt::format("» driver did not stop in {}s — draining (no new run until it returns)",
                           wholeSeconds(timeout)));
   current_.reset();
@@ -241,7 +245,7 @@ void DriverSupervisor::runEnded(Generation generation, const ExitReason& reason)
   if (stopTimeout_) stopTimeout_->cancel();
   stopTimeout_.reset();
   assign(busyLanes_, std::vector<std::string>(), &DriverSupervisor::busyLanesChanged);
-  const double elapsed = std::chrono::duration<double>(clock_->now() - run->startedAt).count();
+  const Clock::Duration elapsed = clock_->now() - run->startedAt;
   const bool hasMessage = !reason.message().empty();
   log_->write(fmt::format("» run #{} ended: exit {}{}{} after {}s", generation, reason.code(),
                           hasMessage ? " — " : "", reason.message(), wholeSeconds(elapsed)));
@@ -260,7 +264,8 @@ void DriverSupervisor::drainedRunEnded(const ExitReason& reason) {
   if (state_.kind == State::Kind::starting) transition(State::idle());
 }
 
-void DriverSupervisor::decideAfter(const Run& run, const ExitReason& reason, double elapsed) {
+void DriverSupervisor::decideAfter(const Run& run, const ExitReason& reason,
+                                   Clock::Duration elapsed) {
   if (run.stopRequested) return transition(State::idle());
   switch (reason.kind()) {
     case ExitReason::Kind::outOfDate:
@@ -284,11 +289,11 @@ void DriverSupervisor::decideAfter(const Run& run, const ExitReason& reason, dou
 }
 
 /// The pause is always the same: the service may be back at any moment.
-void DriverSupervisor::retryLater(const ExitReason& reason, double elapsed) {
+void DriverSupervisor::retryLater(const ExitReason& reason, Clock::Duration elapsed) {
   AppLog::supervisor.info(fmt::format("[Supervisor] exit 1 after {}s — retry in {}s",
                                       wholeSeconds(elapsed), wholeSeconds(backoffDelay_)));
-  const auto delay = std::chrono::duration<double>(backoffDelay_);
-  const auto until = clock_->now() + std::chrono::duration_cast<Clock::TimePoint::duration>(delay);
+  const auto until =
+      clock_->now() + std::chrono::duration_cast<Clock::TimePoint::duration>(backoffDelay_);
   transition(State::backoff(until, reason.message()));
   backoffToken_ = clock_->after(backoffDelay_, [self = QPointer(this)] {
     if (self && self->state_.kind == State::Kind::backoff && !self->current_) self->launch();

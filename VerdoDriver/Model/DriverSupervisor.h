@@ -63,16 +63,17 @@ class DriverSupervisor : public QObject {
   /// dropped.
   using ConfigProvider = std::function<void(ConfigReply)>;
 
-  /// Seconds that a stop waits for a run before it is abandoned, in every stop that the app makes.
-  static constexpr double kStopTimeout = 75;
+  /// How long a stop waits for a run before it is abandoned, unless the session ends.
+  static constexpr std::chrono::seconds kStopTimeout{75};
   /// What the user reads when there is no configuration.
   static constexpr const char* kNotConnected = "not connected — press Connect to website in Setup";
 
-  /// A run that has lost the server after `restartImmediateAfter` seconds or more is followed by
-  /// the next one at once, a shorter one after `backoffDelay` seconds.
+  /// A run that has lost the server after `restartImmediateAfter` or longer is followed by the next
+  /// one at once, a shorter one after `backoffDelay`.
   DriverSupervisor(std::shared_ptr<DriverFactory> factory, std::shared_ptr<DriverLog> log,
-                   std::shared_ptr<Clock> clock, double restartImmediateAfter = 60,
-                   double backoffDelay = 30);
+                   std::shared_ptr<Clock> clock,
+                   Clock::Duration restartImmediateAfter = std::chrono::seconds(60),
+                   Clock::Duration backoffDelay = std::chrono::seconds(30));
   ~DriverSupervisor() override;
 
   // These four end the program when called on another thread.
@@ -81,8 +82,8 @@ class DriverSupervisor : public QObject {
   /// one.
   void start(ConfigProvider configProvider);
   /// Asks the current run to end, and calls `completion` once there is none: when it has ended, or
-  /// after `timeout` seconds, when it is abandoned. Calls off whatever was scheduled.
-  void stop(double timeout, std::function<void()> completion = {});
+  /// after `timeout`, when it is abandoned. Calls off whatever was scheduled.
+  void stop(Clock::Duration timeout, std::function<void()> completion = {});
   /// Starts again with the same provider, after a stop if a run is current. Nothing before the
   /// first start.
   void restart();
@@ -125,9 +126,9 @@ class DriverSupervisor : public QObject {
   void launchWith(const std::optional<DriverConfig>& config);
   void runEnded(Generation generation, const ExitReason& reason);
   void drainedRunEnded(const ExitReason& reason);
-  void decideAfter(const Run& run, const ExitReason& reason, double elapsed);
-  void retryLater(const ExitReason& reason, double elapsed);
-  void stopTimedOut(Generation generation, double timeout);
+  void decideAfter(const Run& run, const ExitReason& reason, Clock::Duration elapsed);
+  void retryLater(const ExitReason& reason, Clock::Duration elapsed);
+  void stopTimedOut(Generation generation, Clock::Duration timeout);
   void cancelBackoff();
   void flushStopWaiters();
   void transition(State state);
@@ -144,8 +145,8 @@ class DriverSupervisor : public QObject {
   const std::shared_ptr<DriverFactory> factory_;
   const std::shared_ptr<DriverLog> log_;
   const std::shared_ptr<Clock> clock_;
-  const double restartImmediateAfter_;
-  const double backoffDelay_;
+  const Clock::Duration restartImmediateAfter_;
+  const Clock::Duration backoffDelay_;
 
   State state_;
   std::optional<std::string> username_;

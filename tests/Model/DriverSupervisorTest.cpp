@@ -13,6 +13,7 @@
 namespace verdo::test {
 namespace {
 
+using namespace std::chrono_literals;
 using Kind = DriverSupervisor::State::Kind;
 using testing::Contains;
 using testing::ElementsAre;
@@ -73,22 +74,22 @@ TEST_F(Supervisor, DecidesWronglyAfterARun) {
   const auto lost = ExitReason::serverUnreachable("m");
   const struct {
     ExitReason reason;
-    double seconds;
+    std::chrono::milliseconds length;
     bool stopRequested;
     Kind next;
     const char* end;
   } table[] = {
-      {ExitReason::clean(), 1, false, Kind::idle, "exit 0 after 1s"},
-      {ExitReason::stopped(), 1.9, false, Kind::idle, "exit 130 after 1s"},
-      {ExitReason::badConfig("m"), 0, false, Kind::stopped, "exit 2 — m after 0s"},
-      {ExitReason::tokenRevoked("m"), 0, false, Kind::stopped, "exit 3 — m after 0s"},
-      {ExitReason::outOfDate("m"), 0, false, Kind::stopped, "exit 6 — m after 0s"},
-      {ExitReason::llmKeyRejected("m"), 0, false, Kind::stopped, "exit 7 — m after 0s"},
-      {ExitReason::noExecutor("m"), 0, false, Kind::stopped, "exit 127 — m after 0s"},
-      {lost, 59.9, false, Kind::backoff, "exit 1 — m after 59s"},
-      {lost, 60, false, Kind::starting, "exit 1 — m after 60s"},
-      {lost, 60, true, Kind::idle, "exit 1 — m after 60s"},
-      {ExitReason::badConfig("m"), 0, true, Kind::idle, "exit 2 — m after 0s"},
+      {ExitReason::clean(), 1000ms, false, Kind::idle, "exit 0 after 1s"},
+      {ExitReason::stopped(), 1900ms, false, Kind::idle, "exit 130 after 1s"},
+      {ExitReason::badConfig("m"), 0ms, false, Kind::stopped, "exit 2 — m after 0s"},
+      {ExitReason::tokenRevoked("m"), 0ms, false, Kind::stopped, "exit 3 — m after 0s"},
+      {ExitReason::outOfDate("m"), 0ms, false, Kind::stopped, "exit 6 — m after 0s"},
+      {ExitReason::llmKeyRejected("m"), 0ms, false, Kind::stopped, "exit 7 — m after 0s"},
+      {ExitReason::noExecutor("m"), 0ms, false, Kind::stopped, "exit 127 — m after 0s"},
+      {lost, 59900ms, false, Kind::backoff, "exit 1 — m after 59s"},
+      {lost, 60000ms, false, Kind::starting, "exit 1 — m after 60s"},
+      {lost, 60000ms, true, Kind::idle, "exit 1 — m after 60s"},
+      {ExitReason::badConfig("m"), 0ms, true, Kind::idle, "exit 2 — m after 0s"},
   };
   for (const auto& row : table) {
     SCOPED_TRACE(row.end);
@@ -97,8 +98,8 @@ TEST_F(Supervisor, DecidesWronglyAfterARun) {
     one.start([this](const auto& reply) { reply(config); });
     EXPECT_EQ(one.state().kind, Kind::starting);
     const auto first = factory->runs.at(0);
-    clock->advance(row.seconds);
-    if (row.stopRequested) one.stop(75);
+    clock->advance(row.length);
+    if (row.stopRequested) one.stop(75s);
     const auto lines = linesWith("» run #1 ended");
     first->end(row.reason);
     ASSERT_TRUE(spinUntil([&] { return linesWith("» run #1 ended") > lines; }));
@@ -119,9 +120,9 @@ TEST_F(Supervisor, BacksOffTooLongOrTooShort) {
   end(1, ExitReason::serverUnreachable("gone"));
   EXPECT_EQ(supervisor.state(),
             DriverSupervisor::State::backoff(clock->now() + std::chrono::seconds(30), "gone"));
-  clock->advance(29.9);
+  clock->advance(29900ms);
   EXPECT_EQ(factory->runs.size(), 1u);
-  clock->advance(0.1);
+  clock->advance(100ms);
   EXPECT_EQ(state(), Kind::starting);
   ASSERT_EQ(factory->runs.size(), 2u);
 
@@ -129,13 +130,13 @@ TEST_F(Supervisor, BacksOffTooLongOrTooShort) {
   supervisor.kick();
   ASSERT_EQ(factory->runs.size(), 3u);
   supervisor.kick();  // of no use now, and of no harm
-  clock->advance(100);
+  clock->advance(100s);
   EXPECT_EQ(factory->runs.size(), 3u);
 
-  clock->advance(-100);
+  clock->advance(-100s);
   end(3, ExitReason::serverUnreachable("gone"));
   bool stopped = false;
-  supervisor.stop(75, [&] { stopped = true; });
+  supervisor.stop(75s, [&] { stopped = true; });
   EXPECT_TRUE(stopped);
   EXPECT_EQ(state(), Kind::idle);
   EXPECT_EQ(clock->pendingCount(), 0u);
@@ -184,7 +185,7 @@ TEST_F(Supervisor, LaunchesWithoutAConfigurationOrTwice) {
   EXPECT_EQ(supervisor.state(), DriverSupervisor::State::stopped(ExitReason::badConfig(
                                     "not connected — press Connect to website in Setup")));
   bool stopped = false;
-  supervisor.stop(75, [&] { stopped = true; });
+  supervisor.stop(75s, [&] { stopped = true; });
   EXPECT_TRUE(stopped);
   EXPECT_EQ(state(), Kind::stopped);
   config = DriverConfig("https://s", "");
@@ -200,7 +201,7 @@ TEST_F(Supervisor, UsesAnAnswerThatCameTooLate) {
   const auto slow = [&](const DriverSupervisor::ConfigReply& reply) { replies.push_back(reply); };
   supervisor.start(slow);
   EXPECT_EQ(state(), Kind::starting);
-  supervisor.stop(75);
+  supervisor.stop(75s);
   EXPECT_EQ(state(), Kind::idle);
   supervisor.start(slow);
   supervisor.start(slow);
@@ -215,18 +216,18 @@ TEST_F(Supervisor, UsesAnAnswerThatCameTooLate) {
 TEST_F(Supervisor, StopsARunTwiceOrForgetsWhoWaits) {
   start();
   int told = 0;
-  supervisor.stop(75, [&] { ++told; });
-  supervisor.stop(1, [&] { ++told; });
+  supervisor.stop(75s, [&] { ++told; });
+  supervisor.stop(1s, [&] { ++told; });
   supervisor.restart();
   EXPECT_EQ(run(1).stops, 1);
-  clock->advance(74);  // the first time limit holds
+  clock->advance(74s);  // the first time limit holds
   EXPECT_EQ(told, 0);
   end(1, ExitReason::stopped());
   EXPECT_EQ(told, 2);
   EXPECT_THAT(log->lines(), Contains("» stop requested (run #1)"));
   EXPECT_EQ(factory->runs.size(), 2u);  // the restart
   EXPECT_EQ(state(), Kind::starting);
-  clock->advance(75);  // the time limit of the first run is gone with it
+  clock->advance(75s);  // the time limit of the first run is gone with it
   EXPECT_EQ(state(), Kind::starting);
 }
 
@@ -235,8 +236,8 @@ TEST_F(Supervisor, LosesItsWayWhenARunWillNotStop) {
   connect(1);
   report(1, [](auto& observer) { observer.driverBusyLanesChanged({"a"}); });
   bool stopped = false;
-  supervisor.stop(75.9, [&] { stopped = true; });
-  clock->advance(75.9);
+  supervisor.stop(75900ms, [&] { stopped = true; });
+  clock->advance(75900ms);
   EXPECT_TRUE(stopped);
   EXPECT_EQ(state(), Kind::idle);
   EXPECT_THAT(supervisor.busyLanes(), IsEmpty());
@@ -248,7 +249,7 @@ TEST_F(Supervisor, LosesItsWayWhenARunWillNotStop) {
   EXPECT_TRUE(appLog.has("[Supervisor] launch deferred — run #1 still draining"));
   connect(1);  // of an abandoned run: not believed
   EXPECT_EQ(state(), Kind::starting);
-  supervisor.stop(75);
+  supervisor.stop(75s);
   EXPECT_EQ(state(), Kind::idle);
   start();
   end(1, ExitReason::tokenRevoked("t"));
@@ -258,8 +259,8 @@ TEST_F(Supervisor, LosesItsWayWhenARunWillNotStop) {
   ASSERT_EQ(factory->runs.size(), 2u);
   EXPECT_EQ(asked, 2);
 
-  supervisor.stop(1);
-  clock->advance(1);
+  supervisor.stop(1s);
+  clock->advance(1s);
   end(2, ExitReason::stopped());
   EXPECT_EQ(state(), Kind::idle);
   EXPECT_EQ(factory->runs.size(), 2u);

@@ -35,7 +35,7 @@ TEST(KeepAwake, SleepsDuringWorkOrStaysAwakeWithout) {
       if (step == 'j') controller.setMode(KeepAwakeMode::whileJobRuns);
       if (step == 'R' || step == 'S') controller.setDriverRunning(step == 'R');
       if (step == 'B' || step == 'I') controller.setBusy(step == 'B');
-      if (step <= '9') clock->advance(step - '0');
+      if (step <= '9') clock->advance(std::chrono::seconds(step - '0'));
       if (step > '9') controller.evaluate();
     }
     EXPECT_EQ(assertion->changes, changes) << steps;
