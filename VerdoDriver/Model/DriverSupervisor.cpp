@@ -11,7 +11,6 @@
 #include <system_error>
 #include <utility>
 
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 namespace verdo {
@@ -25,41 +24,6 @@ std::int64_t wholeSeconds(Clock::Duration time) {
 std::string maskedKey(const std::string& key) { return key.empty() ? "none" : masked(key); }
 
 }  // namespace
-
-DriverSupervisor::State DriverSupervisor::State::backoff(Clock::TimePoint until,
-                                                         std::string reason) {
-  return {Kind::backoff, until, std::move(reason), std::nullopt};
-}
-
-DriverSupervisor::State DriverSupervisor::State::stopped(ExitReason exit) {
-  return {Kind::stopped, std::nullopt, {}, std::move(exit)};
-}
-
-DriverSupervisor::State DriverSupervisor::State::starting() {
-  return {Kind::starting, std::nullopt, {}, std::nullopt};
-}
-
-DriverSupervisor::State DriverSupervisor::State::running() {
-  return {Kind::running, std::nullopt, {}, std::nullopt};
-}
-
-std::string DriverSupervisor::State::text() const {
-  switch (kind) {
-    case Kind::backoff:
-      return fmt::format("backoff(until: {:%H:%M:%S}, reason: {})",
-                         fmt::localtime(Clock::TimePoint::clock::to_time_t(*until)), reason);
-    case Kind::stopped:
-      return fmt::format("stopped(exit {}{}{})", exit->code(), exit->message().empty() ? "" : ": ",
-                         exit->message());
-    case Kind::idle:
-      return "idle";
-    case Kind::starting:
-      return "starting";
-    case Kind::running:
-      break;
-  }
-  return "running";
-}
 
 struct DriverSupervisor::Run {
   Generation generation;
@@ -121,14 +85,14 @@ DriverSupervisor::DriverSupervisor(std::shared_ptr<DriverFactory> factory,
       backoffDelay_(backoffDelay) {}
 
 DriverSupervisor::~DriverSupervisor() {
-  cancelBackoff();
+  cancelWait();
   if (stopTimeout_) stopTimeout_->cancel();
 }
 
 void DriverSupervisor::start(ConfigProvider configProvider) {
   MainThread::require("DriverSupervisor::start");
   configProvider_ = std::move(configProvider);
-  cancelBackoff();
+  cancelWait();
   if (current_) {
     AppLog::supervisor.debug("[Supervisor] start ignored — a run is active");
     return;
@@ -138,14 +102,14 @@ void DriverSupervisor::start(ConfigProvider configProvider) {
 
 void DriverSupervisor::stop(Clock::Duration timeout, std::function<void()> completion) {
   MainThread::require("DriverSupervisor::stop");
-  cancelBackoff();
+  cancelWait();
   if (!current_) {
     launchPending_ = false;
-    ++configTicket_;
-    if (state_.kind == State::Kind::starting || state_.kind == State::Kind::backoff) {
-      transition(State::idle());
+    question_.reset();
+    if (is<DriverStarting>() || is<DriverBackoff>() || is<DriverWaiting>()) {
+      transition(DriverIdle{});
     }
-    if (completion) completion();
+    if (completion) MainThread::post(std::move(completion));
     return;
   }
   if (completion) stopWaiters_.push_back(std::move(completion));
@@ -162,48 +126,97 @@ void DriverSupervisor::restart() {
   MainThread::require("DriverSupervisor::restart");
   if (!configProvider_) return;
   if (!current_) return start(configProvider_);
-  stop(kStopTimeout, [self = QPointer(this), provider = configProvider_] {
-    if (self) self->start(provider);
+  stop(kStopTimeout, [self = QPointer(this)] {
+    if (self) self->start(self->configProvider_);
   });
 }
 
 void DriverSupervisor::kick() {
   MainThread::require("DriverSupervisor::kick");
-  if (state_.kind != State::Kind::backoff || current_) return;
+  networkChanged();
+  if (is<DriverWaiting>() && !question_) return askAgain();
+  if (!is<DriverBackoff>() || current_) return;
   AppLog::supervisor.info("[Supervisor] kick — restarting now instead of waiting out the backoff");
-  cancelBackoff();
+  cancelWait();
   launch();
+}
+
+void DriverSupervisor::networkChanged() {
+  MainThread::require("DriverSupervisor::networkChanged");
+  if (current_) current_->handle->networkChanged();
+}
+
+void DriverSupervisor::secretsChanged() {
+  MainThread::require("DriverSupervisor::secretsChanged");
+  // Also in the place of a question that is open, whose answer may be from before the change.
+  if (is<DriverWaiting>() || question_) askAgain();
+}
+
+void DriverSupervisor::killJobsNow() {
+  MainThread::require("DriverSupervisor::killJobsNow");
+  for (const auto& run : {current_, draining_}) {
+    if (run) run->handle->killJobsNow();
+  }
 }
 
 void DriverSupervisor::launch() {
   if (draining_) {
     launchPending_ = true;
-    transition(State::starting());
-    AppLog::supervisor.info(
-        fmt::format("[Supervisor] launch deferred — run #{} still draining", *draining_));
+    transition(DriverStarting{});
+    AppLog::supervisor.info(fmt::format("[Supervisor] launch deferred — run #{} still draining",
+                                        draining_->generation));
     return;
   }
   launchPending_ = false;
-  const auto ticket = ++configTicket_;
-  if (!configProvider_) return launchWith(std::nullopt);
-  configProvider_([self = QPointer(this), ticket](const std::optional<DriverConfig>& config) {
-    if (self && self->configTicket_ == ticket) self->launchWith(config);
-  });
-  if (configTicket_ == ticket) transition(State::starting());  // the answer is still to come
+  askForConfig();
 }
 
-void DriverSupervisor::launchWith(const std::optional<DriverConfig>& config) {
-  ++configTicket_;
-  if (!config) return transition(State::stopped(ExitReason::badConfig(kNotConnected)));
+void DriverSupervisor::askForConfig() {
+  const auto question = ++lastQuestion_;
+  question_ = question;
+  if (!configProvider_) return answered(std::nullopt);
+  configProvider_([self = QPointer(this), question](const ConfigAnswer& answer) {
+    if (self && self->question_ == question) self->answered(answer);
+  });
+  // Answered already, overtaken, or asked again by one that waits.
+  if (question_ != question || is<DriverWaiting>()) return;
+  transition(DriverStarting{});
+  waitToken_ = clock_->after(kAnswerPatience, [self = QPointer(this), question] {
+    if (self && self->question_ == question) self->transition(DriverWaiting{});
+  });
+}
+
+void DriverSupervisor::answered(const ConfigAnswer& answer) {
+  question_.reset();
+  cancelWait();
+  if (!answer) return waitForSecrets(answer.error());
+  if (*answer) return launchWith(**answer);
+  transition(DriverStopped{ExitReason::badConfig(kNotConnected)});
+}
+
+/// A store that does not tell what it holds is not an empty one: no reason to ask the user to pair.
+void DriverSupervisor::waitForSecrets(const SecretError& error) {
+  transition(DriverWaiting{error.kind, error.description});
+  waitToken_ = clock_->after(kAskAgain, [self = QPointer(this)] {
+    if (self) self->askAgain();
+  });
+}
+
+void DriverSupervisor::askAgain() {
+  cancelWait();
+  askForConfig();
+}
+
+void DriverSupervisor::launchWith(const DriverConfig& config) {
   const auto generation = ++generation_;
   const auto bridge = std::make_shared<ObserverBridge>(QPointer(this), generation);
-  const auto handle = factory_->makeDriver(*config, log_, bridge);
+  const auto handle = factory_->makeDriver(config, log_, bridge);
   current_ = std::make_shared<Run>(Run{generation, handle, clock_->now()});
   assign(retryMessage_, std::nullopt, &DriverSupervisor::retryMessageChanged);
-  transition(State::starting());
+  transition(DriverStarting{});
   log_->write(fmt::format("» driver run #{} starting (server {}, token {}, key {})", generation,
-                          withoutUserInfo(config->server), masked(config->token),
-                          maskedKey(config->llmKey)));
+                          withoutUserInfo(config.server), masked(config.token),
+                          maskedKey(config.llmKey)));
   const auto ended = [self = QPointer(this), generation](const ExitReason& reason) {
     if (self) self->runEnded(generation, reason);
   };
@@ -227,15 +240,14 @@ void DriverSupervisor::stopTimedOut(Generation generation, Clock::Duration timeo
                   std::chrono::duration<double>(timeout).count()));
   log_->write(fmt::format("» driver did not stop in {}s — draining (no new run until it returns)",
                           wholeSeconds(timeout)));
-  current_.reset();
-  draining_ = generation;
+  draining_ = std::exchange(current_, nullptr);
   assign(busyLanes_, std::vector<std::string>(), &DriverSupervisor::busyLanesChanged);
-  transition(State::idle());
+  transition(DriverIdle{});
   flushStopWaiters();
 }
 
 void DriverSupervisor::runEnded(Generation generation, const ExitReason& reason) {
-  if (draining_ == generation) return drainedRunEnded(reason);
+  if (draining_ && draining_->generation == generation) return drainedRunEnded(reason);
   if (!isCurrent(generation)) {
     AppLog::supervisor.debug(
         fmt::format("[Supervisor] stale run #{} ended ({}) — ignored", generation, reason.code()));
@@ -256,17 +268,17 @@ void DriverSupervisor::runEnded(Generation generation, const ExitReason& reason)
 }
 
 void DriverSupervisor::drainedRunEnded(const ExitReason& reason) {
-  const auto generation = *std::exchange(draining_, std::nullopt);
-  log_->write(fmt::format("» drained run #{} returned (exit {})", generation, reason.code()));
-  AppLog::supervisor.info(fmt::format("[Supervisor] drained run #{} returned — {}", generation,
+  const auto run = std::exchange(draining_, nullptr);
+  log_->write(fmt::format("» drained run #{} returned (exit {})", run->generation, reason.code()));
+  AppLog::supervisor.info(fmt::format("[Supervisor] drained run #{} returned — {}", run->generation,
                                       launchPending_ ? "launching the deferred run" : "idle"));
   if (launchPending_) return launch();
-  if (state_.kind == State::Kind::starting) transition(State::idle());
+  if (is<DriverStarting>()) transition(DriverIdle{});
 }
 
 void DriverSupervisor::decideAfter(const Run& run, const ExitReason& reason,
                                    Clock::Duration elapsed) {
-  if (run.stopRequested) return transition(State::idle());
+  if (run.stopRequested) return transition(DriverIdle{});
   switch (reason.kind()) {
     case ExitReason::Kind::outOfDate:
       assign(updateAvailable_, true, &DriverSupervisor::updateAvailableChanged);
@@ -275,10 +287,10 @@ void DriverSupervisor::decideAfter(const Run& run, const ExitReason& reason,
     case ExitReason::Kind::tokenRevoked:
     case ExitReason::Kind::llmKeyRejected:
     case ExitReason::Kind::noExecutor:
-      return transition(State::stopped(reason));
+      return transition(DriverStopped{reason});
     case ExitReason::Kind::clean:
     case ExitReason::Kind::stopped:
-      return transition(State::idle());
+      return transition(DriverIdle{});
     case ExitReason::Kind::serverUnreachable:
       break;
   }
@@ -294,24 +306,24 @@ void DriverSupervisor::retryLater(const ExitReason& reason, Clock::Duration elap
                                       wholeSeconds(elapsed), wholeSeconds(backoffDelay_)));
   const auto until =
       clock_->now() + std::chrono::duration_cast<Clock::TimePoint::duration>(backoffDelay_);
-  transition(State::backoff(until, reason.message()));
-  backoffToken_ = clock_->after(backoffDelay_, [self = QPointer(this)] {
-    if (self && self->state_.kind == State::Kind::backoff && !self->current_) self->launch();
+  transition(DriverBackoff{until, reason.message()});
+  waitToken_ = clock_->after(backoffDelay_, [self = QPointer(this)] {
+    if (self && self->is<DriverBackoff>() && !self->current_) self->launch();
   });
 }
 
-void DriverSupervisor::cancelBackoff() {
-  if (backoffToken_) backoffToken_->cancel();
-  backoffToken_.reset();
+void DriverSupervisor::cancelWait() {
+  if (waitToken_) waitToken_->cancel();
+  waitToken_.reset();
 }
 
 void DriverSupervisor::flushStopWaiters() {
   for (const auto& waiter : std::exchange(stopWaiters_, {})) waiter();
 }
 
-void DriverSupervisor::transition(State state) {
+void DriverSupervisor::transition(DriverState state) {
   if (state == state_) return;
-  AppLog::supervisor.info(fmt::format("[Supervisor] {} → {}", state_.text(), state.text()));
+  AppLog::supervisor.info(fmt::format("[Supervisor] {} → {}", toText(state_), toText(state)));
   assign(state_, std::move(state), &DriverSupervisor::stateChanged);
 }
 
@@ -331,7 +343,7 @@ void DriverSupervisor::connected(const std::string& username, const std::string&
   assign(serverVersion_, serverVersion, &DriverSupervisor::serverVersionChanged);
   assign(retryMessage_, std::nullopt, &DriverSupervisor::retryMessageChanged);
   assign(lastError_, std::nullopt, &DriverSupervisor::lastErrorChanged);
-  transition(State::running());
+  transition(DriverRunning{});
   log_->write(fmt::format("» connected as {} (server driver v{})", username, serverVersion));
 }
 

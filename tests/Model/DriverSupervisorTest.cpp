@@ -4,6 +4,7 @@
 #include "tests/Support/ManualClock.h"
 #include "tests/Support/RecordingDriverLog.h"
 #include "tests/Support/ScriptedDriver.h"
+#include "tests/Support/StateKind.h"
 
 #include <QVariant>
 #include <thread>
@@ -14,7 +15,6 @@ namespace verdo::test {
 namespace {
 
 using namespace std::chrono_literals;
-using Kind = DriverSupervisor::State::Kind;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -25,7 +25,7 @@ class Supervisor : public testing::Test {
     QObject::connect(&supervisor, &DriverSupervisor::exited,
                      [this](const ExitReason& reason) { exits.push_back(reason); });
     QObject::connect(&supervisor, &DriverSupervisor::stateChanged,
-                     [this] { states.push_back(supervisor.state().kind); });
+                     [this] { states.push_back(kindOf(supervisor.state())); });
   }
 
   void start() {
@@ -51,7 +51,7 @@ class Supervisor : public testing::Test {
   void connect(std::size_t number) {
     report(number, [](auto& observer) { observer.driverConnected("ann", 7, "1.2"); });
   }
-  Kind state() const { return supervisor.state().kind; }
+  Kind state() const { return kindOf(supervisor.state()); }
   std::ptrdiff_t linesWith(const std::string& text) const {
     const auto lines = log->lines();
     return std::count_if(lines.begin(), lines.end(), [&](const std::string& line) {
@@ -96,7 +96,7 @@ TEST_F(Supervisor, DecidesWronglyAfterARun) {
     DriverSupervisor one(factory, log, clock);
     factory->runs.clear();
     one.start([this](const auto& reply) { reply(config); });
-    EXPECT_EQ(one.state().kind, Kind::starting);
+    EXPECT_EQ(kindOf(one.state()), Kind::starting);
     const auto first = factory->runs.at(0);
     clock->advance(row.length);
     if (row.stopRequested) one.stop(75s);
@@ -104,9 +104,9 @@ TEST_F(Supervisor, DecidesWronglyAfterARun) {
     first->end(row.reason);
     ASSERT_TRUE(spinUntil([&] { return linesWith("» run #1 ended") > lines; }));
     EXPECT_THAT(log->lines(), Contains(std::string("» run #1 ended: ") + row.end));
-    EXPECT_EQ(one.state().kind, row.next);
+    EXPECT_EQ(kindOf(one.state()), row.next);
     if (row.next == Kind::stopped) {
-      EXPECT_EQ(one.state().exit, row.reason);
+      EXPECT_EQ(one.state(), DriverState(DriverStopped{row.reason}));
     }
     EXPECT_EQ(one.updateAvailable(), row.reason.kind() == ExitReason::Kind::outOfDate);
     EXPECT_EQ(one.lastError().value_or(""), row.reason.message());
@@ -118,8 +118,7 @@ TEST_F(Supervisor, DecidesWronglyAfterARun) {
 TEST_F(Supervisor, BacksOffTooLongOrTooShort) {
   start();
   end(1, ExitReason::serverUnreachable("gone"));
-  EXPECT_EQ(supervisor.state(),
-            DriverSupervisor::State::backoff(clock->now() + std::chrono::seconds(30), "gone"));
+  EXPECT_EQ(supervisor.state(), DriverState(DriverBackoff{clock->now() + 30s, "gone"}));
   clock->advance(29900ms);
   EXPECT_EQ(factory->runs.size(), 1u);
   clock->advance(100ms);
@@ -137,7 +136,8 @@ TEST_F(Supervisor, BacksOffTooLongOrTooShort) {
   end(3, ExitReason::serverUnreachable("gone"));
   bool stopped = false;
   supervisor.stop(75s, [&] { stopped = true; });
-  EXPECT_TRUE(stopped);
+  EXPECT_FALSE(stopped) << "within the call";
+  EXPECT_TRUE(spinUntil([&] { return stopped; }));
   EXPECT_EQ(state(), Kind::idle);
   EXPECT_EQ(clock->pendingCount(), 0u);
   EXPECT_EQ(asked, 3);
@@ -182,11 +182,9 @@ TEST_F(Supervisor, ShowsWhatARunDoesWrongly) {
 TEST_F(Supervisor, LaunchesWithoutAConfigurationOrTwice) {
   config.reset();
   start();
-  EXPECT_EQ(supervisor.state(), DriverSupervisor::State::stopped(ExitReason::badConfig(
-                                    "not connected — press Connect to website in Setup")));
-  bool stopped = false;
-  supervisor.stop(75s, [&] { stopped = true; });
-  EXPECT_TRUE(stopped);
+  EXPECT_EQ(supervisor.state(), DriverState(DriverStopped{ExitReason::badConfig(
+                                    "not connected — press Connect to website in Setup")}));
+  supervisor.stop(75s);
   EXPECT_EQ(state(), Kind::stopped);
   config = DriverConfig("https://s", "");
   start();
@@ -202,15 +200,85 @@ TEST_F(Supervisor, UsesAnAnswerThatCameTooLate) {
   supervisor.start(slow);
   EXPECT_EQ(state(), Kind::starting);
   supervisor.stop(75s);
+  replies.at(0)(config);
   EXPECT_EQ(state(), Kind::idle);
   supervisor.start(slow);
   supervisor.start(slow);
-  replies.at(0)(config);
   replies.at(1)(config);
   EXPECT_THAT(factory->runs, IsEmpty());
   replies.at(2)(config);
   replies.at(2)(config);
   EXPECT_EQ(factory->runs.size(), 1u);
+  EXPECT_EQ(clock->pendingCount(), 0u);
+}
+
+TEST_F(Supervisor, TakesASilentKeyringForARunOrForAnEmptyOne) {
+  std::vector<DriverSupervisor::ConfigReply> replies;
+  const auto locked = tl::make_unexpected(SecretError{SecretError::Kind::locked, 0, "Locked."});
+  const DriverState isLocked = DriverWaiting{SecretError::Kind::locked, "Locked."};
+  supervisor.start([&](const DriverSupervisor::ConfigReply& reply) { replies.push_back(reply); });
+  clock->advance(999ms);
+  EXPECT_EQ(state(), Kind::starting);
+  clock->advance(1ms);
+  EXPECT_EQ(supervisor.state(), DriverState(DriverWaiting{}));
+  supervisor.kick();  // it has not answered yet, and is not asked once more
+  replies.at(0)(locked);
+  EXPECT_EQ(supervisor.state(), isLocked);
+  clock->advance(29900ms);
+  EXPECT_EQ(replies.size(), 1u);
+  clock->advance(100ms);
+  ASSERT_EQ(replies.size(), 2u);
+  EXPECT_EQ(supervisor.state(), isLocked) << "starting, as long as nobody knows better";
+  replies[1](locked);
+  supervisor.kick();
+  ASSERT_EQ(replies.size(), 3u);
+  supervisor.secretsChanged();
+  ASSERT_EQ(replies.size(), 4u);
+  replies[2](locked);  // from before the change
+  replies[3](config);
+  EXPECT_EQ(state(), Kind::starting);
+  EXPECT_EQ(factory->runs.size(), 1u);
+  supervisor.secretsChanged();
+  EXPECT_EQ(replies.size(), 4u) << "for a run that has all it needs";
+
+  end(1, ExitReason::clean());
+  supervisor.restart();
+  replies.at(4)(locked);
+  supervisor.stop(75s);
+  EXPECT_EQ(state(), Kind::idle);
+  EXPECT_EQ(clock->pendingCount(), 0u);
+  EXPECT_THAT(states, ElementsAre(Kind::starting, Kind::waiting, Kind::waiting, Kind::starting,
+                                  Kind::idle, Kind::starting, Kind::waiting, Kind::idle));
+}
+
+TEST_F(Supervisor, RunsWithAProviderOfBefore) {
+  const auto with = [this](const char* server) {
+    supervisor.start([server](const auto& reply) { reply(DriverConfig(server, "token-1234")); });
+  };
+  with("https://first");
+  with("https://second");  // for the next run
+  supervisor.restart();
+  with("https://third");
+  end(1, ExitReason::stopped());
+  ASSERT_EQ(factory->runs.size(), 2u);
+  EXPECT_EQ(run(2).config.server, "https://third");
+  end(2, ExitReason::serverUnreachable("gone"));
+  clock->advance(30s);
+  EXPECT_EQ(run(3).config.server, "https://third");
+}
+
+TEST_F(Supervisor, LeavesARunInTheDarkOrItsJobsAlive) {
+  supervisor.kick();
+  supervisor.killJobsNow();  // nobody to tell
+  start();
+  supervisor.kick();
+  supervisor.networkChanged();
+  EXPECT_EQ(run(1).networkChanges, 2);
+  supervisor.killJobsNow();
+  supervisor.stop(75s);
+  clock->advance(75s);
+  supervisor.killJobsNow();  // of the abandoned run
+  EXPECT_EQ(run(1).kills, 2);
 }
 
 TEST_F(Supervisor, StopsARunTwiceOrForgetsWhoWaits) {
@@ -261,9 +329,13 @@ TEST_F(Supervisor, LosesItsWayWhenARunWillNotStop) {
 
   supervisor.stop(1s);
   clock->advance(1s);
+  start();
+  supervisor.stop(1s);  // the launch that waits for it
+  EXPECT_EQ(state(), Kind::idle);
   end(2, ExitReason::stopped());
   EXPECT_EQ(state(), Kind::idle);
   EXPECT_EQ(factory->runs.size(), 2u);
+  EXPECT_EQ(asked, 2);
 }
 
 TEST(SupervisorDeathTest, IsUsedOnAnotherThread) {
