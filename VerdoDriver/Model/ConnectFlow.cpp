@@ -88,7 +88,7 @@ tl::expected<DriverConfig, Refusal> ConnectFlow::buildConfig(const ConnectDraft&
     return tl::make_unexpected(Refusal{"Not connected yet — press Connect to website."});
   }
   DriverConfig config(*server, draft.token);
-  config.execCommand = EgoLocator::kCommand;
+  config.execCommand = EgoLocator::command();
   config.extraPathDirs = EgoLocator::extraPathDirs();
   config.llmKey = draft.llmKey;
   config.insecure = draft.allowInsecure;

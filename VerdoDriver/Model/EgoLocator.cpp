@@ -9,6 +9,8 @@ std::vector<std::string> extraPathDirs() {
   return {DriverConstants::expandTilde("~/.local/bin"), "/opt/homebrew/bin", "/usr/local/bin"};
 }
 
-std::optional<std::string> path() { return Executor::locate(kCommand, extraPathDirs()); }
+std::string command() { return Executor::defaultCommand(extraPathDirs()); }
+
+std::optional<std::string> path() { return Executor::locate(command(), extraPathDirs()); }
 
 }  // namespace verdo::EgoLocator

@@ -7,14 +7,15 @@
 /// Finds the browser tool that runs browser jobs.
 namespace verdo::EgoLocator {
 
-/// The command that the driver runs for a browser job.
-inline constexpr const char* kCommand = "ego-browser nodejs";
-
 /// Where its installers put it, searched before PATH: an app started from the desktop has a PATH
 /// without them.
 std::vector<std::string> extraPathDirs();
 
-/// The path of the tool; absent when it is not installed.
+/// The command that the driver runs for a browser job: of the user's own browser where its tool is
+/// installed, else of ours. Looks at the disk; ask again for each run.
+std::string command();
+
+/// The path of the program of that command; absent when neither is installed.
 std::optional<std::string> path();
 
 }  // namespace verdo::EgoLocator

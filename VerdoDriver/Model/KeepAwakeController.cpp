@@ -10,8 +10,8 @@
 namespace verdo {
 namespace {
 
-constexpr double kRepeatInterval =
-    60;  // s; shorter than any time after which computers fall asleep
+/// Shorter than any time after which computers fall asleep.
+constexpr std::chrono::seconds kRepeatInterval{60};
 
 }  // namespace
 

@@ -38,7 +38,7 @@ class KeepAwakeController : public QObject {
 
   const std::shared_ptr<PowerAssertion> assertion_;
   const std::shared_ptr<Clock> clock_;
-  const double releaseDebounce_ = 10;  ///< seconds
+  const Clock::Duration releaseDebounce_ = std::chrono::seconds(10);
   std::shared_ptr<ClockToken> releaseToken_;
   std::shared_ptr<ClockToken> repeatToken_;
   KeepAwakeMode mode_;

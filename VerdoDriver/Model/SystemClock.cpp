@@ -1,7 +1,5 @@
 #include "VerdoDriver/Model/SystemClock.h"
 
-#include "VerdoDriverCore/System/Sync.h"
-
 #include <QTimer>
 #include <algorithm>
 #include <cstdint>
@@ -81,8 +79,9 @@ Clock::TimePoint SystemClock::now() const {
   return startDate_ + std::chrono::duration_cast<TimePoint::duration>(uptime_() - startUptime_);
 }
 
-std::shared_ptr<ClockToken> SystemClock::after(double seconds, std::function<void()> block) {
-  const auto key = waits_->add(fromSeconds(std::max(seconds, 0.0)), std::move(block));
+std::shared_ptr<ClockToken> SystemClock::after(Duration delay, std::function<void()> block) {
+  constexpr Duration kMaxDelay = std::chrono::years(100);  // so that its end can be told
+  const auto key = waits_->add(std::clamp(delay, Duration::zero(), kMaxDelay), std::move(block));
   return std::make_shared<ClockToken>([waits = std::weak_ptr(waits_), key] {
     if (const auto all = waits.lock()) all->remove(key);
   });

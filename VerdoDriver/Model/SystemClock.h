@@ -17,7 +17,7 @@ class SystemClock : public Clock {
 
   /// The date of the construction, moved on by the time that has passed since.
   TimePoint now() const override;
-  std::shared_ptr<ClockToken> after(double seconds, std::function<void()> block) override;
+  std::shared_ptr<ClockToken> after(Duration delay, std::function<void()> block) override;
   /// Runs what is due. To be called whenever the computer has woken up (WakeMonitor::woke): timers
   /// stand still while it sleeps.
   void catchUp();

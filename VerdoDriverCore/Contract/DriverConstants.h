@@ -13,6 +13,8 @@ inline constexpr const char* llmBaseEnv = "VERDO_LLM_BASE_URL";
 
 inline constexpr const char* defaultServer = "http://127.0.0.1:8765";
 inline constexpr const char* defaultExecutor = "ego-browser nodejs";
+/// What takes its place where only our own executor is installed.
+inline constexpr const char* fallbackExecutor = "verdo-browser nodejs";
 /// The provider's documented API origin.
 inline constexpr const char* llmDefaultBase = "https://api.deepseek.com";
 

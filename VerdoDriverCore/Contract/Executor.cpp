@@ -1,5 +1,6 @@
 #include "VerdoDriverCore/Contract/Executor.h"
 
+#include "VerdoDriverCore/Contract/DriverConstants.h"
 #include "VerdoDriverCore/Process/Shlex.h"
 #include "VerdoDriverCore/Process/Which.h"
 
@@ -12,6 +13,13 @@ std::optional<std::string> locate(const std::string& command,
 } catch (const Shlex::Error&) {
   // The caller learns only that there is nothing to run, whichever way the command is unusable.
   return std::nullopt;
+}
+
+std::string defaultCommand(const std::vector<std::string>& extraPathDirs) {
+  using namespace DriverConstants;
+  const bool takesFallback =
+      !locate(defaultExecutor, extraPathDirs) && locate(fallbackExecutor, extraPathDirs);
+  return takesFallback ? fallbackExecutor : defaultExecutor;
 }
 
 }  // namespace verdo::Executor

@@ -11,4 +11,9 @@ namespace verdo::Executor {
 std::optional<std::string> locate(const std::string& command,
                                   const std::vector<std::string>& extraPathDirs);
 
+/// The command that a front end uses unless it is told another one: defaultExecutor, or
+/// fallbackExecutor where only that one's program is found. defaultExecutor where neither is, so
+/// that the run's message names what the service's page tells people to install.
+std::string defaultCommand(const std::vector<std::string>& extraPathDirs);
+
 }  // namespace verdo::Executor

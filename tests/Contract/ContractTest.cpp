@@ -50,6 +50,7 @@ TEST(ServerURLPolicy, LetsTheTokenTravelInClearOnLoopbackOnly) {
                   "https:// or pass --insecure on a trusted network");
     EXPECT_EQ(ServerURLPolicy::refusal(server, true), std::nullopt);
   }
+  EXPECT_FALSE(Url::parse("http:///localhost"));
   EXPECT_EQ(lowerScheme("HTTPS://Host/A://B"), "https://Host/A://B");
 }
 
@@ -93,6 +94,21 @@ TEST(EnvFile, IsReadOnlyWhenNobodyElseCan) {
         failureOf([&] { EnvFile::read(path); }),
         "InsecureError: " + path + " is readable by others — fix it first:  chmod 600 " + path);
   }
+}
+
+TEST(Executor, DefaultsToAProgramThatIsNotThere) {
+  const TempDir first;
+  const TempDir second;
+  const ScopedEnv path("PATH", second.path());
+  const auto command = [&] { return Executor::defaultCommand({first.path()}); };
+  const auto install = [](const TempDir& where, const char* name) {
+    where.write(name, "", Mode{0700});
+  };
+  EXPECT_EQ(command(), "ego-browser nodejs");
+  install(first, "verdo-browser");
+  EXPECT_EQ(command(), "verdo-browser nodejs");
+  install(second, "ego-browser");  // wins from behind, too
+  EXPECT_EQ(command(), "ego-browser nodejs");
 }
 
 }  // namespace

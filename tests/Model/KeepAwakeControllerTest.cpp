@@ -45,7 +45,7 @@ TEST(KeepAwake, SleepsDuringWorkOrStaysAwakeWithout) {
       if (step == 'j') controller.setMode(KeepAwakeMode::whileJobRuns);
       if (step == 'R' || step == 'S') controller.setDriverRunning(step == 'R');
       if (step == 'B' || step == 'I') controller.setBusy(step == 'B');
-      if (step <= '9') clock->advance(step - '0');
+      if (step <= '9') clock->advance(std::chrono::seconds(step - '0'));
       if (step > '9') controller.evaluate();
     }
     EXPECT_EQ(assertion->changes, changes) << steps;
@@ -64,13 +64,13 @@ TEST(KeepAwake, TakesARefusalForTheLastWord) {
   controller.evaluate();
   controller.evaluate();
   EXPECT_EQ(first->changes + second->changes, "Rxx");
-  clock->advance(59);
+  clock->advance(std::chrono::seconds(59));
   EXPECT_EQ(second->changes, "xx");
-  clock->advance(1);
+  clock->advance(std::chrono::seconds(1));
   EXPECT_EQ(first->changes + second->changes, "RxxR");
   controller.setDriverRunning(false);
   controller.evaluate();
-  clock->advance(600);
+  clock->advance(std::chrono::seconds(600));
   EXPECT_EQ(first->changes + second->changes, "R-xxR-");
   EXPECT_EQ(clock->pendingCount(), 0u);
 }

@@ -65,8 +65,8 @@ class Pairing : public testing::Test {
     return waiting ? waiting->userCode : "";
   }
   /// Lets the time of one poll pass, and the poll end.
-  void poll(double seconds = 2) {
-    clock->advance(seconds);
+  void poll(Clock::Duration time = 2s) {
+    clock->advance(time);
     EXPECT_TRUE(spinUntil([&] {
       return clock->pendingCount() == 1 || !std::holds_alternative<PairingWaiting>(flow.state());
     }));
@@ -162,13 +162,13 @@ TEST_F(Pairing, EndsWronglyWhenTheServiceMisbehaves) {
     if (std::string(message).empty()) {
       service.endOutage();
       const auto before = service.requestCount("pair-poll");
-      clock->advance(3.9);
+      clock->advance(3900ms);
       spin();
       EXPECT_EQ(service.requestCount("pair-poll"), before) << "after a failure the pause doubles";
-      poll(0.1);
+      poll(100ms);
       EXPECT_TRUE(isWaiting());
       service.decidePairing(code, true);
-      poll(2);  // for one step only
+      poll(2s);  // for one step only
       EXPECT_EQ(flow.state(), PairingState(PairingConnecting{"ann"}));
     }
     flow.cancel();
@@ -178,7 +178,7 @@ TEST_F(Pairing, EndsWronglyWhenTheServiceMisbehaves) {
   flow.cancel();
   EXPECT_EQ(flow.state(), PairingState(PairingIdle{}));
   EXPECT_EQ(lines().back(), "» pairing cancelled");
-  clock->advance(10);
+  clock->advance(10s);
   EXPECT_EQ(clock->pendingCount(), 0u);
 
   service.stop();

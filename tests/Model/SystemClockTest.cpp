@@ -14,22 +14,22 @@ TEST(SystemClock, RunsBlocksTooEarlyTwiceAfterACancelOrInAnotherOrder) {
   std::string ran;
   const auto start = std::chrono::steady_clock::now();
   const auto elapsed = [&] { return std::chrono::steady_clock::now() - start; };
-  clock.after(0.06, [&] {
+  clock.after(60ms, [&] {
     EXPECT_GE(elapsed(), 60ms);
     ran += 'd';
   });
-  const auto later = clock.after(0.03, [&] { ran += 'X'; });
-  clock.after(0.03, [&, later] {
+  const auto later = clock.after(30ms, [&] { ran += 'X'; });
+  clock.after(30ms, [&, later] {
     EXPECT_GE(elapsed(), 30ms);
     ran += 'c';
   });
-  const auto cancelled = clock.after(0.01, [&] { ran += 'X'; });
-  clock.after(-1, [&, later] {
+  const auto cancelled = clock.after(10ms, [&] { ran += 'X'; });
+  clock.after(-1s, [&, later] {
     ran += 'a';
     later->cancel();
-    clock.after(0, [&] { ran += 'b'; });
+    clock.after(0s, [&] { ran += 'b'; });
   });
-  clock.after(1e300, [&] { ran += 'X'; });
+  clock.after(Clock::Duration::max(), [&] { ran += 'X'; });
   cancelled->cancel();
   EXPECT_TRUE(ran.empty()) << "within the call";
   EXPECT_TRUE(spinUntil([&] { return ran.size() == 4; }));
@@ -43,13 +43,13 @@ TEST(SystemClock, CountsNoSleepOrFollowsTheDate) {
   const auto before = clock.now();
   EXPECT_LT(std::chrono::abs(before - std::chrono::system_clock::now()), 5s);
   std::string ran;
-  clock.after(3600, [&] { ran += '2'; });
+  clock.after(1h, [&] { ran += '2'; });
   // One that starts itself again at once must not hold the others up.
-  clock.after(1800, [&] {
+  clock.after(30min, [&] {
     ran += '1';
-    clock.after(0, [&] { ran += '3'; });
+    clock.after(0s, [&] { ran += '3'; });
   });
-  clock.after(7200, [&] { ran += 'X'; });
+  clock.after(2h, [&] { ran += 'X'; });
   slept = 1h;
   EXPECT_LT(clock.now() - before - slept, 5s);
   clock.catchUp();
@@ -58,9 +58,9 @@ TEST(SystemClock, CountsNoSleepOrFollowsTheDate) {
 
   // The clock may go in the middle of what it runs.
   auto other = std::make_unique<SystemClock>([&] { return awake() + slept; });
-  other->after(0, [&] { other.reset(); });
-  other->after(0, [&] { ran += 'X'; });
-  const auto left = other->after(60, [&] { ran += 'X'; });
+  other->after(0s, [&] { other.reset(); });
+  other->after(0s, [&] { ran += 'X'; });
+  const auto left = other->after(60s, [&] { ran += 'X'; });
   EXPECT_TRUE(spinUntil([&] { return !other; }));
   left->cancel();
   spin();
