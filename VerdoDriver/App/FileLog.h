@@ -1,15 +1,12 @@
 #pragma once
 
-#include "VerdoDriver/App/RotatingFile.h"
 #include "VerdoDriver/Model/DriverLog.h"
-#include "VerdoDriverCore/System/Sync.h"
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
-#include <map>
-#include <optional>
+#include <memory>
 #include <string>
-#include <system_error>
 
 namespace verdo {
 
@@ -19,10 +16,15 @@ namespace verdo {
 /// Each line stands behind the local time. Further lines of a text are indented to where its first
 /// one begins, so that they cannot pass for lines of their own; control characters are written out.
 /// What goes wrong is told to the system log once an hour for each kind of failure.
+///
+/// A thread of its own writes the file, so that a slow disk, or a process that was stopped while it
+/// had its turn, holds nobody up. The program that ends calls flush() first.
 class FileLog : public DriverLog {
  public:
   static constexpr std::uint64_t kMaxBytes = 5 * 1024 * 1024;
   static constexpr int kKeep = 3;
+  /// How much text may wait for the disk; what comes then is lost, and the log says how many lines.
+  static constexpr std::size_t kMaxWaiting = 1024 * 1024;
 
   /// logDirectory(), where this system's users look for the logs of programs.
   static std::string defaultDirectory();
@@ -31,11 +33,16 @@ class FileLog : public DriverLog {
   /// number of older ones.
   explicit FileLog(std::string directory = defaultDirectory(), std::uint64_t maxBytes = kMaxBytes,
                    int keep = kKeep);
+  /// Flushes.
+  ~FileLog() override;
 
   /// The file that is written to. It need not exist.
   const std::string& path() const { return path_; }
 
-  void write(const std::string& line) override EXCLUDES(lock_);
+  void write(const std::string& line) override;
+  /// Returns once the lines written so far are in the file, or could not be written. False when
+  /// `timeout` ran out first: the lines may still come.
+  bool flush(std::chrono::milliseconds timeout = kFlushTimeout);
   // What the driver says, behind the sign that it has on the console, too.
   void info(const std::string& text) override { write("· " + text); }
   void success(const std::string& text) override { write("✓ " + text); }
@@ -43,13 +50,11 @@ class FileLog : public DriverLog {
   void error(const std::string& text) override { write("✗ " + text); }
 
  private:
-  std::optional<std::string> append(const std::string& text) EXCLUDES(lock_);
+  class Writer;
+  static constexpr std::chrono::seconds kFlushTimeout{2};
 
   const std::string path_;
-  Mutex lock_;
-  RotatingFile file_ GUARDED_BY(lock_);
-  /// When a failure was last told, by its code.
-  std::map<std::error_code, std::chrono::steady_clock::time_point> told_ GUARDED_BY(lock_);
+  const std::shared_ptr<Writer> writer_;
 };
 
 }  // namespace verdo

@@ -32,8 +32,8 @@ constexpr int kMostOpenings = 32;
 /// The processes' turn to append. Without it nothing is lost but the order of rotations.
 class Turn {
  public:
-  explicit Turn(int fd) : fd_(fd) {
-    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  Turn(int fd, milliseconds patience) : fd_(fd) {
+    const auto deadline = std::chrono::steady_clock::now() + patience;
     while (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
       // A file system that cannot lock is taken for one that nobody shares.
       if (errno != EWOULDBLOCK && errno != EINTR) return;
@@ -117,8 +117,9 @@ void RotatingFile::open() {
   if (!file_) fail("open", path_);
 }
 
-RotatingFile::Outcome RotatingFile::tryAppend(std::string_view piece, bool mayRotate) const {
-  const Turn turn(file_.get());
+RotatingFile::Outcome RotatingFile::tryAppend(std::string_view piece, bool mayRotate) {
+  const Turn turn(file_.get(), isHeldUp_ ? milliseconds(0) : kPatience);
+  isHeldUp_ = turn.isOthers();
   // Only now: whoever had the turn before may have rotated.
   if (!isStillThere()) return Outcome::replaced;
   const auto size = sizeOf(file_.get(), path_);

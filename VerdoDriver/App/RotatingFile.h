@@ -11,7 +11,8 @@ namespace verdo {
 /// A text file that is only appended to and that moves aside, as "{name}.1", "{name}.2" and so on,
 /// before it grows beyond a size. Several processes may append to one file: what was appended in
 /// one piece stays in one piece, and they rotate it once. A file or directory that someone deleted
-/// or moved is made anew. Not thread-safe.
+/// or moved is made anew. A process that keeps its turn holds the others up once, for 200 ms; they
+/// then append without it until it is over. Not thread-safe.
 class RotatingFile {
  public:
   /// `maxBytes`: the size that the file keeps to, unless a single piece is larger. `keep`: how many
@@ -28,7 +29,7 @@ class RotatingFile {
   enum class Outcome { appended, rotated, replaced };
 
   void open();
-  Outcome tryAppend(std::string_view piece, bool mayRotate) const;
+  Outcome tryAppend(std::string_view piece, bool mayRotate);
   bool isStillThere() const;
   void rotate() const;
   void write(std::string_view piece, std::uint64_t sizeBefore) const;
@@ -38,6 +39,7 @@ class RotatingFile {
   const std::uint64_t maxBytes_;
   const int keep_;
   UniqueFd file_;
+  bool isHeldUp_ = false;  ///< the turn was another process's to the end of our patience
 };
 
 }  // namespace verdo

@@ -1,5 +1,7 @@
 #include "VerdoDriver/Model/AppLog.h"
 
+#include "VerdoDriverCore/Values/Utf8.h"
+
 #include <QString>
 
 namespace verdo::AppLog {
@@ -18,16 +20,23 @@ Q_LOGGING_CATEGORY(lifecycleCategory, "verdo.lifecycle", QtInfoMsg)
 
 }  // namespace detail
 
-void Channel::debug(const std::string& text) const {
-  qCDebug(category_).noquote() << QString::fromStdString(text);
+namespace {
+
+/// One line of the log, with nothing in it that a terminal would obey.
+QString lineOf(const std::string& text) {
+  QString line = QString::fromStdString(withoutControls(text));
+  line.replace('\n', "\\x0a");
+  return line;
 }
 
-void Channel::info(const std::string& text) const {
-  qCInfo(category_).noquote() << QString::fromStdString(text);
-}
+}  // namespace
+
+void Channel::debug(const std::string& text) const { qCDebug(category_).noquote() << lineOf(text); }
+
+void Channel::info(const std::string& text) const { qCInfo(category_).noquote() << lineOf(text); }
 
 void Channel::error(const std::string& text) const {
-  qCCritical(category_).noquote() << QString::fromStdString(text);
+  qCCritical(category_).noquote() << lineOf(text);
 }
 
 }  // namespace verdo::AppLog

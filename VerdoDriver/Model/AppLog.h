@@ -4,7 +4,8 @@
 #include <string>
 
 /// The app's channels into the system log: the journal or standard error, where
-/// QT_LOGGING_RULES="verdo.*.debug=true" shows the debug lines too. Any thread may write.
+/// QT_LOGGING_RULES="verdo.*.debug=true" shows the debug lines too. Any thread may write. Each text
+/// is one entry: line ends and control characters, which may come from a server, are written out.
 /// A text never holds a secret; of one, only its masked form (Masked.h).
 namespace verdo::AppLog {
 

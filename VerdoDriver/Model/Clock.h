@@ -28,19 +28,16 @@ class ClockToken {
 class Clock {
  public:
   using TimePoint = std::chrono::system_clock::time_point;
+  using Duration = std::chrono::nanoseconds;
 
   virtual ~Clock() = default;
+  /// For telling how long something took or has still to wait. Two of these differ by the time that
+  /// passed between them, time asleep included, whatever the date was set to meanwhile.
   virtual TimePoint now() const = 0;
-  /// Runs `block` once on the main thread `seconds` from now, as soon as possible when negative,
-  /// unless the token is cancelled first. The block must hold its objects weakly.
-  virtual std::shared_ptr<ClockToken> after(double seconds, std::function<void()> block) = 0;
-};
-
-/// The computer's clock.
-class SystemClock : public Clock {
- public:
-  TimePoint now() const override { return std::chrono::system_clock::now(); }
-  std::shared_ptr<ClockToken> after(double seconds, std::function<void()> block) override;
+  /// Runs `block` once on the main thread when `delay` has passed, as soon as possible when it is
+  /// negative, unless the token is cancelled first. Never within this call. The block must hold its
+  /// objects weakly.
+  virtual std::shared_ptr<ClockToken> after(Duration delay, std::function<void()> block) = 0;
 };
 
 }  // namespace verdo

@@ -12,6 +12,9 @@ class RealDriver : public DriverHandle {
       : runner_(config, std::move(log), std::move(observer)) {}
   ExitReason run() override { return runner_.run(); }
   void stop() override { runner_.stop(); }
+  void killJobsNow() override { runner_.killJobsNow(); }
+  /// The runner finds out by itself: a connection that died fails with its next time-out.
+  void networkChanged() override {}
 
  private:
   DriverRunner runner_;

@@ -9,7 +9,9 @@
 
 namespace verdo {
 
-/// A driver run as the app sees it.
+/// A driver run as the app sees it. Before the process may end, the run has ended or its jobs were
+/// killed, for what they started outlives it; and it ends through endProcess() (App/EndProcess.h)
+/// alone, since a run that was left behind is still at work.
 class DriverHandle {
  public:
   virtual ~DriverHandle() = default;
@@ -17,6 +19,12 @@ class DriverHandle {
   virtual ExitReason run() = 0;
   /// Asks the run to end. Never waits; any thread may call it, at any time, again and again.
   virtual void stop() = 0;
+  /// SIGKILL to the processes of all its jobs, for an app that is about to end or has given the run
+  /// up. Never waits; any thread.
+  virtual void killJobsNow() = 0;
+  /// The computer woke up, or its way to the network is another one: connections that are open may
+  /// be dead without a sign, and are opened anew. Never waits; any thread.
+  virtual void networkChanged() = 0;
 };
 
 /// Makes driver runs; a seam for tests. Main thread only.

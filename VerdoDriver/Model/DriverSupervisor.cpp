@@ -3,6 +3,7 @@
 #include "VerdoDriver/Model/AppLog.h"
 #include "VerdoDriver/Model/Background.h"
 #include "VerdoDriver/Model/Masked.h"
+#include "VerdoDriverCore/Values/Url.h"
 
 #include <QPointer>
 #include <chrono>
@@ -10,53 +11,19 @@
 #include <system_error>
 #include <utility>
 
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 namespace verdo {
 namespace {
 
-std::int64_t wholeSeconds(double seconds) { return static_cast<std::int64_t>(seconds); }
+std::int64_t wholeSeconds(Clock::Duration time) {
+  return std::chrono::duration_cast<std::chrono::seconds>(time).count();
+}
 
 /// A key shows as "none" where a token shows as "(none)".
 std::string maskedKey(const std::string& key) { return key.empty() ? "none" : masked(key); }
 
 }  // namespace
-
-DriverSupervisor::State DriverSupervisor::State::backoff(Clock::TimePoint until,
-                                                         std::string reason) {
-  return {Kind::backoff, until, std::move(reason), std::nullopt};
-}
-
-DriverSupervisor::State DriverSupervisor::State::stopped(ExitReason exit) {
-  return {Kind::stopped, std::nullopt, {}, std::move(exit)};
-}
-
-DriverSupervisor::State DriverSupervisor::State::starting() {
-  return {Kind::starting, std::nullopt, {}, std::nullopt};
-}
-
-DriverSupervisor::State DriverSupervisor::State::running() {
-  return {Kind::running, std::nullopt, {}, std::nullopt};
-}
-
-std::string DriverSupervisor::State::text() const {
-  switch (kind) {
-    case Kind::backoff:
-      return fmt::format("backoff(until: {:%H:%M:%S}, reason: {})",
-                         fmt::localtime(Clock::TimePoint::clock::to_time_t(*until)), reason);
-    case Kind::stopped:
-      return fmt::format("stopped(exit {}{}{})", exit->code(), exit->message().empty() ? "" : ": ",
-                         exit->message());
-    case Kind::idle:
-      return "idle";
-    case Kind::starting:
-      return "starting";
-    case Kind::running:
-      break;
-  }
-  return "running";
-}
 
 struct DriverSupervisor::Run {
   Generation generation;
@@ -109,7 +76,8 @@ class DriverSupervisor::ObserverBridge : public DriverObserver {
 
 DriverSupervisor::DriverSupervisor(std::shared_ptr<DriverFactory> factory,
                                    std::shared_ptr<DriverLog> log, std::shared_ptr<Clock> clock,
-                                   double restartImmediateAfter, double backoffDelay)
+                                   Clock::Duration restartImmediateAfter,
+                                   Clock::Duration backoffDelay)
     : factory_(std::move(factory)),
       log_(std::move(log)),
       clock_(std::move(clock)),
@@ -117,14 +85,14 @@ DriverSupervisor::DriverSupervisor(std::shared_ptr<DriverFactory> factory,
       backoffDelay_(backoffDelay) {}
 
 DriverSupervisor::~DriverSupervisor() {
-  cancelBackoff();
+  cancelWait();
   if (stopTimeout_) stopTimeout_->cancel();
 }
 
 void DriverSupervisor::start(ConfigProvider configProvider) {
   MainThread::require("DriverSupervisor::start");
   configProvider_ = std::move(configProvider);
-  cancelBackoff();
+  cancelWait();
   if (current_) {
     AppLog::supervisor.debug("[Supervisor] start ignored — a run is active");
     return;
@@ -132,16 +100,16 @@ void DriverSupervisor::start(ConfigProvider configProvider) {
   launch();
 }
 
-void DriverSupervisor::stop(double timeout, std::function<void()> completion) {
+void DriverSupervisor::stop(Clock::Duration timeout, std::function<void()> completion) {
   MainThread::require("DriverSupervisor::stop");
-  cancelBackoff();
+  cancelWait();
   if (!current_) {
     launchPending_ = false;
-    ++configTicket_;
-    if (state_.kind == State::Kind::starting || state_.kind == State::Kind::backoff) {
-      transition(State::idle());
+    question_.reset();
+    if (is<DriverStarting>() || is<DriverBackoff>() || is<DriverWaiting>()) {
+      transition(DriverIdle{});
     }
-    if (completion) completion();
+    if (completion) MainThread::post(std::move(completion));
     return;
   }
   if (completion) stopWaiters_.push_back(std::move(completion));
@@ -158,47 +126,97 @@ void DriverSupervisor::restart() {
   MainThread::require("DriverSupervisor::restart");
   if (!configProvider_) return;
   if (!current_) return start(configProvider_);
-  stop(kStopTimeout, [self = QPointer(this), provider = configProvider_] {
-    if (self) self->start(provider);
+  stop(kStopTimeout, [self = QPointer(this)] {
+    if (self) self->start(self->configProvider_);
   });
 }
 
 void DriverSupervisor::kick() {
   MainThread::require("DriverSupervisor::kick");
-  if (state_.kind != State::Kind::backoff || current_) return;
+  networkChanged();
+  if (is<DriverWaiting>() && !question_) return askAgain();
+  if (!is<DriverBackoff>() || current_) return;
   AppLog::supervisor.info("[Supervisor] kick — restarting now instead of waiting out the backoff");
-  cancelBackoff();
+  cancelWait();
   launch();
+}
+
+void DriverSupervisor::networkChanged() {
+  MainThread::require("DriverSupervisor::networkChanged");
+  if (current_) current_->handle->networkChanged();
+}
+
+void DriverSupervisor::secretsChanged() {
+  MainThread::require("DriverSupervisor::secretsChanged");
+  // Also in the place of a question that is open, whose answer may be from before the change.
+  if (is<DriverWaiting>() || question_) askAgain();
+}
+
+void DriverSupervisor::killJobsNow() {
+  MainThread::require("DriverSupervisor::killJobsNow");
+  for (const auto& run : {current_, draining_}) {
+    if (run) run->handle->killJobsNow();
+  }
 }
 
 void DriverSupervisor::launch() {
   if (draining_) {
     launchPending_ = true;
-    transition(State::starting());
-    AppLog::supervisor.info(
-        fmt::format("[Supervisor] launch deferred — run #{} still draining", *draining_));
+    transition(DriverStarting{});
+    AppLog::supervisor.info(fmt::format("[Supervisor] launch deferred — run #{} still draining",
+                                        draining_->generation));
     return;
   }
   launchPending_ = false;
-  const auto ticket = ++configTicket_;
-  if (!configProvider_) return launchWith(std::nullopt);
-  configProvider_([self = QPointer(this), ticket](const std::optional<DriverConfig>& config) {
-    if (self && self->configTicket_ == ticket) self->launchWith(config);
-  });
-  if (configTicket_ == ticket) transition(State::starting());  // the answer is still to come
+  askForConfig();
 }
 
-void DriverSupervisor::launchWith(const std::optional<DriverConfig>& config) {
-  ++configTicket_;
-  if (!config) return transition(State::stopped(ExitReason::badConfig(kNotConnected)));
+void DriverSupervisor::askForConfig() {
+  const auto question = ++lastQuestion_;
+  question_ = question;
+  if (!configProvider_) return answered(std::nullopt);
+  configProvider_([self = QPointer(this), question](const ConfigAnswer& answer) {
+    if (self && self->question_ == question) self->answered(answer);
+  });
+  // Answered already, overtaken, or asked again by one that waits.
+  if (question_ != question || is<DriverWaiting>()) return;
+  transition(DriverStarting{});
+  waitToken_ = clock_->after(kAnswerPatience, [self = QPointer(this), question] {
+    if (self && self->question_ == question) self->transition(DriverWaiting{});
+  });
+}
+
+void DriverSupervisor::answered(const ConfigAnswer& answer) {
+  question_.reset();
+  cancelWait();
+  if (!answer) return waitForSecrets(answer.error());
+  if (*answer) return launchWith(**answer);
+  transition(DriverStopped{ExitReason::badConfig(kNotConnected)});
+}
+
+/// A store that does not tell what it holds is not an empty one: no reason to ask the user to pair.
+void DriverSupervisor::waitForSecrets(const SecretError& error) {
+  transition(DriverWaiting{error.kind, error.description});
+  waitToken_ = clock_->after(kAskAgain, [self = QPointer(this)] {
+    if (self) self->askAgain();
+  });
+}
+
+void DriverSupervisor::askAgain() {
+  cancelWait();
+  askForConfig();
+}
+
+void DriverSupervisor::launchWith(const DriverConfig& config) {
   const auto generation = ++generation_;
   const auto bridge = std::make_shared<ObserverBridge>(QPointer(this), generation);
-  const auto handle = factory_->makeDriver(*config, log_, bridge);
+  const auto handle = factory_->makeDriver(config, log_, bridge);
   current_ = std::make_shared<Run>(Run{generation, handle, clock_->now()});
   assign(retryMessage_, std::nullopt, &DriverSupervisor::retryMessageChanged);
-  transition(State::starting());
+  transition(DriverStarting{});
   log_->write(fmt::format("» driver run #{} starting (server {}, token {}, key {})", generation,
-                          config->server, masked(config->token), maskedKey(config->llmKey)));
+                          withoutUserInfo(config.server), masked(config.token),
+                          maskedKey(config.llmKey)));
   const auto ended = [self = QPointer(this), generation](const ExitReason& reason) {
     if (self) self->runEnded(generation, reason);
   };
@@ -215,21 +233,21 @@ void DriverSupervisor::launchWith(const std::optional<DriverConfig>& config) {
   }
 }
 
-void DriverSupervisor::stopTimedOut(Generation generation, double timeout) {
+void DriverSupervisor::stopTimedOut(Generation generation, Clock::Duration timeout) {
   if (!isCurrent(generation)) return;
-  AppLog::supervisor.error(fmt::format(
-      "[Supervisor] run #{} did not stop within {:f}s — draining it", generation, timeout));
+  AppLog::supervisor.error(
+      fmt::format("[Supervisor] run #{} did not stop within {:f}s — draining it", generation,
+                  std::chrono::duration<double>(timeout).count()));
   log_->write(fmt::format("» driver did not stop in {}s — draining (no new run until it returns)",
                           wholeSeconds(timeout)));
-  current_.reset();
-  draining_ = generation;
+  draining_ = std::exchange(current_, nullptr);
   assign(busyLanes_, std::vector<std::string>(), &DriverSupervisor::busyLanesChanged);
-  transition(State::idle());
+  transition(DriverIdle{});
   flushStopWaiters();
 }
 
 void DriverSupervisor::runEnded(Generation generation, const ExitReason& reason) {
-  if (draining_ == generation) return drainedRunEnded(reason);
+  if (draining_ && draining_->generation == generation) return drainedRunEnded(reason);
   if (!isCurrent(generation)) {
     AppLog::supervisor.debug(
         fmt::format("[Supervisor] stale run #{} ended ({}) — ignored", generation, reason.code()));
@@ -239,7 +257,7 @@ void DriverSupervisor::runEnded(Generation generation, const ExitReason& reason)
   if (stopTimeout_) stopTimeout_->cancel();
   stopTimeout_.reset();
   assign(busyLanes_, std::vector<std::string>(), &DriverSupervisor::busyLanesChanged);
-  const double elapsed = std::chrono::duration<double>(clock_->now() - run->startedAt).count();
+  const Clock::Duration elapsed = clock_->now() - run->startedAt;
   const bool hasMessage = !reason.message().empty();
   log_->write(fmt::format("» run #{} ended: exit {}{}{} after {}s", generation, reason.code(),
                           hasMessage ? " — " : "", reason.message(), wholeSeconds(elapsed)));
@@ -250,16 +268,17 @@ void DriverSupervisor::runEnded(Generation generation, const ExitReason& reason)
 }
 
 void DriverSupervisor::drainedRunEnded(const ExitReason& reason) {
-  const auto generation = *std::exchange(draining_, std::nullopt);
-  log_->write(fmt::format("» drained run #{} returned (exit {})", generation, reason.code()));
-  AppLog::supervisor.info(fmt::format("[Supervisor] drained run #{} returned — {}", generation,
+  const auto run = std::exchange(draining_, nullptr);
+  log_->write(fmt::format("» drained run #{} returned (exit {})", run->generation, reason.code()));
+  AppLog::supervisor.info(fmt::format("[Supervisor] drained run #{} returned — {}", run->generation,
                                       launchPending_ ? "launching the deferred run" : "idle"));
   if (launchPending_) return launch();
-  if (state_.kind == State::Kind::starting) transition(State::idle());
+  if (is<DriverStarting>()) transition(DriverIdle{});
 }
 
-void DriverSupervisor::decideAfter(const Run& run, const ExitReason& reason, double elapsed) {
-  if (run.stopRequested) return transition(State::idle());
+void DriverSupervisor::decideAfter(const Run& run, const ExitReason& reason,
+                                   Clock::Duration elapsed) {
+  if (run.stopRequested) return transition(DriverIdle{});
   switch (reason.kind()) {
     case ExitReason::Kind::outOfDate:
       assign(updateAvailable_, true, &DriverSupervisor::updateAvailableChanged);
@@ -268,10 +287,10 @@ void DriverSupervisor::decideAfter(const Run& run, const ExitReason& reason, dou
     case ExitReason::Kind::tokenRevoked:
     case ExitReason::Kind::llmKeyRejected:
     case ExitReason::Kind::noExecutor:
-      return transition(State::stopped(reason));
+      return transition(DriverStopped{reason});
     case ExitReason::Kind::clean:
     case ExitReason::Kind::stopped:
-      return transition(State::idle());
+      return transition(DriverIdle{});
     case ExitReason::Kind::serverUnreachable:
       break;
   }
@@ -282,29 +301,29 @@ void DriverSupervisor::decideAfter(const Run& run, const ExitReason& reason, dou
 }
 
 /// The pause is always the same: the service may be back at any moment.
-void DriverSupervisor::retryLater(const ExitReason& reason, double elapsed) {
+void DriverSupervisor::retryLater(const ExitReason& reason, Clock::Duration elapsed) {
   AppLog::supervisor.info(fmt::format("[Supervisor] exit 1 after {}s — retry in {}s",
                                       wholeSeconds(elapsed), wholeSeconds(backoffDelay_)));
-  const auto delay = std::chrono::duration<double>(backoffDelay_);
-  const auto until = clock_->now() + std::chrono::duration_cast<Clock::TimePoint::duration>(delay);
-  transition(State::backoff(until, reason.message()));
-  backoffToken_ = clock_->after(backoffDelay_, [self = QPointer(this)] {
-    if (self && self->state_.kind == State::Kind::backoff && !self->current_) self->launch();
+  const auto until =
+      clock_->now() + std::chrono::duration_cast<Clock::TimePoint::duration>(backoffDelay_);
+  transition(DriverBackoff{until, reason.message()});
+  waitToken_ = clock_->after(backoffDelay_, [self = QPointer(this)] {
+    if (self && self->is<DriverBackoff>() && !self->current_) self->launch();
   });
 }
 
-void DriverSupervisor::cancelBackoff() {
-  if (backoffToken_) backoffToken_->cancel();
-  backoffToken_.reset();
+void DriverSupervisor::cancelWait() {
+  if (waitToken_) waitToken_->cancel();
+  waitToken_.reset();
 }
 
 void DriverSupervisor::flushStopWaiters() {
   for (const auto& waiter : std::exchange(stopWaiters_, {})) waiter();
 }
 
-void DriverSupervisor::transition(State state) {
+void DriverSupervisor::transition(DriverState state) {
   if (state == state_) return;
-  AppLog::supervisor.info(fmt::format("[Supervisor] {} → {}", state_.text(), state.text()));
+  AppLog::supervisor.info(fmt::format("[Supervisor] {} → {}", toText(state_), toText(state)));
   assign(state_, std::move(state), &DriverSupervisor::stateChanged);
 }
 
@@ -324,7 +343,7 @@ void DriverSupervisor::connected(const std::string& username, const std::string&
   assign(serverVersion_, serverVersion, &DriverSupervisor::serverVersionChanged);
   assign(retryMessage_, std::nullopt, &DriverSupervisor::retryMessageChanged);
   assign(lastError_, std::nullopt, &DriverSupervisor::lastErrorChanged);
-  transition(State::running());
+  transition(DriverRunning{});
   log_->write(fmt::format("» connected as {} (server driver v{})", username, serverVersion));
 }
 

@@ -3,14 +3,19 @@
 #include "VerdoDriver/Model/Clock.h"
 #include "VerdoDriver/Model/DriverFactory.h"
 #include "VerdoDriver/Model/DriverLog.h"
+#include "VerdoDriver/Model/DriverState.h"
 
 #include <QObject>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <variant>
 #include <vector>
+
+#include <tl/expected.hpp>
 
 namespace verdo {
 
@@ -18,10 +23,11 @@ namespace verdo {
 /// after each run whether to start another one, and lets go of a run that will not stop.
 ///
 /// Lives on the main thread, never blocks it, and is driven by its clock. Destroying it abandons a
-/// run that is still going; the run then ends with the process.
+/// run that is still going. Before the process ends: stop(), then killJobsNow() for a run that did
+/// not stop in time, then endProcess() (App/EndProcess.h), under whose feet the run's thread goes.
 class DriverSupervisor : public QObject {
   Q_OBJECT
-  Q_PROPERTY(verdo::DriverSupervisor::State state READ state NOTIFY stateChanged)
+  Q_PROPERTY(verdo::DriverState state READ state NOTIFY stateChanged)
   Q_PROPERTY(std::optional<std::string> username READ username NOTIFY usernameChanged)
   Q_PROPERTY(
       std::optional<std::string> serverVersion READ serverVersion NOTIFY serverVersionChanged)
@@ -32,65 +38,57 @@ class DriverSupervisor : public QObject {
   Q_PROPERTY(std::optional<std::string> retryMessage READ retryMessage NOTIFY retryMessageChanged)
   Q_PROPERTY(bool updateAvailable READ updateAvailable NOTIFY updateAvailableChanged)
  public:
-  struct State {
-    enum class Kind {
-      backoff,   ///< the server could not be reached; a new run is scheduled
-      stopped,   ///< a run ended for a reason that needs the user; none is scheduled
-      idle,      ///< no run and none scheduled
-      starting,  ///< a run has been launched, or its launch waits, and it has not said hello
-      running,   ///< connected to the server
-    };
-    Kind kind = Kind::idle;
-    std::optional<Clock::TimePoint> until;  ///< of backoff: when the next run starts
-    std::string reason;                     ///< of backoff: why the last one failed
-    std::optional<ExitReason> exit;         ///< of stopped
-
-    static State backoff(Clock::TimePoint until, std::string reason);
-    static State stopped(ExitReason exit);
-    static State idle() { return {}; }
-    static State starting();
-    static State running();
-    bool operator==(const State&) const = default;
-    /// For the log.
-    std::string text() const;
-  };
-
-  /// Takes a configuration; absent when there is none to run with.
-  using ConfigReply = std::function<void(std::optional<DriverConfig>)>;
+  /// What there is to run with: a configuration, none while the app is not set up, or why the
+  /// secret store could not tell.
+  using ConfigAnswer = tl::expected<std::optional<DriverConfig>, SecretError>;
+  using ConfigReply = std::function<void(ConfigAnswer)>;
   /// Asked for a configuration at every launch, so that each run uses what is set and stored then.
-  /// Answers once, on the main thread, at once or when it can (a keyring may take its time; until
-  /// then the state is `starting`). An answer that a later launch or a stop has overtaken is
-  /// dropped.
+  /// Answers once, on the main thread, at once or when it can. An answer that a later launch or a
+  /// stop has overtaken is dropped.
   using ConfigProvider = std::function<void(ConfigReply)>;
 
-  /// Seconds that a stop waits for a run before it is abandoned, in every stop that the app makes.
-  static constexpr double kStopTimeout = 75;
+  /// A launch without an answer shows as one that waits for the store after this time: most stores
+  /// answer sooner, and then nobody needs to know.
+  static constexpr std::chrono::seconds kAnswerPatience{1};
+  /// Between two questions to a store that is locked or out of order.
+  static constexpr std::chrono::seconds kAskAgain{30};
+  /// How long a stop waits for a run before it is abandoned, unless the session ends.
+  static constexpr std::chrono::seconds kStopTimeout{75};
   /// What the user reads when there is no configuration.
   static constexpr const char* kNotConnected = "not connected — press Connect to website in Setup";
 
-  /// A run that has lost the server after `restartImmediateAfter` seconds or more is followed by
-  /// the next one at once, a shorter one after `backoffDelay` seconds.
+  /// A run that has lost the server after `restartImmediateAfter` or longer is followed by the next
+  /// one at once, a shorter one after `backoffDelay`.
   DriverSupervisor(std::shared_ptr<DriverFactory> factory, std::shared_ptr<DriverLog> log,
-                   std::shared_ptr<Clock> clock, double restartImmediateAfter = 60,
-                   double backoffDelay = 30);
+                   std::shared_ptr<Clock> clock,
+                   Clock::Duration restartImmediateAfter = std::chrono::seconds(60),
+                   Clock::Duration backoffDelay = std::chrono::seconds(30));
   ~DriverSupervisor() override;
 
-  // These four end the program when called on another thread.
+  // These end the program when called on another thread.
 
   /// Launches a run unless one is current; calls off a back-off. The provider replaces any earlier
-  /// one.
+  /// one, also for a restart that is under way.
   void start(ConfigProvider configProvider);
-  /// Asks the current run to end, and calls `completion` once there is none: when it has ended, or
-  /// after `timeout` seconds, when it is abandoned. Calls off whatever was scheduled.
-  void stop(double timeout, std::function<void()> completion = {});
-  /// Starts again with the same provider, after a stop if a run is current. Nothing before the
+  /// Asks the current run to end, and calls `completion` once there is none, never within this
+  /// call: when it has ended, or after `timeout`, when it is abandoned. Calls off whatever was
+  /// scheduled.
+  void stop(Clock::Duration timeout, std::function<void()> completion = {});
+  /// Starts again with the last provider, after a stop if a run is current. Nothing before the
   /// first start.
   void restart();
-  /// The network is back or the computer woke up: ends a back-off now. Nothing in other states.
+  /// The network is back or the computer woke up: ends a back-off or a wait for the secret store
+  /// now, and tells a current run, as networkChanged() does.
   void kick();
+  /// The way to the network is another one: a current run opens its connections anew.
+  void networkChanged();
+  /// The secret store was unlocked, or has come or gone: a launch that waits for it asks again now.
+  void secretsChanged();
+  /// SIGKILL to the processes of all jobs, those of an abandoned run included.
+  void killJobsNow();
 
   // What the user interface shows. Each has its signal, emitted after a change only.
-  const State& state() const { return state_; }
+  const DriverState& state() const { return state_; }
   const std::optional<std::string>& username() const { return username_; }
   const std::optional<std::string>& serverVersion() const { return serverVersion_; }
   const std::vector<std::string>& busyLanes() const { return busyLanes_; }
@@ -122,15 +120,23 @@ class DriverSupervisor : public QObject {
   using Generation = std::int64_t;
 
   void launch();
-  void launchWith(const std::optional<DriverConfig>& config);
+  void askForConfig();
+  void answered(const ConfigAnswer& answer);
+  void waitForSecrets(const SecretError& error);
+  void launchWith(const DriverConfig& config);
+  void askAgain();
   void runEnded(Generation generation, const ExitReason& reason);
   void drainedRunEnded(const ExitReason& reason);
-  void decideAfter(const Run& run, const ExitReason& reason, double elapsed);
-  void retryLater(const ExitReason& reason, double elapsed);
-  void stopTimedOut(Generation generation, double timeout);
-  void cancelBackoff();
+  void decideAfter(const Run& run, const ExitReason& reason, Clock::Duration elapsed);
+  void retryLater(const ExitReason& reason, Clock::Duration elapsed);
+  void stopTimedOut(Generation generation, Clock::Duration timeout);
+  void cancelWait();
   void flushStopWaiters();
-  void transition(State state);
+  void transition(DriverState state);
+  template <typename State>
+  bool is() const {
+    return std::holds_alternative<State>(state_);
+  }
   template <typename T, typename U>
   void assign(T& property, U value, Changed changed);
 
@@ -144,10 +150,10 @@ class DriverSupervisor : public QObject {
   const std::shared_ptr<DriverFactory> factory_;
   const std::shared_ptr<DriverLog> log_;
   const std::shared_ptr<Clock> clock_;
-  const double restartImmediateAfter_;
-  const double backoffDelay_;
+  const Clock::Duration restartImmediateAfter_;
+  const Clock::Duration backoffDelay_;
 
-  State state_;
+  DriverState state_;
   std::optional<std::string> username_;
   std::optional<std::string> serverVersion_;
   std::vector<std::string> busyLanes_;
@@ -158,12 +164,13 @@ class DriverSupervisor : public QObject {
   bool updateAvailable_ = false;
 
   std::shared_ptr<Run> current_;
-  Generation generation_ = 0;           ///< number of the last run launched
-  std::optional<Generation> draining_;  ///< the abandoned run that still goes on
-  bool launchPending_ = false;          ///< to be launched once the abandoned run has ended
-  std::uint64_t configTicket_ = 0;      ///< of the question to the provider that counts
+  Generation generation_ = 0;      ///< number of the last run launched
+  std::shared_ptr<Run> draining_;  ///< the abandoned run that still goes on
+  bool launchPending_ = false;     ///< to be launched once the abandoned run has ended
   ConfigProvider configProvider_;
-  std::shared_ptr<ClockToken> backoffToken_;
+  std::uint64_t lastQuestion_ = 0;         ///< to the provider
+  std::optional<std::uint64_t> question_;  ///< whose answer is still to come, and counts
+  std::shared_ptr<ClockToken> waitToken_;  ///< of a back-off or a wait for the secret store
   std::shared_ptr<ClockToken> stopTimeout_;
   std::vector<std::function<void()>> stopWaiters_;
 };

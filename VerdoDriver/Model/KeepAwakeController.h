@@ -25,17 +25,22 @@ class KeepAwakeController : public QObject {
   /// True while a job runs. Takes effect with the next evaluate().
   void setBusy(bool busy) { busy_ = busy; }
   /// Holds or releases the assertion as the present state wants it. When only the jobs have ended,
-  /// the release waits for a while, so that the next job finds the computer still awake.
+  /// the release waits for a while, so that the next job finds the computer still awake. While it
+  /// is wanted, the assertion is asked for again every minute: it may have been refused, by a
+  /// desktop that is still starting for instance.
   void evaluate();
 
  private:
   void scheduleRelease();
   void cancelScheduledRelease();
+  void scheduleRepeat();
+  void cancelRepeat();
 
   const std::shared_ptr<PowerAssertion> assertion_;
   const std::shared_ptr<Clock> clock_;
-  const double releaseDebounce_ = 10;  ///< seconds
+  const Clock::Duration releaseDebounce_ = std::chrono::seconds(10);
   std::shared_ptr<ClockToken> releaseToken_;
+  std::shared_ptr<ClockToken> repeatToken_;
   KeepAwakeMode mode_;
   bool driverRunning_ = false;
   bool busy_ = false;

@@ -4,6 +4,7 @@
 #include "VerdoDriver/Model/Masked.h"
 #include "VerdoDriverCore/Contract/DriverConstants.h"
 #include "VerdoDriverCore/Process/Which.h"
+#include "VerdoDriverCore/Values/Url.h"
 #include "VerdoDriverCore/Values/Utf8.h"
 
 #include <QProcess>
@@ -95,7 +96,7 @@ std::optional<LegacyInstall> LegacyDriverMigration::detect() const {
   }
   install.envFileExists = fs::exists(envFilePath(), ignored);
   const LegacySecrets secrets = readSecrets();
-  install.server = secrets.server;
+  if (secrets.server) install.server = withoutUserInfo(*secrets.server);
   install.tokenLast4 = maskedIfPresent(secrets.token);
   install.keyLast4 = maskedIfPresent(secrets.llmKey);
   install.keepAwakeMode = secrets.keepAwakeMode;

@@ -3,6 +3,7 @@
 #include "VerdoDriver/Model/AppLog.h"
 #include "VerdoDriver/Model/Masked.h"
 #include "VerdoDriver/Model/SecretTask.h"
+#include "VerdoDriverCore/Values/Url.h"
 
 #include <QPointer>
 #include <vector>
@@ -70,7 +71,7 @@ void LegacyImport::stopAtStore(const SecretError& error) {
 void LegacyImport::check(const LegacySecrets& secrets, bool remove, const Completion& completion) {
   setArmed(false);
   const bool allowInsecure = parts_.settings->allowInsecure();
-  const auto server = validateServerURL(secrets.server.value_or(""), allowInsecure);
+  const auto server = validateServerURL(lowerScheme(secrets.server.value_or("")), allowInsecure);
   if (!server) {
     const std::string& reason = server.error().message;
     setMessage("Import refused: " + reason);

@@ -8,6 +8,9 @@ class LoginItemManaging {
   virtual ~LoginItemManaging() = default;
   virtual bool isEnabled() const = 0;
   virtual void setEnabled(bool enabled) = 0;
+  /// Corrects an enabled item that starts another program than this one, as after the app was moved
+  /// or updated. To be called at every start; enables nothing.
+  virtual void refresh() = 0;
 };
 
 /// For previews and tests, and for systems that have no login items.
@@ -15,6 +18,7 @@ class NoopLoginItemManager : public LoginItemManaging {
  public:
   bool isEnabled() const override { return false; }
   void setEnabled(bool) override {}
+  void refresh() override {}
 };
 
 }  // namespace verdo

@@ -5,30 +5,55 @@
 #include <QCoreApplication>
 #include <QEvent>
 #include <QThread>
+#include <cstddef>
 #include <deque>
 #include <utility>
 
 namespace verdo::MainThread {
 namespace {
 
-/// Takes the posted blocks in, and runs one for each event. The blocks lie in a queue of our own,
-/// so that the sanitizers, which do not see into Qt, see how they are handed over.
+/// Runs one block of the queue for each event.
 class Receiver : public QObject {
  public:
-  void post(std::function<void()> block) EXCLUDES(lock_) {
-    {
-      MutexLock lock(lock_);
-      blocks_.push_back(std::move(block));
-    }
-    QCoreApplication::postEvent(this, new QEvent(QEvent::User));
-  }
-  bool event(QEvent* event) override EXCLUDES(lock_) {
+  explicit Receiver(std::function<void()> runNext) : runNext_(std::move(runNext)) {}
+  bool event(QEvent* event) override {
     if (event->type() != QEvent::User) return QObject::event(event);
-    take()();
+    runNext_();
     return true;
   }
 
  private:
+  const std::function<void()> runNext_;
+};
+
+/// The posted blocks. They lie in a queue of our own, so that the sanitizers, which do not see into
+/// Qt, see how they are handed over, and so that those that come before the application wait for
+/// it.
+class Queue {
+ public:
+  void post(std::function<void()> block) EXCLUDES(lock_) {
+    Receiver* target = nullptr;
+    {
+      MutexLock lock(lock_);
+      blocks_.push_back(std::move(block));
+      target = receiver_;
+    }
+    if (target) announce(*target);
+  }
+
+  /// On the thread of the application object, which is there now.
+  void open() EXCLUDES(lock_) {
+    MutexLock lock(lock_);
+    if (receiver_) return;
+    receiver_ = new Receiver([this] { take()(); });
+    // Under the lock: the events of later posts come behind these.
+    for (std::size_t early = blocks_.size(); early > 0; --early) announce(*receiver_);
+  }
+
+ private:
+  static void announce(Receiver& receiver) {
+    QCoreApplication::postEvent(&receiver, new QEvent(QEvent::User));
+  }
   std::function<void()> take() EXCLUDES(lock_) {
     MutexLock lock(lock_);
     auto block = std::move(blocks_.front());
@@ -37,20 +62,20 @@ class Receiver : public QObject {
   }
 
   Mutex lock_;
-  std::deque<std::function<void()>> blocks_ GUARDED_BY(lock_);  ///< as many as events under way
+  Receiver* receiver_ GUARDED_BY(lock_) = nullptr;
+  /// As many as events under way, once there is a receiver.
+  std::deque<std::function<void()>> blocks_ GUARDED_BY(lock_);
 };
 
 /// It outlives the application object on purpose: a thread that was left behind may still post
-/// while the process ends. None when the first post comes only then.
-Receiver* receiver() {
-  static Receiver* const object = []() -> Receiver* {
-    if (!QCoreApplication::instance()) return nullptr;
-    auto* made = new Receiver;
-    made->moveToThread(QCoreApplication::instance()->thread());
-    return made;
-  }();
-  return object;
+/// while the process ends.
+Queue& queue() {
+  static auto* const object = new Queue;
+  return *object;
 }
+
+void openQueue() { queue().open(); }
+Q_COREAPP_STARTUP_FUNCTION(openQueue)
 
 }  // namespace
 
@@ -61,11 +86,8 @@ bool isCurrent() {
 
 void require(const char* operation) {
   if (!isCurrent()) qFatal("%s must be called on the main thread", operation);
-  receiver();  // made here, before any thread is started that could be the first to post
 }
 
-void post(std::function<void()> block) {
-  if (auto* const target = receiver()) target->post(std::move(block));
-}
+void post(std::function<void()> block) { queue().post(std::move(block)); }
 
 }  // namespace verdo::MainThread

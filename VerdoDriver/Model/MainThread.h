@@ -13,8 +13,9 @@ bool isCurrent();
 void require(const char* operation);
 
 /// Runs `block` on the main thread, in the order of posting, after the current event. Any thread
-/// may call it; blocks that nobody is left to run are dropped with the process. Whoever posts must
-/// hold the objects that the block uses weakly (QPointer, made on the main thread).
+/// may call it, also before the application object is there: the block waits for it. Blocks that
+/// nobody is left to run are dropped with the process. Whoever posts must hold the objects that the
+/// block uses weakly (QPointer, made on the main thread).
 void post(std::function<void()> block);
 
 }  // namespace verdo::MainThread

@@ -15,8 +15,8 @@
 namespace verdo {
 namespace {
 
-constexpr int kShortestLifetime = 30;  // s, so that the user can get to the browser at all
-constexpr double kBackOff = 2.0;       // of the interval, for one step after a failed poll
+constexpr std::chrono::seconds kMinLifetime{30};  // so that the user can get to the browser at all
+constexpr int kBackOff = 2;  // of the interval, for one step after a failed poll
 constexpr const char* kExpired =
     "The request expired before it was approved — press Connect to website again.";
 
@@ -29,7 +29,8 @@ bool isFinal(const PairingError& error) {
 }  // namespace
 
 PairFlow::PairFlow(std::shared_ptr<PairingService> service, OpenURL openURL, HostName hostName,
-                   std::shared_ptr<DriverLog> log, std::shared_ptr<Clock> clock, double minInterval)
+                   std::shared_ptr<DriverLog> log, std::shared_ptr<Clock> clock,
+                   Clock::Duration minInterval)
     : service_(std::move(service)),
       openURL_(std::move(openURL)),
       hostName_(std::move(hostName)),
@@ -72,9 +73,8 @@ void PairFlow::started(Generation generation,
     return;
   }
   code_ = reply->code;
-  const auto expiresAt =
-      clock_->now() + std::chrono::seconds(std::max(reply->expiresIn, kShortestLifetime));
-  const double interval = std::max(double(reply->interval), minInterval_);
+  const auto expiresAt = clock_->now() + std::max(reply->expiresIn, kMinLifetime);
+  const auto interval = std::max(Clock::Duration(reply->interval), minInterval_);
 
   const QPointer<PairFlow> self(this);
   setState(PairingWaiting{reply->userCode, *verifyURL, expiresAt});
@@ -85,7 +85,7 @@ void PairFlow::started(Generation generation,
   if (self) schedulePoll(interval, {generation, expiresAt, interval});
 }
 
-void PairFlow::schedulePoll(double delay, const Polling& polling) {
+void PairFlow::schedulePoll(Clock::Duration delay, const Polling& polling) {
   clock_->after(delay, [self = QPointer<PairFlow>(this), polling] {
     if (self) self->poll(polling);
   });

@@ -27,9 +27,10 @@ class PairFlow : public QObject {
   /// Gives the name of this computer, for the user to recognise it by.
   using HostName = std::function<std::string()>;
 
-  /// `minInterval`: shortest pause between polls, s.
+  /// `minInterval`: shortest pause between polls.
   PairFlow(std::shared_ptr<PairingService> service, OpenURL openURL, HostName hostName,
-           std::shared_ptr<DriverLog> log, std::shared_ptr<Clock> clock, double minInterval = 1.0);
+           std::shared_ptr<DriverLog> log, std::shared_ptr<Clock> clock,
+           Clock::Duration minInterval = std::chrono::seconds(1));
 
   /// Abandons the pairing in hand and begins another with the server that the user typed.
   /// `onApproved` is called once the state is `connecting`, unless the pairing is abandoned first.
@@ -51,11 +52,11 @@ class PairFlow : public QObject {
   struct Polling {
     Generation generation;
     Clock::TimePoint expiresAt;
-    double interval;  ///< s
+    Clock::Duration interval;
   };
 
   void started(Generation generation, const tl::expected<PairingStart, PairingError>& reply);
-  void schedulePoll(double delay, const Polling& polling);
+  void schedulePoll(Clock::Duration delay, const Polling& polling);
   void poll(const Polling& polling);
   void polled(const Polling& polling, const tl::expected<PairingPoll, PairingError>& reply);
   void approved(Generation generation, const PairingPoll& poll);
@@ -67,7 +68,7 @@ class PairFlow : public QObject {
   const HostName hostName_;
   const std::shared_ptr<DriverLog> log_;
   const std::shared_ptr<Clock> clock_;
-  const double minInterval_;
+  const Clock::Duration minInterval_;
 
   PairingState state_;
   OnApproved onApproved_;

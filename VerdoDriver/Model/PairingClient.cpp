@@ -8,12 +8,15 @@
 #include "VerdoDriverCore/Values/Url.h"
 #include "VerdoDriverCore/Values/Utf8.h"
 
+#include <algorithm>
+#include <cstdint>
+
 namespace verdo {
 namespace {
 
 constexpr std::chrono::seconds kTimeout{20};
 /// Longer times are nonsense in a pairing, and would not fit dates and timers.
-constexpr int kMostSeconds = 7 * 24 * 3600;
+constexpr std::int64_t kMaxSeconds = 7 * 24 * 3600;
 /// Of a text that the server puts into a message for the user, in characters.
 constexpr std::size_t kLongestQuote = 500;
 
@@ -29,14 +32,18 @@ PairingError statusError(const HttpResponse& response) {
   return PairingError::http(response.status, text ? firstCharacters(*text, kLongestQuote) : "");
 }
 
+std::chrono::seconds secondsOf(ReplyReader& reply, std::string_view key) {
+  return std::chrono::seconds(std::clamp(reply.integer(key), -kMaxSeconds, kMaxSeconds));
+}
+
 tl::expected<PairingStart, PairingError> decodeStart(const std::string& body) {
   ReplyReader reply(body);
   PairingStart start;
   start.code = reply.text("code");
   start.userCode = reply.text("user_code");
   start.verifyPath = reply.text("verify_path");
-  start.expiresIn = reply.integer("expires_in", kMostSeconds);
-  start.interval = reply.integer("interval", kMostSeconds);
+  start.expiresIn = secondsOf(reply, "expires_in");
+  start.interval = secondsOf(reply, "interval");
   if (!reply.misfit().empty()) return badReply(reply.misfit());
   return start;
 }

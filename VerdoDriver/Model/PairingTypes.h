@@ -11,11 +11,11 @@ namespace verdo {
 
 /// A pairing request that the server has opened.
 struct PairingStart {
-  std::string code;        ///< secret: names the request when polling
-  std::string userCode;    ///< what the user compares in the browser
-  std::string verifyPath;  ///< of the approve page, to append to the server's URL
-  int expiresIn = 0;       ///< s, at most a week either way
-  int interval = 0;        ///< between polls, s, at most a week either way
+  std::string code;                  ///< secret: names the request when polling
+  std::string userCode;              ///< what the user compares in the browser
+  std::string verifyPath;            ///< of the approve page, to append to the server's URL
+  std::chrono::seconds expiresIn{};  ///< at most a week either way
+  std::chrono::seconds interval{};   ///< between polls, at most a week either way
 };
 
 /// How a pairing request stands.

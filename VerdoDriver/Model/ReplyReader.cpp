@@ -38,15 +38,10 @@ std::string ReplyReader::text(std::string_view key) {
   return std::move(value).value_or("");
 }
 
-int ReplyReader::integer(std::string_view key, int most) {
+std::int64_t ReplyReader::integer(std::string_view key) {
   const auto value = optionalInteger(key);
   if (!value) note(fmt::format("\"{}\" is missing", key));
-  if (!value) return 0;
-  if (*value < -most || *value > most) {
-    note(fmt::format("\"{}\" is out of range", key));
-    return 0;
-  }
-  return static_cast<int>(*value);
+  return value.value_or(0);
 }
 
 void ReplyReader::note(std::string misfit) {

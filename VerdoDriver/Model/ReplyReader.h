@@ -24,8 +24,7 @@ class ReplyReader {
 
   /// The same for a member that must be there; "" or 0 after a misfit.
   std::string text(std::string_view key);
-  /// Values outside of -most..most are misfits, too.
-  int integer(std::string_view key, int most);
+  std::int64_t integer(std::string_view key);
 
   /// What is wrong with the reply, in words for the user; empty when all that was read fits.
   const std::string& misfit() const { return misfit_; }

@@ -8,7 +8,7 @@ namespace verdo::SafeLink {
 
 /// The address to open, when the link is https, or leads to the very server at `server`; absent
 /// for every other link.
-std::optional<std::string> allowed(const std::optional<std::string>& link,
-                                   const std::string& server);
+[[nodiscard]] std::optional<std::string> allowed(const std::optional<std::string>& link,
+                                                 const std::string& server);
 
 }  // namespace verdo::SafeLink

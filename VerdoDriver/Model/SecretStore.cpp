@@ -1,6 +1,9 @@
 #include "VerdoDriver/Model/SecretStore.h"
 
+#include "VerdoDriver/Model/MainThread.h"
 #include "VerdoDriver/Model/Masked.h"
+
+#include <utility>
 
 namespace verdo {
 
@@ -8,10 +11,31 @@ const char* nameOf(SecretAccount account) {
   return account == SecretAccount::driverToken ? "driver-token" : "llm-key";
 }
 
+SecretState SecretStore::state(SecretAccount account) {
+  const auto secret = read(account);
+  if (secret) return secret->value_or("").empty() ? SecretState::absent : SecretState::found;
+  return secret.error().kind == SecretError::Kind::locked ? SecretState::locked
+                                                          : SecretState::unavailable;
+}
+
 std::optional<std::string> SecretStore::last4(SecretAccount account) {
   const auto secret = read(account);
   if (!secret || secret->value_or("").empty()) return std::nullopt;
   return masked(**secret);
+}
+
+void SecretStore::listen(Listener listener) {
+  MainThread::require("SecretStore::listen");
+  *listener_ = std::move(listener);
+}
+
+void SecretStore::announce(SecretEvent event) {
+  MainThread::post([event, weak = std::weak_ptr(listener_)] {
+    const auto held = weak.lock();
+    if (!held || !*held) return;
+    const Listener listener = *held;  // a copy: it may put another one in its place
+    listener(event);
+  });
 }
 
 SecretStore::Result<std::optional<std::string>> MemorySecretStore::read(SecretAccount account) {

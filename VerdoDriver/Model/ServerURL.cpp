@@ -1,10 +1,10 @@
 #include "VerdoDriver/Model/ServerURL.h"
 
+#include "VerdoDriver/Model/WebLink.h"
 #include "VerdoDriverCore/Contract/ServerURLPolicy.h"
 #include "VerdoDriverCore/Values/Url.h"
 
 #include <QString>
-#include <QUrl>
 
 #include <fmt/format.h>
 
@@ -20,11 +20,14 @@ tl::expected<std::string, Refusal> validateServerURL(const std::string& text, bo
   };
   std::string url = trimmedServerURL(text);
   if (url.empty()) return refuse("Enter the server URL.");
+  // Asked first, since the other refusals repeat the text; and leniently, as to this alone.
+  if (const auto refusal = ServerURLPolicy::refusal(lowerScheme(url), true)) {
+    return refuse(*refusal);
+  }
   if (!url.starts_with("https://") && !url.starts_with("http://")) {
     return refuse(fmt::format("The server URL must start with https:// (got {}).", url));
   }
-  const QUrl parsed(QString::fromStdString(url), QUrl::StrictMode);
-  if (!parsed.isValid() || parsed.host().isEmpty()) {
+  if (!WebLink::parse(url)) {
     return refuse(fmt::format("{} is not a valid URL.", url));
   }
   if (const auto refusal = ServerURLPolicy::refusal(url, allowInsecure)) return refuse(*refusal);

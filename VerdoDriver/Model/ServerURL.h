@@ -13,10 +13,11 @@ struct Refusal {
 };
 
 /// The text without blanks around it and slashes at its end.
-std::string trimmedServerURL(const std::string& text);
+[[nodiscard]] std::string trimmedServerURL(const std::string& text);
 
 /// The server URL that a user typed, without blanks around it and slashes at its end; or why the
-/// driver must not use it.
-tl::expected<std::string, Refusal> validateServerURL(const std::string& text, bool allowInsecure);
+/// driver must not use it. A refusal repeats the text, unless that may hold a password.
+[[nodiscard]] tl::expected<std::string, Refusal> validateServerURL(const std::string& text,
+                                                                   bool allowInsecure);
 
 }  // namespace verdo

@@ -1,6 +1,7 @@
 #include "VerdoDriver/Model/SettingsStore.h"
 
 #include "VerdoDriver/Model/AppLog.h"
+#include "VerdoDriverCore/Values/Url.h"
 
 #include <QSettings>
 
@@ -14,16 +15,23 @@ constexpr const char* kLaunchAtLogin = "launchAtLogin";
 constexpr const char* kKeepAwakeMode = "keepAwakeMode";
 constexpr const char* kAutoStart = "autoStart";
 constexpr const char* kAllowInsecure = "allowInsecure";
+constexpr const char* kSecretPlace = "secretPlace";
+
+std::unique_ptr<QSettings> ofTheUserAlone(std::unique_ptr<QSettings> defaults) {
+  defaults->setFallbacksEnabled(false);
+  return defaults;
+}
 
 }  // namespace
 
 SettingsStore::SettingsStore(std::unique_ptr<QSettings> defaults)
-    : defaults_(std::move(defaults)),
+    : defaults_(ofTheUserAlone(std::move(defaults))),
       serverURL_(defaults_->value(kServerURL).toString().toStdString()),
       launchAtLogin_(defaults_->value(kLaunchAtLogin, false).toBool()),
       keepAwakeMode_(keepAwakeModeOf(defaults_->value(kKeepAwakeMode).toString().toStdString())),
       autoStart_(defaults_->value(kAutoStart, true).toBool()),
-      allowInsecure_(defaults_->value(kAllowInsecure, false).toBool()) {}
+      allowInsecure_(defaults_->value(kAllowInsecure, false).toBool()),
+      secretPlace_(secretPlaceOf(defaults_->value(kSecretPlace).toString().toStdString())) {}
 
 SettingsStore::~SettingsStore() = default;
 
@@ -51,6 +59,11 @@ void SettingsStore::setAllowInsecure(bool allow) {
   setFlag(allowInsecure_, kAllowInsecure, allow, &SettingsStore::allowInsecureChanged);
 }
 
+void SettingsStore::setSecretPlace(const SecretPlace& place) {
+  secretPlace_ = place;
+  store(kSecretPlace, QString::fromStdString(toText(place)));
+}
+
 void SettingsStore::setFlag(bool& flag, const char* key, bool value,
                             void (SettingsStore::*changed)(bool)) {
   flag = value;
@@ -62,7 +75,7 @@ void SettingsStore::store(const char* key, const QVariant& value) {
   defaults_->setValue(key, value);
   defaults_->sync();  // at once: a crash later must not undo the choice
   AppLog::settings.debug(
-      fmt::format("[SettingsStore] {} = {}", key, value.toString().toStdString()));
+      fmt::format("[SettingsStore] {} = {}", key, withoutUserInfo(value.toString().toStdString())));
   if (defaults_->status() != QSettings::NoError) {
     // The choice holds until the app ends; more cannot be done about it here.
     AppLog::settings.error(

@@ -1,9 +1,11 @@
 #pragma once
 
 #include "VerdoDriver/Model/KeepAwakeMode.h"
+#include "VerdoDriver/Model/SecretPlace.h"
 
 #include <QObject>
 #include <memory>
+#include <optional>
 #include <string>
 
 class QSettings;
@@ -24,7 +26,8 @@ class SettingsStore : public QObject {
   Q_PROPERTY(
       bool allowInsecure READ allowInsecure WRITE setAllowInsecure NOTIFY allowInsecureChanged)
  public:
-  /// Reads all choices. Keys that are missing or hold nonsense give the defaults below.
+  /// Reads all choices. Keys that are missing or hold nonsense give the defaults below; those of
+  /// system-wide files do not count, since nobody but the user may allow plain http.
   explicit SettingsStore(std::unique_ptr<QSettings> defaults);
   ~SettingsStore() override;
 
@@ -37,11 +40,15 @@ class SettingsStore : public QObject {
   /// Plain http to a host that is not loopback is allowed.
   bool allowInsecure() const { return allowInsecure_; }
 
+  /// Where the secrets are kept (SecretPlace.h); none before the first one was stored.
+  const std::optional<SecretPlace>& secretPlace() const { return secretPlace_; }
+
   void setServerURL(const std::string& url);
   void setLaunchAtLogin(bool launch);
   void setKeepAwakeMode(KeepAwakeMode mode);
   void setAutoStart(bool start);
   void setAllowInsecure(bool allow);
+  void setSecretPlace(const SecretPlace& place);
 
  Q_SIGNALS:
   void serverURLChanged(const std::string& url);
@@ -60,6 +67,7 @@ class SettingsStore : public QObject {
   KeepAwakeMode keepAwakeMode_;
   bool autoStart_;
   bool allowInsecure_;
+  std::optional<SecretPlace> secretPlace_;
 };
 
 }  // namespace verdo

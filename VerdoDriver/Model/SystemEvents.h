@@ -18,8 +18,8 @@ class PathMonitor : public QObject {
   Q_OBJECT
  public:
   using QObject::QObject;
-  /// Begins to report: soon the present state, then every change of routes, which may repeat the
-  /// state.
+  /// Begins to report: soon the present state, then every change of it. True after true means that
+  /// the path has changed: what was connected by the old one may be dead.
   virtual void start() = 0;
  Q_SIGNALS:
   void reported(bool satisfied);

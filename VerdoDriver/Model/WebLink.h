@@ -1,6 +1,5 @@
 #pragma once
 
-#include <QUrl>
 #include <optional>
 #include <string>
 
@@ -8,15 +7,17 @@
 /// no address.
 namespace verdo::WebLink {
 
-/// The address, when it has a scheme and a host.
-std::optional<QUrl> parse(const std::string& text);
+/// The http or https address in the form to send or open: its scheme in lower case. Absent when it
+/// is none, or holds a character that a URL must not hold.
+[[nodiscard]] std::optional<std::string> parse(const std::string& text);
 
-/// Equal schemes, hosts and user parts, and equal ports: both named, or both left out.
-bool sameOrigin(const QUrl& a, const QUrl& b);
+/// Whether both are addresses on one server (sameOrigin in Url.h).
+[[nodiscard]] bool sameOrigin(const std::string& a, const std::string& b);
 
-/// The http or https address made by appending `path` to the text of the server's URL, in the form
-/// to send or open. Absent when that is no address, or not one on the server: a path like
+/// The address made by appending `path` to the text of the server's URL, in the form to send or
+/// open. Absent when that is no address, or not one on the server: a path like
 /// "@elsewhere.example/" must not lead away from it.
-std::optional<std::string> onServer(const std::string& server, const std::string& path);
+[[nodiscard]] std::optional<std::string> onServer(const std::string& server,
+                                                  const std::string& path);
 
 }  // namespace verdo::WebLink

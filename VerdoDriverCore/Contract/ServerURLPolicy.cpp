@@ -5,12 +5,9 @@
 namespace verdo::ServerURLPolicy {
 
 std::optional<std::string> refusal(const std::string& server, bool insecure) {
-  const auto url = Url::parse(server);
-  // What cannot be read may still hold a password, which no message must repeat.
-  if (url ? url->hasUserInfo() : server.find('@') != std::string::npos) {
-    return "a server URL must not hold a user name or password";
-  }
+  if (mayHoldUserInfo(server)) return "a server URL must not hold a user name or password";
   if (!server.starts_with("http://") || insecure) return std::nullopt;
+  const auto url = Url::parse(server);
   if (url && url->isPlainLoopback()) return std::nullopt;
   return server +
          " is plain http off loopback — the token would travel in clear; use https:// or pass "

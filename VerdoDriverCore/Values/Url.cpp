@@ -20,6 +20,8 @@ std::optional<std::string> part(CURLU* url, CURLUPart which) {
   return std::string(text);
 }
 
+char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+
 bool isSendable(char c) { return static_cast<unsigned char>(c) > 0x20 && c != 0x7F; }
 
 }  // namespace
@@ -27,6 +29,8 @@ bool isSendable(char c) { return static_cast<unsigned char>(c) > 0x20 && c != 0x
 std::optional<Url> Url::parse(std::string_view text) {
   if (!text.starts_with("http://") && !text.starts_with("https://")) return std::nullopt;
   if (!std::all_of(text.begin(), text.end(), isSendable)) return std::nullopt;
+  // The library would take the first piece of the path for the host.
+  if (text.find(":///") == text.find("://")) return std::nullopt;
   const std::unique_ptr<CURLU, CurlUrlFree> parsed(curl_url());
   if (!parsed ||
       curl_url_set(parsed.get(), CURLUPART_URL, std::string(text).c_str(), 0) != CURLUE_OK) {
@@ -47,12 +51,26 @@ std::optional<Url> Url::parse(std::string_view text) {
   return url;
 }
 
+bool sameOrigin(const Url& a, const Url& b) {
+  const auto equal = [](char x, char y) { return lower(x) == lower(y); };
+  return a.isHttps() == b.isHttps() && a.port() == b.port() && !a.hasUserInfo() &&
+         !b.hasUserInfo() &&
+         std::equal(a.host().begin(), a.host().end(), b.host().begin(), b.host().end(), equal);
+}
+
+bool mayHoldUserInfo(std::string_view text) {
+  const auto url = Url::parse(text);
+  return url ? url->hasUserInfo() : text.find('@') != std::string_view::npos;
+}
+
+std::string withoutUserInfo(const std::string& text) {
+  return mayHoldUserInfo(lowerScheme(text)) ? "(a URL with a user name or password)" : text;
+}
+
 std::string lowerScheme(std::string url) {
   const auto end = url.find("://");
   if (end == std::string::npos) return url;
-  std::transform(
-      url.begin(), url.begin() + static_cast<std::ptrdiff_t>(end), url.begin(),
-      [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+  std::transform(url.begin(), url.begin() + static_cast<std::ptrdiff_t>(end), url.begin(), lower);
   return url;
 }
 

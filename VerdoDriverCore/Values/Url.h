@@ -12,7 +12,8 @@ namespace verdo {
 class Url {
  public:
   /// Absent for a text that cannot be requested. The scheme must be written in lower case, since
-  /// only such a text is compared and shown; what is not encoded must be ASCII without blanks.
+  /// only such a text is compared and shown; what is not encoded must be ASCII without blanks, and
+  /// the host stands after two slashes.
   static std::optional<Url> parse(std::string_view text);
 
   bool isHttps() const { return https_; }
@@ -36,6 +37,18 @@ class Url {
   bool userInfo_ = false;
   bool queryOrFragment_ = false;
 };
+
+/// Equal schemes and hosts, the latter whatever their case, and equal ports: both named, or both
+/// left out. Never with a user name or password in either.
+bool sameOrigin(const Url& a, const Url& b);
+
+/// User name or password stand in the text, or could, since it cannot be read as a URL: it must
+/// then neither be used nor repeated.
+bool mayHoldUserInfo(std::string_view text);
+
+/// The text for a log or a window: itself, but nothing of one that may hold a user name or
+/// password.
+std::string withoutUserInfo(const std::string& text);
 
 /// The text with its scheme in lower case ("HTTPS://…" becomes "https://…"), which is how front
 /// ends hand it on.

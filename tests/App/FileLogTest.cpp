@@ -1,4 +1,5 @@
 #include "VerdoDriver/App/FileLog.h"
+#include "VerdoDriverCore/System/UniqueFd.h"
 #include "tests/Support/AppLogCapture.h"
 #include "tests/Support/TempDir.h"
 
@@ -6,8 +7,10 @@
 #include <set>
 #include <thread>
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <gmock/gmock.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 
 namespace verdo::test {
@@ -34,6 +37,7 @@ TEST(FileLog, RotatesElsewhereOrShowsItselfToOthers) {
   const TempDir dir;
   FileLog log(dir / "a/b", 2 * (kAround + 1), 3);  // two lines exactly
   for (const char* line : {"0", "1", "2", "3", "4", "5", "6", "7", "8"}) log.write(line);
+  EXPECT_TRUE(log.flush());
   EXPECT_THAT(linesOf(log.path()), ElementsAre("8"));
   EXPECT_THAT(linesOf(log.path() + ".1"), ElementsAre("6", "7"));
   EXPECT_THAT(linesOf(log.path() + ".3"), ElementsAre("2", "3"));
@@ -46,11 +50,14 @@ TEST(FileLog, WritesOnIntoAFileThatIsGone) {
   const TempDir dir;
   FileLog log(dir / "log");
   log.write("first");
+  EXPECT_TRUE(log.flush());
   fs::remove(log.path());
   log.write("file deleted");
+  EXPECT_TRUE(log.flush());
   EXPECT_THAT(linesOf(log.path()), ElementsAre("file deleted"));
   fs::remove_all(dir / "log");
   log.write("directory deleted");
+  EXPECT_TRUE(log.flush());
   EXPECT_THAT(linesOf(log.path()), ElementsAre("directory deleted"));
 }
 
@@ -59,6 +66,7 @@ TEST(FileLog, TearsLinesOrFloodsTheSystemLogOnAFullDisk) {
   const AppLogCapture appLog;
   FileLog log(dir.path());
   log.write("fits");
+  EXPECT_TRUE(log.flush());
   std::signal(SIGXFSZ, SIG_IGN);
   rlimit limit{};
   ::getrlimit(RLIMIT_FSIZE, &limit);
@@ -67,8 +75,10 @@ TEST(FileLog, TearsLinesOrFloodsTheSystemLogOnAFullDisk) {
   ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &full), 0);
   log.write("does not fit");
   log.write("does not fit either");
+  EXPECT_TRUE(log.flush());
   ::setrlimit(RLIMIT_FSIZE, &limit);
   log.write("fits again");
+  EXPECT_TRUE(log.flush());
   EXPECT_THAT(linesOf(log.path()), ElementsAre("fits", "fits again"));
   EXPECT_THAT(appLog.lines(), ElementsAre("verdo.lifecycle [FileLog] write failed: write " +
                                           log.path() + ": File too large"));
@@ -78,8 +88,37 @@ TEST(FileLog, LetsATextPassForOtherLines) {
   const TempDir dir;
   FileLog log(dir.path());
   log.error("job 1: said\r\n2026-01-01 00:00:00 » token forgotten\x1b[2J\n");
+  EXPECT_TRUE(log.flush());
   EXPECT_EQ(contentOf(log.path()).substr(kAround - 1),
             "✗ job 1: said\n                    2026-01-01 00:00:00 » token forgotten\\x1b[2J\n");
+  EXPECT_TRUE(log.flush());
+}
+
+TEST(FileLog, HoldsTheProgramUpOrLosesLinesUnnoticed) {
+  const TempDir dir;
+  FileLog log(dir.path());
+  log.write("first");
+  ASSERT_TRUE(log.flush(std::chrono::seconds(20)));
+  // Another process has its turn, and does not end it.
+  const UniqueFd other(::open(log.path().c_str(), O_RDONLY | O_CLOEXEC));
+  ASSERT_EQ(::flock(other.get(), LOCK_EX), 0);
+  const auto start = std::chrono::steady_clock::now();
+  const std::string line(FileLog::kMaxWaiting / 4, 'x');
+  constexpr int kLines = 20;
+  for (int i = 0; i < kLines; ++i) log.write(line);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+  EXPECT_FALSE(log.flush(std::chrono::milliseconds(0)));
+  EXPECT_TRUE(log.flush(std::chrono::seconds(20)));
+  for (int i = 0; i < kLines; ++i) log.write("short");
+  EXPECT_TRUE(log.flush(std::chrono::seconds(20))) << "each line waits for the other process";
+  int written = 0;
+  int lost = 0;
+  for (const auto& found : linesOf(log.path())) {
+    if (found == line) ++written;
+    std::sscanf(found.c_str(), "! %d lines are missing here", &lost);
+  }
+  EXPECT_GT(lost, 0);
+  EXPECT_EQ(written + lost, kLines);
 }
 
 TEST(FileLog, TearsOrLosesLinesOfSeveralThreadsAndInstances) {
@@ -97,6 +136,7 @@ TEST(FileLog, TearsOrLosesLinesOfSeveralThreadsAndInstances) {
     });
   }
   threads.clear();
+  for (auto& log : instances) EXPECT_TRUE(log.flush(std::chrono::seconds(20)));
   std::multiset<std::string> found;
   for (const auto& file : fs::directory_iterator(dir.path())) {
     for (const auto& line : linesOf(file.path())) found.insert(line);

@@ -52,6 +52,7 @@ TEST(ServerURLPolicy, LetsTheTokenTravelInClearOnLoopbackOnly) {
                   "https:// or pass --insecure on a trusted network");
     EXPECT_EQ(ServerURLPolicy::refusal(server, true), std::nullopt);
   }
+  EXPECT_FALSE(Url::parse("http:///localhost"));
   EXPECT_EQ(lowerScheme("HTTPS://Host/A://B"), "https://Host/A://B");
 }
 

@@ -16,28 +16,6 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-TEST(ServerURL, IsJudgedWrongly) {
-  const struct {
-    const char* text;
-    bool insecure;
-    const char* result;  ///< the URL, or the refusal
-  } table[] = {
-      {" \t https://s.example/// \n", false, "https://s.example"},
-      {"http://127.0.0.1:8765/", false, "http://127.0.0.1:8765"},
-      {"http://s.example", true, "http://s.example"},
-      {" // ", false, "Enter the server URL."},
-      {"ftp://x", false, "The server URL must start with https:// (got ftp://x)."},
-      {"HTTPS://x", false, "The server URL must start with https:// (got HTTPS://x)."},
-      {"https:///path", false, "https:///path is not a valid URL."},
-      {"https://a b", false, "https://a b is not a valid URL."},
-  };
-  for (const auto& [text, insecure, result] : table) {
-    const auto url = validateServerURL(text, insecure);
-    EXPECT_EQ(url ? *url : url.error().message, result);
-  }
-  EXPECT_FALSE(validateServerURL("http://s.example", false));
-}
-
 /// Fails every write to one account.
 class FailingStore : public MemorySecretStore {
  public:
@@ -163,33 +141,6 @@ TEST_F(Connect, ErasesTheStoredKeyWithAnEmptyOne) {
 
   EXPECT_TRUE(secrets->remove(SecretAccount::llmKey));
   EXPECT_EQ(textOf(connect()), "Check the setup|Paste the DeepSeek key first.|5");
-}
-
-TEST(Settings, AreForgottenOrMisread) {
-  const TempDir directory;
-  const auto file = QString::fromStdString(directory / "settings");
-  const auto open = [&] {
-    return std::make_unique<SettingsStore>(std::make_unique<QSettings>(file, QSettings::IniFormat));
-  };
-  auto settings = open();
-  EXPECT_EQ(settings->serverURL() + nameOf(settings->keepAwakeMode()), "always");
-  EXPECT_TRUE(settings->autoStart() && !settings->launchAtLogin() && !settings->allowInsecure());
-  int announced = 0;
-  QObject::connect(settings.get(), &SettingsStore::autoStartChanged, [&] { ++announced; });
-  settings->setServerURL("https://ü.example/,;\"");
-  settings->setLaunchAtLogin(true);
-  settings->setKeepAwakeMode(KeepAwakeMode::whileJobRuns);
-  settings->setAutoStart(false);
-  settings->setAutoStart(false);
-  settings->setAllowInsecure(true);
-  EXPECT_EQ(announced, 2);
-
-  const auto again = open();  // while the first one still lives: all has been written
-  EXPECT_EQ(again->serverURL(), "https://ü.example/,;\"");
-  EXPECT_EQ(again->keepAwakeMode(), KeepAwakeMode::whileJobRuns);
-  EXPECT_TRUE(!again->autoStart() && again->launchAtLogin() && again->allowInsecure());
-  QSettings(file, QSettings::IniFormat).setValue("keepAwakeMode", "sometimes");
-  EXPECT_EQ(open()->keepAwakeMode(), KeepAwakeMode::always);
 }
 
 }  // namespace

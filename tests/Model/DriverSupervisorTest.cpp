@@ -4,6 +4,7 @@
 #include "tests/Support/ManualClock.h"
 #include "tests/Support/RecordingDriverLog.h"
 #include "tests/Support/ScriptedDriver.h"
+#include "tests/Support/StateKind.h"
 
 #include <QVariant>
 #include <thread>
@@ -13,7 +14,7 @@
 namespace verdo::test {
 namespace {
 
-using Kind = DriverSupervisor::State::Kind;
+using namespace std::chrono_literals;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -24,7 +25,7 @@ class Supervisor : public testing::Test {
     QObject::connect(&supervisor, &DriverSupervisor::exited,
                      [this](const ExitReason& reason) { exits.push_back(reason); });
     QObject::connect(&supervisor, &DriverSupervisor::stateChanged,
-                     [this] { states.push_back(supervisor.state().kind); });
+                     [this] { states.push_back(kindOf(supervisor.state())); });
   }
 
   void start() {
@@ -50,7 +51,7 @@ class Supervisor : public testing::Test {
   void connect(std::size_t number) {
     report(number, [](auto& observer) { observer.driverConnected("ann", 7, "1.2"); });
   }
-  Kind state() const { return supervisor.state().kind; }
+  Kind state() const { return kindOf(supervisor.state()); }
   std::ptrdiff_t linesWith(const std::string& text) const {
     const auto lines = log->lines();
     return std::count_if(lines.begin(), lines.end(), [&](const std::string& line) {
@@ -73,39 +74,39 @@ TEST_F(Supervisor, DecidesWronglyAfterARun) {
   const auto lost = ExitReason::serverUnreachable("m");
   const struct {
     ExitReason reason;
-    double seconds;
+    std::chrono::milliseconds length;
     bool stopRequested;
     Kind next;
     const char* end;
   } table[] = {
-      {ExitReason::clean(), 1, false, Kind::idle, "exit 0 after 1s"},
-      {ExitReason::stopped(), 1.9, false, Kind::idle, "exit 130 after 1s"},
-      {ExitReason::badConfig("m"), 0, false, Kind::stopped, "exit 2 — m after 0s"},
-      {ExitReason::tokenRevoked("m"), 0, false, Kind::stopped, "exit 3 — m after 0s"},
-      {ExitReason::outOfDate("m"), 0, false, Kind::stopped, "exit 6 — m after 0s"},
-      {ExitReason::llmKeyRejected("m"), 0, false, Kind::stopped, "exit 7 — m after 0s"},
-      {ExitReason::noExecutor("m"), 0, false, Kind::stopped, "exit 127 — m after 0s"},
-      {lost, 59.9, false, Kind::backoff, "exit 1 — m after 59s"},
-      {lost, 60, false, Kind::starting, "exit 1 — m after 60s"},
-      {lost, 60, true, Kind::idle, "exit 1 — m after 60s"},
-      {ExitReason::badConfig("m"), 0, true, Kind::idle, "exit 2 — m after 0s"},
+      {ExitReason::clean(), 1000ms, false, Kind::idle, "exit 0 after 1s"},
+      {ExitReason::stopped(), 1900ms, false, Kind::idle, "exit 130 after 1s"},
+      {ExitReason::badConfig("m"), 0ms, false, Kind::stopped, "exit 2 — m after 0s"},
+      {ExitReason::tokenRevoked("m"), 0ms, false, Kind::stopped, "exit 3 — m after 0s"},
+      {ExitReason::outOfDate("m"), 0ms, false, Kind::stopped, "exit 6 — m after 0s"},
+      {ExitReason::llmKeyRejected("m"), 0ms, false, Kind::stopped, "exit 7 — m after 0s"},
+      {ExitReason::noExecutor("m"), 0ms, false, Kind::stopped, "exit 127 — m after 0s"},
+      {lost, 59900ms, false, Kind::backoff, "exit 1 — m after 59s"},
+      {lost, 60000ms, false, Kind::starting, "exit 1 — m after 60s"},
+      {lost, 60000ms, true, Kind::idle, "exit 1 — m after 60s"},
+      {ExitReason::badConfig("m"), 0ms, true, Kind::idle, "exit 2 — m after 0s"},
   };
   for (const auto& row : table) {
     SCOPED_TRACE(row.end);
     DriverSupervisor one(factory, log, clock);
     factory->runs.clear();
     one.start([this](const auto& reply) { reply(config); });
-    EXPECT_EQ(one.state().kind, Kind::starting);
+    EXPECT_EQ(kindOf(one.state()), Kind::starting);
     const auto first = factory->runs.at(0);
-    clock->advance(row.seconds);
-    if (row.stopRequested) one.stop(75);
+    clock->advance(row.length);
+    if (row.stopRequested) one.stop(75s);
     const auto lines = linesWith("» run #1 ended");
     first->end(row.reason);
     ASSERT_TRUE(spinUntil([&] { return linesWith("» run #1 ended") > lines; }));
     EXPECT_THAT(log->lines(), Contains(std::string("» run #1 ended: ") + row.end));
-    EXPECT_EQ(one.state().kind, row.next);
+    EXPECT_EQ(kindOf(one.state()), row.next);
     if (row.next == Kind::stopped) {
-      EXPECT_EQ(one.state().exit, row.reason);
+      EXPECT_EQ(one.state(), DriverState(DriverStopped{row.reason}));
     }
     EXPECT_EQ(one.updateAvailable(), row.reason.kind() == ExitReason::Kind::outOfDate);
     EXPECT_EQ(one.lastError().value_or(""), row.reason.message());
@@ -117,11 +118,10 @@ TEST_F(Supervisor, DecidesWronglyAfterARun) {
 TEST_F(Supervisor, BacksOffTooLongOrTooShort) {
   start();
   end(1, ExitReason::serverUnreachable("gone"));
-  EXPECT_EQ(supervisor.state(),
-            DriverSupervisor::State::backoff(clock->now() + std::chrono::seconds(30), "gone"));
-  clock->advance(29.9);
+  EXPECT_EQ(supervisor.state(), DriverState(DriverBackoff{clock->now() + 30s, "gone"}));
+  clock->advance(29900ms);
   EXPECT_EQ(factory->runs.size(), 1u);
-  clock->advance(0.1);
+  clock->advance(100ms);
   EXPECT_EQ(state(), Kind::starting);
   ASSERT_EQ(factory->runs.size(), 2u);
 
@@ -129,14 +129,15 @@ TEST_F(Supervisor, BacksOffTooLongOrTooShort) {
   supervisor.kick();
   ASSERT_EQ(factory->runs.size(), 3u);
   supervisor.kick();  // of no use now, and of no harm
-  clock->advance(100);
+  clock->advance(100s);
   EXPECT_EQ(factory->runs.size(), 3u);
 
-  clock->advance(-100);
+  clock->advance(-100s);
   end(3, ExitReason::serverUnreachable("gone"));
   bool stopped = false;
-  supervisor.stop(75, [&] { stopped = true; });
-  EXPECT_TRUE(stopped);
+  supervisor.stop(75s, [&] { stopped = true; });
+  EXPECT_FALSE(stopped) << "within the call";
+  EXPECT_TRUE(spinUntil([&] { return stopped; }));
   EXPECT_EQ(state(), Kind::idle);
   EXPECT_EQ(clock->pendingCount(), 0u);
   EXPECT_EQ(asked, 3);
@@ -181,11 +182,9 @@ TEST_F(Supervisor, ShowsWhatARunDoesWrongly) {
 TEST_F(Supervisor, LaunchesWithoutAConfigurationOrTwice) {
   config.reset();
   start();
-  EXPECT_EQ(supervisor.state(), DriverSupervisor::State::stopped(ExitReason::badConfig(
-                                    "not connected — press Connect to website in Setup")));
-  bool stopped = false;
-  supervisor.stop(75, [&] { stopped = true; });
-  EXPECT_TRUE(stopped);
+  EXPECT_EQ(supervisor.state(), DriverState(DriverStopped{ExitReason::badConfig(
+                                    "not connected — press Connect to website in Setup")}));
+  supervisor.stop(75s);
   EXPECT_EQ(state(), Kind::stopped);
   config = DriverConfig("https://s", "");
   start();
@@ -200,33 +199,103 @@ TEST_F(Supervisor, UsesAnAnswerThatCameTooLate) {
   const auto slow = [&](const DriverSupervisor::ConfigReply& reply) { replies.push_back(reply); };
   supervisor.start(slow);
   EXPECT_EQ(state(), Kind::starting);
-  supervisor.stop(75);
+  supervisor.stop(75s);
+  replies.at(0)(config);
   EXPECT_EQ(state(), Kind::idle);
   supervisor.start(slow);
   supervisor.start(slow);
-  replies.at(0)(config);
   replies.at(1)(config);
   EXPECT_THAT(factory->runs, IsEmpty());
   replies.at(2)(config);
   replies.at(2)(config);
   EXPECT_EQ(factory->runs.size(), 1u);
+  EXPECT_EQ(clock->pendingCount(), 0u);
+}
+
+TEST_F(Supervisor, TakesASilentKeyringForARunOrForAnEmptyOne) {
+  std::vector<DriverSupervisor::ConfigReply> replies;
+  const auto locked = tl::make_unexpected(SecretError{SecretError::Kind::locked, 0, "Locked."});
+  const DriverState isLocked = DriverWaiting{SecretError::Kind::locked, "Locked."};
+  supervisor.start([&](const DriverSupervisor::ConfigReply& reply) { replies.push_back(reply); });
+  clock->advance(999ms);
+  EXPECT_EQ(state(), Kind::starting);
+  clock->advance(1ms);
+  EXPECT_EQ(supervisor.state(), DriverState(DriverWaiting{}));
+  supervisor.kick();  // it has not answered yet, and is not asked once more
+  replies.at(0)(locked);
+  EXPECT_EQ(supervisor.state(), isLocked);
+  clock->advance(29900ms);
+  EXPECT_EQ(replies.size(), 1u);
+  clock->advance(100ms);
+  ASSERT_EQ(replies.size(), 2u);
+  EXPECT_EQ(supervisor.state(), isLocked) << "starting, as long as nobody knows better";
+  replies[1](locked);
+  supervisor.kick();
+  ASSERT_EQ(replies.size(), 3u);
+  supervisor.secretsChanged();
+  ASSERT_EQ(replies.size(), 4u);
+  replies[2](locked);  // from before the change
+  replies[3](config);
+  EXPECT_EQ(state(), Kind::starting);
+  EXPECT_EQ(factory->runs.size(), 1u);
+  supervisor.secretsChanged();
+  EXPECT_EQ(replies.size(), 4u) << "for a run that has all it needs";
+
+  end(1, ExitReason::clean());
+  supervisor.restart();
+  replies.at(4)(locked);
+  supervisor.stop(75s);
+  EXPECT_EQ(state(), Kind::idle);
+  EXPECT_EQ(clock->pendingCount(), 0u);
+  EXPECT_THAT(states, ElementsAre(Kind::starting, Kind::waiting, Kind::waiting, Kind::starting,
+                                  Kind::idle, Kind::starting, Kind::waiting, Kind::idle));
+}
+
+TEST_F(Supervisor, RunsWithAProviderOfBefore) {
+  const auto with = [this](const char* server) {
+    supervisor.start([server](const auto& reply) { reply(DriverConfig(server, "token-1234")); });
+  };
+  with("https://first");
+  with("https://second");  // for the next run
+  supervisor.restart();
+  with("https://third");
+  end(1, ExitReason::stopped());
+  ASSERT_EQ(factory->runs.size(), 2u);
+  EXPECT_EQ(run(2).config.server, "https://third");
+  end(2, ExitReason::serverUnreachable("gone"));
+  clock->advance(30s);
+  EXPECT_EQ(run(3).config.server, "https://third");
+}
+
+TEST_F(Supervisor, LeavesARunInTheDarkOrItsJobsAlive) {
+  supervisor.kick();
+  supervisor.killJobsNow();  // nobody to tell
+  start();
+  supervisor.kick();
+  supervisor.networkChanged();
+  EXPECT_EQ(run(1).networkChanges, 2);
+  supervisor.killJobsNow();
+  supervisor.stop(75s);
+  clock->advance(75s);
+  supervisor.killJobsNow();  // of the abandoned run
+  EXPECT_EQ(run(1).kills, 2);
 }
 
 TEST_F(Supervisor, StopsARunTwiceOrForgetsWhoWaits) {
   start();
   int told = 0;
-  supervisor.stop(75, [&] { ++told; });
-  supervisor.stop(1, [&] { ++told; });
+  supervisor.stop(75s, [&] { ++told; });
+  supervisor.stop(1s, [&] { ++told; });
   supervisor.restart();
   EXPECT_EQ(run(1).stops, 1);
-  clock->advance(74);  // the first time limit holds
+  clock->advance(74s);  // the first time limit holds
   EXPECT_EQ(told, 0);
   end(1, ExitReason::stopped());
   EXPECT_EQ(told, 2);
   EXPECT_THAT(log->lines(), Contains("» stop requested (run #1)"));
   EXPECT_EQ(factory->runs.size(), 2u);  // the restart
   EXPECT_EQ(state(), Kind::starting);
-  clock->advance(75);  // the time limit of the first run is gone with it
+  clock->advance(75s);  // the time limit of the first run is gone with it
   EXPECT_EQ(state(), Kind::starting);
 }
 
@@ -235,8 +304,8 @@ TEST_F(Supervisor, LosesItsWayWhenARunWillNotStop) {
   connect(1);
   report(1, [](auto& observer) { observer.driverBusyLanesChanged({"a"}); });
   bool stopped = false;
-  supervisor.stop(75.9, [&] { stopped = true; });
-  clock->advance(75.9);
+  supervisor.stop(75900ms, [&] { stopped = true; });
+  clock->advance(75900ms);
   EXPECT_TRUE(stopped);
   EXPECT_EQ(state(), Kind::idle);
   EXPECT_THAT(supervisor.busyLanes(), IsEmpty());
@@ -248,7 +317,7 @@ TEST_F(Supervisor, LosesItsWayWhenARunWillNotStop) {
   EXPECT_TRUE(appLog.has("[Supervisor] launch deferred — run #1 still draining"));
   connect(1);  // of an abandoned run: not believed
   EXPECT_EQ(state(), Kind::starting);
-  supervisor.stop(75);
+  supervisor.stop(75s);
   EXPECT_EQ(state(), Kind::idle);
   start();
   end(1, ExitReason::tokenRevoked("t"));
@@ -258,11 +327,15 @@ TEST_F(Supervisor, LosesItsWayWhenARunWillNotStop) {
   ASSERT_EQ(factory->runs.size(), 2u);
   EXPECT_EQ(asked, 2);
 
-  supervisor.stop(1);
-  clock->advance(1);
+  supervisor.stop(1s);
+  clock->advance(1s);
+  start();
+  supervisor.stop(1s);  // the launch that waits for it
+  EXPECT_EQ(state(), Kind::idle);
   end(2, ExitReason::stopped());
   EXPECT_EQ(state(), Kind::idle);
   EXPECT_EQ(factory->runs.size(), 2u);
+  EXPECT_EQ(asked, 2);
 }
 
 TEST(SupervisorDeathTest, IsUsedOnAnotherThread) {

@@ -1,18 +1,28 @@
 #include "VerdoDriver/Model/KeepAwakeController.h"
+#include "VerdoDriver/Model/PowerAssertionGroup.h"
 #include "tests/Support/ManualClock.h"
 
 #include <gtest/gtest.h>
 
 namespace verdo::test {
 /// Notes the changes: "R" and "J" for a hold while the driver runs or for a job, "-" for a release.
+/// A hold that is refused is an "x".
 struct RecordingAssertion : PowerAssertion {
   void hold(const std::string& reason) override {
     if (isHeld()) return;
+    if (refusals > 0) {
+      --refusals;
+      changes += 'x';
+      return;
+    }
     changes += reason.ends_with("running a job") ? "J" : "R";
   }
   void release() override { changes += "-"; }
-  bool isHeld() const override { return !changes.empty() && changes.back() != '-'; }
+  bool isHeld() const override {
+    return !changes.empty() && changes.back() != '-' && changes.back() != 'x';
+  }
 
+  int refusals = 0;
   std::string changes;
 };
 
@@ -35,11 +45,34 @@ TEST(KeepAwake, SleepsDuringWorkOrStaysAwakeWithout) {
       if (step == 'j') controller.setMode(KeepAwakeMode::whileJobRuns);
       if (step == 'R' || step == 'S') controller.setDriverRunning(step == 'R');
       if (step == 'B' || step == 'I') controller.setBusy(step == 'B');
-      if (step <= '9') clock->advance(step - '0');
+      if (step <= '9') clock->advance(std::chrono::seconds(step - '0'));
       if (step > '9') controller.evaluate();
     }
     EXPECT_EQ(assertion->changes, changes) << steps;
   }
+}
+
+TEST(KeepAwake, TakesARefusalForTheLastWord) {
+  const auto first = std::make_shared<RecordingAssertion>();
+  const auto second = std::make_shared<RecordingAssertion>();
+  const auto clock = std::make_shared<ManualClock>();
+  KeepAwakeController controller(std::make_shared<PowerAssertionGroup>(
+                                     std::vector<std::shared_ptr<PowerAssertion>>{first, second}),
+                                 clock, KeepAwakeMode::always);
+  second->refusals = 2;
+  controller.setDriverRunning(true);
+  controller.evaluate();
+  controller.evaluate();
+  EXPECT_EQ(first->changes + second->changes, "Rxx");
+  clock->advance(std::chrono::seconds(59));
+  EXPECT_EQ(second->changes, "xx");
+  clock->advance(std::chrono::seconds(1));
+  EXPECT_EQ(first->changes + second->changes, "RxxR");
+  controller.setDriverRunning(false);
+  controller.evaluate();
+  clock->advance(std::chrono::seconds(600));
+  EXPECT_EQ(first->changes + second->changes, "R-xxR-");
+  EXPECT_EQ(clock->pendingCount(), 0u);
 }
 
 }  // namespace verdo::test

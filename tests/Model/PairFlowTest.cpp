@@ -9,6 +9,7 @@
 namespace verdo::test {
 namespace {
 
+using namespace std::chrono_literals;
 using Error = PairingError;
 
 const PairingPoll kPending{PairingPoll::Status::pending, "", ""};
@@ -22,14 +23,15 @@ class PairFlowTest : public testing::Test {
   void start() {
     flow->start(" https://verdo.example/ ", false, [this](auto token, auto) { given += token; });
   }
-  void answerStart(int expiresIn = 600, int interval = 5, const std::string& path = "/pair?c=AB") {
+  void answerStart(std::chrono::seconds expiresIn = 600s, std::chrono::seconds interval = 5s,
+                   const std::string& path = "/pair?c=AB") {
     service->starts.back().answer(PairingStart{"secret-code", "AB-CD", path, expiresIn, interval});
   }
   /// Starts anew, up to the first poll.
   void startPolling() {
     start();
     answerStart();
-    clock->advance(5);
+    clock->advance(5s);
   }
   void answer(const PairingPoll& reply) { service->polls.back().answer(reply); }
   /// "idle", "waiting", "connecting", or why it failed.
@@ -50,12 +52,12 @@ class PairFlowTest : public testing::Test {
 
 TEST_F(PairFlowTest, DeadlineIsTooShortOrIsPolledPast) {
   start();
-  answerStart(-7, 0);
+  answerStart(-7s, 0s);
   for (int second = 1; second <= 30; ++second) {
-    clock->advance(1);
+    clock->advance(1s);
     answer(kPending);
   }
-  clock->advance(1);
+  clock->advance(1s);
   EXPECT_EQ(service->polls.size(), 30u);
   EXPECT_EQ(state(), kTooLate);
 }
@@ -72,7 +74,7 @@ TEST_F(PairFlowTest, FailedStartTellsSomethingElse) {
   EXPECT_EQ(state(), "Could not reach https://verdo.example: HTTP 503: busy");
   for (const char* path : {"@evil.example/", ".evil.example/", ":443/", ":x@verdo.example/"}) {
     start();
-    answerStart(600, 5, path);
+    answerStart(600s, 5s, path);
     EXPECT_EQ(state(), "The server sent an invalid approve link.") << path;
   }
 }
@@ -90,7 +92,7 @@ TEST_F(PairFlowTest, AbandonedPairingGoesOn) {
   EXPECT_EQ(state(), "waiting");
   EXPECT_EQ(clock->pendingCount(), 1u);
   flow->cancel();
-  clock->advance(1000);
+  clock->advance(1000s);
   EXPECT_EQ(service->polls.size(), 1u);
   EXPECT_EQ(given, "");
 }

@@ -50,6 +50,7 @@ class Pairing : public testing::Test {
   }
   void TearDown() override {
     for (const auto& line : appLog.lines()) EXPECT_THAT(line, Not(HasSubstr(service.token())));
+    EXPECT_TRUE(log->flush());
     EXPECT_THAT(contentOf(log->path()), Not(HasSubstr(service.token())));
   }
 
@@ -64,8 +65,8 @@ class Pairing : public testing::Test {
     return waiting ? waiting->userCode : "";
   }
   /// Lets the time of one poll pass, and the poll end.
-  void poll(double seconds = 2) {
-    clock->advance(seconds);
+  void poll(Clock::Duration time = 2s) {
+    clock->advance(time);
     EXPECT_TRUE(spinUntil([&] {
       return clock->pendingCount() == 1 || !std::holds_alternative<PairingWaiting>(flow.state());
     }));
@@ -77,6 +78,7 @@ class Pairing : public testing::Test {
   bool isWaiting() const { return std::holds_alternative<PairingWaiting>(flow.state()); }
   /// The lines of the file log, without their times.
   std::vector<std::string> lines() const {
+    EXPECT_TRUE(log->flush());
     std::istringstream text(contentOf(log->path()));
     std::vector<std::string> all;
     for (std::string line; std::getline(text, line);) all.push_back(line.substr(20));
@@ -160,14 +162,14 @@ TEST_F(Pairing, EndsWronglyWhenTheServiceMisbehaves) {
     if (std::string(message).empty()) {
       service.endOutage();
       const auto before = service.requests().count("pair-poll");
-      clock->advance(3.9);
+      clock->advance(3900ms);
       spin();
       EXPECT_EQ(service.requests().count("pair-poll"), before)
           << "after a failure the pause doubles";
-      poll(0.1);
+      poll(100ms);
       EXPECT_TRUE(isWaiting());
       service.pairings().approve(code);
-      poll(2);  // for one step only
+      poll(2s);  // for one step only
       EXPECT_EQ(flow.state(), PairingState(PairingConnecting{"ann"}));
     }
     flow.cancel();
@@ -177,7 +179,7 @@ TEST_F(Pairing, EndsWronglyWhenTheServiceMisbehaves) {
   flow.cancel();
   EXPECT_EQ(flow.state(), PairingState(PairingIdle{}));
   EXPECT_EQ(lines().back(), "» pairing cancelled");
-  clock->advance(10);
+  clock->advance(10s);
   EXPECT_EQ(clock->pendingCount(), 0u);
 
   service.stop();

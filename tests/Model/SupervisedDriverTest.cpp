@@ -5,6 +5,7 @@
 #include "tests/Support/Misbehaviour.h"
 #include "tests/Support/RecordingDriverLog.h"
 #include "tests/Support/ScopedEnv.h"
+#include "tests/Support/StateKind.h"
 #include "tests/Support/TempDir.h"
 
 #include <gmock/gmock.h>
@@ -13,7 +14,6 @@ namespace verdo::test {
 namespace {
 
 using namespace std::chrono_literals;
-using Kind = DriverSupervisor::State::Kind;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -28,14 +28,14 @@ TEST(SupervisedDriver, GoesAstrayBetweenStartAndDrain) {
   const auto clock = std::make_shared<ManualClock>();
   DriverSupervisor supervisor(std::make_shared<RealDriverFactory>(), log, clock);
   const auto reaches = [&](Kind kind) {
-    return spinUntil([&] { return supervisor.state().kind == kind; }, 20s);
+    return spinUntil([&] { return kindOf(supervisor.state()) == kind; }, 20s);
   };
   DriverConfig config(service.url(), service.token());
   config.execCommand = roleCommand("executor '" + home / "spaces" + "'");
   config.envFilePath = home / "driver.env";
 
   supervisor.start([&](const auto& reply) { reply(config); });
-  EXPECT_EQ(supervisor.state().kind, Kind::starting);
+  EXPECT_EQ(kindOf(supervisor.state()), Kind::starting);
   ASSERT_TRUE(reaches(Kind::running));
   EXPECT_EQ(supervisor.username(), "local");
 
@@ -52,7 +52,8 @@ TEST(SupervisedDriver, GoesAstrayBetweenStartAndDrain) {
   EXPECT_THAT(*supervisor.retryMessage(), testing::EndsWith(" — retrying in 1 s"));
   supervisor.restart();
   ASSERT_TRUE(reaches(Kind::backoff));
-  EXPECT_THAT(supervisor.state().reason, HasSubstr("Couldn't connect to server"));
+  EXPECT_THAT(std::get<DriverBackoff>(supervisor.state()).reason,
+              HasSubstr("Couldn't connect to server"));
   EXPECT_THAT(supervisor.busyLanes(), IsEmpty());
   service.start();
   config.server = service.url();
@@ -67,9 +68,9 @@ TEST(SupervisedDriver, GoesAstrayBetweenStartAndDrain) {
   supervisor.stop(DriverSupervisor::kStopTimeout, [&] { stopped = true; });
   clock->advance(DriverSupervisor::kStopTimeout);
   EXPECT_TRUE(stopped);
-  EXPECT_EQ(supervisor.state().kind, Kind::idle);
+  EXPECT_EQ(kindOf(supervisor.state()), Kind::idle);
   supervisor.start([&](const auto& reply) { reply(config); });
-  EXPECT_EQ(supervisor.state().kind, Kind::starting);
+  EXPECT_EQ(kindOf(supervisor.state()), Kind::starting);
   EXPECT_FALSE(supervisor.hasCurrentRun());
   ASSERT_TRUE(reaches(Kind::running));
   EXPECT_TRUE(log->has("» drained run #3 returned (exit 130)"));

@@ -1,3 +1,5 @@
+#include "VerdoDriver/Model/MainThread.h"
+#include "tests/Support/EarlyPost.h"
 #include "tests/Support/Misbehaviour.h"
 
 #include <QCoreApplication>
@@ -13,6 +15,7 @@ int main(int argc, char** argv) {
   }
   ::signal(SIGPIPE, SIG_IGN);
   testing::InitGoogleMock(&argc, argv);
+  verdo::MainThread::post([] { verdo::test::earlyPostRan = true; });
   const QCoreApplication application(argc, argv);
   return RUN_ALL_TESTS();
 }

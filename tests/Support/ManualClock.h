@@ -15,9 +15,9 @@ class ManualClock : public Clock, public std::enable_shared_from_this<ManualCloc
       : now_(start) {}
 
   TimePoint now() const override { return now_; }
-  std::shared_ptr<ClockToken> after(double seconds, std::function<void()> block) override {
+  std::shared_ptr<ClockToken> after(Duration delay, std::function<void()> block) override {
     const auto id = ++lastID_;
-    pending_.push_back({now_ + duration(seconds), id, std::move(block)});
+    pending_.push_back({now_ + asTime(delay), id, std::move(block)});
     return std::make_shared<ClockToken>([weak = weak_from_this(), id] {
       const auto self = weak.lock();
       if (!self) return;
@@ -26,8 +26,8 @@ class ManualClock : public Clock, public std::enable_shared_from_this<ManualCloc
   }
 
   /// Moves on, running on the way what falls due, in the order of time and then of scheduling.
-  void advance(double seconds) {
-    const auto target = now_ + duration(seconds);
+  void advance(Duration time) {
+    const auto target = now_ + asTime(time);
     for (;;) {
       const auto next = std::min_element(pending_.begin(), pending_.end(),
                                          [](const Pending& a, const Pending& b) {
@@ -49,8 +49,8 @@ class ManualClock : public Clock, public std::enable_shared_from_this<ManualCloc
     int id;
     std::function<void()> block;
   };
-  static TimePoint::duration duration(double seconds) {
-    return std::chrono::duration_cast<TimePoint::duration>(std::chrono::duration<double>(seconds));
+  static TimePoint::duration asTime(Duration time) {
+    return std::chrono::duration_cast<TimePoint::duration>(time);
   }
 
   TimePoint now_;

@@ -25,6 +25,8 @@ class ScriptedDriver : public DriverHandle {
     ++stops;
     if (endsOnStop) end(ExitReason::stopped());
   }
+  void killJobsNow() override { ++kills; }
+  void networkChanged() override { ++networkChanges; }
   /// Makes run() return.
   void end(ExitReason reason) {
     if (ended_.isSet()) return;
@@ -35,6 +37,8 @@ class ScriptedDriver : public DriverHandle {
   const DriverConfig config;
   const std::weak_ptr<DriverObserver> observer;
   std::atomic<int> stops = 0;
+  std::atomic<int> kills = 0;
+  std::atomic<int> networkChanges = 0;
   bool endsOnStop = false;
 
  private:

@@ -8,7 +8,11 @@
 #include <QFileInfo>
 #include <QSaveFile>
 #include <QStandardPaths>
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 #include <fmt/format.h>
@@ -20,16 +24,29 @@ constexpr const char* kGroup = "Desktop Entry";
 constexpr const char* kHidden = "Hidden";
 constexpr const char* kGnomeEnabled = "X-GNOME-Autostart-enabled";
 
+/// A path that means the same to every desktop, unquoted.
+bool isPlain(const std::string& path) {
+  return std::all_of(path.begin(), path.end(), [](unsigned char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+           std::string_view("/._-+,:@").find(static_cast<char>(c)) != std::string_view::npos;
+  });
+}
+
 /// A path as the one word of an Exec line: quoted, and "%" doubled, since it begins a field code.
 /// The escaping of a key file's text comes on top of it.
-std::string execLine(const std::string& path) {
-  std::string quoted = "\"";
+std::string quoted(const std::string& path) {
+  std::string word = "\"";
   for (const char c : path) {
-    if (std::string_view("\"`$\\").find(c) != std::string_view::npos) quoted += '\\';
-    if (c == '%') quoted += '%';
-    quoted += c;
+    if (std::string_view("\"`$\\").find(c) != std::string_view::npos) word += '\\';
+    if (c == '%') word += '%';
+    word += c;
   }
-  return quoted + '"';
+  return word + '"';
+}
+
+std::string targetOf(const std::string& link) {
+  std::error_code ignored;  // no link, no target
+  return std::filesystem::read_symlink(link, ignored);
 }
 
 /// The entry as it is; an empty one when there is none, or none that can be read.
@@ -70,12 +87,46 @@ void logFailure(const char* operation, const std::string& reason) {
 
 }  // namespace
 
-AutostartEntry::AutostartEntry(std::string executable, std::string path)
-    : executable_(std::move(executable)), path_(std::move(path)) {}
+AutostartEntry::AutostartEntry(std::string executable, std::string path, std::string link)
+    : executable_(std::move(executable)), path_(std::move(path)), link_(std::move(link)) {}
 
 std::string AutostartEntry::defaultPath() {
   return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation).toStdString() +
          "/autostart/verdo-driver.desktop";
+}
+
+std::string AutostartEntry::defaultLink() {
+  return QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation).toStdString() +
+         "/verdo-driver/autostart";
+}
+
+std::string AutostartEntry::programFor(const std::string& executable) {
+  const char* image = std::getenv("APPIMAGE");
+  const char* mount = std::getenv("APPDIR");
+  // The variables also reach whatever another AppImage, such as a terminal, starts.
+  const bool isOurs = image && *image == '/' && mount && *mount == '/' &&
+                      executable.starts_with(std::string(mount) + "/");
+  return isOurs ? image : executable;
+}
+
+bool AutostartEntry::needsLink() const { return !isPlain(executable_) && isPlain(link_); }
+
+std::string AutostartEntry::exec() const {
+  if (needsLink()) return link_;
+  // With a link that is no plainer, the entry is at least what the rules ask for.
+  return isPlain(executable_) ? executable_ : quoted(executable_);
+}
+
+/// Gives the reason when it failed.
+std::string AutostartEntry::makeLink() const {
+  if (targetOf(link_) == executable_) return "";
+  std::error_code error;
+  const std::string fresh = link_ + ".new";
+  std::filesystem::create_directories(std::filesystem::path(link_).parent_path(), error);
+  std::filesystem::remove(fresh, error);
+  std::filesystem::create_symlink(executable_, fresh, error);
+  if (!error) std::filesystem::rename(fresh, link_, error);
+  return error ? fmt::format("{}: {}", link_, error.message()) : "";
 }
 
 bool AutostartEntry::isEnabled() const {
@@ -93,6 +144,8 @@ void AutostartEntry::setEnabled(bool enabled) {
   if (!enabled) {
     QFile file(QFile::decodeName(path_.c_str()));
     if (file.remove() || !file.exists()) {
+      std::error_code ignored;  // one that stays harms nobody
+      if (!targetOf(link_).empty()) std::filesystem::remove(link_, ignored);
       AppLog::loginItem.info("[LoginItem] disabled");
     } else {
       logFailure("unregister", file.errorString().toStdString());
@@ -104,7 +157,7 @@ void AutostartEntry::setEnabled(bool enabled) {
       {"Type", "Application"},
       {"Name", "Verdo Driver"},
       {"Comment", "Lets this computer work for Verdo"},
-      {"Exec", execLine(executable_)},
+      {"Exec", exec()},
       {"Icon", "verdo-driver"},
       {"Terminal", "false"},
       {kGnomeEnabled, "true"},
@@ -112,16 +165,24 @@ void AutostartEntry::setEnabled(bool enabled) {
   for (const auto& [key, value] : fields) {
     g_key_file_set_string(entry.get(), kGroup, key, value.c_str());
   }
-  if (const auto reason = save(entry.get(), path_); !reason.empty()) logFailure("register", reason);
+  auto reason = needsLink() ? makeLink() : "";
+  if (reason.empty()) reason = save(entry.get(), path_);
+  if (!reason.empty()) logFailure("register", reason);
   AppLog::loginItem.info(isEnabled() ? "[LoginItem] enabled"
                                      : "[LoginItem] register left it notRegistered");
 }
 
 void AutostartEntry::refresh() {
+  if (!isEnabled()) return;
   const auto entry = load(path_);
-  if (!isEnabled() || execOf(entry.get()) == execLine(executable_)) return;
-  g_key_file_set_string(entry.get(), kGroup, "Exec", execLine(executable_).c_str());
-  if (const auto reason = save(entry.get(), path_); !reason.empty()) {
+  const bool isStale = execOf(entry.get()) != exec();
+  if (!isStale && (!needsLink() || targetOf(link_) == executable_)) return;
+  std::string reason = needsLink() ? makeLink() : "";
+  if (reason.empty() && isStale) {
+    g_key_file_set_string(entry.get(), kGroup, "Exec", exec().c_str());
+    reason = save(entry.get(), path_);
+  }
+  if (!reason.empty()) {
     logFailure("refresh", reason);
   } else {
     AppLog::loginItem.info("[LoginItem] entry renewed: the app has moved");

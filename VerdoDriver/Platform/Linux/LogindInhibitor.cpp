@@ -2,60 +2,43 @@
 
 #include "VerdoDriver/Model/AppLog.h"
 
-#include <QDBusMessage>
-#include <QDBusPendingCallWatcher>
-#include <QDBusPendingReply>
-#include <QDBusUnixFileDescriptor>
+#include <QPointer>
 #include <utility>
 
-#include <fcntl.h>
 #include <fmt/format.h>
 
 namespace verdo {
 
-LogindInhibitor::LogindInhibitor(const QDBusConnection& systemBus) : bus_(systemBus) {}
+LogindInhibitor::LogindInhibitor(std::shared_ptr<BusLink> systemBus) : bus_(std::move(systemBus)) {}
 
 void LogindInhibitor::hold(const std::string& reason) {
   if (isHeld()) return;
-  if (!bus_.isConnected()) {  // a call would never be answered
-    logFailure("there is no system bus");
-    return;
-  }
-  auto message = QDBusMessage::createMethodCall("org.freedesktop.login1", "/org/freedesktop/login1",
-                                                "org.freedesktop.login1.Manager", "Inhibit");
-  message << "idle:sleep" << "Verdo Driver" << QString::fromStdString(reason) << "block";
   isAsking_ = true;
-  auto* watcher = new QDBusPendingCallWatcher(bus_.asyncCall(message), this);
-  connect(watcher, &QDBusPendingCallWatcher::finished, this,
-          [this, watcher, reason, request = ++request_] {
-            watcher->deleteLater();
-            if (request == request_ && isAsking_) finish(*watcher, reason);
-          });
+  // "sleep" would also refuse the user's own Suspend, and not every user may block it.
+  bus_->call({.service = "org.freedesktop.login1",
+              .path = "/org/freedesktop/login1",
+              .interface = "org.freedesktop.login1.Manager",
+              .method = "Inhibit",
+              .arguments = g_variant_new("(ssss)", "idle", "Verdo Driver", reason.c_str(), "block"),
+              .replyType = "(h)"},
+             [self = QPointer(this), reason, request = ++request_](BusResult result) {
+               if (self && request == self->request_ && self->isAsking_) {
+                 self->finish(std::move(result), reason);
+               }
+             });
 }
 
-void LogindInhibitor::finish(const QDBusPendingCall& call, const std::string& reason) {
+void LogindInhibitor::finish(BusResult result, const std::string& reason) {
   isAsking_ = false;
-  const QDBusPendingReply<QDBusUnixFileDescriptor> reply = call;
-  std::string error;
-  if (reply.isError()) {
-    error = fmt::format("{}: {}", reply.error().name().toStdString(),
-                        reply.error().message().toStdString());
-  } else {
-    // The reply closes its own descriptor.
-    lock_ = UniqueFd(::fcntl(reply.value().fileDescriptor(), F_DUPFD_CLOEXEC, 3));
-    if (!lock_) error = "the descriptor cannot be kept";
-  }
+  if (result) lock_ = std::move(result->descriptor);
   if (!lock_) {
-    logFailure(error);
+    const auto error = result ? "the descriptor cannot be kept" : result.error();
+    if (std::exchange(loggedError_, error) == error) return;
+    AppLog::keepAwake.error("[KeepAwake] Inhibit failed: " + error);
     return;
   }
   loggedError_.clear();
   AppLog::keepAwake.info(fmt::format("[KeepAwake] sleep inhibitor held ({})", reason));
-}
-
-void LogindInhibitor::logFailure(const std::string& error) {
-  if (std::exchange(loggedError_, error) == error) return;
-  AppLog::keepAwake.error("[KeepAwake] Inhibit failed: " + error);
 }
 
 void LogindInhibitor::release() {

@@ -1,22 +1,20 @@
 #pragma once
 
 #include "VerdoDriver/Model/PowerAssertion.h"
-#include "VerdoDriverCore/System/UniqueFd.h"
+#include "VerdoDriver/Platform/Linux/BusLink.h"
 
-#include <QDBusConnection>
 #include <QObject>
 #include <cstdint>
 
-class QDBusPendingCall;
-
 namespace verdo {
 
-/// Keeps the computer awake with an inhibitor lock of logind, which lasts as long as a descriptor
-/// that logind gives is open. Lives on the main thread and never blocks it: the lock is asked for
-/// and comes a little later. Where there is no logind the computer may sleep, which is logged once.
+/// Keeps logind from putting the idle computer to sleep, with an inhibitor lock that lasts as long
+/// as a descriptor that logind gives is open. The user's own Suspend and the lid keep working.
+/// Lives on the main thread and never blocks it: the lock is asked for and comes a little later.
+/// Where it is not to be had, which is logged once, the next hold() asks again.
 class LogindInhibitor : public QObject, public PowerAssertion {
  public:
-  explicit LogindInhibitor(const QDBusConnection& systemBus = QDBusConnection::systemBus());
+  explicit LogindInhibitor(std::shared_ptr<BusLink> systemBus);
 
   void hold(const std::string& reason) override;
   void release() override;
@@ -24,10 +22,9 @@ class LogindInhibitor : public QObject, public PowerAssertion {
   bool isHeld() const override { return lock_ || isAsking_; }
 
  private:
-  void finish(const QDBusPendingCall& call, const std::string& reason);
-  void logFailure(const std::string& error);
+  void finish(BusResult result, const std::string& reason);
 
-  QDBusConnection bus_;
+  const std::shared_ptr<BusLink> bus_;
   UniqueFd lock_;
   bool isAsking_ = false;
   std::uint64_t request_ = 0;  ///< the latest one; an answer to another is dropped

@@ -1,8 +1,9 @@
 #pragma once
 
 #include "VerdoDriver/Model/SystemEvents.h"
+#include "VerdoDriver/Platform/Linux/BusLink.h"
 
-#include <QDBusConnection>
+#include <memory>
 
 namespace verdo {
 
@@ -11,10 +12,10 @@ namespace verdo {
 class LogindWakeMonitor : public WakeMonitor {
   Q_OBJECT
  public:
-  explicit LogindWakeMonitor(QDBusConnection systemBus = QDBusConnection::systemBus());
+  explicit LogindWakeMonitor(std::shared_ptr<BusLink> systemBus);
 
- private Q_SLOTS:
-  void onPrepareForSleep(bool isGoingToSleep);
+ private:
+  const std::shared_ptr<BusLink> bus_;
 };
 
 }  // namespace verdo

@@ -1,5 +1,6 @@
 #include "VerdoDriver/Platform/Linux/AutostartEntry.h"
 #include "tests/Support/AppLogCapture.h"
+#include "tests/Support/Children.h"
 #include "tests/Support/ScopedEnv.h"
 #include "tests/Support/TempDir.h"
 
@@ -10,6 +11,7 @@ namespace verdo::test {
 TEST(Autostart, ClaimsWhatTheDesktopDoesNotDo) {
   const TempDir config;
   const ScopedEnv env("XDG_CONFIG_HOME", config.path());
+  const ScopedEnv data("XDG_DATA_HOME", config / "no plain path");
   const std::string path = config / "autostart/verdo-driver.desktop";
   const AppLogCapture log;
   AutostartEntry entry("/o/100%/\"$HOME\"/`id`/a\\b");
@@ -40,6 +42,53 @@ Exec="/o/100%%/\\"\\$HOME\\"/\\`id\\`/a\\\\b"
   for (const std::string line : {"enabled", "disabled", "register failed: ",
                                  "register left it notRegistered", "unregister failed: "}) {
     EXPECT_TRUE(log.has("verdo.loginItem [LoginItem] " + line)) << line;
+  }
+}
+
+TEST(Autostart, StartsNothingForAnAwkwardPath) {
+  const TempDir dir;
+  const ScopedEnv config("XDG_CONFIG_HOME", dir / "config");
+  const ScopedEnv data("XDG_DATA_HOME", dir / "data");
+  const ScopedEnv bus("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nowhere");
+  const std::string path = AutostartEntry::defaultPath();
+  const std::string link = AutostartEntry::defaultLink();
+  const char* const names[] = {"plain", "a b",   "100%",      "%f",   "\"q\"",
+                               "it's",  "$HOME", "`id`",      "a\\b", "k=v",
+                               "a;b&c", "\xff",  "tab\there", "~b",   "ünïcode"};
+  for (const std::string name : names) {
+    std::filesystem::create_directory(dir / name);
+    const auto program = dir.write(name + "/app", "#!/bin/sh\necho ran > " + dir / "ran",
+                                   std::filesystem::perms::owner_all);
+    AutostartEntry entry(program);
+    if (name == "plain") {
+      entry.setEnabled(true);
+      EXPECT_FALSE(std::filesystem::exists(link));
+    }
+    entry.refresh();  // from the path before
+    const auto text = contentOf(path);
+    EXPECT_TRUE(text.find("\nExec=" + (name == "plain" ? program : link) + "\n") !=
+                std::string::npos)
+        << text;
+    EXPECT_EQ(std::system(("gio launch '" + path + "'").c_str()), 0) << name;
+    EXPECT_TRUE(eventually([&] { return std::filesystem::exists(dir / "ran"); })) << name;
+    std::filesystem::remove(dir / "ran");
+  }
+  AutostartEntry("/o/$app").setEnabled(false);
+  EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(link)));
+}
+
+TEST(Autostart, StartsAnUnpackedImageOrWhatRunsUsFromOne) {
+  const std::tuple<const char*, const char*, const char*, const char*> table[] = {
+      {"/i/app.AppImage", "/tmp/.mount_1", "/tmp/.mount_1/usr/bin/app", "/i/app.AppImage"},
+      {"/i/terminal.AppImage", "/tmp/.mount_1", "/usr/bin/app", "/usr/bin/app"},
+      {"/i/terminal.AppImage", "/tmp/.mount_1", "/tmp/.mount_12/app", "/tmp/.mount_12/app"},
+      {"app.AppImage", "/tmp/.mount_1", "/tmp/.mount_1/app", "/tmp/.mount_1/app"},
+      {"/i/app.AppImage", "", "/usr/bin/app", "/usr/bin/app"},
+  };
+  for (const auto& [image, mount, executable, expected] : table) {
+    const ScopedEnv one("APPIMAGE", image);
+    const ScopedEnv two("APPDIR", mount);
+    EXPECT_EQ(AutostartEntry::programFor(executable), expected) << image << " " << mount;
   }
 }
 

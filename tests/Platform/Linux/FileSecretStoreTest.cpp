@@ -1,5 +1,6 @@
 #include "VerdoDriver/Platform/Linux/FileSecretStore.h"
 #include "tests/Support/AppLogCapture.h"
+#include "tests/Support/ErrorOf.h"
 #include "tests/Support/TempDir.h"
 
 #include <gtest/gtest.h>
@@ -34,7 +35,7 @@ TEST(FileStore, ShowsSecretsToOthersOrLosesThem) {
   ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
   const struct rlimit small{4, before.rlim_max};
   ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
-  EXPECT_EQ(store.write("much longer", kToken).error().status, EFBIG);
+  EXPECT_EQ(errorOf(store.write("much longer", kToken)).status, EFBIG);
   ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);
   EXPECT_EQ(store.read(kToken).value(), "secret-Grüße");
   EXPECT_TRUE(store.remove(kToken));
@@ -51,7 +52,7 @@ TEST(FileStore, ShowsSecretsToOthersOrLosesThem) {
   };
   for (const auto& [complaint, plant] : table) {
     plant();
-    EXPECT_NE(store.read(kToken).error().description.find(complaint), std::string::npos);
+    EXPECT_NE(errorOf(store.read(kToken)).description.find(complaint), std::string::npos);
     const bool isDirectory = fs::is_directory(path);
     EXPECT_EQ(store.write("secret", kToken).has_value(), !isDirectory) << complaint;
     EXPECT_EQ(store.remove(kToken).has_value(), !isDirectory) << complaint;

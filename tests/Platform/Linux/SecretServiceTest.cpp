@@ -3,6 +3,7 @@
 #include "VerdoDriver/Platform/Linux/SecretStoreChoice.h"
 #include "tests/Platform/Linux/PrivateBus.h"
 #include "tests/Support/AppLogCapture.h"
+#include "tests/Support/ErrorOf.h"
 #include "tests/Support/ScopedEnv.h"
 
 #include <QDBusObjectPath>
@@ -34,11 +35,11 @@ class Keyring : public testing::Test {
     for (const auto& line : log_.lines()) EXPECT_EQ(line.find("secret-"), line.npos) << line;
   }
   void expectFailure(Kind kind) {
-    EXPECT_EQ(store_.read(kToken).error().kind, kind);
-    EXPECT_EQ(store_.read(kKey).error().kind, kind);
-    EXPECT_EQ(store_.write("secret-new", kToken).error().kind, kind);
-    EXPECT_EQ(store_.remove(kToken).error().kind, kind);
-    EXPECT_EQ(store_.remove(kKey).error().kind, kind);
+    EXPECT_EQ(errorOf(store_.read(kToken)).kind, kind);
+    EXPECT_EQ(errorOf(store_.read(kKey)).kind, kind);
+    EXPECT_EQ(errorOf(store_.write("secret-new", kToken)).kind, kind);
+    EXPECT_EQ(errorOf(store_.remove(kToken)).kind, kind);
+    EXPECT_EQ(errorOf(store_.remove(kKey)).kind, kind);
   }
 
   PrivateBus bus_;
@@ -92,7 +93,7 @@ TEST_F(Keyring, HungServiceStopsTheAppOrLeaks) {
     ASSERT_TRUE(spinUntil([&] { return ticks >= 20; }));
     if (limit > milliseconds(400)) bus_.daemon->signalGroup(SIGKILL);
     ASSERT_TRUE(spinUntil([&] { return answer.has_value(); }));
-    EXPECT_EQ(answer->error().kind, Kind::unavailable);
+    EXPECT_EQ(errorOf(*answer).kind, Kind::unavailable);
   }
   EXPECT_TRUE(eventually([&] { return openDescriptors().size() <= descriptors; }));
 }

@@ -1,0 +1,35 @@
+#include "VerdoDriver/App/EndProcess.h"
+#include "VerdoDriver/App/FileLog.h"
+#include "VerdoDriver/Platform/NativeSettings.h"
+#include "tests/Support/ScopedEnv.h"
+#include "tests/Support/TempDir.h"
+
+#include <QSettings>
+
+#include <gmock/gmock.h>
+
+namespace verdo::test {
+
+TEST(EndProcess, RunsDestructorsUnderWorkingThreadsOrLosesWhatWasSaid) {
+  const TempDir dir;
+  const ScopedEnv config("XDG_CONFIG_HOME", dir / "config");
+  const auto end = [&] {
+    std::atexit([] { std::fputs("exit handlers ran", stderr); });
+    FileLog log(dir.path());
+    for (int i = 0; i < 1000; ++i) log.write("a line");
+    log.write("the last line");
+    const auto chooser = nativeSettings();
+    chooser->setValue("choice", "kept");
+    std::printf("buffered");
+    ::dup2(STDERR_FILENO, STDOUT_FILENO);
+    endProcess(3, log, *nativeSettings());
+  };
+  EXPECT_EXIT(end(), testing::ExitedWithCode(3),
+              testing::AllOf(testing::HasSubstr("buffered"),
+                             testing::Not(testing::HasSubstr("exit handlers"))));
+  EXPECT_THAT(contentOf(dir / "driver.log"), testing::EndsWith(" the last line\n"));
+  EXPECT_THAT(contentOf(dir / "config/verdo-driver/settings.ini"),
+              testing::HasSubstr("choice=kept"));
+}
+
+}  // namespace verdo::test
