@@ -96,8 +96,9 @@ class SecretStore {
   void listen(Listener listener);
 
  protected:
-  /// Tells the listener. Any thread; it runs later, and not at all once the store is gone.
-  void announce(SecretEvent event);
+  /// What tells the listener of an event. Any thread may call it, also once the store is gone; the
+  /// listener runs later, and only while the store is there.
+  [[nodiscard]] Listener announcer() const;
 
  private:
   /// What it holds is touched on the main thread alone.
