@@ -151,18 +151,15 @@ GLibPtr<GVariant> SecretServiceBus::call(const Request& request, GVariant* argum
   return reply;
 }
 
-std::string SecretServiceBus::ownerOf(const std::string& name, TimePoint deadline) {
-  // Asked with NameHasOwner first, because that nobody is there is no error here.
-  const auto has =
-      call(ofTheBus("NameHasOwner"), g_variant_new("(s)", name.c_str()), "(b)", deadline);
-  gboolean owned = FALSE;
-  g_variant_get(has.get(), "(b)", &owned);
-  if (!owned) return "";
+std::string SecretServiceBus::ownerOf(const std::string& name, TimePoint deadline) try {
   const auto reply =
       call(ofTheBus("GetNameOwner"), g_variant_new("(s)", name.c_str()), "(s)", deadline);
   const char* owner = "";
   g_variant_get(reply.get(), "(&s)", &owner);
   return owner;
+} catch (const SecretError& error) {
+  if (error.status == G_DBUS_ERROR_NAME_HAS_NO_OWNER) return "";
+  throw;
 }
 
 std::string SecretServiceBus::programOf(const std::string& owner, TimePoint deadline) try {

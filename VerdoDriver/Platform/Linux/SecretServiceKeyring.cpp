@@ -1,7 +1,6 @@
 #include "VerdoDriver/Platform/Linux/SecretServiceKeyring.h"
 
 #include "VerdoDriver/Platform/Linux/SecretServiceError.h"
-#include "VerdoDriver/Platform/Linux/SecretServicePrompt.h"
 #include "VerdoDriver/Platform/Linux/SecretServiceProvider.h"
 
 #include <algorithm>
@@ -17,6 +16,14 @@ using TimePoint = SecretServiceSession::TimePoint;
 
 /// What KWallet takes, without a window, to let one more client at an open wallet.
 constexpr std::chrono::milliseconds kSilentPromptLimit{1500};
+
+/// Programs answer within this time when they have no need to ask; the user sees no window then.
+constexpr std::chrono::milliseconds kSilently{300};
+
+constexpr const char* kUnanswered =
+    "The password manager was not answered — answer its window and try again.";
+
+SecretError refusal(const char* text) { return {SecretError::Kind::locked, 0, text}; }
 
 }  // namespace
 
@@ -45,6 +52,7 @@ SecretServiceKeyring::SecretServiceKeyring(std::string service, std::chrono::mil
 
 SecretServiceKeyring::~SecretServiceKeyring() {
   const GLibContext::Use use(context_);
+  prompt_.reset();
   session_.reset();
   bus_.reset();
 }
@@ -53,12 +61,14 @@ TimePoint SecretServiceKeyring::soon() const { return steady_clock::now() + limi
 
 SecretServiceSession& SecretServiceKeyring::session(TimePoint deadline) {
   if (bus_ && !bus_->isCurrent()) {
+    prompt_.reset();
     session_.reset();
     bus_.reset();
   }
   if (!bus_) bus_ = std::make_unique<SecretServiceBus>(deadline, changed_);
   const auto owner = findSecretService(*bus_, provider_, deadline);
   if (!session_ || session_->owner() != owner) {
+    if (!session_ || owner.empty()) prompt_.reset();
     session_.reset();
     if (owner.empty()) {
       throw SecretServiceMissing(
@@ -107,11 +117,12 @@ bool SecretServiceKeyring::unlockSilently(const std::string& collection, TimePoi
                     keyring.labelOf(collection, deadline), deadline)) {
     return false;
   }
-  const auto prompt = keyring.unlock({collection}, deadline);
-  const GObjectPtr<GCancellable> never(g_cancellable_new());
-  if (!prompt.empty()) {
-    runSecretPrompt(*bus_, keyring.owner(), prompt,
-                    std::min(deadline, steady_clock::now() + kSilentPromptLimit), never.get());
+  if (isAsking()) return false;
+  const auto path = keyring.unlock({collection}, deadline);
+  if (!path.empty()) {
+    prompt_ = std::make_unique<SecretServicePrompt>(*bus_, keyring.owner(), path);
+    const GObjectPtr<GCancellable> never(g_cancellable_new());
+    prompt_->wait(std::min(deadline, steady_clock::now() + kSilentPromptLimit), never.get());
   }
   return !keyring.isLocked(collection, deadline);
 } catch (const SecretError& error) {
@@ -151,16 +162,19 @@ std::optional<std::string> SecretServiceKeyring::read(SecretAccount account) {
 
 void SecretServiceKeyring::write(const std::string& value, SecretAccount account,
                                  const SecretPrompting& prompting) {
-  auto& keyring = session(soon());
-  const auto collection = keyring.defaultCollection(soon());
-  if (collection.empty()) {
+  settle(prompting);
+  // An item that is there is unlocked first: a question that is answered too late then allows its
+  // use, and does not replace it.
+  const auto before = searchUnlocked(account, prompting);
+  if (before.collection.empty()) {
+    if (!provider_.empty()) requireAbsent(before);
     throw SecretError{SecretError::Kind::failed, 0,
                       "There is no default keyring — create one in the system's password settings "
                       "and try again."};
   }
-  if (keyring.isLocked(collection, soon())) unlockPaths({collection}, prompting);
+  auto& keyring = *session_;
   const std::string name = nameOf(account);
-  const auto prompt = keyring.create(collection, "Verdo Driver " + name,
+  const auto prompt = keyring.create(before.collection, "Verdo Driver " + name,
                                      {{"service", service_}, {"account", name}}, value, soon());
   if (!prompt.empty()) run(prompt, prompting);
   // Some programs report a refused change as done.
@@ -173,6 +187,7 @@ void SecretServiceKeyring::write(const std::string& value, SecretAccount account
 }
 
 bool SecretServiceKeyring::remove(SecretAccount account, const SecretPrompting& prompting) {
+  settle(prompting);
   const auto found = searchUnlocked(account, prompting);
   if (found.items.empty()) {
     requireAbsent(found);
@@ -190,6 +205,7 @@ bool SecretServiceKeyring::remove(SecretAccount account, const SecretPrompting& 
 }
 
 void SecretServiceKeyring::unlock(const SecretPrompting& prompting) {
+  settle(prompting);
   Paths locked;
   for (const auto account : kSecretAccounts) {
     const auto found = search(account, soon());
@@ -220,16 +236,43 @@ void SecretServiceKeyring::unlockPaths(const Paths& paths, const SecretPrompting
   if (!prompt.empty()) run(prompt, prompting);
 }
 
+/// True when a window has not been answered yet.
+bool SecretServiceKeyring::isAsking() const {
+  return prompt_ && prompt_->answer() == SecretServicePrompt::Answer::none;
+}
+
+/// Waits for the window that an earlier action has left, if there is one.
+void SecretServiceKeyring::settle(const SecretPrompting& prompting) {
+  session(soon());  // notices that the program, and its window, is gone
+  if (isAsking()) awaitPrompt(prompting);
+}
+
 void SecretServiceKeyring::run(const std::string& prompt, const SecretPrompting& prompting) {
-  struct Telling {
-    explicit Telling(const std::function<void(SecretEvent)>& to) : tell(to) {
-      tell(SecretEvent::promptOpened);
-    }
-    ~Telling() { tell(SecretEvent::promptClosed); }
-    const std::function<void(SecretEvent)>& tell;
-  };
-  const Telling telling(prompting.announce);
-  runSecretPrompt(*bus_, session_->owner(), prompt, prompting.deadline, prompting.cancellable);
+  if (g_cancellable_is_cancelled(prompting.cancellable)) throw refusal(kUnanswered);
+  prompt_ = std::make_unique<SecretServicePrompt>(*bus_, session_->owner(), prompt);
+  awaitPrompt(prompting);
+}
+
+void SecretServiceKeyring::awaitPrompt(const SecretPrompting& prompting) {
+  using Answer = SecretServicePrompt::Answer;
+  auto answer = prompt_->wait(std::min(prompting.deadline, steady_clock::now() + kSilently),
+                              prompting.cancellable);
+  if (answer == Answer::none) {
+    prompting.announce(SecretEvent::promptOpened);
+    answer = prompt_->wait(prompting.deadline, prompting.cancellable);
+    prompting.announce(SecretEvent::promptClosed);
+  }
+  switch (answer) {
+    case Answer::allowed:
+      return;
+    case Answer::refused:
+      throw refusal("The password manager was told not to allow it.");
+    case Answer::serviceGone:
+      throw SecretError{SecretError::Kind::unavailable, 0, "The password manager has ended."};
+    case Answer::none:
+      break;
+  }
+  throw refusal(kUnanswered);  // the window stays, and the next action waits for it
 }
 
 }  // namespace verdo

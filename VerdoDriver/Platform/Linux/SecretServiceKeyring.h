@@ -1,6 +1,7 @@
 #pragma once
 
 #include "VerdoDriver/Model/SecretStore.h"
+#include "VerdoDriver/Platform/Linux/SecretServicePrompt.h"
 #include "VerdoDriver/Platform/Linux/SecretServiceSession.h"
 
 #include <chrono>
@@ -12,10 +13,11 @@
 
 namespace verdo {
 
-/// How the user is asked in the course of one action of theirs.
+/// How the user is asked in the course of one action of theirs. A window that was not answered
+/// stays (SecretServicePrompt), and the next action waits for that one first: there is one at most.
 struct SecretPrompting {
   std::chrono::steady_clock::time_point deadline;  ///< of all windows together
-  GCancellable* cancellable;                       ///< takes the window away
+  GCancellable* cancellable;                       ///< ends the waiting
   std::function<void(SecretEvent)> announce;       ///< is told of each window
 };
 
@@ -60,7 +62,10 @@ class SecretServiceKeyring {
   void requireAbsent(const Search& found) const;
   bool unlockSilently(const std::string& collection, SecretServiceSession::TimePoint deadline);
   void unlockPaths(const Paths& paths, const SecretPrompting& prompting);
+  bool isAsking() const;
+  void settle(const SecretPrompting& prompting);
   void run(const std::string& prompt, const SecretPrompting& prompting);
+  void awaitPrompt(const SecretPrompting& prompting);
 
   const GLibContext context_;
   const std::string service_;
@@ -69,6 +74,8 @@ class SecretServiceKeyring {
   std::string provider_;
   std::unique_ptr<SecretServiceBus> bus_;
   std::unique_ptr<SecretServiceSession> session_;  ///< uses bus_
+  /// The latest question; its window may still be there without an answer.
+  std::unique_ptr<SecretServicePrompt> prompt_;  ///< uses bus_
 };
 
 }  // namespace verdo
