@@ -9,8 +9,6 @@
 #include <string>
 #include <vector>
 
-typedef struct _SecretService SecretService;
-
 namespace verdo {
 
 /// What one program that keeps secrets can be asked, each operation one call of the Secret Service

@@ -61,10 +61,10 @@ class SecretServiceStore : public SecretStore {
  private:
   class UserAction;
 
-  /// Runs `work(keyring)`, and makes a result of what it returns or throws.
+  /// Takes calls_, runs `work(keyring)`, and makes a result of what it returns or throws.
   template <typename Work>
   auto attempt(const char* operation, const char* account, const Work& work)
-      -> Result<decltype(work(std::declval<SecretServiceKeyring&>()))> EXCLUDES(calls_);
+      -> Result<decltype(work(std::declval<SecretServiceKeyring&>()))>;
 
   void remember(const std::string& provider) EXCLUDES(state_);
 
