@@ -29,13 +29,15 @@ void SecretStore::listen(Listener listener) {
   *listener_ = std::move(listener);
 }
 
-void SecretStore::announce(SecretEvent event) {
-  MainThread::post([event, weak = std::weak_ptr(listener_)] {
-    const auto held = weak.lock();
-    if (!held || !*held) return;
-    const Listener listener = *held;  // a copy: it may put another one in its place
-    listener(event);
-  });
+SecretStore::Listener SecretStore::announcer() const {
+  return [weak = std::weak_ptr(listener_)](SecretEvent event) {
+    MainThread::post([event, weak] {
+      const auto held = weak.lock();
+      if (!held || !*held) return;
+      const Listener listener = *held;  // a copy: it may put another one in its place
+      listener(event);
+    });
+  };
 }
 
 SecretStore::Result<std::optional<std::string>> MemorySecretStore::read(SecretAccount account) {

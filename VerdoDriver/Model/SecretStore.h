@@ -48,7 +48,7 @@ enum class SecretEvent {
   changed,       ///< locked, unlocked, appeared or gone: ask again what it holds
   placeChanged,  ///< place() is another one than before: remember it
   promptOpened,  ///< a window of the system's waits for the user; show kSecretPromptText
-  promptClosed,  ///< it was answered, or closed
+  promptClosed,  ///< it was answered, or is not waited for any more
 };
 
 /// Shown while the system asks the user.
@@ -61,7 +61,9 @@ inline constexpr const char* kSecretPromptText =
 ///
 /// Only what a user's action asks for may make the system ask the user in turn, in a window of its
 /// own (a prompt): `unlock`, `write` and `remove`. They then block until it is answered, for two
-/// minutes at most, and take it away at the end; SecretEvent tells of it.
+/// minutes at most; SecretEvent tells of it. No password manager takes its window away decently, so
+/// one that was not answered stays, and the next action waits for it instead of opening another.
+/// Answered late, it unlocks; it never stores what a call that has failed was to store.
 class SecretStore {
  public:
   template <typename T>
@@ -80,8 +82,8 @@ class SecretStore {
   /// was refused or not answered in time is `locked`. To be called only on a user's action, before
   /// it reads.
   [[nodiscard]] virtual Result<void> unlock() { return {}; }
-  /// Takes away the window that is open, and fails the call that waits for it with `locked`. Any
-  /// thread, does not block; without a window it does nothing.
+  /// Fails the call that waits for the user, now or later, with `locked`. Any thread, does not
+  /// block; without such a call under way it does nothing.
   virtual void cancelPrompt() {}
 
   /// Where the secrets are kept; none as long as that is not decided, since nothing was stored yet.
@@ -96,8 +98,9 @@ class SecretStore {
   void listen(Listener listener);
 
  protected:
-  /// Tells the listener. Any thread; it runs later, and not at all once the store is gone.
-  void announce(SecretEvent event);
+  /// What tells the listener of an event. Any thread may call it, also once the store is gone; the
+  /// listener runs later, and only while the store is there.
+  [[nodiscard]] Listener announcer() const;
 
  private:
   /// What it holds is touched on the main thread alone.

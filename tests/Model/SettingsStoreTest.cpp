@@ -1,5 +1,5 @@
-#include "VerdoDriver/Platform/NativeSettings.h"
 #include "VerdoDriver/Model/SettingsStore.h"
+#include "VerdoDriver/Platform/NativeSettings.h"
 #include "tests/Support/AppLogCapture.h"
 #include "tests/Support/ScopedEnv.h"
 #include "tests/Support/TempDir.h"

@@ -1,11 +1,11 @@
 #include "tests/Support/DriverFixture.h"
 #include "tests/Support/Leaks.h"
+#include "tests/Support/NoThreads.h"
 
 #include <fstream>
 #include <system_error>
 
 #include <signal.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 namespace verdo::test {
@@ -100,27 +100,7 @@ TEST_F(Stop, SecondSignalLeavesAScriptRunning) {
   EXPECT_TRUE(eventually([this] { return processesOf(home()).empty(); }));
 }
 
-/// Lets no thread begin while it lives: there is no room left for another stack.
-class NoThreads {
- public:
-  NoThreads() {
-    ::getrlimit(RLIMIT_AS, &before_);
-    long pages = 0;
-    std::ifstream("/proc/self/statm") >> pages;
-    rlimit tight = before_;
-    tight.rlim_cur = static_cast<rlim_t>(pages * ::sysconf(_SC_PAGESIZE)) + (4u << 20);
-    ::setrlimit(RLIMIT_AS, &tight);
-  }
-  ~NoThreads() { ::setrlimit(RLIMIT_AS, &before_); }
-  NoThreads(const NoThreads&) = delete;
-  NoThreads& operator=(const NoThreads&) = delete;
-
- private:
-  rlimit before_{};
-};
-
 TEST_F(Stop, WithoutAThreadToBeHadLeavesJobsRunning) {
-  if (kSanitized) GTEST_SKIP() << "a sanitizer needs its address space";
   config.noSweep = true;
   addJob("sleep 100", {.label = "a"});
   addJob("sleep 100", {.label = "b"});

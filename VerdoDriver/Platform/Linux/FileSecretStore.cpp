@@ -100,10 +100,21 @@ void syncDirectory(const std::string& directory) {
   if (opened) ::fsync(opened.get());
 }
 
+/// Always the same name: what a crash left behind goes with the next write, or removal.
+std::string temporaryOf(const std::string& directory, const std::string& name) {
+  return directory + "/." + name + ".new";
+}
+
+/// False when there was none.
+bool removeFile(const std::string& path) {
+  if (::unlink(path.c_str()) == 0) return true;
+  if (errno != ENOENT) throw errnoError("Removing", path);
+  return false;
+}
+
 void replaceFile(const std::string& directory, const std::string& name, const std::string& value) {
   const std::string path = directory + "/" + name;
-  // Always the same name: what a crash left behind goes with the next write.
-  const std::string temporary = directory + "/." + name + ".new";
+  const std::string temporary = temporaryOf(directory, name);
   ::unlink(temporary.c_str());
   const UniqueFd file(
       ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
@@ -151,12 +162,15 @@ SecretStore::Result<void> FileSecretStore::write(const std::string& value, Secre
 }
 
 SecretStore::Result<void> FileSecretStore::remove(SecretAccount account) {
-  const std::string path = directory_ + "/" + nameOf(account);
-  if (::unlink(path.c_str()) != 0) {
-    if (errno == ENOENT) return {};
-    return logged("delete", account, errnoError("Removing", path));
+  try {
+    MutexLock lock(writing_);
+    // What a crash in the middle of a write has left is a secret, too.
+    const bool hadTemporary = removeFile(temporaryOf(directory_, nameOf(account)));
+    if (!removeFile(directory_ + "/" + nameOf(account)) && !hadTemporary) return {};
+    syncDirectory(directory_);
+  } catch (const SecretError& error) {
+    return logged("delete", account, error);
   }
-  syncDirectory(directory_);
   AppLog::keychain.info(fmt::format("[FileSecretStore] removed {}", nameOf(account)));
   return {};
 }

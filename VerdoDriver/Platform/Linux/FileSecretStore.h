@@ -20,11 +20,12 @@ class FileSecretStore : public SecretStore {
   Result<std::optional<std::string>> read(SecretAccount account) override;
   /// Replaces the file in one step: should it fail, the old value is still there.
   Result<void> write(const std::string& value, SecretAccount account) override;
+  /// Removes what a crash in the middle of a write has left, too.
   Result<void> remove(SecretAccount account) override;
 
  private:
   const std::string directory_;
-  Mutex writing_;  ///< no two threads write the same temporary file
+  Mutex writing_;  ///< no two threads touch the same temporary file
 };
 
 }  // namespace verdo

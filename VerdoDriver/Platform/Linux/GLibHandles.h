@@ -43,10 +43,34 @@ class OutError {
   GError* error_ = nullptr;
 };
 
-/// The surroundings of blocking GLib calls on the thread that makes it: they end with
-/// G_IO_ERROR_CANCELLED once the time is over, and whatever they would leave to an event loop
-/// stays in a context of its own, so that no object of theirs is ever touched on another thread.
-/// Lives on the stack.
+/// Where GLib puts what it would leave to an event loop. Objects stay bound to the context in which
+/// they were made: it has to be in use while they are, and outlive them. One thread at a time.
+class GLibContext {
+ public:
+  GLibContext() = default;
+  ~GLibContext();
+  GLibContext(const GLibContext&) = delete;
+  GLibContext& operator=(const GLibContext&) = delete;
+
+  /// Makes it the calling thread's for the length of a scope, at whose end it is empty.
+  class Use {
+   public:
+    explicit Use(const GLibContext& context);
+    ~Use();
+    Use(const Use&) = delete;
+    Use& operator=(const Use&) = delete;
+
+   private:
+    GMainContext* const context_;
+  };
+
+ private:
+  const GLibPtr<GMainContext> context_{g_main_context_new()};
+};
+
+/// Blocking GLib calls on the thread that makes it end with G_IO_ERROR_CANCELLED once the time is
+/// over. Lives on the stack. Making it throws std::system_error when the system has no room for a
+/// thread.
 class BoundedGLibCalls {
  public:
   explicit BoundedGLibCalls(std::chrono::milliseconds limit);
@@ -59,26 +83,8 @@ class BoundedGLibCalls {
 
  private:
   const GObjectPtr<GCancellable> cancellable_{g_cancellable_new()};
-  const GLibPtr<GMainContext> context_{g_main_context_new()};
   Event finished_;
   std::thread watchdog_;
-};
-
-/// A connection to the session bus that nobody else uses, closed at the end. (GIO's shared one ends
-/// the process when the bus goes, and is of no use any more once the bus was restarted.) Used on
-/// one thread.
-class SessionBus {
- public:
-  /// Connects. connection() is null, and `error` filled in, when the bus cannot be reached.
-  SessionBus(GCancellable* cancellable, GLibPtr<GError>& error);
-  ~SessionBus();
-  SessionBus(const SessionBus&) = delete;
-  SessionBus& operator=(const SessionBus&) = delete;
-
-  GDBusConnection* connection() const { return connection_.get(); }
-
- private:
-  GObjectPtr<GDBusConnection> connection_;
 };
 
 }  // namespace verdo

@@ -1,50 +1,118 @@
 #include "VerdoDriver/Platform/Linux/SecretStoreChoice.h"
 
 #include "VerdoDriver/Model/AppLog.h"
-#include "VerdoDriver/Platform/Linux/FileSecretStore.h"
-#include "VerdoDriver/Platform/Linux/GLibHandles.h"
+#include "VerdoDriver/Platform/Linux/SecretServiceError.h"
+
+#include <utility>
 
 namespace verdo {
 namespace {
 
-constexpr const char* kServiceName = "org.freedesktop.secrets";
+using Kind = SecretPlace::Kind;
+using Presence = SecretServiceStore::Presence;
 
-/// True when the bus's list of names that `method` gives has the Secret Service in it.
-bool isListed(GDBusConnection* bus, const char* method, GCancellable* cancellable) {
-  GLibPtr<GError> error;
-  const GLibPtr<GVariant> reply(g_dbus_connection_call_sync(
-      bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", method, nullptr,
-      G_VARIANT_TYPE("(as)"), G_DBUS_CALL_FLAGS_NONE, -1, cancellable, OutError(error)));
-  if (!reply) return false;
-  const GLibPtr<GVariant> list(g_variant_get_child_value(reply.get(), 0));
-  const std::unique_ptr<const gchar*, GLibDeleter> names(g_variant_get_strv(list.get(), nullptr));
-  return g_strv_contains(names.get(), kServiceName);
-}
-
-bool hasSecretService(std::chrono::milliseconds limit) {
-  const BoundedGLibCalls calls(limit);
-  GLibPtr<GError> error;
-  const SessionBus bus(calls.cancellable(), error);
-  const bool listed =
-      bus.connection() && (isListed(bus.connection(), "ListNames", calls.cancellable()) ||
-                           isListed(bus.connection(), "ListActivatableNames", calls.cancellable()));
-  // A bus that does not answer in time proves nothing, and secrets that are in a keyring must not
-  // seem to be gone.
-  return listed || calls.isOver();
+std::string providerOf(const std::optional<SecretPlace>& place) {
+  return place ? place->provider : "";
 }
 
 }  // namespace
 
-SecretStoreChoice makeSecretStore(const SecretStoreOptions& options) {
-  const bool inKeyring = options.usedBefore ? options.usedBefore == SecretStoreKind::secretService
-                                            : hasSecretService(options.limit);
-  if (inKeyring) {
-    AppLog::keychain.info("[SecretStore] secrets are kept in the keyring");
-    return {SecretStoreKind::secretService,
-            std::make_unique<SecretServiceStore>(options.service, options.limit)};
+SecretStoreChoice::SecretStoreChoice(SecretStoreOptions options)
+    : keyring_(options.service, options.limits, providerOf(options.usedBefore), announcer()),
+      files_(options.fileDirectory),
+      fileDirectory_(std::move(options.fileDirectory)),
+      place_(std::move(options.usedBefore)) {}
+
+std::optional<SecretPlace> SecretStoreChoice::place() const {
+  MutexLock lock(lock_);
+  return place_;
+}
+
+bool SecretStoreChoice::isIn(Kind kind) const {
+  const auto now = place();
+  return now && now->kind == kind;
+}
+
+void SecretStoreChoice::decide(const SecretPlace& place) {
+  {
+    MutexLock lock(lock_);
+    if (place_ == place) return;
+    place_ = place;
   }
-  AppLog::keychain.info("[SecretStore] secrets are kept in " + options.fileDirectory);
-  return {SecretStoreKind::files, std::make_unique<FileSecretStore>(options.fileDirectory)};
+  AppLog::keychain.info(place.kind == Kind::files
+                            ? "[SecretStore] secrets are kept in " + fileDirectory_
+                            : "[SecretStore] secrets are kept in the keyring of " + place.provider);
+  announcer()(SecretEvent::placeChanged);
+}
+
+SecretStore::Result<std::optional<std::string>> SecretStoreChoice::read(SecretAccount account) {
+  if (isIn(Kind::files)) return files_.read(account);
+  if (!isIn(Kind::secretService)) {
+    // Nothing was stored yet, or the settings have been lost.
+    auto inFiles = files_.read(account);
+    if (inFiles && *inFiles) {
+      decide({.kind = Kind::files, .provider = ""});
+      return inFiles;
+    }
+    switch (keyring_.presence()) {
+      case Presence::none:
+      case Presence::noCollection:
+        return inFiles;
+      case Presence::unknown:
+        return tl::make_unexpected(secretTimeoutError());
+      case Presence::usable:
+        break;
+    }
+  }
+  auto secret = keyring_.read(account);
+  if (secret && *secret) decide(*keyring_.place());
+  return secret;
+}
+
+/// True when a new secret has to go to files, since no keyring can take it.
+bool SecretStoreChoice::giveWayToFiles() {
+  switch (keyring_.presence()) {
+    case Presence::none:
+      return true;
+    case Presence::noCollection:
+      return !isIn(Kind::secretService);
+    case Presence::usable:
+    case Presence::unknown:
+      break;
+  }
+  return false;
+}
+
+SecretStore::Result<void> SecretStoreChoice::write(const std::string& value,
+                                                   SecretAccount account) {
+  if (isIn(Kind::files) || giveWayToFiles()) {
+    auto written = files_.write(value, account);
+    if (written) decide({.kind = Kind::files, .provider = ""});
+    return written;
+  }
+  auto written = keyring_.write(value, account);
+  if (written) decide(*keyring_.place());
+  return written;
+}
+
+SecretStore::Result<void> SecretStoreChoice::remove(SecretAccount account) {
+  auto removed = files_.remove(account);
+  if (isIn(Kind::files)) return removed;
+  if (!isIn(Kind::secretService)) {
+    const auto presence = keyring_.presence();
+    if (presence == Presence::none || presence == Presence::noCollection) return removed;
+  }
+  if (auto inKeyring = keyring_.remove(account); !inKeyring) return inKeyring;
+  return removed;
+}
+
+SecretStore::Result<void> SecretStoreChoice::unlock() {
+  if (isIn(Kind::files)) return {};
+  if (!isIn(Kind::secretService)) {
+    const auto presence = keyring_.presence();
+    if (presence == Presence::none || presence == Presence::noCollection) return {};
+  }
+  return keyring_.unlock();
 }
 
 }  // namespace verdo

@@ -7,6 +7,7 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace verdo::test {
 
@@ -42,16 +43,30 @@ TEST(FileStore, ShowsSecretsToOthersOrLosesThem) {
   EXPECT_TRUE(store.remove(kToken));
   EXPECT_TRUE(fs::is_empty(directory)) << "left a temporary file behind";
 
+  // A crash in the middle of a first write, and of a later one.
+  for (const bool again : {false, true}) {
+    EXPECT_TRUE(!again || store.write("secret-1234", kToken));
+    home.write("deep/secrets/.driver-token.new", "secret-half");
+    EXPECT_TRUE(store.remove(kToken));
+    EXPECT_TRUE(fs::is_empty(directory)) << "did not forget all of it";
+  }
+
   // What others can touch is not trusted, but replaced where that is possible.
   const auto other = home.write("other", "planted");
   const std::pair<const char*, std::function<void()>> table[] = {
       {"chmod 600 ", [&] { home.write("deep/secrets/driver-token", "x", fs::perms(0640)); }},
+      {"belongs to another user",
+       [&] {
+         home.write("deep/secrets/driver-token", "x");
+         if (::chown(path.c_str(), 12345, 12345) != 0) fs::remove(path);
+       }},
       {"is a symbolic link", [&] { fs::create_symlink(other, path); }},
       {"is not a regular file", [&] { ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0); }},
       {"is not a regular file", [&] { fs::create_directories(path + "/in"); }},
   };
   for (const auto& [complaint, plant] : table) {
     plant();
+    if (!fs::exists(fs::symlink_status(path))) continue;  // only root can give a file away
     EXPECT_NE(errorOf(store.read(kToken)).description.find(complaint), std::string::npos);
     const bool isDirectory = fs::is_directory(path);
     EXPECT_EQ(store.write("secret", kToken).has_value(), !isDirectory) << complaint;
@@ -59,6 +74,16 @@ TEST(FileStore, ShowsSecretsToOthersOrLosesThem) {
     EXPECT_EQ(std::distance(fs::directory_iterator(directory), {}), isDirectory ? 1 : 0);
   }
   EXPECT_EQ(contentOf(other), "planted");
+
+  // A directory of somebody else's, or one that leads elsewhere.
+  const auto elsewhere = home / "elsewhere", link = home / "link";
+  fs::create_directories(elsewhere);
+  fs::create_directory_symlink(elsewhere, link);
+  EXPECT_FALSE(FileSecretStore(link).write("secret", kToken));
+  if (::chown(elsewhere.c_str(), 12345, 12345) == 0) {
+    EXPECT_FALSE(FileSecretStore(elsewhere).write("secret", kToken));
+  }
+  EXPECT_TRUE(fs::is_empty(elsewhere));
 }
 
 }  // namespace verdo::test

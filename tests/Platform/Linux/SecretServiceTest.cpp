@@ -64,7 +64,7 @@ TEST_F(Keyring, LosesSecretsOrLooksEmptyWhenItIsLockedOrAbsent) {
   expectFailure(Kind::locked);
   start(false);
   expectFailure(Kind::locked);
-  EXPECT_TRUE(log_.has("verdo.keychain [SecretServiceStore] write driver-token failed: 2"));
+  EXPECT_TRUE(log_.has("verdo.keychain [SecretServiceStore] read driver-token failed: 2"));
   start(true);
   EXPECT_EQ(store_.read(kToken).value(), "secret-1234");
   EXPECT_TRUE(store_.remove(kToken));
@@ -88,7 +88,7 @@ TEST_F(Keyring, HungServiceStopsTheAppOrLeaks) {
     std::optional<SecretStore::Result<std::optional<std::string>>> answer;
     ticks = 0;
     runInBackground(
-        "keyring", [limit] { return SecretServiceStore("test.verdo", limit).read(kToken); },
+        "keyring", [limit] { return SecretServiceStore("test.verdo", {limit}).read(kToken); },
         [&answer](auto result) { answer = std::move(result); });
     ASSERT_TRUE(spinUntil([&] { return ticks >= 20; }));
     if (limit > milliseconds(400)) bus_.daemon->signalGroup(SIGKILL);
@@ -102,20 +102,31 @@ TEST(SecretStoreChoice, PutsSecretsWhereTheyAreNotFoundAgain) {
   const PrivateBus empty, hung;
   const PrivateBus activatable("[D-BUS Service]\nName=org.freedesktop.secrets\nExec=/bin/false\n");
   ASSERT_TRUE(hung.daemon->signalGroup(SIGSTOP));
-  constexpr auto kFiles = SecretStoreKind::files, kKeyring = SecretStoreKind::secretService;
-  const std::tuple<std::string, std::optional<SecretStoreKind>, SecretStoreKind> table[] = {
-      {empty.address(), {}, kFiles},
-      {hung.address(), {}, kKeyring},
-      {activatable.address(), {}, kKeyring},
-      {activatable.address(), kFiles, kFiles},
-      {"unix:path=" + empty.home() + "/nothing", {}, kFiles},
-      {"unix:path=" + empty.home() + "/nothing", kKeyring, kKeyring}};
-  for (const auto& [address, before, kind] : table) {
+  const SecretPlace kFiles{SecretPlace::Kind::files, ""};
+  const SecretPlace kKeyring{SecretPlace::Kind::secretService, "gnome-keyring-daemon"};
+  const std::string none = "unix:path=" + empty.home() + "/nothing";
+  // The bus, the place so far, whether it is known that nothing is stored, the place of a write.
+  const std::tuple<std::string, std::optional<SecretPlace>, bool, std::optional<SecretPlace>>
+      table[] = {
+          {empty.address(), {}, true, kFiles},
+          {hung.address(), {}, false, {}},
+          {activatable.address(), {}, true, kFiles},
+          {activatable.address(), kFiles, true, kFiles},
+          {empty.address(), kKeyring, false, kFiles},
+          {none, {}, true, kFiles},
+          {none, kKeyring, false, kFiles},
+          {"autolaunch:", {}, true, kFiles},
+      };
+  for (const auto& [address, before, absent, after] : table) {
     const ScopedEnv session("DBUS_SESSION_BUS_ADDRESS", address);
-    const auto choice =
-        makeSecretStore({"test.verdo", empty.home() + "/s", milliseconds(300), before});
-    EXPECT_EQ(choice.kind, kind) << address;
-    EXPECT_EQ(choice.store->write("s", kToken).has_value(), kind == kFiles);
+    const TempDir home;
+    SecretStoreChoice store({"test.verdo", home / "s", {milliseconds(300)}, before});
+    EXPECT_EQ(store.state(kToken), absent ? SecretState::absent : SecretState::unavailable)
+        << address;
+    EXPECT_EQ(store.place(), before);
+    EXPECT_EQ(store.write("s", kToken).has_value(), after.has_value()) << address;
+    EXPECT_EQ(store.place(), after) << address;
+    EXPECT_EQ(store.state(kToken), after ? SecretState::found : SecretState::unavailable);
   }
 }
 

@@ -1,0 +1,186 @@
+#include "VerdoDriver/Model/SecretTask.h"
+#include "VerdoDriver/Platform/Linux/SecretStoreChoice.h"
+#include "tests/Platform/Linux/FakeSecretService.h"
+#include "tests/Support/ErrorOf.h"
+#include "tests/Support/NoThreads.h"
+#include "tests/Support/ScopedEnv.h"
+
+namespace verdo::test {
+
+namespace fs = std::filesystem;
+using Answer = FakeSecretService::Answer;
+using Kind = SecretError::Kind;
+using std::chrono::milliseconds;
+using Secret = SecretStore::Result<std::optional<std::string>>;
+constexpr auto kToken = SecretAccount::driverToken;
+
+/// Stores that ask a Secret Service which asks the user.
+class SecretPromptTest : public testing::Test {
+ protected:
+  static constexpr SecretServiceLimits kLimits{milliseconds(8000), milliseconds(500)};
+
+  /// Does some secret work as the app does, and gives its result.
+  template <typename Work>
+  auto ask(Work work) {
+    std::optional<decltype(work())> result;
+    askSecretStore(work, [&result](const auto& got) { result.emplace(got); });
+    EXPECT_FALSE(result) << "inside the call";
+    EXPECT_TRUE(spinUntil([&] { return result.has_value(); }));
+    return *result;
+  }
+  Secret read(SecretStore& from) {
+    return ask([&] { return from.read(kToken); });
+  }
+  SecretStore::Result<void> write(SecretStore& to, const std::string& value) {
+    return ask([&to, value] { return to.write(value, kToken); });
+  }
+  SecretStore::Result<void> unlock(SecretStore& what) {
+    return ask([&] { return what.unlock(); });
+  }
+  void listenTo(SecretStore& what) {
+    what.listen([this](SecretEvent event) { ++events[event]; });
+  }
+
+  PrivateBus bus;
+  const ScopedEnv session{"DBUS_SESSION_BUS_ADDRESS", bus.address()};
+  FakeSecretService service{bus};
+  std::map<SecretEvent, int> events;
+  SecretServiceStore store{"test.verdo", kLimits};
+  SecretServiceStore again{"test.verdo", kLimits};  ///< the app, started anew
+};
+
+TEST_F(SecretPromptTest, NewConnectionForEachCallOrQuestionForARead) {
+  EXPECT_EQ(read(store).value(), std::nullopt);
+  ASSERT_TRUE(write(store, "one"));
+  EXPECT_EQ(read(store).value(), "one");
+  ASSERT_TRUE(write(store, "two"));
+  EXPECT_EQ(read(store).value(), "two");
+  EXPECT_EQ(service.clients.size(), 1);
+  EXPECT_EQ(errorOf(read(again)).kind, Kind::locked);
+  listenTo(store);
+  service.lock();
+  ASSERT_TRUE(spinUntil([&] { return events[SecretEvent::changed] > 0; }));
+  EXPECT_EQ(errorOf(read(store)).kind, Kind::locked);
+  EXPECT_EQ(service.searchesWhileLocked, 0);
+  EXPECT_EQ(service.windows, 0);
+  EXPECT_TRUE(unlock(store));
+  EXPECT_EQ(read(store).value(), "two");
+}
+
+TEST_F(SecretPromptTest, ReportsARefusedOrLostWriteAsSaved) {
+  ASSERT_TRUE(write(store, "old"));
+  service.answer = Answer::refuse;
+  EXPECT_EQ(errorOf(write(again, "new")).kind, Kind::locked);
+  service.losesWrites = true;
+  EXPECT_EQ(errorOf(write(store, "new")).kind, Kind::failed);
+  EXPECT_EQ(read(store).value(), "old");
+}
+
+TEST_F(SecretPromptTest, PilesUpWindowsOrWaitsForEver) {
+  ASSERT_TRUE(write(store, "old"));
+  service.answer = Answer::none;
+  listenTo(again);
+  EXPECT_EQ(errorOf(unlock(again)).kind, Kind::locked) << "after its time";
+  EXPECT_EQ(errorOf(write(again, "new")).kind, Kind::locked);
+  EXPECT_EQ(service.windows, 1);
+  EXPECT_TRUE(spinUntil([&] { return events[SecretEvent::promptClosed] == 2; }));
+  EXPECT_EQ(events[SecretEvent::promptOpened], 2);
+  service.reply(true);
+  EXPECT_TRUE(spinUntil([&] { return read(again).has_value(); }));
+  EXPECT_EQ(read(again).value(), "old") << "was stored after it had failed";
+  EXPECT_TRUE(unlock(again));
+  EXPECT_EQ(service.windows, 1);
+
+  // A user who gives up, and a service that goes, end the waiting at once.
+  SecretServiceStore patient{"test.verdo", {milliseconds(8000), milliseconds(60'000)}};
+  listenTo(patient);
+  for (const bool cancelled : {true, false}) {
+    events.clear();
+    std::optional<Kind> kind;
+    askSecretStore([&] { return patient.unlock(); },
+                   [&](const auto& result) { kind = errorOf(result).kind; });
+    ASSERT_TRUE(spinUntil([&] { return events[SecretEvent::promptOpened] == 1; }));
+    if (cancelled) patient.cancelPrompt();
+    if (!cancelled) bus.daemon->signalGroup(SIGKILL);
+    ASSERT_TRUE(spinUntil([&] { return kind.has_value(); }));
+    EXPECT_EQ(*kind, cancelled ? Kind::locked : Kind::unavailable);
+  }
+}
+
+TEST_F(SecretPromptTest, MissingDefaultOrAnotherProgramReadsAsAbsent) {
+  const TempDir home;
+  const auto choice = [&](const std::string& provider) {
+    SecretStoreOptions options{"test.verdo", home / "s", kLimits, std::nullopt};
+    if (!provider.empty()) options.usedBefore = {SecretPlace::Kind::secretService, provider};
+    return std::make_unique<SecretStoreChoice>(options);
+  };
+  EXPECT_EQ(errorOf(read(*choice("another"))).kind, Kind::unavailable);
+  EXPECT_EQ(read(*choice("")).value(), std::nullopt);
+  EXPECT_TRUE(write(*choice("another"), "moved")) << "the user has decided";
+  service.hasDefault = false;
+  const std::string us = fs::path(selfPath()).filename();
+  EXPECT_EQ(errorOf(read(*choice("another"))).kind, Kind::locked) << "it was found";
+  EXPECT_EQ(errorOf(write(*choice(us), "new")).kind, Kind::unavailable);
+  const auto fresh = choice("");
+  EXPECT_EQ(read(*fresh).value(), std::nullopt);
+  EXPECT_TRUE(write(*fresh, "in files"));
+  EXPECT_EQ(fresh->place()->kind, SecretPlace::Kind::files);
+  EXPECT_EQ(read(*choice("")).value(), "in files");
+}
+
+TEST_F(SecretPromptTest, ShortageOfThreadsEndsTheApp) {
+  {
+    const NoThreads shortage;
+    EXPECT_EQ(errorOf(store.read(kToken)).kind, Kind::unavailable);
+    EXPECT_EQ(errorOf(read(store)).kind, Kind::unavailable);
+  }
+  EXPECT_EQ(read(store).value(), std::nullopt);
+}
+
+TEST(SecretServiceStart, StartsAKeyringThatIsNotTheUsers) {
+  // Who has kept the secrets, the name that a program can be started by, and whether it may be.
+  const std::tuple<std::string, std::string, bool> table[] = {
+      {"", "org.freedesktop.secrets", false},
+      {"keepassxc", "org.freedesktop.secrets", false},
+      {"keepassxc", "org.kde.kwalletd5", false},
+      {"keepassxc", "org.gnome.keyring", false},
+      {"gnome-keyring-daemon", "org.gnome.keyring", true},
+      {"kwalletd6", "org.kde.kwalletd6", true},
+      {"kwalletd6", "org.kde.kwalletd5", false},
+      {"", "org.gnome.keyring", false},
+      {"", "org.kde.kwalletd5", false},
+      {"wallets", "org.kde.kwalletd5", true},
+  };
+  for (const auto& [provider, name, allowed] : table) {
+    const TempDir home;
+    const bool hasWallets = provider == "wallets";
+    if (hasWallets) {
+      fs::create_directories(home / "kwalletd");
+      home.write("kwalletd/one.kwl", "");
+    }
+    const PrivateBus bus("[D-BUS Service]\nName=" + name + "\nExec=/usr/bin/touch " +
+                         (home / "started") + " /no/such/place\n");  // and fails at once
+    const ScopedEnv session("DBUS_SESSION_BUS_ADDRESS", bus.address());
+    const ScopedEnv data("XDG_DATA_HOME", home.path()), desktop("XDG_CURRENT_DESKTOP", {});
+    SecretServiceStore store("test.verdo", {milliseconds(8000)}, hasWallets ? "" : provider);
+    EXPECT_EQ(errorOf(store.read(kToken)).kind, Kind::unavailable);
+    EXPECT_EQ(fs::exists(home / "started"), allowed) << provider << " " << name;
+  }
+}
+
+TEST(SecretServiceStart, LooksForABusByStartingOne) {
+  const TempDir home;
+  home.write("dbus-launch", "#!/bin/sh\n: >\"$0.started\"\nexec sleep 3\n", fs::perms(0700));
+  const ScopedEnv path("PATH", home.path() + ":/usr/bin:/bin"), display("DISPLAY", ":99"),
+      runtime("XDG_RUNTIME_DIR", home.path());
+  for (const auto& address :
+       {std::optional<std::string>(), std::optional<std::string>("autolaunch:")}) {
+    const ScopedEnv session("DBUS_SESSION_BUS_ADDRESS", address);
+    SecretStoreChoice store({"test.verdo", home / "s", {milliseconds(300)}, {}});
+    EXPECT_TRUE(store.write("s", kToken));
+    EXPECT_EQ(store.place()->kind, SecretPlace::Kind::files);
+    EXPECT_FALSE(fs::exists(home / "dbus-launch.started"));
+  }
+}
+
+}  // namespace verdo::test
