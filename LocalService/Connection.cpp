@@ -15,6 +15,7 @@ namespace {
 constexpr std::size_t kInputSize = 1 << 16;
 constexpr std::size_t kOutputSize = 1 << 16;
 constexpr std::size_t kMaxKeptHead = 1 << 18;
+constexpr std::int64_t kMaxPoll = 3'600'000;  // ms
 /// Patience with a peer that neither takes nor gives a byte. Far above what any slow client of a
 /// test needs; it only keeps a forgotten one from holding a thread for ever.
 constexpr timeval kStallLimit{.tv_sec = 120, .tv_usec = 0};
@@ -25,10 +26,12 @@ bool pollUntil(pollfd* fds, nfds_t count, std::chrono::milliseconds timeout) {
   while (true) {
     const auto left =
         std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    // poll(2) counts milliseconds in an int; longer waits are made of several.
     const int n =
-        ::poll(fds, count, static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, 3'600'000)));
-    if (n >= 0) return n > 0;
-    if (errno != EINTR) return true;  // the caller's next operation meets the error itself
+        ::poll(fds, count, static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, kMaxPoll)));
+    if (n > 0) return true;
+    if (n < 0 && errno != EINTR) return true;  // the caller's next operation meets the error itself
+    if (left.count() <= 0) return false;
   }
 }
 

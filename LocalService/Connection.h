@@ -57,6 +57,7 @@ class Connection final : public httplib::Stream {
   void takeOver() { takenOver_ = true; }
   /// takeOver(), and the connection ends after the current request.
   void takeOverAndEnd() { takenOver_ = ending_ = true; }
+  void endAfterReply() { ending_ = true; }  ///< which leaves as usual
   bool ending() const { return ending_; }
   /// Sends bytes at once, also after takeOver(). False as in flush().
   bool send(std::string_view bytes);

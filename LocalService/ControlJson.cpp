@@ -1,15 +1,14 @@
 #include "LocalService/ControlJson.h"
 
+#include "LocalService/Base64.h"
+#include "LocalService/ObjectReader.h"
 #include "LocalService/PairingStore.h"
 #include "LocalService/Routes.h"
 
 #include <algorithm>
 #include <array>
-#include <initializer_list>
 #include <string_view>
 #include <utility>
-
-#include <openssl/evp.h>
 
 namespace verdo::local {
 namespace {
@@ -24,94 +23,6 @@ constexpr std::array<std::pair<Delivery, const char*>, 6> kDeliveries{{
     {Delivery::close, "close"},
     {Delivery::garbage, "garbage"},
 }};
-
-/// Reads the members of one object, each of the type of the variable that it goes to.
-class Reader {
- public:
-  Reader(const ordered_json& json, std::string what) : json_(json), what_(std::move(what)) {
-    if (!json.is_object()) throw HttpError(400, what_ + " must be a JSON object");
-  }
-
-  bool has(const char* key) const { return json_.contains(key); }
-
-  void text(const char* key, std::string& value) const {
-    if (const auto* member = find(key, &ordered_json::is_string, "a text")) {
-      value = member->get<std::string>();
-    }
-  }
-  void text(const char* key, std::optional<std::string>& value) const {
-    if (has(key)) text(key, value.emplace());
-  }
-  void flag(const char* key, bool& value) const {
-    if (const auto* member = find(key, &ordered_json::is_boolean, "true or false")) {
-      value = member->get<bool>();
-    }
-  }
-  template <typename Integer>
-  void count(const char* key, Integer& value) const {
-    if (const auto* member =
-            find(key, &ordered_json::is_number_unsigned, "a whole number of at least 0")) {
-      value = member->get<Integer>();
-    }
-  }
-  template <typename Integer>
-  void count(const char* key, std::optional<Integer>& value) const {
-    if (has(key)) count(key, value.emplace());
-  }
-  void number(const char* key, double& value) const {
-    if (const auto* member = find(key, &ordered_json::is_number, "a number")) {
-      value = member->get<double>();
-    }
-  }
-  void delay(const char* key, std::chrono::milliseconds& value) const {
-    double given = 0;
-    number(key, given);
-    if (!(given >= 0 && given <= 86'400'000)) {
-      throw HttpError(400, what_ + ": \"" + key + "\" must be from 0 to 86400000, a day");
-    }
-    value = std::chrono::milliseconds(static_cast<std::int64_t>(given));
-  }
-  void seconds(const char* key, std::chrono::seconds& value) const {
-    auto given = static_cast<std::uint64_t>(value.count());
-    count(key, given);
-    value =
-        std::chrono::seconds(static_cast<std::int64_t>(std::min<std::uint64_t>(given, 1u << 30)));
-  }
-  const ordered_json* find(const char* key, bool (ordered_json::*is)() const noexcept,
-                           const char* wanted) const {
-    const auto found = json_.find(key);
-    if (found == json_.end()) return nullptr;
-    if (!((*found).*is)()) throw HttpError(400, what_ + ": \"" + key + "\" must be " + wanted);
-    return &*found;
-  }
-  void refuseOthers(std::initializer_list<std::string_view> known) const {
-    for (const auto& [key, value] : json_.items()) {
-      if (std::ranges::find(known, key) != known.end()) continue;
-      auto message = what_;
-      message.append(": unknown key \"").append(key).append("\"; known are");
-      for (const auto name : known) message.append(" ").append(name);
-      throw HttpError(400, message);
-    }
-  }
-
- private:
-  const ordered_json& json_;
-  const std::string what_;
-};
-
-std::string decodeBase64(const std::string& text) {
-  std::string bytes(text.size() / 4 * 3, '\0');
-  const int size = EVP_DecodeBlock(reinterpret_cast<unsigned char*>(bytes.data()),
-                                   reinterpret_cast<const unsigned char*>(text.data()),
-                                   static_cast<int>(text.size()));
-  if (size < 0 || text.size() % 4 != 0) {
-    throw HttpError(400, "a file's \"content_base64\" is not valid base64");
-  }
-  // The decoder counts the padding as bytes.
-  bytes.resize(static_cast<std::size_t>(size) -
-               static_cast<std::size_t>(std::ranges::count(text, '=')));
-  return bytes;
-}
 
 ordered_json milliseconds(std::optional<std::chrono::steady_clock::time_point> time) {
   if (!time) return nullptr;
@@ -149,7 +60,7 @@ void readHeaders(const ordered_json& json, FaultReply& reply) {
 }  // namespace
 
 FileSpec readFile(const ordered_json& json, const FileStore& files) {
-  const Reader reader(json, "a file");
+  const ObjectReader reader(json, "a file");
   FileSpec file;
   reader.refuseOthers({"name", "content", "content_base64", "path", "sha256", "url", "redirect",
                        "truncate_after", "status", "absolute_url", "omit_url", "omit_sha256"});
@@ -158,7 +69,9 @@ FileSpec readFile(const ordered_json& json, const FileStore& files) {
   reader.text("content", file.content);
   if (reader.has("content_base64")) {
     reader.text("content_base64", file.content);
-    file.content = decodeBase64(file.content);
+    auto content = decodeBase64(file.content);
+    if (!content) throw HttpError(400, "a file's \"content_base64\" is not valid base64");
+    file.content = std::move(*content);
   }
   if (reader.has("path")) {
     std::string path;
@@ -188,7 +101,7 @@ FileSpec readFile(const ordered_json& json, const FileStore& files) {
 }
 
 JobSpec readJob(const ordered_json& json, const FileStore& files) {
-  const Reader reader(json, "a job");
+  const ObjectReader reader(json, "a job");
   JobSpec job;
   reader.flag("keep_lines", job.keepLines);
   reader.flag("cancelled", job.cancelled);
@@ -204,7 +117,7 @@ JobSpec readJob(const ordered_json& json, const FileStore& files) {
 }
 
 Fault readFault(const ordered_json& json) {
-  const Reader reader(json, "a fault");
+  const ObjectReader reader(json, "a fault");
   Fault fault;
   reader.refuseOthers({"endpoint", "job_id", "after", "count", "probability", "body_over",
                        "delay_ms", "status", "body", "headers", "delivery", "truncate_after",
@@ -243,7 +156,7 @@ Fault readFault(const ordered_json& json) {
 }
 
 ProviderRule readProviderRule(const ordered_json& json) {
-  const Reader reader(json, "a provider rule");
+  const ObjectReader reader(json, "a provider rule");
   ProviderRule rule;
   reader.refuseOthers({"match", "count", "delay_ms", "never", "keep_alive_ms", "until_close",
                        "status", "body", "content", "model", "finish_reason", "usage", "omit"});
@@ -270,7 +183,7 @@ ProviderRule readProviderRule(const ordered_json& json) {
 }
 
 PairingRules readPairingRules(const ordered_json& json) {
-  const Reader reader(json, "pairing rules");
+  const ObjectReader reader(json, "pairing rules");
   PairingRules rules;
   reader.refuseOthers({"expires_in", "interval", "username"});
   reader.seconds("expires_in", rules.expiresIn);

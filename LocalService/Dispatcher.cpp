@@ -43,6 +43,22 @@ std::vector<std::pair<std::string, std::string>> parseHeaders(std::string_view h
   return headers;
 }
 
+/// What is wrong with the announced length of a body. httplib would wait for bytes that never come.
+std::optional<HttpError> lengthProblem(const httplib::Request& request) {
+  const auto count = request.get_header_value_count("Content-Length");
+  if (count == 0) return std::nullopt;
+  const auto text = request.get_header_value("Content-Length");
+  const bool digits = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+  if (count > 1 || !digits) {
+    return HttpError(400, "\"Content-Length\" must be one whole number, not \"" + text + "\"");
+  }
+  const auto size = parseInteger(text);
+  if (!size || static_cast<std::uint64_t>(*size) > kMaxBody) {
+    return HttpError(413, "a body may have " + std::to_string(kMaxBody) + " bytes");
+  }
+  return std::nullopt;
+}
+
 /// Whether the delivery shows a reply at all, whole or not.
 bool carriesReply(Delivery delivery) {
   return delivery == Delivery::whole || delivery == Delivery::truncated ||
@@ -68,6 +84,7 @@ struct Dispatcher::Current {
   Dispatcher& dispatcher;
   Connection& connection;
   std::string path;                    // percent-decoded
+  std::optional<HttpError> refusal;    // of a request whose body cannot be read
   std::optional<std::uint64_t> entry;  // in the request log
   std::optional<Fault> fault;
   int status = 0;  // of the ordinary reply; 0: answered otherwise
@@ -99,6 +116,11 @@ class Dispatcher::Engine final : public httplib::Server {
       current.path = std::exchange(request.path, "/");
       // Bodies are taken as they are; curl -d calls them forms, and httplib would read them so.
       request.headers.erase("Content-Type");
+      current.refusal = lengthProblem(request);
+      if (current.refusal) {
+        request.headers.erase("Content-Length");
+        request.headers.erase("Transfer-Encoding");
+      }
       // A request that announces no body has none; httplib would read until the client hangs up.
       if (!request.has_header("Content-Length") && !request.has_header("Transfer-Encoding")) {
         request.set_header("Content-Length", "0");
@@ -146,6 +168,10 @@ void Dispatcher::handle(Current& current, const httplib::Request& request,
                         httplib::Response& response) {
   auto& connection = current.connection;
   try {
+    if (current.refusal) {
+      connection.endAfterReply();  // where its body ends, nobody knows
+      throw HttpError(*current.refusal);
+    }
     refuseForeignPages(request);
   } catch (const HttpError& error) {
     return replyJson(response, {{"error", error.what()}}, error.status());

@@ -52,8 +52,9 @@ struct Fault {
 
   // What happens to them.
 
-  std::chrono::milliseconds delay{0};  ///< waited before the request is processed and answered
-  std::optional<FaultReply> reply{};   ///< absent: the ordinary reply
+  /// Waited before the request is processed and answered; at most a day.
+  std::chrono::milliseconds delay{0};
+  std::optional<FaultReply> reply{};  ///< absent: the ordinary reply
   Delivery delivery = Delivery::whole;
   std::size_t truncateAfter = 1;     ///< for Delivery::truncated, at most the body's length
   std::size_t bytesPerSecond = 100;  ///< for Delivery::trickled, at least 1

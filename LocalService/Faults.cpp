@@ -1,9 +1,18 @@
 #include "LocalService/Faults.h"
 
 #include <algorithm>
+#include <array>
 #include <stdexcept>
+#include <string>
 
 namespace verdo::local {
+namespace {
+
+constexpr std::array<std::string_view, 12> kEndpoints{
+    "any",  "hello",  "poll",       "lines",     "complete", "files",
+    "chat", "models", "pair-start", "pair-poll", "approve",  "manifest"};
+
+}  // namespace
 
 Fault bodyLimit(std::string endpoint, std::size_t bytes) {
   return {.endpoint = std::move(endpoint),
@@ -18,7 +27,14 @@ std::uint64_t Faults::add(Fault fault) {
   if (!(fault.probability >= 0 && fault.probability <= 1)) {
     throw std::invalid_argument("a fault's probability must be from 0 to 1");
   }
-  if (fault.delay.count() < 0) throw std::invalid_argument("a fault's delay must not be negative");
+  if (std::ranges::find(kEndpoints, fault.endpoint) == kEndpoints.end()) {
+    std::string message = "there is no endpoint \"" + fault.endpoint + "\"; known are";
+    for (const auto name : kEndpoints) message.append(" ").append(name);
+    throw std::invalid_argument(message);
+  }
+  if (fault.delay.count() < 0 || fault.delay > std::chrono::hours(24)) {
+    throw std::invalid_argument("a fault's delay must be from 0 to a day");
+  }
   if (fault.bytesPerSecond == 0) {
     throw std::invalid_argument("a fault's bytes per second must be at least 1");
   }
