@@ -33,7 +33,8 @@ class PairFlow : public QObject {
            Clock::Duration minInterval = std::chrono::seconds(1));
 
   /// Abandons the pairing in hand and begins another with the server that the user typed.
-  /// `onApproved` is called once the state is `connecting`, unless the pairing is abandoned first.
+  /// `onApproved` is called once the state is `connecting`; it is let go of when the pairing ends
+  /// in any other way.
   void start(const std::string& serverURL, bool allowInsecure, OnApproved onApproved);
   /// Abandons the pairing in hand. The message of one that failed stays.
   void cancel();
@@ -60,7 +61,7 @@ class PairFlow : public QObject {
   void poll(const Polling& polling);
   void polled(const Polling& polling, const tl::expected<PairingPoll, PairingError>& reply);
   void approved(Generation generation, const PairingPoll& poll);
-  void finish(PairingState state, Generation generation);
+  void fail(std::string message);
   void setState(PairingState state);
 
   const std::shared_ptr<PairingService> service_;
