@@ -18,7 +18,7 @@ struct AppManifest {
 
   /// Reads a manifest from JSON. Keys that are missing or null are absent fields; the error says
   /// what does not fit.
-  static tl::expected<AppManifest, std::string> decode(const std::string& json);
+  [[nodiscard]] static tl::expected<AppManifest, std::string> decode(const std::string& json);
 
   bool operator==(const AppManifest&) const = default;
 };

@@ -8,6 +8,7 @@
 #include "VerdoDriverCore/System/Sync.h"
 
 #include <QPointer>
+#include <atomic>
 #include <system_error>
 #include <utility>
 
@@ -50,26 +51,87 @@ ConnectResult checkTheSetup(const std::string& message) {
   return resultOf(reason, StatusText::describe(reason));
 }
 
-/// Writes what the draft has of secrets, all of it or nothing.
-SecretStore::Result<void> writeSecrets(SecretStore& secrets, const ConnectDraft& draft) {
-  const auto before = secrets.read(SecretAccount::driverToken);
-  if (!before) return tl::make_unexpected(before.error());
-  if (!draft.token.empty()) {
-    if (auto written = secrets.write(draft.token, SecretAccount::driverToken); !written) {
-      return written;
+/// Decides between the main thread and the one at the secret store whether what is stored stands.
+class Commit {
+ public:
+  enum class Stage { open, atStore, stored, calledOff };
+
+  /// False when it is at another stage than `from`, as after it was called off.
+  bool advance(Stage from, Stage to) { return stage_.compare_exchange_strong(from, to); }
+  /// Gives the stage before. After `stored` it is too late, and nothing is called off.
+  Stage callOff() {
+    Stage stage = stage_;
+    while (stage != Stage::stored && !stage_.compare_exchange_weak(stage, Stage::calledOff)) {
     }
+    return stage;
   }
-  if (draft.llmKey.empty()) return {};
-  auto written = secrets.write(draft.llmKey, SecretAccount::llmKey);
-  if (!written && !draft.token.empty()) {
-    // A store that has just failed may fail again; nothing more can be done then.
-    static_cast<void>(*before ? secrets.write(**before, SecretAccount::driverToken)
-                              : secrets.remove(SecretAccount::driverToken));
+
+  bool isCalledOff() const { return stage_ == Stage::calledOff; }
+
+ private:
+  std::atomic<Stage> stage_ = Stage::open;
+};
+using Stage = Commit::Stage;
+
+/// Puts a secret in the place of an earlier one, which it can bring back.
+class Replacement {
+ public:
+  Replacement(SecretStore& secrets, SecretAccount account) : secrets_(secrets), account_(account) {}
+
+  /// An empty value changes nothing.
+  SecretStore::Result<void> write(const std::string& value) {
+    if (value.empty()) return {};
+    const auto before = secrets_.read(account_);
+    if (!before) return tl::make_unexpected(before.error());
+    auto written = secrets_.write(value, account_);
+    if (written) before_ = *before;
+    return written;
+  }
+  /// A store that has just failed may fail again; nothing more can be done then.
+  void takeBack() {
+    if (!before_) return;
+    static_cast<void>(*before_ ? secrets_.write(**before_, account_) : secrets_.remove(account_));
+  }
+
+ private:
+  SecretStore& secrets_;
+  const SecretAccount account_;
+  std::optional<std::optional<std::string>> before_;  ///< once it was replaced
+};
+
+/// Stores what the draft has of secrets, all of it or nothing; nothing when it is called off.
+SecretStore::Result<void> writeSecrets(SecretStore& secrets, const ConnectDraft& draft,
+                                       Commit& commit) {
+  if (!commit.advance(Stage::open, Stage::atStore)) return {};
+  Replacement token(secrets, SecretAccount::driverToken);
+  Replacement key(secrets, SecretAccount::llmKey);
+  auto written = token.write(draft.token);
+  if (written) written = key.write(draft.llmKey);
+  if (!written || !commit.advance(Stage::atStore, Stage::stored)) {
+    key.takeBack();
+    token.takeBack();
   }
   return written;
 }
 
+/// The stored key, for whose sake the user may have to unlock the store.
+SecretStore::Result<std::optional<std::string>> readKey(SecretStore& secrets, Commit& commit) {
+  if (!commit.advance(Stage::open, Stage::atStore)) return std::nullopt;
+  const auto unlocked = secrets.unlock();
+  auto key = unlocked ? secrets.read(SecretAccount::llmKey) : tl::make_unexpected(unlocked.error());
+  commit.advance(Stage::atStore, Stage::open);
+  return key;
+}
+
 }  // namespace
+
+struct ConnectFlow::Attempt {
+  ConnectDraft draft;
+  bool isToBeSaved = false;
+  Completion completion;                 ///< until it was called
+  std::shared_ptr<DriverHandle> handle;  ///< of the dry run
+  const std::shared_ptr<Commit> commit = std::make_shared<Commit>();
+};
 
 ConnectFlow::ConnectFlow(std::shared_ptr<DriverFactory> factory,
                          std::shared_ptr<SecretStore> secrets, SettingsStore& settings,
@@ -79,6 +141,8 @@ ConnectFlow::ConnectFlow(std::shared_ptr<DriverFactory> factory,
       settings_(settings),
       log_(std::move(log)),
       egoPath_(std::move(egoPath)) {}
+
+ConnectFlow::~ConnectFlow() { cancel(); }
 
 tl::expected<DriverConfig, Refusal> ConnectFlow::buildConfig(const ConnectDraft& draft, bool dryRun,
                                                              bool checkLLM) const {
@@ -97,97 +161,138 @@ tl::expected<DriverConfig, Refusal> ConnectFlow::buildConfig(const ConnectDraft&
   return config;
 }
 
+ConnectFlow::AttemptPtr ConnectFlow::begin(const ConnectDraft& draft, Completion completion) {
+  cancel();
+  attempt_ = std::make_shared<Attempt>();
+  attempt_->draft = draft;
+  attempt_->completion = std::move(completion);
+  return attempt_;
+}
+
+void ConnectFlow::cancel() {
+  MainThread::require("ConnectFlow::cancel");
+  const auto attempt = std::exchange(attempt_, nullptr);
+  if (!attempt) return;
+  const auto stage = attempt->commit->callOff();
+  if (stage == Stage::stored) return;  // it completes as saved
+  if (attempt->handle) attempt->handle->stop();
+  if (stage == Stage::atStore) secrets_->cancelPrompt();
+  finishLater(attempt,
+              resultOf(ExitReason::stopped(), StatusText::describe(ExitReason::stopped())));
+}
+
 void ConnectFlow::dryRun(const ConnectDraft& draft, bool checkLLM, Completion completion) {
   MainThread::require("ConnectFlow::dryRun");
-  const auto config = buildConfig(draft, true, checkLLM);
+  prove(begin(draft, std::move(completion)), checkLLM);
+}
+
+void ConnectFlow::connect(const ConnectDraft& draft, Completion completion) {
+  MainThread::require("ConnectFlow::connect");
+  const auto attempt = begin(draft, std::move(completion));
+  attempt->isToBeSaved = true;
+  // What is wrong with the draft itself is said before the store, or the user, is asked.
+  if (!draft.llmKey.empty() || !buildConfig(draft, true, true)) return prove(attempt, true);
+  const auto read = [secrets = secrets_, commit = attempt->commit] {
+    return readKey(*secrets, *commit);
+  };
+  askSecretStore(read, [self = QPointer(this), attempt](const auto& stored) {
+    if (!self || !self->isUnderWay(attempt)) return;
+    if (stored) return self->prove(attempt, true, stored->value_or(""));
+    const auto& why = stored.error().description;
+    self->finish(attempt, resultOf(ExitReason::badConfig(why),
+                                   {"Could not read the Keychain", why, StatusText::Action::none}));
+  });
+}
+
+/// Runs the driver with the draft, and with `storedKey` where the draft has none.
+void ConnectFlow::prove(const AttemptPtr& attempt, bool checkLLM, const std::string& storedKey) {
+  auto config = buildConfig(attempt->draft, true, checkLLM);
   if (!config) {
     const auto& message = config.error().message;
     AppLog::connect.info(fmt::format("[ConnectFlow] refused before running: {}", message));
-    return completion(checkTheSetup(message));
+    return finishLater(attempt, checkTheSetup(message));
   }
+  if (config->llmKey.empty()) config->llmKey = storedKey;
   if (checkLLM && config->llmKey.empty()) {
-    return completion(checkTheSetup("Paste the DeepSeek key first."));
+    return finishLater(attempt, checkTheSetup("Paste the DeepSeek key first."));
   }
   if (!egoPath_()) {
     AppLog::connect.info("[ConnectFlow] ego-browser not found");
-    return completion(
+    return finishLater(
+        attempt,
         resultOf(ExitReason::noExecutor("ego-browser not found in ~/.local/bin, /opt/homebrew/bin, "
                                         "/usr/local/bin or PATH"),
                  StatusText::describe(ExitReason::noExecutor(""))));
   }
   log_->write(fmt::format("» dry run (check_llm={}) against {}, token {}", checkLLM, config->server,
                           masked(config->token)));
+  run(attempt, *config);
+}
+
+void ConnectFlow::run(const AttemptPtr& attempt, const DriverConfig& config) {
   const auto capture = std::make_shared<ConnectCapture>();
-  const auto handle = factory_->makeDriver(*config, log_, capture);
-  const auto keyLast4 =
-      config->llmKey.empty() ? std::nullopt : std::optional(masked(config->llmKey));
-  const auto run = [handle, capture] {
+  const auto handle = attempt->handle = factory_->makeDriver(config, log_, capture);
+  const auto keyLast4 = config.llmKey.empty() ? std::nullopt : std::optional(masked(config.llmKey));
+  const auto work = [handle, capture, keyLast4] {
     const auto reason = handle->run();
     AppLog::connect.info(fmt::format("[ConnectFlow] dry run → exit {}", reason.code()));
-    return resultOf(reason, {}, capture->username());
+    return resultOf(reason, StatusText::describe(reason, keyLast4), capture->username());
   };
-  const auto done = [self = QPointer(this), keyLast4,
-                     completion = std::move(completion)](ConnectResult result) {
-    if (!self) return;
-    result.text = StatusText::describe(result.reason, keyLast4);
-    completion(result);
+  const auto done = [self = QPointer(this), attempt](const ConnectResult& result) {
+    if (self && self->isUnderWay(attempt)) self->proven(attempt, result);
   };
   try {
-    runInBackground("verdo-driver-dryrun", run, done);
+    runInBackground("verdo-driver-dryrun", work, done);
   } catch (const std::system_error& error) {
-    done(resultOf(
-        ExitReason::serverUnreachable(fmt::format("no thread for the driver: {}", error.what())),
-        {}));
+    const auto reason =
+        ExitReason::serverUnreachable(fmt::format("no thread for the driver: {}", error.what()));
+    finishLater(attempt, resultOf(reason, StatusText::describe(reason)));
   }
 }
 
-void ConnectFlow::connect(const ConnectDraft& draft, Completion completion) {
-  MainThread::require("ConnectFlow::connect");
-  if (!draft.llmKey.empty()) return prove(draft, draft.llmKey, completion);
-  // The stored key stays, and is checked in its place.
-  const auto read = [secrets = secrets_] { return secrets->read(SecretAccount::llmKey); };
-  askSecretStore(read, [self = QPointer(this), draft, completion](const auto& stored) {
-    if (!self) return;
-    if (stored) return self->prove(draft, stored->value_or(""), completion);
-    const auto& why = stored.error().description;
-    completion(resultOf(ExitReason::badConfig(why),
-                        {"Could not read the Keychain", why, StatusText::Action::none}));
-  });
-}
-
-/// Tries the draft with this key, and saves the draft if it proves good.
-void ConnectFlow::prove(const ConnectDraft& draft, const std::string& key,
-                        const Completion& completion) {
-  ConnectDraft tried = draft;
-  tried.llmKey = key;
-  dryRun(tried, true, [this, draft, completion](const ConnectResult& result) {
-    if (result.reason != ExitReason::clean()) return completion(result);
-    save(draft, result, completion);
-  });
-}
-
-void ConnectFlow::save(const ConnectDraft& draft, const ConnectResult& result,
-                       const Completion& completion) {
-  const auto write = [secrets = secrets_, draft] { return writeSecrets(*secrets, draft); };
-  const auto written = [self = QPointer(this), draft, result,
-                        completion](const SecretStore::Result<void>& outcome) {
-    if (!self) return;
-    if (!outcome) {
-      const auto& why = outcome.error().description;
-      AppLog::connect.error(fmt::format("[ConnectFlow] keychain write failed: {}", why));
-      ConnectResult unsaved = result;
-      unsaved.text = {"Could not save to the Keychain", why, StatusText::Action::none};
-      return completion(unsaved);
-    }
-    if (const auto url = validateServerURL(draft.serverURL, draft.allowInsecure)) {
-      self->settings_.setServerURL(*url);
-    }
-    self->settings_.setAllowInsecure(draft.allowInsecure);
-    self->log_->write(
-        fmt::format("» connected as {} — settings saved", result.username.value_or("?")));
-    completion(result);
+void ConnectFlow::proven(const AttemptPtr& attempt, const ConnectResult& result) {
+  attempt->handle.reset();
+  if (!attempt->isToBeSaved || result.reason != ExitReason::clean()) {
+    return finish(attempt, result);
+  }
+  const auto write = [secrets = secrets_, draft = attempt->draft, commit = attempt->commit] {
+    return writeSecrets(*secrets, draft, *commit);
   };
-  askSecretStore(write, written);
+  askSecretStore(write, [self = QPointer(this), attempt, result](const auto& written) {
+    if (self) self->saved(attempt, written, result);
+  });
+}
+
+void ConnectFlow::saved(const AttemptPtr& attempt, const SecretStore::Result<void>& written,
+                        ConnectResult result) {
+  if (attempt->commit->isCalledOff()) return;  // its completion is on its way
+  if (!written) {
+    const auto& why = written.error().description;
+    AppLog::connect.error(fmt::format("[ConnectFlow] keychain write failed: {}", why));
+    result.text = {"Could not save to the Keychain", why, StatusText::Action::none};
+    return finish(attempt, result);
+  }
+  const auto& draft = attempt->draft;
+  if (const auto url = validateServerURL(draft.serverURL, draft.allowInsecure)) {
+    settings_.setServerURL(*url);
+  }
+  settings_.setAllowInsecure(draft.allowInsecure);
+  result.saved = true;
+  log_->write(fmt::format("» connected as {} — settings saved", result.username.value_or("?")));
+  finish(attempt, result);
+}
+
+/// Ends an attempt, once; lets go of its secrets first, since the completion may take its time.
+void ConnectFlow::finish(const AttemptPtr& attempt, const ConnectResult& result) {
+  if (isUnderWay(attempt)) attempt_.reset();
+  attempt->draft = {};
+  if (const auto completion = std::exchange(attempt->completion, nullptr)) completion(result);
+}
+
+void ConnectFlow::finishLater(const AttemptPtr& attempt, const ConnectResult& result) {
+  MainThread::post([self = QPointer(this), attempt, result] {
+    if (self) self->finish(attempt, result);
+  });
 }
 
 }  // namespace verdo

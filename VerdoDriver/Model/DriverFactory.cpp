@@ -13,8 +13,7 @@ class RealDriver : public DriverHandle {
   ExitReason run() override { return runner_.run(); }
   void stop() override { runner_.stop(); }
   void killJobsNow() override { runner_.killJobsNow(); }
-  /// The runner finds out by itself: a connection that died fails with its next time-out.
-  void networkChanged() override {}
+  void networkChanged() override { runner_.networkChanged(); }
 
  private:
   DriverRunner runner_;

@@ -52,13 +52,13 @@ class LegacyDriverMigration {
 
   /// Absent when there is neither a launch agent nor its plist: an env file or a data directory
   /// alone belongs to whoever uses the driver without the agent.
-  std::optional<LegacyInstall> detect() const;
+  [[nodiscard]] std::optional<LegacyInstall> detect() const;
   /// Everything is absent when the env file is missing, unreadable or no UTF-8.
   LegacySecrets readSecrets() const;
   /// Stops the agent, then removes its plist and the data directory. Stops at the first that
   /// cannot be removed. That there is nothing to stop or to remove is success; the env file stays.
-  Result removeAgent() const;
-  Result deleteEnvFile() const;
+  [[nodiscard]] Result removeAgent() const;
+  [[nodiscard]] Result deleteEnvFile() const;
 
   std::string plistPath() const;
   std::string envFilePath() const;

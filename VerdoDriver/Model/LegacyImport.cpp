@@ -14,11 +14,7 @@
 namespace verdo {
 namespace {
 
-/// A clean run whose values could not be stored says so in its text only.
-bool isSaved(const ConnectResult& result) {
-  return result.reason == ExitReason::clean() &&
-         result.text.title == StatusText::describe(result.reason).title;
-}
+constexpr const char* kNoneForHeadless = "[AppModel] -VERDOImportLegacy: no Terminal driver found";
 
 }  // namespace
 
@@ -30,10 +26,10 @@ void LegacyImport::detect() {
 }
 
 void LegacyImport::importLegacy(bool remove, const Completion& completion) {
-  if (!legacy_ || legacyBusy_) return completion(std::nullopt);
+  if (!legacy_ || legacyBusy_) return endLater(completion);
   const LegacySecrets secrets = parts_.migration.readSecrets();
   if (!secrets.token || legacyReplaceArmed_) return check(secrets, remove, completion);
-  readStoredToken([this, secrets, remove, completion](const StoredToken& stored) {
+  readStoredToken(true, [this, secrets, remove, completion](const StoredToken& stored) {
     if (!stored) {
       stopAtStore(stored.error());
       return completion(std::nullopt);
@@ -49,9 +45,20 @@ void LegacyImport::importLegacy(bool remove, const Completion& completion) {
   });
 }
 
-void LegacyImport::readStoredToken(const std::function<void(const StoredToken&)>& done) {
+/// Ends an import that never came to a check.
+void LegacyImport::endLater(const Completion& completion) {
+  MainThread::post([self = QPointer(this), completion] {
+    if (self) completion(std::nullopt);
+  });
+}
+
+/// `isUsersWish`: the system may ask the user to unlock the store.
+void LegacyImport::readStoredToken(bool isUsersWish,
+                                   const std::function<void(const StoredToken&)>& done) {
   setBusy(true);
-  const auto read = [secrets = parts_.secrets] {
+  const auto read = [secrets = parts_.secrets, isUsersWish]() -> StoredToken {
+    const auto unlocked = isUsersWish ? secrets->unlock() : SecretStore::Result<void>();
+    if (!unlocked) return tl::make_unexpected(unlocked.error());
     return secrets->read(SecretAccount::driverToken);
   };
   const auto answered = [self = QPointer(this), done](const StoredToken& stored) {
@@ -76,7 +83,7 @@ void LegacyImport::check(const LegacySecrets& secrets, bool remove, const Comple
     const std::string& reason = server.error().message;
     setMessage("Import refused: " + reason);
     AppLog::migration.error("[AppModel] import refused: " + reason);
-    return completion(std::nullopt);
+    return endLater(completion);
   }
   setBusy(true);
   setMessage(fmt::format("Checking the env file's token against {}…", *server));
@@ -93,7 +100,7 @@ void LegacyImport::check(const LegacySecrets& secrets, bool remove, const Comple
 
 void LegacyImport::finish(const LegacySecrets& secrets, bool remove, const ConnectResult& result) {
   setBusy(false);
-  if (!isSaved(result)) {
+  if (!result.saved) {
     setMessage(fmt::format("Import failed — nothing written: {}. {}", result.text.title,
                            result.text.detail));
     AppLog::migration.error(
@@ -139,11 +146,10 @@ void LegacyImport::importLegacyHeadless() {
   parts_.log->write("» headless import of the Terminal driver requested (-VERDOImportLegacy)");
   setArmed(false);  // only a user confirms
   detect();
-  if (!legacy_) {
-    AppLog::migration.info("[AppModel] -VERDOImportLegacy: no Terminal driver found");
-    return;
-  }
-  readStoredToken([this](const StoredToken& stored) {
+  if (!legacy_) return AppLog::migration.info(kNoneForHeadless);
+  readStoredToken(false, [this](const StoredToken& stored) {
+    // The store took its time, in which it may have been looked for anew.
+    if (!legacy_) return AppLog::migration.info(kNoneForHeadless);
     if (!stored) {
       stopAtStore(stored.error());
       return finishHeadless();

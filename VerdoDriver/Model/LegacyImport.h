@@ -23,8 +23,8 @@ class LegacyImport : public QObject {
   Q_PROPERTY(bool legacyReplaceArmed READ legacyReplaceArmed NOTIFY changed)
   Q_PROPERTY(bool legacyBusy READ legacyBusy NOTIFY changed)
  public:
-  /// Called exactly once, on the main thread, unless the import is gone by then. The result is
-  /// absent when it never came to a check.
+  /// Called exactly once, on the main thread and never inside the call, unless the import is gone
+  /// by then. The result is absent when it never came to a check.
   using Completion = std::function<void(const std::optional<ConnectResult>&)>;
   /// ConnectFlow::connect, or its like.
   using Connect = std::function<void(const ConnectDraft&, ConnectFlow::Completion)>;
@@ -66,7 +66,8 @@ class LegacyImport : public QObject {
  private:
   using StoredToken = SecretStore::Result<std::optional<std::string>>;
 
-  void readStoredToken(const std::function<void(const StoredToken&)>& done);
+  void endLater(const Completion& completion);
+  void readStoredToken(bool isUsersWish, const std::function<void(const StoredToken&)>& done);
   void check(const LegacySecrets& secrets, bool remove, const Completion& completion);
   void finish(const LegacySecrets& secrets, bool remove, const ConnectResult& result);
   void stopAtStore(const SecretError& error);

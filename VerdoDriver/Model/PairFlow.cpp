@@ -64,14 +64,10 @@ void PairFlow::started(Generation generation,
   if (!reply) {
     const auto error = reply.error().errorDescription();
     log_->write("✗ pairing request failed: " + error);
-    setState(PairingFailed{fmt::format("Could not reach {}: {}", server_, error)});
-    return;
+    return fail(fmt::format("Could not reach {}: {}", server_, error));
   }
   const auto verifyURL = WebLink::onServer(server_, reply->verifyPath);
-  if (!verifyURL) {
-    setState(PairingFailed{"The server sent an invalid approve link."});
-    return;
-  }
+  if (!verifyURL) return fail("The server sent an invalid approve link.");
   code_ = reply->code;
   const auto expiresAt = clock_->now() + std::max(reply->expiresIn, kMinLifetime);
   const auto interval = std::max(Clock::Duration(reply->interval), minInterval_);
@@ -93,10 +89,7 @@ void PairFlow::schedulePoll(Clock::Duration delay, const Polling& polling) {
 
 void PairFlow::poll(const Polling& polling) {
   if (polling.generation != generation_) return;
-  if (clock_->now() > polling.expiresAt) {
-    finish(PairingFailed{kExpired}, polling.generation);
-    return;
-  }
+  if (clock_->now() > polling.expiresAt) return fail(kExpired);
   service_->poll(server_, allowInsecure_, code_.value_or(""),
                  [self = QPointer<PairFlow>(this), polling](const auto& reply) {
                    if (self) self->polled(polling, reply);
@@ -108,27 +101,20 @@ void PairFlow::polled(const Polling& polling,
   if (polling.generation != generation_) return;
   if (!reply) {
     const auto error = reply.error().errorDescription();
-    if (isFinal(reply.error())) {
-      finish(PairingFailed{"The server refused the request: " + error}, polling.generation);
-      return;
-    }
+    if (isFinal(reply.error())) return fail("The server refused the request: " + error);
     AppLog::connect.info("[PairFlow] poll failed, retrying: " + error);
     schedulePoll(kBackOff * polling.interval, polling);
     return;
   }
   switch (reply->status) {
     case PairingPoll::Status::pending:
-      schedulePoll(polling.interval, polling);
-      break;
+      return schedulePoll(polling.interval, polling);
     case PairingPoll::Status::denied:
-      finish(PairingFailed{"Denied in the browser — nothing was connected."}, polling.generation);
-      break;
+      return fail("Denied in the browser — nothing was connected.");
     case PairingPoll::Status::expired:
-      finish(PairingFailed{kExpired}, polling.generation);
-      break;
+      return fail(kExpired);
     case PairingPoll::Status::approved:
-      approved(polling.generation, *reply);
-      break;
+      return approved(polling.generation, *reply);
   }
 }
 
@@ -164,10 +150,15 @@ void PairFlow::endConnecting(const std::optional<std::string>& failure) {
   }
 }
 
-void PairFlow::finish(PairingState state, Generation generation) {
-  if (generation != generation_) return;
+void PairFlow::connectAgain(const std::string& username) {
+  if (std::holds_alternative<PairingFailed>(state_)) setState(PairingConnecting{username});
+}
+
+/// Ends the pairing in hand. The one who waits for the token goes: it holds the user's LLM key.
+void PairFlow::fail(std::string message) {
   code_.reset();
-  setState(std::move(state));
+  onApproved_ = nullptr;
+  setState(PairingFailed{std::move(message)});
 }
 
 void PairFlow::setState(PairingState state) {

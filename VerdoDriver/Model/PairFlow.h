@@ -33,13 +33,17 @@ class PairFlow : public QObject {
            Clock::Duration minInterval = std::chrono::seconds(1));
 
   /// Abandons the pairing in hand and begins another with the server that the user typed.
-  /// `onApproved` is called once the state is `connecting`, unless the pairing is abandoned first.
+  /// `onApproved` is called once the state is `connecting`; it is let go of when the pairing ends
+  /// in any other way.
   void start(const std::string& serverURL, bool allowInsecure, OnApproved onApproved);
   /// Abandons the pairing in hand. The message of one that failed stays.
   void cancel();
   /// Leaves `connecting` once the token was checked: for `failed` with the message, or for `idle`.
   /// Nothing in any other state, as when the pairing was cancelled meanwhile.
   void endConnecting(const std::optional<std::string>& failure);
+
+  /// Goes back from `failed` to `connecting`: the token that this user approved is checked again.
+  void connectAgain(const std::string& username);
 
   const PairingState& state() const { return state_; }
 
@@ -60,7 +64,7 @@ class PairFlow : public QObject {
   void poll(const Polling& polling);
   void polled(const Polling& polling, const tl::expected<PairingPoll, PairingError>& reply);
   void approved(Generation generation, const PairingPoll& poll);
-  void finish(PairingState state, Generation generation);
+  void fail(std::string message);
   void setState(PairingState state);
 
   const std::shared_ptr<PairingService> service_;

@@ -38,7 +38,7 @@ class UpdateChecker : public QObject {
   explicit UpdateChecker(std::string currentVersion) : currentVersion_(std::move(currentVersion)) {}
 
   /// Where a server keeps its manifest; absent when its URL is not one.
-  static std::optional<std::string> manifestURL(const std::string& server);
+  [[nodiscard]] static std::optional<std::string> manifestURL(const std::string& server);
 
   /// Asks the server. The completion comes asynchronously, once, after `latest` was replaced; not
   /// when the checker is gone by then.

@@ -5,6 +5,7 @@
 #include "tests/Support/TempDir.h"
 
 #include <QSettings>
+#include <atomic>
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
@@ -143,7 +144,7 @@ TEST_F(LegacyImportTest, ReplacesATokenUnasked) {
   import->importLegacyHeadless();
   EXPECT_TRUE(spinUntil([&] { return import->migrationMessage().has_value(); }));
   EXPECT_TRUE(appLog.has("-VERDOImportLegacy: importing (token true, key true)"));
-  answer({ExitReason::clean(), {}, done});
+  answer({ExitReason::clean(), {}, done, true});
   EXPECT_EQ(log->lines().back(), "headless import: Imported: server, token, key, agent removed.");
 }
 
@@ -157,9 +158,37 @@ TEST_F(LegacyImportTest, MistakesALockedKeyringForAnEmptyOne) {
   EXPECT_TRUE(drafts.empty() && !import->legacyReplaceArmed() && !import->legacyBusy());
 }
 
+TEST_F(LegacyImportTest, TrustsAnOldDetectionWhileTheStoreAnswers) {
+  make(secrets);
+  import->importLegacyHeadless();
+  std::filesystem::remove(home / kPlist);
+  import->detect();  // as opening the popover does
+  EXPECT_TRUE(
+      spinUntil([&] { return appLog.has("-VERDOImportLegacy: no Terminal driver found"); }));
+  EXPECT_TRUE(drafts.empty() && !import->legacyBusy());
+}
+
+TEST_F(LegacyImportTest, PromptsWithoutAUser) {
+  struct CountingStore : MemorySecretStore {
+    Result<void> unlock() override {
+      ++unlocks;
+      return {};
+    }
+    std::atomic<int> unlocks = 0;
+  };
+  const auto store = std::make_shared<CountingStore>();
+  (void)store->write("stored-9999", SecretAccount::driverToken);
+  make(store);
+  import->importLegacyHeadless();
+  EXPECT_TRUE(spinUntil([&] { return appLog.has("a token is already stored — use the banner"); }));
+  EXPECT_EQ(store->unlocks, 0);
+  press();
+  EXPECT_EQ(store->unlocks, 1);
+}
+
 TEST_F(LegacyImportTest, TellsOrDoesSomethingElseAfterTheCheck) {
   const auto gone = StatusText::describe(ExitReason::serverUnreachable("gone"));
-  const StatusText unsaved{"Could not save to the Keychain", "It is full.", {}};
+  const StatusText unsaved{done.title, "It is full.", {}};  // the words decide nothing
   const std::string failed = "Import failed — nothing written: ";
   const std::string imported = "Imported: server, token, key";
   const struct {
@@ -168,7 +197,7 @@ TEST_F(LegacyImportTest, TellsOrDoesSomethingElseAfterTheCheck) {
     std::string message;
   } table[] = {
       {true, false, gone, failed + "Server unreachable. gone — retrying"},
-      {true, false, unsaved, failed + "Could not save to the Keychain. It is full."},
+      {true, false, unsaved, failed + done.title + ". It is full."},
       {false, false, done, imported + "."},
       {true, true, done,
        imported + ", agent NOT removed: could not delete " + home / kPlist +
@@ -187,8 +216,13 @@ TEST_F(LegacyImportTest, TellsOrDoesSomethingElseAfterTheCheck) {
     bool refused = false;
     import->importLegacy(true, [&](const auto& given) { refused = !given; });
     import->removeLegacyOnly();
+    EXPECT_FALSE(refused) << "within the call";
+    EXPECT_TRUE(spinUntil([&] { return refused; }));
     EXPECT_TRUE(refused && import->legacyBusy() && home.has(kPlist));
-    answer({text == gone ? ExitReason::serverUnreachable("gone") : ExitReason::clean(), {}, text});
+    answer({text == gone ? ExitReason::serverUnreachable("gone") : ExitReason::clean(),
+            {},
+            text,
+            text == done});
     EXPECT_FALSE(import->legacyBusy());
     EXPECT_EQ(message(), expected);
     EXPECT_EQ(after, text == done ? "manifest restart " : "");

@@ -14,6 +14,7 @@ using Error = PairingError;
 
 const PairingPoll kPending{PairingPoll::Status::pending, "", ""};
 const PairingPoll kDenied{PairingPoll::Status::denied, "", ""};
+const PairingPoll kExpired{PairingPoll::Status::expired, "", ""};
 const PairingPoll kApproved{PairingPoll::Status::approved, "token-6789", "ann"};
 const std::string kTooLate =
     "The request expired before it was approved — press Connect to website again.";
@@ -95,6 +96,82 @@ TEST_F(PairFlowTest, AbandonedPairingGoesOn) {
   clock->advance(1000s);
   EXPECT_EQ(service->polls.size(), 1u);
   EXPECT_EQ(given, "");
+}
+
+TEST_F(PairFlowTest, FailedPairingKeepsWhoWaitsForTheToken) {
+  const auto refused = tl::make_unexpected(Error::http(403, "no"));
+  const struct {
+    const char* how;
+    std::function<void()> fail;
+  } table[] = {
+      {"no code", [&] { service->starts.back().answer(refused); }},
+      {"bad link", [&] { answerStart(600s, 5s, "@evil.example/"); }},
+      {"denied", [&] { answerStart(), clock->advance(5s), answer(kDenied); }},
+      {"expired", [&] { answerStart(), clock->advance(5s), answer(kExpired); }},
+      {"refused",
+       [&] { answerStart(), clock->advance(5s), service->polls.back().answer(refused); }},
+      {"too late", [&] { answerStart(1s, 600s), clock->advance(600s); }},
+      {"cancelled", [&] { answerStart(), flow->cancel(); }},
+  };
+  for (const auto& [how, fail] : table) {
+    const auto key = std::make_shared<std::string>("llm-key");
+    flow->start("https://verdo.example", false, [key](auto, auto) {});
+    EXPECT_EQ(key.use_count(), 2);
+    fail();
+    EXPECT_EQ(key.use_count(), 1) << how;
+  }
+}
+
+TEST_F(PairFlowTest, BacksOffTooLongOrGivesUpTooSoon) {
+  const struct {
+    Error error;
+    bool isFinal;
+  } table[] = {
+      {Error::transport("t"), false}, {Error::badReply("b"), false}, {Error::http(307, ""), false},
+      {Error::http(399, ""), false},  {Error::http(400, ""), true},  {Error::http(403, ""), true},
+      {Error::http(428, ""), true},   {Error::http(429, ""), false}, {Error::http(499, ""), true},
+      {Error::http(500, ""), false},  {Error::refused("r"), false}};
+  for (const auto& [error, isFinal] : table) {
+    startPolling();
+    const auto polls = service->polls.size();
+    for (const int again : {1, 2, 3}) {  // the pause does not grow
+      service->polls.back().answer(tl::make_unexpected(error));
+      if (isFinal) break;
+      clock->advance(9999ms);
+      EXPECT_EQ(service->polls.size(), polls + again - 1);
+      clock->advance(1ms);
+      EXPECT_EQ(service->polls.size(), polls + again);
+    }
+    EXPECT_EQ(state(),
+              isFinal ? "The server refused the request: " + error.errorDescription() : "waiting");
+    if (isFinal) continue;
+    answer(kPending);  // and is the plain one again after an answer
+    clock->advance(5s);
+    EXPECT_EQ(service->polls.size(), polls + 4);
+  }
+}
+
+TEST_F(PairFlowTest, ConnectingEndsWronglyOrTwice) {
+  flow->endConnecting("not now");
+  EXPECT_EQ(state(), "idle");
+  startPolling();
+  flow->endConnecting("not now");
+  EXPECT_EQ(state(), "waiting");
+  for (const auto& failure : {std::optional<std::string>("no key"), {}}) {
+    startPolling();
+    answer(kApproved);
+    EXPECT_EQ(state(), "connecting");
+    flow->endConnecting(failure);
+    EXPECT_EQ(state(), failure.value_or("idle"));
+    flow->endConnecting("again");
+    EXPECT_EQ(state(), failure.value_or("idle"));
+  }
+  EXPECT_EQ(given, "token-6789token-6789");
+  startPolling();
+  answer(kApproved);
+  flow->cancel();
+  flow->endConnecting("too late");
+  EXPECT_EQ(state(), "idle");
 }
 
 TEST_F(PairFlowTest, ObserverIsOverrun) {

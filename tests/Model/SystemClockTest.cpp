@@ -67,4 +67,14 @@ TEST(SystemClock, CountsNoSleepOrFollowsTheDate) {
   EXPECT_EQ(ran, "123");
 }
 
+TEST(ClockToken, CancelsTwiceOrWithoutSayingSo) {
+  int told = 0;
+  ClockToken token([&] { ++told; });
+  EXPECT_FALSE(token.isCancelled());
+  token.cancel();
+  token.cancel();
+  EXPECT_TRUE(token.isCancelled());
+  EXPECT_EQ(told, 1);
+}
+
 }  // namespace verdo::test
