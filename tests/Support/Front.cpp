@@ -40,7 +40,10 @@ int Front::ask(const std::string& command) {
 }
 
 std::string Front::nextLine() {
-  if (!output_.waitForCount(read_ + 1)) throw std::runtime_error("front.mjs does not answer");
+  const auto answered = [&] { return output_.now().size() > read_; };
+  if (!eventually(answered, std::chrono::seconds(30))) {
+    throw std::runtime_error("front.mjs does not answer");
+  }
   return output_.now()[read_++];
 }
 
