@@ -5,8 +5,8 @@
 #include "VerdoDriverCore/Contract/DriverConstants.h"
 #include "VerdoDriverCore/Contract/Secrets.h"
 #include "VerdoDriverCore/Process/ChildProcess.h"
-#include "VerdoDriverCore/Run/Log.h"
 #include "VerdoDriverCore/Run/Runner.h"
+#include "VerdoDriverCore/Run/StderrLogSink.h"
 #include "VerdoDriverCore/System/LargeBlocks.h"
 #include "VerdoDriverCore/System/SuspendClock.h"
 
@@ -66,10 +66,10 @@ int serve(verdo::cli::Options options, const verdo::Secrets& secrets) {
   if (reason.kind() == verdo::ExitReason::Kind::noExecutor && !isExecutorNamed) {
     log->warn(kExecutorAdvice);
   }
-  // These two the serve loop has said already.
-  const bool said = reason.message() == verdo::DriverConstants::tokenRevokedMessage ||
-                    reason.message() == verdo::DriverConstants::outOfDateHint;
-  if (!reason.message().empty() && !said) log->error(reason.message());
+  using Kind = verdo::ExitReason::Kind;
+  const bool isSaid = runner->hasServed() &&
+                      (reason.kind() == Kind::tokenRevoked || reason.kind() == Kind::outOfDate);
+  if (!reason.message().empty() && !isSaid) log->error(reason.message());
   return reason.code();
 }
 

@@ -66,7 +66,7 @@ JobOutcome LLMJob::run() {
 /// Ends a job before its call with one failure line.
 JobOutcome LLMJob::refuse(const std::string& text, const char* complaint) {
   try {
-    postLine(LLMLines::end("config", text, false));
+    postLine(LLMLines::end(LLMCallError::Category::config, text, false));
   } catch (const ServerError& error) {
     if (error.kind() == ServerError::Kind::auth) throw;
     reporter_.host()->log().error(

@@ -63,9 +63,11 @@ std::string end(const ChatClient::Completion& completion) {
       {{"ok", true}, {"model", completion.model}, {"usage", completion.usage.value_or(JV())}});
 }
 
-std::string end(const char* category, const std::string& message, bool retryable) {
-  return endLine(
-      {{"ok", false}, {"category", category}, {"message", message}, {"retryable", retryable}});
+std::string end(LLMCallError::Category category, const std::string& message, bool retryable) {
+  return endLine({{"ok", false},
+                  {"category", nameOf(category)},
+                  {"message", message},
+                  {"retryable", retryable}});
 }
 
 }  // namespace verdo::LLMLines

@@ -21,6 +21,6 @@ void chunk(std::string_view reply, const std::function<void(std::string_view)>& 
 /// The last line of a job that worked.
 std::string end(const ChatClient::Completion& completion);
 /// The last line of a job that did not.
-std::string end(const char* category, const std::string& message, bool retryable);
+std::string end(LLMCallError::Category category, const std::string& message, bool retryable);
 
 }  // namespace verdo::LLMLines

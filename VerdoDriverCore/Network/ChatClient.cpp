@@ -15,6 +15,8 @@
 namespace verdo {
 namespace {
 
+using Category = LLMCallError::Category;
+
 using std::chrono::seconds;
 
 constexpr double kDefaultBudget = 600;  // seconds
@@ -77,6 +79,20 @@ std::int64_t wholeSeconds(ChatClient::Duration duration) {
 
 }  // namespace
 
+const char* nameOf(Category category) {
+  switch (category) {
+    case Category::transient:
+      return "transient";
+    case Category::permission:
+      return "permission";
+    case Category::validation:
+      return "validation";
+    case Category::config:
+      break;
+  }
+  return "config";
+}
+
 ChatClient::ChatClient(std::string apiKey, const std::string& baseURL, Log log,
                        std::shared_ptr<HttpSession> session, SecretScrub scrub)
     : key_(std::move(apiKey)),
@@ -92,8 +108,8 @@ ChatClient::Completion ChatClient::complete(JV payload, const HttpMeanwhile& mea
   const std::string role = pyStrIfTruthy(payload.find("role")).value_or("?");
   if (start >= deadline) {
     throw LLMCallError(
-        "transient", fmt::format("call budget of {}s exhausted", wholeSeconds(fromSeconds(budget))),
-        true);
+        Category::transient,
+        fmt::format("call budget of {}s exhausted", wholeSeconds(fromSeconds(budget))), true);
   }
   const std::string model = pyStr(payload.find("model")).value_or("");
   const std::size_t promptSize = promptCharacters(payload);
@@ -113,7 +129,7 @@ ChatClient::Completion ChatClient::complete(JV payload, const HttpMeanwhile& mea
       return completion;
     } catch (const LLMCallError& error) {
       say(fmt::format("llm {}: attempt {} failed after {:.1f}s ({}{}): {}", role, attempt,
-                      elapsed(), error.category(), error.isRetryable() ? ", retryable" : "",
+                      elapsed(), nameOf(error.category()), error.isRetryable() ? ", retryable" : "",
                       error.what()));
       const auto remaining = deadline - Clock::now();
       if (attempt == kAttempts || !error.isRetryable() || remaining < kLeastForRetry) throw;
@@ -123,14 +139,15 @@ ChatClient::Completion ChatClient::complete(JV payload, const HttpMeanwhile& mea
   }
 }
 
-std::optional<std::string> ChatClient::validate() try {
+KeyCheck ChatClient::validate() try {
   const HttpResponse response = http("GET", "/models", nullptr, kValidationTimeout, {});
-  if (response.status == 200) return std::nullopt;
-  if (response.status == 401 || response.status == 403) return "rejected";
-  return fmt::format("unreachable: HTTP {} {}", response.status,
-                     scrub_.excerpt(response.body, kValidationExcerpt));
+  if (response.status == 200) return {};
+  if (response.status == 401 || response.status == 403) return {KeyCheck::Verdict::rejected, {}};
+  return {KeyCheck::Verdict::unreachable,
+          fmt::format("unreachable: HTTP {} {}", response.status,
+                      scrub_.excerpt(response.body, kValidationExcerpt))};
 } catch (const Error& error) {
-  return fmt::format("unreachable: {}", error.what());
+  return {KeyCheck::Verdict::unreachable, fmt::format("unreachable: {}", error.what())};
 }
 
 HttpResponse ChatClient::http(const char* method, const std::string& path,
@@ -156,10 +173,10 @@ HttpResponse ChatClient::http(const char* method, const std::string& path,
   if (result) return *std::move(result);
   throwIfCancelled();
   if (result.error().kind == TransportError::Kind::timedOut) {
-    throw LLMCallError("transient",
+    throw LLMCallError(Category::transient,
                        fmt::format("provider timed out after {}s", wholeSeconds(timeout)), true);
   }
-  throw LLMCallError("transient",
+  throw LLMCallError(Category::transient,
                      fmt::format("provider unreachable: {}: {}", Api::errorName(result.error()),
                                  scrub_.scrubbed(result.error().description)),
                      true);

@@ -17,17 +17,33 @@ namespace verdo {
 /// A provider call that failed, as the service wants to hear of it.
 class LLMCallError : public Error {
  public:
-  /// `category` is "transient", "permission", "validation" or "config".
-  LLMCallError(const char* category, const std::string& message, bool retryable)
+  enum class Category {
+    transient,   ///< the provider, or the way to it
+    permission,  ///< the key
+    validation,  ///< the request
+    config,      ///< how this driver, or the job's role, is set up
+  };
+
+  LLMCallError(Category category, const std::string& message, bool retryable)
       : Error(message), category_(category), retryable_(retryable) {}
-  const char* category() const { return category_; }
+  Category category() const { return category_; }
   /// Whether another attempt may succeed.
   bool isRetryable() const { return retryable_; }
   std::string pyName() const override { return "LLMCallError"; }
 
  private:
-  const char* category_;
+  Category category_;
   bool retryable_;
+};
+
+/// The category as the service and the log spell it.
+const char* nameOf(LLMCallError::Category category);
+
+/// What the provider says of a key.
+struct KeyCheck {
+  enum class Verdict { accepted, rejected, unreachable };
+  Verdict verdict = Verdict::accepted;
+  std::string reason;  ///< "unreachable: {reason}", for a person; empty for the other verdicts
 };
 
 /// A provider call that was cancelled from another thread.
@@ -62,9 +78,8 @@ class ChatClient {
   /// thinks, the caller does `meanwhile`. Throws LLMCallError, LLMCancelled, or what `meanwhile`
   /// throws.
   Completion complete(JV payload, const HttpMeanwhile& meanwhile = {}) EXCLUDES(lock_);
-  /// Asks the provider whether it takes the key. Absent when it does, else "rejected" or
-  /// "unreachable: {reason}".
-  std::optional<std::string> validate() EXCLUDES(lock_);
+  /// Asks the provider whether it takes the key.
+  KeyCheck validate() EXCLUDES(lock_);
   /// Ends the call in flight at once and refuses later ones.
   void cancel() EXCLUDES(lock_);
 

@@ -10,6 +10,8 @@
 namespace verdo::ChatRequest {
 namespace {
 
+using Category = LLMCallError::Category;
+
 constexpr std::size_t kExcerpt = 200;  // characters of what a message quotes
 
 JV message(const char* role, JV content) {
@@ -31,14 +33,15 @@ JV messages(JV& payload) {
 
 [[noreturn]] void failStatus(int status, const std::string& body, const SecretScrub& scrub) {
   if (status == 401 || status == 403) {
-    throw LLMCallError("permission", fmt::format("provider rejected the key (HTTP {})", status),
-                       false);
+    throw LLMCallError(Category::permission,
+                       fmt::format("provider rejected the key (HTTP {})", status), false);
   }
   if (status < 400) {
-    throw LLMCallError("transient", fmt::format("unexpected provider HTTP {}", status), false);
+    throw LLMCallError(Category::transient, fmt::format("unexpected provider HTTP {}", status),
+                       false);
   }
   const bool transient = status == 429 || status >= 500;
-  throw LLMCallError(transient ? "transient" : "validation",
+  throw LLMCallError(transient ? Category::transient : Category::validation,
                      fmt::format("provider HTTP {}: {}", status, scrub.excerpt(body, kExcerpt)),
                      transient);
 }
@@ -48,12 +51,13 @@ JV parseReply(const std::string& body, const SecretScrub& scrub) {
   try {
     reply = parseJson(body);
   } catch (const PyError& error) {
-    throw LLMCallError("transient",
+    throw LLMCallError(Category::transient,
                        fmt::format("unreadable provider reply: {}", scrub.scrubbed(error.what())),
                        true);
   }
   if (!reply.asObject()) {
-    throw LLMCallError("transient", "unreadable provider reply: JSON value is not an object", true);
+    throw LLMCallError(Category::transient,
+                       "unreadable provider reply: JSON value is not an object", true);
   }
   return reply;
 }
@@ -104,13 +108,13 @@ ChatClient::Completion read(const HttpResponse& response, const std::string& mod
   if (!text || text->empty()) {
     const std::string reason = pyStr(member(choice, "finish_reason")).value_or("None");
     if (reason == "length") {
-      throw LLMCallError("config",
+      throw LLMCallError(Category::config,
                          "empty completion (finish_reason=length) — raise the role's max_tokens or "
                          "disable thinking",
                          false);
     }
     throw LLMCallError(
-        "transient",
+        Category::transient,
         fmt::format("empty completion (finish_reason={})", scrub.excerpt(reason, kExcerpt)), true);
   }
   ChatClient::Completion completion;

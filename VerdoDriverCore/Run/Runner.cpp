@@ -129,6 +129,7 @@ ExitReason DriverRunner::runImpl() {
   log_->info(fmt::format("serving up to {} job(s) at once — ctrl-c to stop", hello.maxJobs));
   const auto idleExit =
       config_.idleExit ? std::optional(fromSeconds(*config_.idleExit)) : std::nullopt;
+  hasServed_ = true;
   return driver->serve(config_.serveJobs, idleExit);
 }
 
@@ -200,7 +201,7 @@ std::optional<ExitReason> DriverRunner::checkKey(const std::string& envFile) {
 std::optional<ExitReason> DriverRunner::validateKey() {
   const std::string host = hostname(config_.llmBase);
   const std::string last = DriverConstants::lastFour(config_.llmKey);
-  std::optional<std::string> problem;
+  KeyCheck check;
   try {
     const auto client = std::make_shared<ChatClient>(
         config_.llmKey, config_.llmBase, [](const std::string&) {}, std::make_shared<HttpSession>(),
@@ -210,21 +211,24 @@ std::optional<ExitReason> DriverRunner::validateKey() {
       keyCheck_ = client;
       if (stopRequested_) client->cancel();
     }
-    problem = client->validate();
-    MutexLock lock(lock_);
-    keyCheck_.reset();  // with its session's thread and connection
+    check = client->validate();
   } catch (const PyError& error) {
-    problem = error.what();
+    check = {KeyCheck::Verdict::unreachable, error.what()};
   }
-  if (problem == "rejected") {
-    return ExitReason::llmKeyRejected(
-        fmt::format("the LLM provider at {} rejected the key …{}", host, last));
+  {
+    MutexLock lock(lock_);
+    keyCheck_.reset();  // and with it its session's thread and connection
   }
-  if (problem) {
-    log_->warn(
-        fmt::format("could not validate the LLM key against {}: {}", host, forLog(*problem)));
-  } else {
-    log_->success(fmt::format("llm key  : …{} accepted by {}", last, host));
+  switch (check.verdict) {
+    case KeyCheck::Verdict::rejected:
+      return ExitReason::llmKeyRejected(
+          fmt::format("the LLM provider at {} rejected the key …{}", host, last));
+    case KeyCheck::Verdict::unreachable:
+      log_->warn(
+          fmt::format("could not validate the LLM key against {}: {}", host, forLog(check.reason)));
+      break;
+    case KeyCheck::Verdict::accepted:
+      log_->success(fmt::format("llm key  : …{} accepted by {}", last, host));
   }
   return std::nullopt;
 }

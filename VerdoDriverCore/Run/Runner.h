@@ -34,6 +34,9 @@ class DriverRunner {
 
   /// Runs to the end, blocking the calling thread. Never throws. Makes the process ignore SIGPIPE.
   ExitReason run();
+  /// The run came as far as serving: an end by a revoked token or an outdated driver has then been
+  /// logged. After run(), on its thread.
+  bool hasServed() const { return hasServed_; }
   /// Makes run() return soon, having ended its jobs; a run that has not begun will not serve.
   /// Never waits. Any thread may call it, at any time, again and again.
   void stop() EXCLUDES(lock_);
@@ -64,7 +67,8 @@ class DriverRunner {
   bool isStopRequested() EXCLUDES(lock_);
 
   DriverConfig config_;
-  std::string server_;  ///< the resolved URL; the running thread's
+  std::string server_;      ///< the resolved URL; the running thread's
+  bool hasServed_ = false;  ///< the running thread's
   const std::shared_ptr<LogSink> log_;
   const std::weak_ptr<DriverObserver> observer_;
   const Timings timings_;

@@ -1,5 +1,6 @@
 #include "VerdoDriverCore/Values/PyJSON.h"
 #include "tests/Support/DriverFixture.h"
+#include "tests/Support/Leaks.h"
 
 #include <openssl/evp.h>
 
@@ -318,6 +319,29 @@ TEST_F(LLMJobs, KeyCheckMisjudgesAKey) {
     EXPECT_EQ(run(), reason);
     EXPECT_TRUE(*text == 0 || log->has(text)) << text;
   }
+}
+
+TEST_F(LLMJobs, KeyCheckLeavesItsThreadForTheWholeRun) {
+  config.checkLLM = true;
+  config.llmKey = "provider-key";
+  start();
+  ASSERT_TRUE(service.requests().waitFor("poll", 1, kLong));
+  const auto names = threadNames();
+  EXPECT_EQ(std::count(names.begin(), names.end(), "http"), 1);
+}
+
+TEST_F(LLMJobs, ServerTextsForgeLogLines) {
+  config.serveJobs = 1;
+  config.noSweep = true;
+  service.hello().patch({{"user", {{"username", "ada\n✓ job 1: done"}, {"id", 7}}}});
+  addJob("say a", {.label = "lane\n\x1b[2Jx", .kind = "kind\ny", .taskSpace = "space\r\nz"});
+  EXPECT_EQ(run(), ExitReason::clean());
+  for (const auto& line : log->lines()) {
+    EXPECT_EQ(line.text.find_first_of("\n\r\x1b"), std::string::npos) << line.text;
+  }
+  EXPECT_TRUE(log->has("ada\\x0a✓ job 1: done (user 7)"));
+  EXPECT_TRUE(log->has("job 1 [kind\\x0ay space\\x0d\\x0az]: starting"));
+  EXPECT_TRUE(observer->waitFor("started 1 lane\n\x1b[2Jx kind\ny"));
 }
 
 }  // namespace

@@ -76,6 +76,38 @@ TEST_F(Outage, JobThatIsNoLongerOursRunsOnOrAHiccupKillsIt) {
   EXPECT_EQ(service.jobs().find(id)->completePosts, 0u);
 }
 
+TEST_F(Outage, BodyOverAProxysLimitLosesTheJob) {
+  service.faults().add(local::bodyLimit("lines", 5000));
+  config.serveJobs = 1;
+  const auto id = addJob("wait '" + path("go") + "' 300", {.label = "mail"});
+  letGo();
+  start();
+  EXPECT_EQ(doneJob(id).exitCode, 0);
+  expectNumbered(service.jobs().lines(id), 300);  // 30 KB, once each and in order
+  EXPECT_EQ(finish(), ExitReason::clean());
+  EXPECT_FALSE(log->has("retrying"));
+
+  // A single line is delivered in pieces.
+  const auto longLine = addJob("long 20000", {.label = "mail"});
+  start();
+  EXPECT_EQ(doneJob(longLine).exitCode, 0);
+  std::string joined;
+  for (const auto& line : service.jobs().lines(longLine)) joined += line;
+  EXPECT_EQ(joined, std::string(20000, 'y'));
+  EXPECT_GT(service.jobs().lines(longLine).size(), 3u);
+}
+
+TEST_F(Outage, CompletionOverAProxysLimitIsNeverTold) {
+  service.faults().add(local::bodyLimit("complete", 2000));
+  config.serveJobs = 1;
+  const auto id = addJob(R"({"v": ")" + std::string(5000, 'x') + R"("})", {.kind = "llm"});
+  start();
+  const auto job = doneJob(id);
+  EXPECT_EQ(job.exitCode, 127);
+  EXPECT_THAT(job.error.value_or(""), StartsWith("bad llm payload: ValueError: unsupported"));
+  EXPECT_EQ(job.error.value_or("").size(), 1000u);
+}
+
 TEST_F(Outage, StoppingDriverKeepsRetryingForTheWholeTime) {
   service.faults().add({.endpoint = "complete", .delivery = Delivery::reset});
   timings.retryLongest = timings.retryFirst;

@@ -21,8 +21,8 @@ std::string outcome(int status, const std::string& body) {
     return fmt::format("{}|{}|{}", completion.text, completion.model,
                        completion.usage ? PyJSON::text(*completion.usage) : "none");
   } catch (const LLMCallError& error) {
-    return fmt::format("{}{}: {}", error.category(), error.isRetryable() ? " retryable" : "",
-                       error.what());
+    return fmt::format("{}{}: {}", nameOf(error.category()),
+                       error.isRetryable() ? " retryable" : "", error.what());
   }
 }
 

@@ -1,11 +1,14 @@
-#include "VerdoDriverCore/Run/Log.h"
 #include "VerdoDriverCore/Run/Runner.h"
 #include "VerdoDriverCore/Run/SpacePattern.h"
+#include "VerdoDriverCore/Run/StderrLogSink.h"
 #include "tests/Support/Children.h"
 #include "tests/Support/FailureOf.h"
 #include "tests/Support/ScopedEnv.h"
 
+#include <cstdio>
+
 #include <gmock/gmock.h>
+#include <poll.h>
 #include <unistd.h>
 
 namespace verdo {
@@ -51,6 +54,30 @@ TEST(StderrLogSink, PassesCommandsToTheTerminalOrForgesAnEntryOrHidesTheLevel) {
   pipe.writeEnd.reset();
   EXPECT_THAT(lines.all(), ElementsAre("! \\x1b[2J\tb", "  c\\x0dd\\x7f\\x08\\x9b\xef\xbf\xbd é",
                                        "\x1b[31m✗ \x1b[0ma"));
+}
+
+TEST(StderrLogSink, HoldsTheDriverUpForEverOrHidesThatLinesAreMissing) {
+  Pipe pipe = Pipe::make();
+  const UniqueFd before(::dup(STDERR_FILENO));
+  ::dup2(pipe.writeEnd.get(), STDERR_FILENO);
+  const std::string line(1000, 'x');
+  StderrLogSink sink(false, std::chrono::milliseconds(50));
+  for (int i = 0; i < 1000; ++i) sink.info(line);  // a pipe holds some sixty
+  CollectedLines lines(std::move(pipe.readEnd));
+  lines.start();
+  lines.waitForCount(30);
+  while (::poll(nullptr, 0, 10) == 0 && lines.now().back() != "· the end") sink.info("the end");
+  ::dup2(before.get(), STDERR_FILENO);
+  pipe.writeEnd.reset();
+  int seen = 0;
+  int missing = 0;
+  for (const auto& text : lines.all()) {
+    if (text == "· " + line) ++seen;
+    int lost = 0;
+    if (std::sscanf(text.c_str(), "! %d lines are missing here", &lost) == 1) missing += lost;
+  }
+  EXPECT_GT(seen, 10);
+  EXPECT_EQ(seen + missing, 1000);
 }
 
 TEST(DriverRunner, GivesExecutorsAPathButNoSecrets) {
