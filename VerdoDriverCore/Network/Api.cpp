@@ -16,13 +16,6 @@
 namespace verdo {
 namespace {
 
-using std::chrono::seconds;
-
-// The protocol's time-outs.
-constexpr auto kHelloTimeout = seconds(20);
-constexpr auto kPollMargin = seconds(20);
-constexpr auto kPostTimeout = seconds(45);
-
 constexpr std::size_t kQuotedBody = 300;  // characters of an error's body that a message quotes
 
 /// Which bytes Python's quote leaves as they are: letters, digits and "_.-~/".
@@ -63,7 +56,7 @@ Api::Api(Options options, std::shared_ptr<HttpSession> session)
 JV Api::hello() {
   Call call;
   call.path = "/api/driver/hello";
-  call.timeout = kHelloTimeout;
+  call.timeout = options_.limits.hello;
   call.untilStop = true;
   if (options_.llmInfo) {
     call.headers.emplace_back("X-VERDO-Driver-LLM", PyJSON::text(*options_.llmInfo));
@@ -83,7 +76,7 @@ std::optional<JV> Api::poll(double wait, std::vector<std::string> busy) {
       appendQuoted(call.path, lane);
     }
   }
-  call.timeout = fromSeconds(wait) + kPollMargin;
+  call.timeout = fromSeconds(wait) + options_.limits.pollMargin;
   call.untilStop = true;
   return request(call).object;
 }
@@ -104,7 +97,7 @@ JV Api::post(const std::string& path, std::shared_ptr<const ByteBuffer> body) {
   call.method = "POST";
   call.path = path;
   call.body = std::move(body);
-  call.timeout = kPostTimeout;
+  call.timeout = options_.limits.post;
   Reply reply = request(call);
   if (reply.throttled) fail(ServerError::Kind::server, *reply.throttled);
   return reply.object ? std::move(*reply.object) : JV(JV::Object{});

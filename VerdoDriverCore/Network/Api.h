@@ -26,6 +26,13 @@ class Api {
  public:
   using Duration = std::chrono::steady_clock::duration;
 
+  /// How long a call may wait without any data moving: the protocol's time-outs.
+  struct Limits {
+    Duration hello = std::chrono::seconds(20);
+    Duration pollMargin = std::chrono::seconds(20);  ///< beyond what the poll asked to wait
+    Duration post = std::chrono::seconds(45);
+  };
+
   struct Options {
     std::string base;                         ///< service URL; trailing "/" are removed
     std::string token;                        ///< bearer credential
@@ -34,6 +41,7 @@ class Api {
     SecretScrub scrub;                        ///< what no message may hold, besides the token
     /// Upper limit of any request's time-out, seconds; absent: none.
     std::function<std::optional<double>()> timeoutCap = [] { return std::nullopt; };
+    Limits limits;
     Duration throttlePause = Timings().throttlePause;  ///< after a reply with status 429
   };
 

@@ -1,9 +1,5 @@
-#include "VerdoDriverCore/System/UniqueFd.h"
 #include "tests/Support/ApiFixture.h"
-
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <sys/socket.h>
+#include "tests/Support/Listener.h"
 
 namespace verdo::test {
 namespace {
@@ -14,28 +10,18 @@ using Clock = std::chrono::steady_clock;
 /// A listener whose queue is full: connects to it are never answered.
 class SilentListener {
  public:
-  SilentListener() : listener_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    auto* generic = reinterpret_cast<sockaddr*>(&address);
-    if (::bind(listener_.get(), generic, size) != 0 || ::listen(listener_.get(), 0) != 0 ||
-        ::getsockname(listener_.get(), generic, &size) != 0) {
-      throw std::runtime_error("cannot listen");
-    }
-    port_ = ntohs(address.sin_port);
+  SilentListener() {
     for (auto& filler : fillers_) {
       filler = UniqueFd(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-      static_cast<void>(::connect(filler.get(), generic, size));
+      const auto* address = reinterpret_cast<const sockaddr*>(&listener_.address());
+      static_cast<void>(::connect(filler.get(), address, sizeof listener_.address()));
     }
   }
-  std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
+  std::string url() const { return "http://127.0.0.1:" + std::to_string(listener_.port()); }
 
  private:
-  UniqueFd listener_;
+  Listener listener_{0};
   UniqueFd fillers_[4];
-  int port_ = 0;
 };
 
 class FirstByte : public HttpBodySink {
@@ -136,6 +122,39 @@ TEST_F(Cancel, CancelAllLeavesACallerBlockedOrRefusesLaterPosts) {
   service.endOutage();
   EXPECT_EQ(failureOf(calls[1]), "GET /api/driver/poll?wait=25 -> Cancelled: cancelled");
   EXPECT_EQ(failureOf(calls[3]), "");
+}
+
+TEST_F(Cancel, CallWaitsForAnotherOnesTimeOrWithoutALimit) {
+  const Api::Limits real;
+  EXPECT_EQ(real.hello, 20s);
+  EXPECT_EQ(real.pollMargin, 20s);
+  EXPECT_EQ(real.post, 45s);
+  EXPECT_EQ(HttpSession::Options().resourceLimit, 3600s);
+
+  service.addFault({.delay = 60s});
+  const struct {
+    std::function<void()> call;
+    Api::Limits limits;
+    std::chrono::milliseconds expected;
+    std::optional<double> cap{};
+  } table[] = {
+      {[&] { api->hello(); }, {.hello = 100ms}, 100ms},
+      {[&] { api->poll(0.2, {}); }, {.pollMargin = 100ms}, 300ms},
+      {[&] { api->lines(1, batch({})); }, {.post = 100ms}, 100ms},
+      {[&] { api->complete(1, 0, {}); }, {.post = 100ms}, 100ms},
+      {[&] { api->complete(1, 0, {}); }, {}, 100ms, 0.1},
+      {[&] { api->hello(); }, {.hello = 100ms}, 100ms, 30},
+  };
+  for (const auto& [call, limits, expected, cap] : table) {
+    auto given = options();
+    given.limits = limits;
+    given.timeoutCap = [cap = cap] { return cap; };
+    make(std::move(given));
+    const auto begin = Clock::now();
+    EXPECT_THAT(failureOf(call), testing::EndsWith("-> URLError: Timeout was reached"));
+    EXPECT_GE(Clock::now() - begin, expected);
+    EXPECT_LT(Clock::now() - begin, 10s);
+  }
 }
 
 TEST_F(Cancel, TimeoutEndsAReplyThatMovesOrSparesOneThatDoesNot) {

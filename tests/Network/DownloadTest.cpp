@@ -1,22 +1,27 @@
 #include "LocalService/Sha256.h"
+#include "LocalService/Tls.h"
 #include "VerdoDriverCore/Network/BodyQueue.h"
 #include "VerdoDriverCore/Network/CertificateFile.h"
 #include "VerdoDriverCore/System/Files.h"
 #include "tests/Support/ApiFixture.h"
 #include "tests/Support/Certificates.h"
 #include "tests/Support/Leaks.h"
+#include "tests/Support/Listener.h"
 
 #include <cstddef>
 
-#include <arpa/inet.h>
+#include <curl/curl.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <openssl/conf.h>
+#include <openssl/pem.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 
@@ -123,7 +128,8 @@ TEST_F(Download, ErrorOfCloseIsIgnored) {
 /// A download to a pipe that nobody reads yet: its disk does not answer.
 class StalledDisk : public Download {
  protected:
-  static constexpr auto kTimeout = 300ms;
+  static constexpr auto kTimeout = 800ms;  // the service may be that slow on a busy machine
+  static constexpr auto kStall = 1000ms;
 
   StalledDisk() : content(std::size_t{8} << 20, 'x') {
     // Different in each place, lest pieces change places unnoticed.
@@ -134,10 +140,12 @@ class StalledDisk : public Download {
     disk = UniqueFd(::open(path("file").c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
   }
   /// Starts the download and waits until the disk is full.
-  void begin() { begin(service.addFile({.name = "a", .content = content})); }
-  void begin(const std::string& address) {
-    caller = std::thread([this, address] {
-      failure = failureOfDownload([&] { sha256 = api->download(address, path("file"), kTimeout); });
+  void begin(std::chrono::milliseconds timeout = kLong) {
+    begin(service.addFile({.name = "a", .content = content}), timeout);
+  }
+  void begin(const std::string& address, std::chrono::milliseconds timeout) {
+    caller = std::thread([this, address, timeout] {
+      failure = failureOfDownload([&] { sha256 = api->download(address, path("file"), timeout); });
       ended.set();
     });
     const int capacity = ::fcntl(disk.get(), F_GETPIPE_SZ);
@@ -176,8 +184,8 @@ class StalledDisk : public Download {
 };
 
 TEST_F(StalledDisk, HoldsUpOtherRequestsOrFailsTheDownload) {
-  begin();
-  EXPECT_FALSE(ended.waitFor(2 * kTimeout));
+  begin(kTimeout);
+  EXPECT_FALSE(ended.waitFor(kStall));
   addJob("");
   api->poll(0, {});
   EXPECT_EQ(failureOf([&] { api->lines(1, batch({})); }), "");
@@ -204,41 +212,17 @@ TEST_F(StalledDisk, FailureOfAWriteIsNotNamedOrLeavesAFile) {
   EXPECT_FALSE(std::filesystem::exists(path("file")));
 }
 
-/// A server that promises more than it sends, and stays.
-class SilentServer {
- public:
-  SilentServer() : listener_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    auto* generic = reinterpret_cast<sockaddr*>(&address);
-    if (::bind(listener_.get(), generic, size) != 0 || ::listen(listener_.get(), 1) != 0 ||
-        ::getsockname(listener_.get(), generic, &size) != 0) {
-      throw std::runtime_error("cannot listen");
-    }
-    port_ = ntohs(address.sin_port);
-  }
-  std::string url() const { return fmt::format("http://127.0.0.1:{}/", port_); }
-  /// Answers one request with so many bytes of a body.
-  void answer(std::size_t bytes) {
-    connection_ = UniqueFd(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-    const auto reply =
-        "HTTP/1.1 200 OK\r\nContent-Length: 1000000000\r\n\r\n" + std::string(bytes, 'x');
-    EXPECT_EQ(writeAll(connection_.get(), reply).error, 0);
-  }
-
- private:
-  UniqueFd listener_;
-  UniqueFd connection_;
-  int port_ = 0;
-};
-
 TEST_F(StalledDisk, NetworkThatIsSilentLaterIsWaitedForWithoutALimit) {
-  SilentServer silent;
-  std::thread server([&] { silent.answer(4 * BodyQueue::kMaxBytes); });
-  begin(silent.url());
-  EXPECT_FALSE(ended.waitFor(2 * kTimeout));
+  const Listener listener;
+  UniqueFd connection;
+  std::thread server([&] {
+    connection = listener.accept();
+    const auto part = "HTTP/1.1 200 OK\r\nContent-Length: 1000000000\r\n\r\n" +
+                      std::string(4 * BodyQueue::kMaxBytes, 'x');
+    EXPECT_EQ(writeAll(connection.get(), part).error, 0);
+  });
+  begin(fmt::format("http://127.0.0.1:{}/", listener.port()), kTimeout);
+  EXPECT_FALSE(ended.waitFor(kStall));
   EXPECT_GE(work().size(), 2 * BodyQueue::kMaxBytes);
   server.join();
   EXPECT_EQ(failure, "URLError: Timeout was reached");
@@ -278,6 +262,105 @@ TEST_F(Pinned, CertificateOfAnotherAuthorityIsAccepted) {
       << "-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n"
       << contentOf(ours->authority());
   EXPECT_EQ(helloWith(path("both.pem")), "");
+}
+
+TEST_F(Pinned, SystemsAuthoritiesAreTrustedAsWell) {
+  const auto* built = curl_version_info(CURLVERSION_NOW);
+  if (!built->capath || !built->cainfo) GTEST_SKIP() << "libcurl knows no certificates";
+  // In place of the system's certificates, for one thread and those that it starts: ours.
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(
+      std::fopen(ours->authority().c_str(), "r"), &std::fclose);
+  const std::unique_ptr<X509, decltype(&X509_free)> authority(
+      PEM_read_X509(file.get(), nullptr, nullptr, nullptr), &X509_free);
+  std::filesystem::create_directory(path("roots"));
+  for (const auto& name : {std::filesystem::path(built->cainfo).filename().string(),
+                           fmt::format("{:08x}.0", X509_subject_name_hash(authority.get()))}) {
+    std::filesystem::copy(ours->authority(), path("roots/" + name));
+  }
+  const Certificates other;
+  bool isPermitted = false;
+  std::string unpinned;
+  std::string pinned;
+  std::thread([&] {
+    isPermitted = ::unshare(CLONE_NEWNS) == 0 &&
+                  ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                  ::mount(path("roots").c_str(), built->capath, nullptr, MS_BIND, nullptr) == 0;
+    if (!isPermitted) return;
+    unpinned = helloWith("");
+    pinned = helloWith(other.authority());
+  }).join();
+  if (!isPermitted) GTEST_SKIP() << "no mount namespaces here";
+  EXPECT_EQ(unpinned, "");
+  EXPECT_THAT(pinned, StartsWith("GET /api/driver/hello -> URLError: "));
+}
+
+TEST_F(Pinned, DownloadGoesOnInClear) {
+  make(options(), {.caCertificates = loadCertificates(ours->authority())});
+  local::LocalService clear;
+  clear.start();
+  const auto target = clear.url() + clear.addFile({.name = "x", .content = "abc"});
+  const auto address = service.addFile({.name = "x", .redirect = target});
+  EXPECT_EQ(failureOfDownload([&] { api->download(address, path("file"), 5s); }),
+            "URLError: Protocol \"http\" not supported or disabled in libcurl");
+  EXPECT_EQ(clear.requestCount(), 0u);
+  EXPECT_FALSE(std::filesystem::exists(path("file")));
+}
+
+/// Lets this process speak every version of TLS that its library has, as some systems do.
+class LaxTls {
+ public:
+  explicit LaxTls(const std::string& file) {
+    std::ofstream(file) << "openssl_conf = init\n[init]\nssl_conf = ssl\n[ssl]\n"
+                           "system_default = lax\n[lax]\nMinProtocol = TLSv1\n"
+                           "CipherString = DEFAULT@SECLEVEL=0\n";
+    EXPECT_EQ(CONF_modules_load_file(file.c_str(), nullptr, 0), 1);
+  }
+  ~LaxTls() { CONF_modules_load_file(nullptr, nullptr, CONF_MFLAGS_IGNORE_MISSING_FILE); }
+};
+
+TEST_F(Pinned, OutdatedTlsIsSpoken) {
+  const LaxTls lax(path("openssl.cnf"));
+  const auto helloOver = [&](int version) {
+    const Listener listener;
+    std::thread server([&] {
+      const UniqueFd connection = listener.accept();
+      const auto context = local::makeServerContext(ours->certificate(), ours->privateKey());
+      SSL_CTX_set_min_proto_version(context.get(), TLS1_VERSION);
+      SSL_CTX_set_max_proto_version(context.get(), version);
+      const local::SslPtr tls(SSL_new(context.get()));
+      SSL_set_fd(tls.get(), connection.get());
+      char request[4096];
+      if (SSL_accept(tls.get()) != 1 || SSL_read(tls.get(), request, sizeof request) <= 0) return;
+      constexpr std::string_view kReply = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n{}";
+      SSL_write(tls.get(), kReply.data(), static_cast<int>(kReply.size()));
+    });
+    auto given = options();
+    given.base = fmt::format("https://127.0.0.1:{}", listener.port());
+    make(std::move(given), {.caCertificates = loadCertificates(ours->authority())});
+    const auto failure = failureOf([&] { api->hello(); });
+    server.join();
+    return failure;
+  };
+  EXPECT_EQ(helloOver(TLS1_2_VERSION), "");
+  EXPECT_THAT(helloOver(TLS1_1_VERSION), StartsWith("GET /api/driver/hello -> URLError: "));
+}
+
+TEST_F(Pinned, FileWithoutACertificateCountsAsOne) {
+  const auto key = contentOf(ours->privateKey());
+  const auto certificate = contentOf(ours->authority());
+  const std::pair<const char*, std::string> table[] = {
+      {"empty", ""},
+      {"key", key},
+      {"broken", "-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n"},
+      {"half", certificate.substr(0, certificate.size() / 2)},
+  };
+  for (const auto& [name, content] : table) {
+    std::ofstream(path(name)) << content;
+    EXPECT_EQ(failureOfDownload([&, name = name] { loadCertificates(path(name)); }),
+              "SSLError: no certificate in " + path(name));
+  }
+  EXPECT_EQ(failureOfDownload([&] { loadCertificates(path("absent")); }),
+            "OSError: [Errno 2] No such file or directory: '" + path("absent") + "'");
 }
 
 }  // namespace
