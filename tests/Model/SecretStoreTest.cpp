@@ -7,6 +7,7 @@
 #include <QSettings>
 #include <algorithm>
 #include <latch>
+#include <memory>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -47,8 +48,11 @@ TEST(SecretWork, OvertakesOrOutlivesTheApp) {
   EXPECT_FALSE(queue.close(milliseconds(10))) << "did not wait, or waited for ever";
   last.count_down();
   EXPECT_TRUE(queue.close(milliseconds(10'000)));
-  queue.post([&] { done.clear(); });
-  EXPECT_EQ(done.size(), 100) << "went on after its end";
+  const auto dropped = std::make_shared<std::latch>(1);
+  queue.post([dropped] { dropped->wait(); });
+  EXPECT_EQ(dropped.use_count(), 1) << "went on after its end";
+  dropped->count_down();
+  EXPECT_EQ(done.size(), 100);
 }
 
 TEST(SecretPlace, IsForgottenOrMisread) {
