@@ -33,10 +33,9 @@ GROUP_SIZE = 8
 ALONE_ONLY = ('tests/', 'bench/')
 ALONE = '-*,clang-diagnostic-*,misc-include-cleaner,misc-unused-*'
 TOGETHER = '-clang-diagnostic-*,-misc-include-cleaner,-misc-unused-*,-bugprone-suspicious-include'
-# To the analyzer the sources of a group are headers. Its limit for one function is by default
-# three times this, and then it takes more than twice as long.
-ANALYZER = ['-Xclang', '-analyzer-opt-analyze-headers',
-            '-Xclang', '-analyzer-config', '-Xclang', 'max-nodes=75000']
+# The analyzer's limit for one function. By default it is three times this, and the analyzer then
+# takes more than twice as long.
+ANALYZER = ['-Xclang', '-analyzer-config', '-Xclang', 'max-nodes=75000']
 
 DIAGNOSTIC = re.compile(r'^(?=/[^\n:]+:\d+:\d+: (?:warning|error):)', re.MULTILINE)
 # This project's sources rely on what their own header includes; only includes too many are found.
@@ -101,10 +100,10 @@ class Work:
     def look(self, directory):
         """The findings, as text; empty when there are none."""
         name = hashlib.sha256(self._record.encode()).hexdigest()[:16] + '.cpp'
-        unit = os.path.join(directory, name) if self.together else self.sources[0]
+        unit = self.sources[0]
         if self.together:
-            with open(unit, 'w', encoding='utf-8') as file:
-                file.writelines(f'#include "{os.path.join(ROOT, path)}"\n' for path in self.sources)
+            unit = os.path.join(ROOT, directory, name)
+            begins = join_sources(self.sources, unit)
         checks = TOGETHER if self.together else ALONE
         # -H tells the headers; a group's warnings are told by its sources alone.
         extra = ['-H', *(['-w', *ANALYZER] if self.together else [])]
@@ -114,6 +113,8 @@ class Work:
             check=False, capture_output=True, text=True, errors='replace')
         findings = [text for text in DIAGNOSTIC.split(run.stdout)
                     if text.strip() and not NOT_OURS.search(text)]
+        if self.together:
+            findings = [in_source(text, unit, begins) for text in findings]
         if run.returncode not in (0, 1) and not findings:
             findings = [f'{TIDY} failed on {" ".join(self.sources)}:\n{run.stderr}']
         if not findings:
@@ -126,6 +127,34 @@ class Work:
         middle = len(self.sources) // 2
         return [Work(part, self._arguments, True, self._contents)
                 for part in (self.sources[:middle], self.sources[middle:])] if middle else []
+
+
+def join_sources(sources, unit):
+    """Writes the sources into one file, and gives each with the number of lines before it.
+
+    Joined they are all what the analyzer takes for the main file; it leaves out what is included.
+    """
+    begins = []
+    lines = 0
+    with open(unit, 'w', encoding='utf-8') as joined:
+        for path in sources:
+            with open(path, encoding='utf-8') as file:
+                text = file.read()
+            text += '' if text.endswith('\n') else '\n'
+            joined.write(text)
+            begins.append((lines, path))
+            lines += text.count('\n')
+    return begins
+
+
+def in_source(finding, unit, begins):
+    """The finding with places in the joined file replaced by those in its sources."""
+    def place(match):
+        line = int(match[1])
+        before, path = max(entry for entry in begins if entry[0] < line)
+        return f'{path}:{line - before}:'
+    finding = re.sub(re.escape(unit) + r':(\d+):', place, finding)
+    return re.sub(r'^ *\d+ \|', '      |', finding, flags=re.MULTILINE)
 
 
 def identity():
