@@ -153,7 +153,7 @@ void Server::acceptOne() {
   const auto task = [this, connection]() mutable {
     serve(*connection);
     {
-      // XX
+      const MutexLock inner(mutex_);
       connections_.erase(connection.get());
     }
     connection.reset();
