@@ -138,33 +138,37 @@ TEST_F(SecretPromptTest, ShortageOfThreadsEndsTheApp) {
 }
 
 TEST(SecretServiceStart, StartsAKeyringThatIsNotTheUsers) {
-  // Who has kept the secrets, the name that a program can be started by, and whether it may be.
-  const std::tuple<std::string, std::string, bool> table[] = {
-      {"", "org.freedesktop.secrets", false},
-      {"keepassxc", "org.freedesktop.secrets", false},
-      {"keepassxc", "org.kde.kwalletd5", false},
-      {"keepassxc", "org.gnome.keyring", false},
-      {"gnome-keyring-daemon", "org.gnome.keyring", true},
-      {"kwalletd6", "org.kde.kwalletd6", true},
-      {"kwalletd6", "org.kde.kwalletd5", false},
-      {"", "org.gnome.keyring", false},
-      {"", "org.kde.kwalletd5", false},
-      {"wallets", "org.kde.kwalletd5", true},
+  const PrivateBus bus;
+  const std::string gnome = "org.gnome.keyring", kde5 = "org.kde.kwalletd5",
+                    kde6 = "org.kde.kwalletd6";
+  for (const std::string& name : {std::string("org.freedesktop.secrets"), gnome, kde5, kde6}) {
+    // Leaves its mark and fails at once.
+    std::ofstream(bus.home() + "/" + name + ".service")
+        << "[D-BUS Service]\nName=" << name << "\nExec=/usr/bin/touch " << bus.home() << "/started-"
+        << name << " /no/such/place\n";
+  }
+  bus.call("org.freedesktop.DBus", "/", "org.freedesktop.DBus", "ReloadConfig");
+  const ScopedEnv session("DBUS_SESSION_BUS_ADDRESS", bus.address());
+  const TempDir none, wallets;
+  fs::create_directories(wallets / "kwalletd");
+  wallets.write("kwalletd/one.kwl", "");
+  // The program that has kept the secrets, the user's data, and what is started.
+  const std::tuple<std::string, const TempDir*, std::set<std::string>> table[] = {
+      {"", &none, {}},
+      {"keepassxc", &wallets, {}},
+      {"gnome-keyring-daemon", &none, {gnome}},
+      {"kwalletd6", &none, {kde6}},
+      {"", &wallets, {kde5, kde6}},
   };
-  for (const auto& [provider, name, allowed] : table) {
-    const TempDir home;
-    const bool hasWallets = provider == "wallets";
-    if (hasWallets) {
-      fs::create_directories(home / "kwalletd");
-      home.write("kwalletd/one.kwl", "");
-    }
-    const PrivateBus bus("[D-BUS Service]\nName=" + name + "\nExec=/usr/bin/touch " +
-                         (home / "started") + " /no/such/place\n");  // and fails at once
-    const ScopedEnv session("DBUS_SESSION_BUS_ADDRESS", bus.address());
-    const ScopedEnv data("XDG_DATA_HOME", home.path()), desktop("XDG_CURRENT_DESKTOP", {});
-    SecretServiceStore store("test.verdo", {milliseconds(8000)}, hasWallets ? "" : provider);
+  for (const auto& [provider, data, expected] : table) {
+    const ScopedEnv home("XDG_DATA_HOME", data->path()), desktop("XDG_CURRENT_DESKTOP", {});
+    SecretServiceStore store("test.verdo", {milliseconds(8000)}, provider);
     EXPECT_EQ(errorOf(store.read(kToken)).kind, Kind::unavailable);
-    EXPECT_EQ(fs::exists(home / "started"), allowed) << provider << " " << name;
+    std::set<std::string> started;
+    for (const std::string& name : {std::string("org.freedesktop.secrets"), gnome, kde5, kde6}) {
+      if (fs::remove(bus.home() + "/started-" + name)) started.insert(name);
+    }
+    EXPECT_EQ(started, expected) << provider;
   }
 }
 
