@@ -4,7 +4,6 @@
 #include <array>
 #include <cstring>
 
-#include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>

@@ -10,7 +10,6 @@
 #include <system_error>
 #include <utility>
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>

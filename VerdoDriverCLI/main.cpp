@@ -2,7 +2,6 @@
 #include "VerdoDriverCLI/Options.h"
 #include "VerdoDriverCLI/SignalThread.h"
 #include "VerdoDriverCLI/SuspendWatch.h"
-#include "VerdoDriverCore/Contract/DriverConstants.h"
 #include "VerdoDriverCore/Contract/Secrets.h"
 #include "VerdoDriverCore/Process/ChildProcess.h"
 #include "VerdoDriverCore/Run/Runner.h"

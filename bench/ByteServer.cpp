@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <stdexcept>
 
-#include <arpa/inet.h>
 #include <fmt/format.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 

@@ -19,8 +19,8 @@ using namespace std::chrono_literals;
 
 constexpr long long kBytes = 1'000'000'000;
 constexpr std::uint64_t kLines = kBytes / 100;
-constexpr double kMostTimes = 4;
-constexpr double kMostMemory = 64;  // MB
+constexpr double kMaxTimes = 4;
+constexpr double kMaxMemory = 64;  // MB
 
 /// What a program that only reads the same pipe and finds the line ends needs.
 struct Reference {
@@ -102,11 +102,11 @@ void benchOutput(std::vector<Row>& rows) {
   const auto job = service.jobs().find(id).value();
   const bool whole = job.lineCount == kLines && job.linesSha256 == reference.digest;
   rows.push_back({"1 GB in 100-byte lines: CPU", fmt::format("{:.2f} s", cpu),
-                  fmt::format("{:.2f} s", kMostTimes * reference.cpu),
-                  cpu <= kMostTimes * reference.cpu,
+                  fmt::format("{:.2f} s", kMaxTimes * reference.cpu),
+                  cpu <= kMaxTimes * reference.cpu,
                   fmt::format("reading and splitting {:.2f} s", reference.cpu)});
   rows.push_back({"1 GB in 100-byte lines: peak memory", fmt::format("{:.1f} MB", usage.peakRss),
-                  fmt::format("{:.0f} MB", kMostMemory), usage.peakRss <= kMostMemory, ""});
+                  fmt::format("{:.0f} MB", kMaxMemory), usage.peakRss <= kMaxMemory, ""});
   rows.push_back({"1 GB in 100-byte lines: each once, in order",
                   fmt::format("{} lines, digest {}", job.lineCount, whole ? "same" : "DIFFERS"),
                   fmt::format("{} lines", kLines), whole, "SHA-256 of the child's output"});

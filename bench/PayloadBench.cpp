@@ -59,7 +59,7 @@ void benchPayload(std::vector<Row>& rows) {
   measure(rows, "browser job with a 60 MiB script", job);
   job.kind = "llm";
   // The smaller one as well: allocators treat blocks of its size in another way.
-  for (const std::size_t size : {60, 20}) {
+  for (const std::size_t size : {60u, 20u}) {
     const nlohmann::json payload{{"v", 1}, {"model", "m"}, {"prompt", words(size * kMebibyte)}};
     job.payload = payload.dump();
     measure(rows, fmt::format("LLM job with a {} MiB prompt", size), job);

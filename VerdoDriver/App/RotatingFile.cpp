@@ -23,7 +23,7 @@ using std::chrono::milliseconds;
 /// How long another process may hold the file up. It needs microseconds, but may have been stopped.
 constexpr milliseconds kPatience{200};
 /// How often in one append others may take the file away before that counts as a failure.
-constexpr int kMostOpenings = 32;
+constexpr int kMaxOpenings = 32;
 
 [[noreturn]] void fail(const std::string& operation, const std::string& path, int reason = errno) {
   throw std::system_error(reason, std::generic_category(), operation + " " + path);
@@ -91,7 +91,7 @@ RotatingFile::RotatingFile(std::string directory, const std::string& name, std::
 void RotatingFile::append(std::string_view piece) {
   try {
     bool mayRotate = true;
-    for (int opening = 0; opening < kMostOpenings; ++opening) {
+    for (int opening = 0; opening < kMaxOpenings; ++opening) {
       if (!file_) open();
       const Outcome outcome = tryAppend(piece, mayRotate);
       if (outcome == Outcome::appended) return;

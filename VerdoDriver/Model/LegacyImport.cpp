@@ -9,7 +9,6 @@
 #include <vector>
 
 #include <fmt/format.h>
-#include <fmt/ranges.h>
 
 namespace verdo {
 namespace {

@@ -9,16 +9,16 @@
 namespace verdo {
 namespace {
 
-constexpr std::chrono::seconds kLongestRequest{60};
-constexpr std::size_t kLongestReply = 1 << 20;
+constexpr std::chrono::seconds kMaxRequest{60};
+constexpr std::size_t kMaxReply = 1 << 20;
 
 }  // namespace
 
 void ModelHttp::send(HttpRequest request, std::chrono::seconds timeout, Completion completion) {
   request.timeout = timeout;
-  request.deadline = HttpRequest::Clock::now() + kLongestRequest;
+  request.deadline = HttpRequest::Clock::now() + kMaxRequest;
   request.followRedirects = false;
-  request.maxBody = kLongestReply;
+  request.maxBody = kMaxReply;
   try {
     if (!session_) session_ = std::make_unique<HttpSession>();
   } catch (const std::exception& error) {

@@ -25,7 +25,7 @@ void Onboarding::start(const std::string& serverURL, bool allowInsecure, const s
       });
 }
 
-void Onboarding::retry(const std::string& llmKey, Completion completion) {
+void Onboarding::retry(const std::string& llmKey, const Completion& completion) {
   MainThread::require("Onboarding::retry");
   if (!approval_) return;
   pairing_.connectAgain(approval_->username);

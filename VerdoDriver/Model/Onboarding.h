@@ -30,7 +30,7 @@ class Onboarding : public QObject {
   void start(const std::string& serverURL, bool allowInsecure, const std::string& llmKey,
              Completion completion);
   /// Connects once more with the token that is kept and this key. Nothing without such a token.
-  void retry(const std::string& llmKey, Completion completion);
+  void retry(const std::string& llmKey, const Completion& completion);
   /// A token was approved and waits to be saved.
   bool hasApproval() const { return approval_.has_value(); }
   /// Ends the pairing or the connect that is under way, and forgets the token.

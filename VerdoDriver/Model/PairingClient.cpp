@@ -18,7 +18,7 @@ constexpr std::chrono::seconds kTimeout{20};
 /// Longer times are nonsense in a pairing, and would not fit dates and timers.
 constexpr std::int64_t kMaxSeconds = 7 * 24 * 3600;
 /// Of a text that the server puts into a message for the user, in characters.
-constexpr std::size_t kLongestQuote = 500;
+constexpr std::size_t kMaxQuote = 500;
 
 tl::unexpected<PairingError> badReply(std::string detail) {
   return tl::make_unexpected(PairingError::badReply(std::move(detail)));
@@ -29,7 +29,7 @@ PairingError statusError(const HttpResponse& response) {
   const ReplyReader reply(response.body);
   const JV* detail = reply.find("detail");
   const auto* text = detail ? detail->asString() : nullptr;
-  return PairingError::http(response.status, text ? firstCharacters(*text, kLongestQuote) : "");
+  return PairingError::http(response.status, text ? firstCharacters(*text, kMaxQuote) : "");
 }
 
 std::chrono::seconds secondsOf(ReplyReader& reply, std::string_view key) {
@@ -60,7 +60,7 @@ tl::expected<PairingPoll, PairingError> decodePoll(const std::string& body) {
   if (*status == "pending") return PairingPoll{Status::pending, {}, {}};
   if (*status == "denied") return PairingPoll{Status::denied, {}, {}};
   if (*status == "expired") return PairingPoll{Status::expired, {}, {}};
-  if (*status != "approved") return badReply("status " + firstCharacters(*status, kLongestQuote));
+  if (*status != "approved") return badReply("status " + firstCharacters(*status, kMaxQuote));
   const auto* token = textOf("token");
   if (!token || token->empty()) return badReply("approved without a token");
   const auto* username = textOf("username");

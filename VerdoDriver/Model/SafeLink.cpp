@@ -6,7 +6,7 @@ namespace verdo::SafeLink {
 
 std::optional<std::string> allowed(const std::optional<std::string>& link,
                                    const std::string& server) {
-  const auto url = link ? WebLink::parse(*link) : std::nullopt;
+  auto url = link ? WebLink::parse(*link) : std::nullopt;
   if (!url || url->starts_with("https://") || WebLink::sameOrigin(*url, server)) return url;
   return std::nullopt;
 }

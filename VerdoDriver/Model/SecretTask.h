@@ -21,7 +21,7 @@ bool endSecretWork(std::chrono::milliseconds limit);
 /// all such work before it, and then `done` with the result on the main thread, always after this
 /// call has returned. Where the system has no thread for it the store counts as unavailable.
 template <typename Work, typename Done>
-void askSecretStore(Work work, Done done) {
+void askSecretStore(Work work, const Done& done) {
   using Outcome = decltype(work());
   const auto unavailable = [](const std::exception& error) -> Outcome {
     return tl::make_unexpected(SecretError{SecretError::Kind::unavailable, 0, error.what()});

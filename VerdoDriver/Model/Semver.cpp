@@ -2,7 +2,6 @@
 
 #include <QString>
 #include <QStringList>
-#include <algorithm>
 #include <charconv>
 #include <system_error>
 #include <tuple>

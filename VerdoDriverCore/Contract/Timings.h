@@ -22,7 +22,7 @@ struct Timings {
   Duration minAttemptStopping = std::chrono::seconds(1);
 
   // Ending a job.
-  TerminationTimings termination;
+  TerminationTimings termination = {};
   Duration drainAfterKill = std::chrono::seconds(5);      ///< for the output of a killed job
   Duration shutdownPerWorker = std::chrono::seconds(60);  ///< wait for one worker at shutdown
 

@@ -17,7 +17,7 @@ namespace verdo::FileStager {
 namespace {
 
 /// Room for a number in front, within the 255 bytes that file systems allow.
-constexpr std::size_t kLongestName = 200;
+constexpr std::size_t kMaxName = 200;
 
 bool isSafe(char32_t c) {
   return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '.' ||
@@ -151,7 +151,7 @@ std::string safeName(const std::string& name) {
     safe.push_back(isSafe(c) ? static_cast<char>(c) : '_');
   }
   // The end is kept, for the sake of the file's extension.
-  if (safe.size() > kLongestName) safe.erase(0, safe.size() - kLongestName);
+  if (safe.size() > kMaxName) safe.erase(0, safe.size() - kMaxName);
   return safe.empty() || safe == "." || safe == ".." ? "file" : safe;
 }
 

@@ -27,7 +27,8 @@ JobOutcome LLMJob::run() {
   JobHost& host = *reporter_.host();
   JV payload;
   try {
-    payload = LLMLines::parsePayload(std::move(payload_));
+    payload = LLMLines::parsePayload(payload_);
+    std::string().swap(payload_);  // an assignment would keep its memory
   } catch (const PyError& error) {
     const std::string text = "bad llm payload: " + pyDescribe(error);
     host.log().error(reporter_.prefixed(text));

@@ -23,7 +23,7 @@ std::string endLine(JV::Object result) {
 
 }  // namespace
 
-JV parsePayload(std::string text) {
+JV parsePayload(const std::string& text) {
   JV payload;
   try {
     payload = parseJson(text);

@@ -11,8 +11,8 @@
 namespace verdo::LLMLines {
 
 /// A job's payload as an object. Throws PyError "ValueError" for what is no payload of version 1
-/// with its required keys. The text is gone once it has been read.
-JV parsePayload(std::string text);
+/// with its required keys.
+JV parsePayload(const std::string& text);
 
 /// Cuts a reply into lines "__LLMCHUNK__" + up to 8,000 characters of base64; an empty one gives
 /// none. Each line is gone after the call of `line`.

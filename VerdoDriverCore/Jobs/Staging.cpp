@@ -2,7 +2,6 @@
 
 #include "VerdoDriverCore/Jobs/FileStager.h"
 #include "VerdoDriverCore/System/ThreadName.h"
-#include "VerdoDriverCore/Values/PyError.h"
 
 #include <exception>
 #include <thread>

@@ -20,13 +20,13 @@ using Category = LLMCallError::Category;
 using std::chrono::seconds;
 
 constexpr double kDefaultBudget = 600;  // seconds
-constexpr auto kLeastForRetry = seconds(10);
-constexpr auto kLongestRetryPause = seconds(2);
+constexpr auto kMinTimeForRetry = seconds(10);
+constexpr auto kMaxRetryPause = seconds(2);
 constexpr int kAttempts = 2;
 constexpr auto kValidationTimeout = seconds(20);
 constexpr std::size_t kValidationExcerpt = 120;  // characters
 /// A reply has to fit into memory several times over; beyond this size it is none.
-constexpr std::size_t kLongestReply = 256u << 20;
+constexpr std::size_t kMaxReply = 256u << 20;
 
 /// True for http(s)://host[:port][/path], and nothing else.
 bool isBaseUrl(const std::string& text) {
@@ -132,8 +132,8 @@ ChatClient::Completion ChatClient::complete(JV payload, const HttpMeanwhile& mea
                       elapsed(), nameOf(error.category()), error.isRetryable() ? ", retryable" : "",
                       error.what()));
       const auto remaining = deadline - Clock::now();
-      if (attempt == kAttempts || !error.isRetryable() || remaining < kLeastForRetry) throw;
-      cancelledEvent_.waitFor(std::min<Duration>(remaining / 4, kLongestRetryPause));
+      if (attempt == kAttempts || !error.isRetryable() || remaining < kMinTimeForRetry) throw;
+      cancelledEvent_.waitFor(std::min<Duration>(remaining / 4, kMaxRetryPause));
     }
     throwIfCancelled();
   }
@@ -162,7 +162,7 @@ HttpResponse ChatClient::http(const char* method, const std::string& path,
   request.timeout = timeout;
   // Absolute as well: providers send blank lines to keep a connection alive.
   request.deadline = Clock::now() + timeout;
-  request.maxBody = kLongestReply;
+  request.maxBody = kMaxReply;
 
   const auto enter = [this](const std::shared_ptr<HttpTask>& task) {
     MutexLock lock(lock_);

@@ -12,7 +12,7 @@
 namespace verdo {
 namespace {
 
-constexpr int kMostAtOnce = 256;
+constexpr int kMaxAtOnce = 256;
 
 [[noreturn]] void fail(const char* call) {
   throw std::system_error(errno, std::generic_category(), call);
@@ -41,9 +41,9 @@ void Poller::watch(int fd, bool read, bool write) {
 }
 
 std::span<const Poller::Ready> Poller::wait(std::chrono::milliseconds timeout) {
-  std::array<epoll_event, kMostAtOnce> events;
+  std::array<epoll_event, kMaxAtOnce> events;
   const int count =
-      ::epoll_wait(queue_.get(), events.data(), kMostAtOnce, static_cast<int>(timeout.count()));
+      ::epoll_wait(queue_.get(), events.data(), kMaxAtOnce, static_cast<int>(timeout.count()));
   ready_.clear();
   for (int i = 0; i < count; ++i) {
     const epoll_event& event = events[static_cast<std::size_t>(i)];

@@ -9,7 +9,7 @@
 namespace verdo {
 namespace {
 
-constexpr int kMostAtOnce = 256;
+constexpr int kMaxAtOnce = 256;
 constexpr uintptr_t kWakeUp = 0;  // the name of the one user event
 
 [[noreturn]] void fail(const char* call) {
@@ -41,10 +41,10 @@ void Poller::watch(int fd, bool read, bool write) {
 }
 
 std::span<const Poller::Ready> Poller::wait(std::chrono::milliseconds timeout) {
-  std::array<struct kevent, kMostAtOnce> events;
+  std::array<struct kevent, kMaxAtOnce> events;
   const timespec limit{static_cast<time_t>(timeout.count() / 1000),
                        static_cast<long>(timeout.count() % 1000 * 1'000'000)};
-  const int count = ::kevent(queue_.get(), nullptr, 0, events.data(), kMostAtOnce, &limit);
+  const int count = ::kevent(queue_.get(), nullptr, 0, events.data(), kMaxAtOnce, &limit);
   ready_.clear();
   for (int i = 0; i < count; ++i) {
     const auto& event = events[static_cast<std::size_t>(i)];

@@ -1,6 +1,6 @@
 #include "VerdoDriverCore/Network/SocketOptions.h"
 
-#include <netinet/in.h>
+#include <netinet/in.h>  // NOLINT(misc-include-cleaner): IPPROTO_TCP, a macro of itself
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 

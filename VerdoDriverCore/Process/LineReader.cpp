@@ -150,7 +150,7 @@ void LineReader::writeSome() {
   written_ += outcome.written;
   if (outcome.error == EAGAIN) return;
   sink_.reset();
-  input_ = {};
+  std::string().swap(input_);  // an assignment would keep its memory
 }
 
 }  // namespace verdo

@@ -1,7 +1,6 @@
 #include "VerdoDriverCore/Run/Runner.h"
 
 #include "VerdoDriverCore/Contract/DriverConstants.h"
-#include "VerdoDriverCore/Contract/Protocol.h"
 #include "VerdoDriverCore/Contract/Secrets.h"
 #include "VerdoDriverCore/Contract/ServerURLPolicy.h"
 #include "VerdoDriverCore/Jobs/StagingDirectory.h"

@@ -3,7 +3,6 @@
 #include "VerdoDriverCore/System/ThreadName.h"
 #include "VerdoDriverCore/Values/Utf8.h"
 
-#include <algorithm>
 #include <system_error>
 #include <thread>
 

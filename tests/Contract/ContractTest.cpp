@@ -115,8 +115,8 @@ TEST(EnvFile, ThatCannotBeReadPassesForAnEmptyOne) {
       {fifo,
        "InsecureError: " + fifo + " is readable by others — fix it first:  chmod 600 " + fifo},
   };
-  for (const auto& [path, failure] : cases) {
-    EXPECT_EQ(failureOf([&, &path = path] { EnvFile::read(path); }), failure);
+  for (const auto& row : cases) {
+    EXPECT_EQ(failureOf([&] { EnvFile::read(row.first); }), row.second);
   }
 }
 

@@ -8,7 +8,6 @@ using namespace std::chrono_literals;
 using local::Delivery;
 using local::Fault;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
 

@@ -5,10 +5,8 @@
 #include "tests/Support/TempDir.h"
 
 #include <algorithm>
-#include <future>
 
 #include <gmock/gmock.h>
-#include <signal.h>
 
 namespace verdo {
 namespace {

@@ -13,7 +13,6 @@ using local::ProviderRule;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::StartsWith;
 
 class LLMJobs : public DriverFixture {

@@ -1,6 +1,5 @@
 #include "VerdoDriverCore/Jobs/PendingLines.h"
 #include "VerdoDriverCore/Values/JsonReader.h"
-#include "VerdoDriverCore/Values/PyJSON.h"
 
 #include <atomic>
 #include <future>

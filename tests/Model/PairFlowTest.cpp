@@ -134,7 +134,7 @@ TEST_F(PairFlowTest, BacksOffTooLongOrGivesUpTooSoon) {
   for (const auto& [error, isFinal] : table) {
     startPolling();
     const auto polls = service->polls.size();
-    for (const int again : {1, 2, 3}) {  // the pause does not grow
+    for (const std::size_t again : {1u, 2u, 3u}) {  // the pause does not grow
       service->polls.back().answer(tl::make_unexpected(error));
       if (isFinal) break;
       clock->advance(9999ms);

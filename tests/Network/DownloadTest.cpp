@@ -23,13 +23,11 @@
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 
 namespace verdo::test {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::HasSubstr;
 using testing::StartsWith;
 
 constexpr const char* kShaOfAbc =
@@ -354,10 +352,11 @@ TEST_F(Pinned, FileWithoutACertificateCountsAsOne) {
       {"broken", "-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n"},
       {"half", certificate.substr(0, certificate.size() / 2)},
   };
-  for (const auto& [name, content] : table) {
-    std::ofstream(path(name)) << content;
-    EXPECT_EQ(failureOfDownload([&, name = name] { loadCertificates(path(name)); }),
-              "SSLError: no certificate in " + path(name));
+  for (const auto& row : table) {
+    const std::string file = path(row.first);
+    std::ofstream(file) << row.second;
+    EXPECT_EQ(failureOfDownload([&] { loadCertificates(file); }),
+              "SSLError: no certificate in " + file);
   }
   EXPECT_EQ(failureOfDownload([&] { loadCertificates(path("absent")); }),
             "OSError: [Errno 2] No such file or directory: '" + path("absent") + "'");

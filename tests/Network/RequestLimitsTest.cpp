@@ -32,8 +32,8 @@ TEST_F(RequestLimits, DeadlineIsCutToTheLimitOfTheSession) {
 }
 
 TEST_F(RequestLimits, LongestPollIsCutByTheLimitOfTheSession) {
-  constexpr double kLongestPoll = 3580;  // of the option --poll-wait
-  EXPECT_GE(HttpSession::Options().resourceLimit, fromSeconds(kLongestPoll) + Timings().pollMargin);
+  constexpr double kMaxPoll = 3580;  // of the option --poll-wait
+  EXPECT_GE(HttpSession::Options().resourceLimit, fromSeconds(kMaxPoll) + Timings().pollMargin);
 }
 
 TEST_F(RequestLimits, RequestSentAnewHasOnlyWhatTheFirstLeftOfItsTimeout) {

@@ -1,8 +1,6 @@
 #include "VerdoDriverCore/Process/ChildProcess.h"
 #include "tests/Support/Children.h"
 
-#include <future>
-
 #include <gmock/gmock.h>
 #include <signal.h>
 

@@ -3,11 +3,9 @@
 #include "tests/Support/Children.h"
 #include "tests/Support/TempDir.h"
 
-#include <algorithm>
 #include <cstring>
 
 #include <gmock/gmock.h>
-#include <sys/resource.h>
 
 namespace verdo {
 namespace {

@@ -1,8 +1,6 @@
 #include "VerdoDriverCore/Process/Spawn.h"
 #include "tests/Support/Children.h"
-#include "tests/Support/FailureOf.h"
 #include "tests/Support/ScopedEnv.h"
-#include "tests/Support/TempDir.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

@@ -1,7 +1,5 @@
 #include "tests/Support/DriverFixture.h"
 
-#include <filesystem>
-
 namespace verdo::test {
 namespace {
 

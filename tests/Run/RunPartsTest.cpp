@@ -2,7 +2,6 @@
 #include "VerdoDriverCore/Run/SpacePattern.h"
 #include "VerdoDriverCore/Run/StderrLogSink.h"
 #include "tests/Support/Children.h"
-#include "tests/Support/FailureOf.h"
 #include "tests/Support/ScopedEnv.h"
 
 #include <cstdio>

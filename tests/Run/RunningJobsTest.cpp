@@ -2,7 +2,6 @@
 #include "VerdoDriverCore/Run/RunningJobs.h"
 #include "tests/Support/RecordingObserver.h"
 
-#include <future>
 #include <thread>
 
 #include <gmock/gmock.h>

@@ -10,9 +10,6 @@ using local::Fault;
 using local::FaultReply;
 using testing::Contains;
 using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::Not;
-using testing::StartsWith;
 
 class ServeLoop : public DriverFixture {
  protected:

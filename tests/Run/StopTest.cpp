@@ -14,7 +14,6 @@ namespace {
 using namespace std::chrono_literals;
 using local::FaultReply;
 using testing::Contains;
-using testing::IsEmpty;
 
 constexpr double kSoon = 1.0;  // seconds; nothing that a stop waits for below ends before 10
 

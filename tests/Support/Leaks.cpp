@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <thread>
 
-#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 

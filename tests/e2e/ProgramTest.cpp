@@ -1,7 +1,5 @@
 #include "tests/Support/DriverFixture.h"
-#include "tests/Support/ExecutorRole.h"
 #include "tests/Support/Leaks.h"
-#include "tests/Support/Misbehaviour.h"
 #include "tests/Support/Program.h"
 
 namespace verdo::test {

@@ -1,7 +1,6 @@
 #include "VerdoDriver/Platform/Linux/SecretServiceBus.h"
 
 #include "VerdoDriver/Platform/Linux/SecretServiceError.h"
-#include "VerdoDriverCore/System/Files.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -1,6 +1,6 @@
 #include "VerdoDriver/Platform/Linux/SecretServicePrompt.h"
 
-#include "VerdoDriver/Platform/Linux/SecretServiceError.h"
+#include "VerdoDriver/Model/SecretStore.h"
 
 namespace verdo {
 namespace {

@@ -1,6 +1,5 @@
 #include "VerdoDriver/Platform/Linux/SecretServiceProvider.h"
 
-#include "VerdoDriver/Model/SecretStore.h"
 #include "VerdoDriverCore/System/Sync.h"
 
 #include <cstdlib>

@@ -1,6 +1,6 @@
 #include "VerdoDriver/Platform/Linux/AutostartEntry.h"
 #include "tests/Support/AppLogCapture.h"
-#include "tests/Support/Children.h"
+#include "tests/Support/Leaks.h"
 #include "tests/Support/ScopedEnv.h"
 #include "tests/Support/TempDir.h"
 

@@ -54,13 +54,13 @@ TEST(DesktopInhibitor, AsksTheWrongOneKeepsALockOrForgetsToAskAgain) {
   Desktop session(bus, "org.gnome.SessionManager", "/org/gnome/SessionManager");
   const Desktop saver(bus, "org.freedesktop.ScreenSaver", "/org/freedesktop/ScreenSaver");
   power->refuses = true;
-  for (int round = 0; round < 2; ++round) {
+  for (std::size_t round = 0; round < 2; ++round) {
     inhibitor.hold("work");
     EXPECT_TRUE(inhibitor.isHeld());
-    ASSERT_TRUE(spinUntil([&] { return session.calls.size() == 2u * round + 1; }));
+    ASSERT_TRUE(spinUntil([&] { return session.calls.size() == 2 * round + 1; }));
     inhibitor.release();
     EXPECT_FALSE(inhibitor.isHeld());
-    ASSERT_TRUE(spinUntil([&] { return session.calls.size() == 2u * round + 2; }));
+    ASSERT_TRUE(spinUntil([&] { return session.calls.size() == 2 * round + 2; }));
   }
   EXPECT_THAT(session.calls, ElementsAre("Inhibit|verdo-driver|0|work|8", "Uninhibit|41",
                                          "Inhibit|verdo-driver|0|work|8", "Uninhibit|42"));
