@@ -67,6 +67,11 @@ export class Service {
     return (await this.#call(`jobs/${id}/lines`)).lines
   }
 
+  /** The lines from number `from` on, as many as one reply holds. */
+  async linesFrom(id, from) {
+    return (await this.#call(`jobs/${id}/lines?from=${from}`)).lines
+  }
+
   async waitForLines(id) {
     await this.#call(`jobs/${id}/wait?for=lines&timeout=${kJobLimit}`)
   }
