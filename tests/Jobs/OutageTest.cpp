@@ -9,7 +9,6 @@ namespace {
 using namespace std::chrono_literals;
 using local::Delivery;
 using local::FaultReply;
-using local::JobState;
 using testing::Contains;
 using testing::HasSubstr;
 using testing::Not;

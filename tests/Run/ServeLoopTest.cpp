@@ -6,7 +6,6 @@ namespace verdo::test {
 namespace {
 
 using namespace std::chrono_literals;
-using local::Fault;
 using local::FaultReply;
 using testing::Contains;
 using testing::ElementsAre;
