@@ -1,28 +1,35 @@
 #include "VerdoDriver/App/EndProcess.h"
 #include "VerdoDriver/App/FileLog.h"
 #include "VerdoDriver/App/NativeSettings.h"
+#include "VerdoDriverCore/System/UniqueFd.h"
 #include "tests/Support/ScopedEnv.h"
 #include "tests/Support/TempDir.h"
 
 #include <QSettings>
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/file.h>
 
 namespace verdo::test {
 
 TEST(EndProcess, RunsDestructorsUnderWorkingThreadsOrLosesWhatWasSaid) {
   const TempDir dir;
   const ScopedEnv config("XDG_CONFIG_HOME", dir / "config");
+  // Another process has its turn at the log: the last lines are still on their way at the end.
+  const UniqueFd other(::open(dir.write("driver.log", "").c_str(), O_RDONLY | O_CLOEXEC));
+  ASSERT_EQ(::flock(other.get(), LOCK_EX), 0);
   const auto end = [&] {
     std::atexit([] { std::fputs("exit handlers ran", stderr); });
     FileLog log(dir.path());
     for (int i = 0; i < 1000; ++i) log.write("a line");
     log.write("the last line");
+    const auto settings = nativeSettings();
     const auto chooser = nativeSettings();
     chooser->setValue("choice", "kept");
     std::printf("buffered");
     ::dup2(STDERR_FILENO, STDOUT_FILENO);
-    endProcess(3, log, *nativeSettings());
+    endProcess(3, log, *settings);
   };
   EXPECT_EXIT(end(), testing::ExitedWithCode(3),
               testing::AllOf(testing::HasSubstr("buffered"),

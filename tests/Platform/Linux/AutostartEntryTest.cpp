@@ -55,9 +55,10 @@ TEST(Autostart, StartsNothingForAnAwkwardPath) {
   const char* const names[] = {"plain", "a b",   "100%",      "%f",   "\"q\"",
                                "it's",  "$HOME", "`id`",      "a\\b", "k=v",
                                "a;b&c", "\xff",  "tab\there", "~b",   "ünïcode"};
-  for (const std::string name : names) {
+  for (int i = 0; const std::string name : names) {
+    const auto number = std::to_string(++i);
     std::filesystem::create_directory(dir / name);
-    const auto program = dir.write(name + "/app", "#!/bin/sh\necho ran > " + dir / "ran",
+    const auto program = dir.write(name + "/app", "#!/bin/sh\necho " + number + " >" + dir / "ran",
                                    std::filesystem::perms::owner_all);
     AutostartEntry entry(program);
     if (name == "plain") {
@@ -70,8 +71,7 @@ TEST(Autostart, StartsNothingForAnAwkwardPath) {
                 std::string::npos)
         << text;
     EXPECT_EQ(std::system(("gio launch '" + path + "'").c_str()), 0) << name;
-    EXPECT_TRUE(eventually([&] { return std::filesystem::exists(dir / "ran"); })) << name;
-    std::filesystem::remove(dir / "ran");
+    EXPECT_TRUE(eventually([&] { return contentOf(dir / "ran") == number + "\n"; })) << name;
   }
   AutostartEntry("/o/$app").setEnabled(false);
   EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(link)));
