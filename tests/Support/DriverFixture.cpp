@@ -64,7 +64,7 @@ Timings DriverFixture::scaledTimings() {
   scaled.postDeadlineStopping = 200ms;
   scaled.acknowledgeDeadline = 100ms;
   scaled.minAttemptStopping = 20ms;
-  scaled.scriptStopping = 100ms;
+  scaled.scriptStopping = kSanitized ? 1500ms : 500ms;
   scaled.sweepStopping = 1200ms;
   scaled.termination.step = 4ms;
   scaled.drainAfterKill = 100ms;
