@@ -28,28 +28,26 @@ Driver::Driver(Options options, std::shared_ptr<Api> api, std::shared_ptr<LogSin
       retryDelay_(options_.timings.pollRetryFirst) {}
 
 ExitReason Driver::serve(std::optional<int> serveJobs, std::optional<Duration> idleExit) {
+  bool isServed = false;
   try {
     spaces_->startReaper();
     jobs_->beginIdling();
-    serveUntilEnd(serveJobs, idleExit);
+    isServed = serveUntilEnd(serveJobs, idleExit);
   } catch (...) {
     static_cast<void>(shutdown());
     throw;
   }
-  if (!finished_) return shutdown();
+  if (!isServed) return shutdown();
   stopping_.set();
   spaces_->interrupt();
   spaces_->waitForReaper(options_.timings.shutdownPerWorker);
   return ExitReason::clean();
 }
 
-void Driver::serveUntilEnd(std::optional<int> serveJobs, std::optional<Duration> idleExit) {
+bool Driver::serveUntilEnd(std::optional<int> serveJobs, std::optional<Duration> idleExit) {
   int quickEmptyReplies = 0;
   while (!stopping_.isSet() && !tokenRevoked_.isSet()) {
-    if (isServed(serveJobs, idleExit)) {
-      finished_ = true;
-      return;
-    }
+    if (hasServed(serveJobs, idleExit)) return true;
     // Once enough were served, the last ones only have to finish.
     const bool enough = serveJobs && jobs_->served() >= *serveJobs;
     if (enough || jobs_->lanesTaken() >= options_.maxJobs) {
@@ -59,16 +57,17 @@ void Driver::serveUntilEnd(std::optional<int> serveJobs, std::optional<Duration>
     }
     const auto asked = Clock::now();
     const PollOutcome outcome = pollOnce();
-    if (outcome == PollOutcome::ended) return;
+    if (outcome == PollOutcome::ended) return false;
     const bool quick =
         outcome == PollOutcome::empty && Clock::now() - asked < options_.timings.emptyPollQuick;
     quickEmptyReplies = quick ? quickEmptyReplies + 1 : 0;
     if (quickEmptyReplies >= 2) stopping_.waitFor(options_.timings.emptyPollPause);
   }
+  return false;
 }
 
 /// Nothing is left to do, by the limits that the run was given.
-bool Driver::isServed(std::optional<int> serveJobs, std::optional<Duration> idleExit) const {
+bool Driver::hasServed(std::optional<int> serveJobs, std::optional<Duration> idleExit) const {
   if (serveJobs && jobs_->served() >= *serveJobs && jobs_->isQuiet()) return true;
   return idleExit && *idleExit != Duration::zero() && jobs_->idleFor() > *idleExit;
 }

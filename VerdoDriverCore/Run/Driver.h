@@ -61,8 +61,9 @@ class Driver : public JobHost, public std::enable_shared_from_this<Driver> {
   using Clock = std::chrono::steady_clock;
   enum class PollOutcome { served, empty, ended };
 
-  void serveUntilEnd(std::optional<int> serveJobs, std::optional<Duration> idleExit);
-  bool isServed(std::optional<int> serveJobs, std::optional<Duration> idleExit) const;
+  /// True when it ended of its own accord, with nothing left to do.
+  bool serveUntilEnd(std::optional<int> serveJobs, std::optional<Duration> idleExit);
+  bool hasServed(std::optional<int> serveJobs, std::optional<Duration> idleExit) const;
   PollOutcome pollOnce();
   PollOutcome waitAfterFailure(const std::exception& failure);
   void learnFrom(const ServerError& failure, Duration waited);
@@ -86,7 +87,6 @@ class Driver : public JobHost, public std::enable_shared_from_this<Driver> {
   // The serving thread's own.
   PollWait pollWait_;
   Duration retryDelay_;
-  bool finished_ = false;  ///< ended of its own accord, with nothing left to do
 
   Mutex providerLock_;
   std::shared_ptr<HttpSession> providerSession_ GUARDED_BY(providerLock_);

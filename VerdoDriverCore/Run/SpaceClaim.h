@@ -1,12 +1,10 @@
 #pragma once
 
-#include "VerdoDriverCore/Contract/LogSink.h"
 #include "VerdoDriverCore/System/Sync.h"
 #include "VerdoDriverCore/System/UniqueFd.h"
 
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <string>
 
 namespace verdo {
