@@ -22,7 +22,7 @@ namespace {
 constexpr const char* kStampFormat = "yyyy-MM-dd HH:mm:ss";
 /// As wide as a stamp and the blank behind it.
 constexpr const char* kIndent = "                    ";
-constexpr std::chrono::hours kTellAgainAfter{1};
+constexpr std::chrono::hours kReportAgainAfter{1};
 
 using SteadyClock = std::chrono::steady_clock;
 
@@ -123,23 +123,23 @@ class FileLog::Writer : public std::enable_shared_from_this<Writer> {
     return true;
   }
 
-  /// Gives the failure that is to be told. Called by the thread.
+  /// Gives the failure that is to be reported. Called by the thread.
   std::optional<std::string> append(const std::string& entry) {
     try {
       file_.append(entry);
       return std::nullopt;
     } catch (const std::system_error& error) {
       const auto now = SteadyClock::now();
-      const auto [told, isNew] = told_.try_emplace(error.code(), now);
-      if (!isNew && now - told->second < kTellAgainAfter) return std::nullopt;
-      told->second = now;
+      const auto [reported, isNew] = reported_.try_emplace(error.code(), now);
+      if (!isNew && now - reported->second < kReportAgainAfter) return std::nullopt;
+      reported->second = now;
       return error.what();
     }
   }
 
   RotatingFile file_;  ///< the thread's
-  /// When a failure was last told, by its code; the thread's.
-  std::map<std::error_code, SteadyClock::time_point> told_;
+  /// When a failure was last reported, by its code; the thread's.
+  std::map<std::error_code, SteadyClock::time_point> reported_;
 
   Mutex lock_;
   Condition changed_;

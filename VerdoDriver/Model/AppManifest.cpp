@@ -12,7 +12,7 @@ tl::expected<AppManifest, std::string> AppManifest::decode(const std::string& js
   manifest.protocolVersion = reply.optionalInteger("protocol");
   manifest.driverVersion = reply.optionalText("driver_version");
   manifest.egoInstallURL = reply.optionalText("ego_install_url");
-  if (!reply.misfit().empty()) return tl::make_unexpected(reply.misfit());
+  if (!reply.mismatch().empty()) return tl::make_unexpected(reply.mismatch());
   return manifest;
 }
 

@@ -44,7 +44,7 @@ tl::expected<PairingStart, PairingError> decodeStart(const std::string& body) {
   start.verifyPath = reply.text("verify_path");
   start.expiresIn = secondsOf(reply, "expires_in");
   start.interval = secondsOf(reply, "interval");
-  if (!reply.misfit().empty()) return badReply(reply.misfit());
+  if (!reply.mismatch().empty()) return badReply(reply.mismatch());
   return start;
 }
 

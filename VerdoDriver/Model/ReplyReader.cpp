@@ -44,8 +44,8 @@ std::int64_t ReplyReader::integer(std::string_view key) {
   return value.value_or(0);
 }
 
-void ReplyReader::note(std::string misfit) {
-  if (misfit_.empty()) misfit_ = std::move(misfit);
+void ReplyReader::note(std::string mismatch) {
+  if (mismatch_.empty()) mismatch_ = std::move(mismatch);
 }
 
 }  // namespace verdo

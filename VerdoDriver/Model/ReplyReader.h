@@ -18,22 +18,22 @@ class ReplyReader {
   /// Null when the reply is no object or has no such member.
   const JV* find(std::string_view key) const { return reply_.find(key); }
 
-  /// The member's value. Absent, without a misfit, when it is missing or null.
+  /// The member's value. Absent, without a mismatch, when it is missing or null.
   std::optional<std::string> optionalText(std::string_view key);
   std::optional<std::int64_t> optionalInteger(std::string_view key);
 
-  /// The same for a member that must be there; "" or 0 after a misfit.
+  /// The same for a member that must be there; "" or 0 after a mismatch.
   std::string text(std::string_view key);
   std::int64_t integer(std::string_view key);
 
   /// What is wrong with the reply, in words for the user; empty when all that was read fits.
-  const std::string& misfit() const { return misfit_; }
+  const std::string& mismatch() const { return mismatch_; }
 
  private:
-  void note(std::string misfit);
+  void note(std::string mismatch);
 
   JV reply_;
-  std::string misfit_;
+  std::string mismatch_;
 };
 
 }  // namespace verdo

@@ -10,7 +10,7 @@
 
 namespace verdo {
 
-std::string trimmedServerURL(const std::string& text) {
+std::string trimmedServerUrl(const std::string& text) {
   return withoutTrailingSlashes(QString::fromStdString(text).trimmed().toStdString());
 }
 
@@ -18,7 +18,7 @@ tl::expected<std::string, Refusal> validateServerURL(const std::string& text, bo
   const auto refuse = [](std::string message) {
     return tl::make_unexpected(Refusal{std::move(message)});
   };
-  std::string url = trimmedServerURL(text);
+  std::string url = trimmedServerUrl(text);
   if (url.empty()) return refuse("Enter the server URL.");
   // Asked first, since the other refusals repeat the text; and leniently, as to this alone.
   if (const auto refusal = ServerURLPolicy::refusal(lowerScheme(url), true)) {

@@ -13,7 +13,7 @@ struct Refusal {
 };
 
 /// The text without blanks around it and slashes at its end.
-[[nodiscard]] std::string trimmedServerURL(const std::string& text);
+[[nodiscard]] std::string trimmedServerUrl(const std::string& text);
 
 /// The server URL that a user typed, without blanks around it and slashes at its end; or why the
 /// driver must not use it. A refusal repeats the text, unless that may hold a password.

@@ -26,15 +26,15 @@ UpdateChecker::Outcome read(const HttpResult& result) {
   if (status < 200 || status > 299) {
     return failure(Kind::badServerResponse, fmt::format("HTTP {}", status));
   }
-  return AppManifest::decode(body).map_error([](const std::string& misfit) {
-    return UpdateError{Kind::badReply, "Unexpected reply from the server: " + misfit};
+  return AppManifest::decode(body).map_error([](const std::string& mismatch) {
+    return UpdateError{Kind::badReply, "Unexpected reply from the server: " + mismatch};
   });
 }
 
 }  // namespace
 
 std::optional<std::string> UpdateChecker::manifestURL(const std::string& server) {
-  return WebLink::onServer(trimmedServerURL(server), "/driver/app.json");
+  return WebLink::onServer(trimmedServerUrl(server), "/driver/app.json");
 }
 
 void UpdateChecker::check(const std::string& server, bool allowInsecure, Completion completion) {
@@ -47,7 +47,7 @@ void UpdateChecker::check(const std::string& server, bool allowInsecure, Complet
   if (!url) return failLater(failure(Kind::badURL, "The server URL is not valid."));
   // The policy reads the text as it is, and would miss a plain http that is spelt unusually.
   if (const auto refusal =
-          ServerURLPolicy::refusal(lowerScheme(trimmedServerURL(server)), allowInsecure)) {
+          ServerURLPolicy::refusal(lowerScheme(trimmedServerUrl(server)), allowInsecure)) {
     AppLog::update.info("[UpdateChecker] manifest fetch refused: " + *refusal);
     return failLater(failure(Kind::refused, *refusal));
   }

@@ -43,9 +43,9 @@ struct Timings {
   Duration pingTimeout = std::chrono::seconds(5);  ///< for a connection under suspicion
 
   // One-shot browser scripts.
-  Duration browserLook = std::chrono::milliseconds(50);  ///< between two looks at the child
-  Duration scriptStopping = std::chrono::seconds(5);     ///< for a script while the driver stops
-  Duration sweepStopping = std::chrono::seconds(60);     ///< for all scripts of the last sweep
+  Duration childPoll = std::chrono::milliseconds(50);  ///< between two looks at the child
+  Duration scriptStopping = std::chrono::seconds(5);   ///< for a script while the driver stops
+  Duration sweepStopping = std::chrono::seconds(60);   ///< for all scripts of the last sweep
 };
 
 }  // namespace verdo

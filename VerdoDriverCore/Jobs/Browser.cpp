@@ -143,7 +143,7 @@ bool Browser::await(const std::function<bool(Duration look)>& isDone, Clock::tim
                     const Event* interrupt) {
   for (;;) {
     const auto left = deadlineOf(begin) - Clock::now();
-    if (isDone(std::clamp(left, Duration::zero(), timings_.browserLook))) return true;
+    if (isDone(std::clamp(left, Duration::zero(), timings_.childPoll))) return true;
     if (left <= Duration::zero() || (interrupt && interrupt->isSet())) return false;
   }
 }

@@ -90,13 +90,13 @@ JobOutcome BrowserJob::execute(std::string script) {
     log().error(reporter_.prefixed(fmt::format("cannot start executor: {}", error.what())));
     return {kNotRun, fmt::format("executor failed to start: {}", error.what())};
   }
-  bool toldToEnd = false;
+  bool endRequested = false;
   {
     MutexLock lock(lock_);
     child_ = child;
-    toldToEnd = ending_;
+    endRequested = ending_;
   }
-  if (toldToEnd) child->terminateGroup(timings().termination);
+  if (endRequested) child->terminateGroup(timings().termination);
   touchSpace();
 
   LineReader reader(child->takeStdout(), [this](std::span<const std::string_view> lines) {

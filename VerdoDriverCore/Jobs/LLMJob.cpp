@@ -78,7 +78,7 @@ JobOutcome LLMJob::refuse(const std::string& text, const char* complaint) {
 
 /// Makes the call, reporting meanwhile, and posts what came of it.
 JobOutcome LLMJob::call(ChatClient& client, JV payload) {
-  const HttpMeanwhile heartbeat{reporter_.host()->timings().reportCycle,
+  const HttpHeartbeat heartbeat{reporter_.host()->timings().reportCycle,
                                 [this] { reporter_.post(LineBatch()); }};
   try {
     postReply(client.complete(std::move(payload), heartbeat));

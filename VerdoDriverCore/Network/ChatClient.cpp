@@ -101,7 +101,7 @@ ChatClient::ChatClient(std::string apiKey, const std::string& baseURL, Log log,
       session_(std::move(session)),
       scrub_(withSecret(std::move(scrub), key_)) {}
 
-ChatClient::Completion ChatClient::complete(JV payload, const HttpMeanwhile& meanwhile) {
+ChatClient::Completion ChatClient::complete(JV payload, const HttpHeartbeat& heartbeat) {
   const double budget = budgetOf(payload);
   const auto start = Clock::now();
   const auto deadline = start + fromSeconds(budget);
@@ -121,7 +121,7 @@ ChatClient::Completion ChatClient::complete(JV payload, const HttpMeanwhile& mea
     const auto elapsed = [&] { return toSeconds(Clock::now() - begin); };
     try {
       const HttpResponse response =
-          http("POST", "/v1/chat/completions", body, deadline - begin, meanwhile);
+          http("POST", "/v1/chat/completions", body, deadline - begin, heartbeat);
       Completion completion = ChatRequest::read(response, model, scrub_);
       say(fmt::format("llm {}: model={} prompt_chars={} reply_chars={} {:.1f}s attempt={}", role,
                       completion.model, promptSize, countCharacters(completion.text), elapsed(),
@@ -152,7 +152,7 @@ KeyCheck ChatClient::validate() try {
 
 HttpResponse ChatClient::http(const char* method, const std::string& path,
                               std::shared_ptr<const ByteBuffer> body, Duration timeout,
-                              const HttpMeanwhile& meanwhile) {
+                              const HttpHeartbeat& heartbeat) {
   HttpRequest request;
   request.method = method;
   request.url = base_ + path;
@@ -169,7 +169,7 @@ HttpResponse ChatClient::http(const char* method, const std::string& path,
     task_ = task;
     if (cancelledEvent_.isSet()) task->cancel();
   };
-  HttpResult result = session_->perform(std::move(request), enter, meanwhile);
+  HttpResult result = session_->perform(std::move(request), enter, heartbeat);
   if (result) return *std::move(result);
   throwIfCancelled();
   if (result.error().kind == TransportError::Kind::timedOut) {

@@ -75,9 +75,9 @@ class ChatClient {
 
   /// One completion within the payload's time budget ("timeout_seconds", 600 s when absent or
   /// zero), with at most one retry, and none when less than 10 s are left. While the provider
-  /// thinks, the caller does `meanwhile`. Throws LLMCallError, LLMCancelled, or what `meanwhile`
+  /// thinks, the caller runs `heartbeat`. Throws LLMCallError, LLMCancelled, or what `heartbeat`
   /// throws.
-  Completion complete(JV payload, const HttpMeanwhile& meanwhile = {}) EXCLUDES(lock_);
+  Completion complete(JV payload, const HttpHeartbeat& heartbeat = {}) EXCLUDES(lock_);
   /// Asks the provider whether it takes the key.
   KeyCheck validate() EXCLUDES(lock_);
   /// Ends the call in flight at once and refuses later ones.
@@ -88,7 +88,7 @@ class ChatClient {
 
   HttpResponse http(const char* method, const std::string& path,
                     std::shared_ptr<const ByteBuffer> body, Duration timeout,
-                    const HttpMeanwhile& meanwhile) EXCLUDES(lock_);
+                    const HttpHeartbeat& heartbeat) EXCLUDES(lock_);
   void throwIfCancelled() EXCLUDES(lock_);
   void say(const std::string& text) const;
 

@@ -103,14 +103,14 @@ std::shared_ptr<HttpTask> HttpSession::task(HttpRequest request, Completion comp
 
 HttpResult HttpSession::perform(HttpRequest request,
                                 const std::function<void(const std::shared_ptr<HttpTask>&)>& onTask,
-                                const HttpMeanwhile& meanwhile) {
+                                const HttpHeartbeat& heartbeat) {
   const auto reply = std::make_shared<Reply>();
   const auto started =
       task(std::move(request), [reply](HttpResult result) { reply->put(std::move(result)); });
   if (onTask) onTask(started);
   started->start();
   try {
-    while (meanwhile.act && !reply->waitFor(meanwhile.every)) meanwhile.act();
+    while (heartbeat.act && !reply->waitFor(heartbeat.every)) heartbeat.act();
   } catch (...) {
     started->cancel();
     reply->take();

@@ -69,7 +69,7 @@ struct TransportError {
 using HttpResult = tl::expected<HttpResponse, TransportError>;
 
 /// What the blocked caller of a request does from time to time while it waits.
-struct HttpMeanwhile {
+struct HttpHeartbeat {
   std::chrono::steady_clock::duration every{};
   std::function<void()> act;  ///< null: nothing; an exception ends the request and is passed on
 };
@@ -135,7 +135,7 @@ class HttpSession {
   /// Sends the request and blocks until it has ended. `onTask` is given the task before it starts.
   [[nodiscard]] HttpResult perform(
       HttpRequest request, const std::function<void(const std::shared_ptr<HttpTask>&)>& onTask = {},
-      const HttpMeanwhile& meanwhile = {});
+      const HttpHeartbeat& heartbeat = {});
   /// For when the network has changed: closes every connection, and ends what is in flight with
   /// TransportError::dropped. Returns at once. A call less than dropInterval after the last one
   /// took effect takes effect when that time is over; several such calls are one. Any thread.

@@ -120,9 +120,9 @@ void HttpSessionLoop::goOn(std::int64_t identifier) {
   Running& running = found->second;
   const CURLcode code = running.transfer->resume();
   if (code != CURLE_OK) return remove(identifier)->finish(code);
-  // The look that was entered while it was paused is too late.
-  looks_.erase(running.look);
-  running.look = looks_.emplace(running.transfer->expiry(), identifier);
+  // The expiry that was entered while it was paused is too late.
+  expiries_.erase(running.expiry);
+  running.expiry = expiries_.emplace(running.transfer->expiry(), identifier);
 }
 
 void HttpSessionLoop::add(std::unique_ptr<HttpTransfer> transfer, ConnectionPool& pool) {
@@ -131,13 +131,13 @@ void HttpSessionLoop::add(std::unique_ptr<HttpTransfer> transfer, ConnectionPool
     return;
   }
   const auto identifier = transfer->identifier;
-  const auto look = looks_.emplace(transfer->expiry(), identifier);
-  running_.emplace(identifier, Running{std::move(transfer), look});
+  const auto expiry = expiries_.emplace(transfer->expiry(), identifier);
+  running_.emplace(identifier, Running{std::move(transfer), expiry});
 }
 
 std::chrono::milliseconds HttpSessionLoop::untilNextLook() const {
   const auto now = Clock::now();
-  auto next = looks_.empty() ? now + std::chrono::hours(1) : looks_.begin()->first;
+  auto next = expiries_.empty() ? now + std::chrono::hours(1) : expiries_.begin()->first;
   if (dropDue_) next = std::min(next, *dropDue_);
   for (const auto& pool : pools_) {
     if (pool->due()) next = std::min(next, *pool->due());
@@ -180,13 +180,13 @@ void HttpSessionLoop::failUnwatched() {
 /// Ends the transfers whose time is up.
 void HttpSessionLoop::expireOverdue() {
   const auto now = Clock::now();
-  while (!looks_.empty() && looks_.begin()->first <= now) {
-    const auto identifier = looks_.begin()->second;
+  while (!expiries_.empty() && expiries_.begin()->first <= now) {
+    const auto identifier = expiries_.begin()->second;
     Running& running = running_.at(identifier);
     const auto expiry = running.transfer->expiry();
     if (expiry > now) {
-      looks_.erase(running.look);
-      running.look = looks_.emplace(expiry, identifier);
+      expiries_.erase(running.expiry);
+      running.expiry = expiries_.emplace(expiry, identifier);
     } else {
       timeOut(identifier);
     }
@@ -279,7 +279,7 @@ std::unique_ptr<HttpTransfer> HttpSessionLoop::remove(std::int64_t identifier) {
   const auto found = running_.find(identifier);
   if (found == running_.end()) return nullptr;
   auto transfer = std::move(found->second.transfer);
-  looks_.erase(found->second.look);
+  expiries_.erase(found->second.expiry);
   running_.erase(found);
   transfer->pool->remove(*transfer);
   return transfer;

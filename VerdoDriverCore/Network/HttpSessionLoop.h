@@ -43,10 +43,10 @@ class HttpSessionLoop {
 
   /// When to look at a transfer again. A look that finds that data has moved meanwhile enters the
   /// new time, so that moving data costs nothing here.
-  using Looks = std::multimap<Clock::time_point, std::int64_t>;
+  using Expiries = std::multimap<Clock::time_point, std::int64_t>;
   struct Running {
     std::unique_ptr<HttpTransfer> transfer;
-    Looks::iterator look;
+    Expiries::iterator expiry;
   };
   struct Mail {
     std::vector<std::unique_ptr<HttpTransfer>> starting;
@@ -90,7 +90,7 @@ class HttpSessionLoop {
   /// New transfers go to the last one; those before it only live until theirs have ended.
   std::vector<std::unique_ptr<ConnectionPool>> pools_;
   std::unordered_map<std::int64_t, Running> running_;
-  Looks looks_;
+  Expiries expiries_;
   std::optional<Clock::time_point> dropDue_;
   Clock::time_point nextDrop_;  ///< not before
 };

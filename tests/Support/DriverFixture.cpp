@@ -73,7 +73,7 @@ Timings DriverFixture::scaledTimings() {
   scaled.laneWait = 100ms;
   scaled.emptyPollPause = 20ms;
   scaled.throttlePause = 20ms;
-  scaled.browserLook = 5ms;
+  scaled.childPoll = 5ms;
   scaled.shutdownPerWorker = 20s;
   return scaled;
 }

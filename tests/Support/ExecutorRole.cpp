@@ -34,7 +34,7 @@ std::vector<std::string> spacesIn(const std::string& stateFile) {
 }
 
 /// Hangs for ever when the tests asked for it.
-void hangIfTold(const std::string& stateFile, const std::string& script) {
+void hangIfAsked(const std::string& stateFile, const std::string& script) {
   const auto told = spacesIn(stateFile + ".hang");
   if (std::find(told.begin(), told.end(), script) == told.end()) return;
   ::signal(SIGTERM, SIG_IGN);
@@ -43,7 +43,7 @@ void hangIfTold(const std::string& stateFile, const std::string& script) {
 }
 
 int list(const std::string& stateFile) {
-  hangIfTold(stateFile, "list");
+  hangIfAsked(stateFile, "list");
   auto answer = nlohmann::json::array();
   for (const auto& name : spacesIn(stateFile)) answer.push_back({{"name", name}});
   std::cout << "chatter\n__SPACES__" << answer.dump() << std::endl;
@@ -51,7 +51,7 @@ int list(const std::string& stateFile) {
 }
 
 int close(const std::string& stateFile, const std::string& script) {
-  hangIfTold(stateFile, "close");
+  hangIfAsked(stateFile, "close");
   const auto end = script.find(", { keep: false })");
   const std::string name = nlohmann::json::parse(script.substr(kClose.size(), end - kClose.size()));
   std::string rest;
