@@ -21,7 +21,9 @@ target_link_options(verdo_options INTERFACE ${flags})
 
 find_program(CCACHE ccache)
 if(CCACHE)
-  set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
+  # What ccache wants in order to cache compilations that use a precompiled header.
+  set(CMAKE_CXX_COMPILER_LAUNCHER
+    ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros ${CCACHE})
 endif()
 find_program(MOLD mold)
 if(MOLD AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
