@@ -56,6 +56,39 @@ ExitReason DriverRunner::run() {
 ExitReason DriverRunner::runImpl() {
   ::signal(SIGPIPE, SIG_IGN);
   const std::string envFile = config_.envFilePath.value_or(DriverConstants::envFile());
+  if (const auto refused = settleConfig(envFile)) return *refused;
+  auto executor = findExecutor();
+  if (const auto* missing = std::get_if<ExitReason>(&executor)) return *missing;
+
+  std::shared_ptr<Api> api;
+  try {
+    api = makeApi();
+  } catch (const PyError& error) {
+    return ExitReason::badConfig(pyDescribe(error));
+  }
+  {
+    MutexLock lock(lock_);
+    api_ = api;
+    if (stopRequested_) api->cancelAll();
+  }
+  auto answer = sayHello(*api);
+  if (const auto* ended = std::get_if<ExitReason>(&answer)) {
+    return isStopRequested() ? ExitReason::stopped() : *ended;
+  }
+  if (const auto ended = checkKey(envFile)) {
+    return isStopRequested() ? ExitReason::stopped() : *ended;
+  }
+
+  if (config_.dryRun) {
+    log_->warn("dry run — not serving jobs");
+    return ExitReason::clean();
+  }
+  return serve(std::get<Hello>(answer), std::move(api),
+               std::get<ExecutorCommand>(std::move(executor)));
+}
+
+/// Fills in what the configuration leaves open. Gives the reason when nothing can run with it.
+std::optional<ExitReason> DriverRunner::settleConfig(const std::string& envFile) {
   server_ = withoutTrailingSlashes(config_.server.empty() ? DriverConstants::defaultServer
                                                           : config_.server);
   if (config_.llmBase.empty()) config_.llmBase = DriverConstants::llmDefaultBase;
@@ -73,6 +106,10 @@ ExitReason DriverRunner::runImpl() {
   if (const auto refusal = ServerURLPolicy::refusal(server_, config_.insecure)) {
     return ExitReason::badConfig(*refusal);
   }
+  return std::nullopt;
+}
+
+std::variant<ExecutorCommand, ExitReason> DriverRunner::findExecutor() const {
   std::vector<std::string> argv;
   try {
     argv = Shlex::split(config_.execCommand);
@@ -80,39 +117,18 @@ ExitReason DriverRunner::runImpl() {
     return ExitReason::noExecutor(fmt::format("executor command `{}` cannot be split: {}",
                                               config_.execCommand, error.what()));
   }
-  const auto execPath =
-      argv.empty() ? std::nullopt : Which::find(argv.front(), config_.extraPathDirs);
-  if (!execPath) {
-    const bool nameless = argv.empty() || argv.front().empty();
-    return ExitReason::noExecutor("executor not found: " +
-                                  (nameless ? std::string("(empty)") : argv.front()));
+  const std::string program = argv.empty() ? "" : argv.front();
+  const auto path = argv.empty() ? std::nullopt : Which::find(program, config_.extraPathDirs);
+  if (!path) {
+    return ExitReason::noExecutor("executor not found: " + (program.empty() ? "(empty)" : program));
   }
+  return ExecutorCommand{*path, std::move(argv), childEnvironment(*path, config_.extraPathDirs)};
+}
 
-  std::shared_ptr<Api> api;
-  try {
-    api = makeApi();
-  } catch (const PyError& error) {
-    return ExitReason::badConfig(pyDescribe(error));
-  }
-  {
-    MutexLock lock(lock_);
-    api_ = api;
-    if (stopRequested_) api->cancelAll();
-  }
-  auto answer = sayHello(*api);
-  if (const auto* ended = std::get_if<ExitReason>(&answer)) {
-    return isStopRequested() ? ExitReason::stopped() : *ended;
-  }
-  const Hello& hello = std::get<Hello>(answer);
-  if (const auto ended = checkKey(envFile)) {
-    return isStopRequested() ? ExitReason::stopped() : *ended;
-  }
-
-  if (config_.dryRun) {
-    log_->warn("dry run — not serving jobs");
-    return ExitReason::clean();
-  }
-  const auto driver = makeDriver(hello, api, argv, *execPath);
+/// Serves jobs until the run ends, the task spaces that an earlier run left swept first.
+ExitReason DriverRunner::serve(const Hello& hello, std::shared_ptr<Api> api,
+                               ExecutorCommand executor) {
+  const auto driver = makeDriver(hello, std::move(api), std::move(executor));
   {
     MutexLock lock(lock_);
     driver_ = driver;
@@ -233,10 +249,8 @@ std::optional<ExitReason> DriverRunner::validateKey() {
 }
 
 std::shared_ptr<Driver> DriverRunner::makeDriver(const Hello& hello, std::shared_ptr<Api> api,
-                                                 const std::vector<std::string>& argv,
-                                                 const std::string& execPath) {
-  ExecutorCommand command{execPath, argv, childEnvironment(execPath, config_.extraPathDirs)};
-  auto browser = std::make_shared<Browser>(std::move(command), fromSeconds(hello.cleanupTimeout),
+                                                 ExecutorCommand executor) {
+  auto browser = std::make_shared<Browser>(std::move(executor), fromSeconds(hello.cleanupTimeout),
                                            log_, timings_);
   Driver::Options options;
   options.maxJobs = hello.maxJobs;

@@ -5,6 +5,7 @@
 #include "VerdoDriverCore/Contract/ExitReason.h"
 #include "VerdoDriverCore/Contract/LogSink.h"
 #include "VerdoDriverCore/Contract/Timings.h"
+#include "VerdoDriverCore/Jobs/Browser.h"
 #include "VerdoDriverCore/Process/Spawn.h"
 #include "VerdoDriverCore/Run/Hello.h"
 #include "VerdoDriverCore/System/Sync.h"
@@ -57,13 +58,16 @@ class DriverRunner {
 
  private:
   ExitReason runImpl();
+  std::optional<ExitReason> settleConfig(const std::string& envFile);
+  std::variant<ExecutorCommand, ExitReason> findExecutor() const;
   std::variant<Hello, ExitReason> sayHello(Api& api);
   std::optional<ExitReason> checkKey(const std::string& envFile);
   std::optional<ExitReason> validateKey() EXCLUDES(lock_);
   std::shared_ptr<Api> makeApi();
   std::shared_ptr<Driver> makeDriver(const Hello& hello, std::shared_ptr<Api> api,
-                                     const std::vector<std::string>& argv,
-                                     const std::string& execPath);
+                                     ExecutorCommand executor);
+  ExitReason serve(const Hello& hello, std::shared_ptr<Api> api, ExecutorCommand executor)
+      EXCLUDES(lock_);
   bool isStopRequested() EXCLUDES(lock_);
 
   DriverConfig config_;
