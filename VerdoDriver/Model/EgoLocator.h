@@ -12,7 +12,7 @@ namespace verdo::EgoLocator {
 std::vector<std::string> extraPathDirs();
 
 /// The command that the driver runs for a browser job: of the user's own browser where its tool is
-/// installed, else of ours. Expiries at the disk; ask again for each run.
+/// installed, else of ours. Looks at the disk; ask again for each run.
 std::string command();
 
 /// The path of the program of that command; absent when neither is installed.

@@ -48,7 +48,7 @@ class LegacyImport : public QObject {
   bool legacyReplaceArmed() const { return legacyReplaceArmed_; }
   bool legacyBusy() const { return legacyBusy_; }
 
-  /// Expiries whether there is a terminal driver. Blocks while launchctl runs.
+  /// Looks whether there is a terminal driver. Blocks while launchctl runs.
   void detect();
   /// Imports server, token, LLM key and keep-awake mode, and then removes the agent if `remove` is
   /// set. While a token is stored that the import would replace, the first call only arms it.

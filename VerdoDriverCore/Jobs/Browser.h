@@ -69,7 +69,7 @@ class Browser {
   class RunningScript;
 
   Clock::time_point deadlineOf(Clock::time_point begin) EXCLUDES(lock_);
-  /// Expiries at `isDone` until it says so; false when the script's time is up before.
+  /// Looks at `isDone` until it says so; false when the script's time is up before.
   bool await(const std::function<bool(Duration look)>& isDone, Clock::time_point begin,
              const Event* interrupt);
   TerminationTimings grace() EXCLUDES(lock_);

@@ -183,7 +183,7 @@ std::variant<Hello, ExitReason> DriverRunner::sayHello(Api& api) {
   return answer;
 }
 
-/// Expiries after the LLM key. Gives the reason when the run ends there.
+/// Looks after the LLM key. Gives the reason when the run ends there.
 std::optional<ExitReason> DriverRunner::checkKey(const std::string& envFile) {
   if (!config_.llmKey.empty()) return config_.checkLLM ? validateKey() : std::nullopt;
   if (config_.checkLLM) {

@@ -17,7 +17,7 @@
 
 namespace verdo {
 
-/// Expiries after the browser's task spaces, which outlive the jobs that use them: closes what
+/// Looks after the browser's task spaces, which outlive the jobs that use them: closes what
 /// nobody has used for long, and what was left over. Spaces that `isUsed` names are never touched,
 /// and none while another driver looks after them. Any thread may call any operation.
 class TaskSpaces : public std::enable_shared_from_this<TaskSpaces> {
