@@ -40,7 +40,6 @@ TEST(BusLink, FreezesTheMainThreadWhenTheBusHangs) {
     BusLink link(bus.address(), {.connectTimeout = 100ms});
     const Question first(link);
     const Question second(connected);
-    EXPECT_TRUE(first.answer->empty());
     EXPECT_TRUE(first.waitFor("does not answer"));
     EXPECT_TRUE(second.waitFor("Timeout"));
     // These are let go of while they wait.
@@ -71,8 +70,7 @@ TEST(BusLink, StaysDeafAfterTheBusWasRestarted) {
   bus.daemon->release();
   EXPECT_TRUE(spinUntil([&] { return !Question(link).waitFor("ok"); }));
   std::filesystem::remove(bus.home() + "/bus");
-  bus.daemon = bus.start({"/usr/bin/dbus-daemon", "--config-file=" + bus.home() + "/bus.conf",
-                          "--nofork", "--print-address=1"});
+  bus.startDaemon();
   EXPECT_TRUE(hears());
   EXPECT_TRUE(Question(link).waitFor("ok"));
 }
@@ -86,7 +84,6 @@ TEST(BusLink, StartsABusWhereThereIsNone) {
       {"", bus.home(), path + "/bus"},
       {"autolaunch:", bus.home(), ""},
       {std::nullopt, "/nowhere", ""},
-      {std::nullopt, std::nullopt, ""},
   };
   for (const auto& [address, directory, expected] : table) {
     const ScopedEnv one("DBUS_SESSION_BUS_ADDRESS", address);
