@@ -114,6 +114,8 @@ TEST_F(ModelHttpTest, ReplyIsReadWrongly) {
   EXPECT_EQ(service.requests().count(), std::size(table));
   EXPECT_TRUE(log.has("[UpdateChecker] app_version=2.0.0 protocol=3 newer=true"));
   EXPECT_EQ(checker.latest(), (AppManifest{"2.0.0", "u", 3, "v", "e"}));
+  ask("check", 200, R"({"app_version": "1.9.9"})");
+  EXPECT_TRUE(log.has("[UpdateChecker] app_version=1.9.9 protocol=-1 newer=false"));
   EXPECT_EQ(ask("check", 200, R"({"app_version": null})"), "none");
   EXPECT_TRUE(log.has("[UpdateChecker] app_version=none protocol=-1 newer=false"));
 }

@@ -21,7 +21,7 @@ TEST(Settings, AreForgottenOrMisread) {
   const auto open = [&] {
     return std::make_unique<SettingsStore>(std::make_unique<QSettings>(file, QSettings::IniFormat));
   };
-  auto settings = open();
+  const auto settings = open();
   EXPECT_EQ(settings->serverURL() + nameOf(settings->keepAwakeMode()), "always");
   EXPECT_TRUE(settings->autoStart() && !settings->launchAtLogin() && !settings->allowInsecure());
   EXPECT_EQ(settings->secretPlace(), std::nullopt);

@@ -34,6 +34,8 @@ TEST(BusLink, FreezesTheMainThreadWhenTheBusHangs) {
   const PrivateBus bus;
   BusLink connected(bus.address(), {.callTimeout = 100ms});
   EXPECT_TRUE(Question(connected).waitFor("ok"));
+  auto patient = std::make_unique<BusLink>(bus.address());
+  EXPECT_TRUE(Question(*patient).waitFor("ok"));
   ASSERT_EQ(::kill(bus.daemon->pid(), SIGSTOP), 0);
   const auto start = std::chrono::steady_clock::now();
   {
@@ -43,9 +45,10 @@ TEST(BusLink, FreezesTheMainThreadWhenTheBusHangs) {
     EXPECT_TRUE(first.waitFor("does not answer"));
     EXPECT_TRUE(second.waitFor("Timeout"));
     // These are let go of while they wait.
-    BusLink patient(bus.address());
-    const Question third(patient);
-    const Question fourth(connected);
+    BusLink connecting(bus.address());
+    const Question third(connecting);
+    const Question fourth(*patient);
+    patient.reset();
   }
   EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
   ::kill(bus.daemon->pid(), SIGCONT);

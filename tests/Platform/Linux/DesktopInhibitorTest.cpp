@@ -8,6 +8,7 @@
 
 namespace verdo::test {
 
+constexpr const char* kBus = "org.freedesktop.DBus";
 constexpr const char* kPowerPath = "/org/freedesktop/PowerManagement/Inhibit";
 
 /// A desktop's service, on a connection of its own. Notes who inhibits and how.
@@ -46,7 +47,8 @@ TEST(DesktopInhibitor, AsksTheWrongOneKeepsALockOrForgetsToAskAgain) {
   using testing::ElementsAre;
   const PrivateBus bus;
   const AppLogCapture log;
-  DesktopInhibitor inhibitor(std::make_shared<BusLink>(bus.address()));
+  const auto link = std::make_shared<BusLink>(bus.address());
+  DesktopInhibitor inhibitor(link);
   inhibitor.hold("too early");
   ASSERT_TRUE(spinUntil([&] { return !inhibitor.isHeld(); }));
 
@@ -75,7 +77,10 @@ TEST(DesktopInhibitor, AsksTheWrongOneKeepsALockOrForgetsToAskAgain) {
   ASSERT_TRUE(spinUntil([&] { return log.has("PowerManagement keeps awake (second)"); }));
   for (int i = 0; i < 3; ++i) {
     inhibitor.hold("third");
-    spin();
+    bool isAnswered = false;  // answers come in order
+    link->call({.service = kBus, .path = "/", .interface = kBus, .method = "GetId"},
+               [&](const BusResult&) { isAnswered = true; });
+    ASSERT_TRUE(spinUntil([&] { return isAnswered; }));
   }
   inhibitor.release();
   ASSERT_TRUE(spinUntil([&] { return power->calls.size() == 4; }));

@@ -115,14 +115,18 @@ TEST_F(SecretPromptTest, MissingDefaultOrAnotherProgramReadsAsAbsent) {
   EXPECT_EQ(errorOf(read(*choice("another"))).kind, Kind::unavailable);
   EXPECT_EQ(read(*choice("")).value(), std::nullopt);
   EXPECT_TRUE(write(*choice("another"), "moved")) << "the user has decided";
-  service.hasDefault = false;
   const std::string us = fs::path(selfPath()).filename();
+  const auto found = choice("");  // as after the settings were lost
+  EXPECT_EQ(read(*found).value(), "moved");
+  EXPECT_EQ(found->place(), (SecretPlace{SecretPlace::Kind::secretService, us}));
+  service.hasDefault = false;
   EXPECT_EQ(errorOf(read(*choice("another"))).kind, Kind::locked) << "it was found";
   EXPECT_EQ(errorOf(write(*choice(us), "new")).kind, Kind::unavailable);
   const auto fresh = choice("");
   EXPECT_EQ(read(*fresh).value(), std::nullopt);
   EXPECT_TRUE(write(*fresh, "in files"));
   EXPECT_EQ(fresh->place()->kind, SecretPlace::Kind::files);
+  service.hasDefault = true;
   EXPECT_EQ(read(*choice("")).value(), "in files");
 }
 

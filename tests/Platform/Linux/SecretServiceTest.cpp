@@ -36,11 +36,11 @@ class Keyring : public testing::Test {
     for (const auto& line : log_.lines()) EXPECT_EQ(line.find("secret-"), line.npos) << line;
   }
   void expectFailure(Kind kind) {
-    EXPECT_EQ(errorOf(store_.read(kToken)).kind, kind);
-    EXPECT_EQ(errorOf(store_.read(kKey)).kind, kind);
     EXPECT_EQ(errorOf(store_.write("secret-new", kToken)).kind, kind);
-    EXPECT_EQ(errorOf(store_.remove(kToken)).kind, kind);
-    EXPECT_EQ(errorOf(store_.remove(kKey)).kind, kind);
+    for (const auto account : {kToken, kKey}) {
+      EXPECT_EQ(errorOf(store_.read(account)).kind, kind);
+      EXPECT_EQ(errorOf(store_.remove(account)).kind, kind);
+    }
   }
 
   PrivateBus bus_;

@@ -65,6 +65,8 @@ TEST_F(Logind, LockIsNotHeldOrNotReleased) {
   inhibitor.hold("second");
   EXPECT_TRUE(waitForLock("second"));
   inhibitor.release();
+  inhibitor.hold("third");
+  inhibitor.release();
   EXPECT_TRUE(waitForLock(""));
   EXPECT_TRUE(spinUntil([&] { return openDescriptors().size() <= descriptors; }));
 
