@@ -34,6 +34,16 @@ class Logind : public testing::Test {
       return found == (reason.empty() ? "" : "idle|Verdo Driver|block|" + reason);
     });
   }
+  /// Until all that was told or asked before has arrived: signals and answers come in order.
+  void waitForTheBus() {
+    bool isAnswered = false;
+    link_->call({.service = kLogind,
+                 .path = kPath,
+                 .interface = "org.freedesktop.DBus.Peer",
+                 .method = "Ping"},
+                [&](const BusResult&) { isAnswered = true; });
+    EXPECT_TRUE(spinUntil([&] { return isAnswered; }));
+  }
 
   PrivateBus bus_;
   std::shared_ptr<BusLink> link_ = std::make_shared<BusLink>(bus_.address());
@@ -67,6 +77,7 @@ TEST_F(Logind, LockIsNotHeldOrNotReleased) {
   inhibitor.release();
   inhibitor.hold("third");
   inhibitor.release();
+  waitForTheBus();
   EXPECT_TRUE(waitForLock(""));
   EXPECT_TRUE(spinUntil([&] { return openDescriptors().size() <= descriptors; }));
 
@@ -83,14 +94,7 @@ TEST_F(Logind, WakeUpIsMissedOrFallingAsleepTakenForIt) {
   for (const bool isGoingToSleep : {true, false}) {
     bus_.call(kLogind, kPath, "org.freedesktop.DBus.Mock", "EmitSignal",
               {kManager, "PrepareForSleep", "b", QVariantList{isGoingToSleep}});
-    // Signals and answers come in order.
-    bool isAnswered = false;
-    link_->call({.service = kLogind,
-                 .path = kPath,
-                 .interface = "org.freedesktop.DBus.Peer",
-                 .method = "Ping"},
-                [&](const BusResult&) { isAnswered = true; });
-    EXPECT_TRUE(spinUntil([&] { return isAnswered; }));
+    waitForTheBus();
     EXPECT_EQ(wakeUps, isGoingToSleep ? 0 : 1);
   }
 }
