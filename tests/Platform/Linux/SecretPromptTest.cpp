@@ -117,6 +117,7 @@ TEST_F(SecretPromptTest, MissingDefaultOrAnotherProgramReadsAsAbsent) {
   EXPECT_TRUE(write(*choice("another"), "moved")) << "the user has decided";
   const std::string us = fs::path(selfPath()).filename();
   const auto found = choice("");  // as after the settings were lost
+  EXPECT_TRUE(unlock(*found));
   EXPECT_EQ(read(*found).value(), "moved");
   EXPECT_EQ(found->place(), (SecretPlace{SecretPlace::Kind::secretService, us}));
   service.hasDefault = false;
