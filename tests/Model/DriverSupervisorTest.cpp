@@ -206,6 +206,7 @@ TEST_F(Supervisor, StopsARunTwiceOrForgetsWhoWaitsOrWithWhatToGoOn) {
   supervisor.kick();
   supervisor.networkChanged();
   EXPECT_EQ(run(1).networkChanges, 2);
+  report(1, [](auto& observer) { observer.driverRetrying("m", 9); });
   int told = 0;
   supervisor.stop(75s, [&] { ++told; });
   supervisor.stop(1s, [&] { ++told; });
@@ -219,6 +220,7 @@ TEST_F(Supervisor, StopsARunTwiceOrForgetsWhoWaitsOrWithWhatToGoOn) {
   clock->advance(75s);  // the time limit of the first run is gone with it
   EXPECT_EQ(state(), Kind::starting);
   EXPECT_EQ(run(2).config.server, "https://next") << "the restart";
+  EXPECT_EQ(supervisor.retryMessage(), std::nullopt) << "of the run before";
 }
 
 TEST_F(Supervisor, LosesItsWayWhenARunWillNotStop) {
