@@ -1,22 +1,15 @@
 #include "VerdoDriver/Model/ConnectFlow.h"
 #include "VerdoDriver/Model/EgoLocator.h"
 #include "VerdoDriver/Model/SecretTask.h"
-#include "tests/Support/AppLogCapture.h"
-#include "tests/Support/MainLoop.h"
-#include "tests/Support/RecordingDriverLog.h"
-#include "tests/Support/ScriptedDriver.h"
-#include "tests/Support/TempDir.h"
+#include "tests/Support/AppFixture.h"
 
-#include <QSettings>
 #include <atomic>
-
-#include <gmock/gmock.h>
 
 namespace verdo::test {
 namespace {
 
+using testing::Each;
 using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::Not;
 
 /// Fails every write to one account, and holds calls up as long as the test wants.
@@ -40,7 +33,7 @@ class FailingStore : public MemorySecretStore {
   }
   void cancelPrompt() override { ++cancelledPrompts; }
 
-  enum class Call { none, read, writeToken, writeKey };
+  enum class Call { none, queued, read, writeToken, writeKey };
   std::optional<SecretAccount> failing;
   bool isRefused = false;
   std::atomic<int> reads = 0, writes = 0, unlocks = 0, cancelledPrompts = 0;
@@ -56,22 +49,30 @@ class FailingStore : public MemorySecretStore {
   }
 };
 
-class Connect : public testing::Test {
+class Connect : public AppFixture {
  protected:
-  Connect() {
+  Connect() { putOldSecrets(); }
+  void putOldSecrets() {
     EXPECT_TRUE(secrets->write("old-token", SecretAccount::driverToken));
     EXPECT_TRUE(secrets->write("old-key", SecretAccount::llmKey));
-    factory->endsAtOnce = ExitReason::clean();
   }
-  ConnectResult connect() {
-    std::optional<ConnectResult> result;
-    flow.connect(draft, [&](const ConnectResult& given) {
+  void begin() {
+    result.reset();
+    flow.connect(draft, [this](const ConnectResult& given) {
       EXPECT_FALSE(result) << "completed twice";
       result = given;
     });
     EXPECT_FALSE(result) << "completed within the call";
+  }
+  ConnectResult waitForTheEnd() {
     EXPECT_TRUE(spinUntil([&] { return result.has_value(); }));
     return result.value();
+  }
+  /// With a dry run that ends at once.
+  ConnectResult connect(const ExitReason& reason = ExitReason::clean()) {
+    factory->endsAtOnce = reason;
+    begin();
+    return waitForTheEnd();
   }
   static std::string textOf(const ConnectResult& result) {
     const auto& [title, detail, action] = result.text;
@@ -83,65 +84,60 @@ class Connect : public testing::Test {
     secretQueue().post([&] { done.set(); });
     done.wait();
   }
-  std::string stored(SecretAccount account) { return secrets->read(account)->value_or(""); }
   std::vector<std::string> saved() {
-    return {stored(SecretAccount::driverToken), stored(SecretAccount::llmKey),
-            settings.serverURL()};
+    return {secrets->read(SecretAccount::driverToken)->value_or(""),
+            secrets->read(SecretAccount::llmKey)->value_or(""), settings.serverURL()};
   }
 
-  TempDir directory;
-  std::shared_ptr<ScriptedFactory> factory = std::make_shared<ScriptedFactory>();
   std::shared_ptr<FailingStore> secrets = std::make_shared<FailingStore>();
-  SettingsStore settings{std::make_unique<QSettings>(QString::fromStdString(directory / "settings"),
-                                                     QSettings::IniFormat)};
-  std::shared_ptr<RecordingDriverLog> log = std::make_shared<RecordingDriverLog>();
   std::optional<std::string> ego = "/bin/ego";
-  AppLogCapture appLog;
   ConnectFlow flow{factory, secrets, settings, log, [this] { return ego; }};
   ConnectDraft draft{"https://s.example/", "new-token", "new-key", false};
+  std::optional<ConnectResult> result;
 };
 
 TEST_F(Connect, SavesWhatWasRefusedOrFailed) {
-  const auto token = SecretAccount::driverToken;
-  const auto ends = [this](const ExitReason& reason) { factory->endsAtOnce = reason; };
+  const auto clean = ExitReason::clean();
   const struct {
+    ExitReason runEnds;
     std::function<void()> prepare;
     int exitCode;
     std::string text;  ///< as textOf gives it
   } table[] = {
-      {[=, this] { draft.serverURL = ""; }, 2, "Check the setup|Enter the server URL.|5"},
-      {[=, this] { draft.token = ""; }, 2,
+      {clean, [this] { draft.serverURL = ""; }, 2, "Check the setup|Enter the server URL.|5"},
+      {clean, [this] { draft.token = ""; }, 2,
        "Check the setup|Not connected yet — press Connect to website.|5"},
-      {[=, this] { ego.reset(); }, 127,
+      {clean, [this] { ego.reset(); }, 127,
        "ego lite not found|Install ego lite and log in to LinkedIn there once.|1"},
-      {[=] { ends(ExitReason::serverUnreachable("m")); }, 1, "Server unreachable|m — retrying|5"},
-      {[=] { ends(ExitReason::tokenRevoked("m")); }, 3,
+      {clean, [this] { secrets->failing = SecretAccount::driverToken; }, 0,
+       "Could not save to the Keychain|The keyring is locked.|0"},
+      {clean, [this] { secrets->failing = SecretAccount::llmKey; }, 0,
+       "Could not save to the Keychain|The keyring is locked.|0"},
+      {ExitReason::serverUnreachable("m"), [] {}, 1, "Server unreachable|m — retrying|5"},
+      {ExitReason::tokenRevoked("m"), [] {}, 3,
        "Disconnected|The website no longer accepts this Mac — press Connect to website in Setup "
        "to pair again.|3"},
-      {[=] { ends(ExitReason::outOfDate("")); }, 6,
-       "App out of date|The server speaks a newer driver protocol — download the new Verdo "
-       "Driver.|2"},
-      {[=] { ends(ExitReason::llmKeyRejected("m")); }, 7,
+      {ExitReason::llmKeyRejected("m"), [] {}, 7,
        "DeepSeek rejected the key ····-key|Nothing saved — check the key and try again.|4"},
-      {[=] { ends(ExitReason::stopped()); }, 130, "Stopped|The driver is not running.|0"},
-      {[=, this] { secrets->failing = token; }, 0,
-       "Could not save to the Keychain|The keyring is locked.|0"},
-      {[=, this] { secrets->failing = SecretAccount::llmKey; }, 0,
-       "Could not save to the Keychain|The keyring is locked.|0"},
+      {ExitReason::stopped(), [] {}, 130, "Stopped|The driver is not running.|0"},
   };
   const auto original = draft;
   for (const auto& row : table) {
     draft = original;
     ego = "/bin/ego";
-    factory->endsAtOnce = ExitReason::clean();
     secrets->failing.reset();
     row.prepare();
-    const auto result = connect();
-    EXPECT_EQ(result.reason.code(), row.exitCode) << row.text;
-    EXPECT_EQ(textOf(result), row.text);
-    EXPECT_FALSE(result.saved);
+    const auto end = connect(row.runEnds);
+    EXPECT_EQ(end.reason.code(), row.exitCode) << row.text;
+    EXPECT_EQ(textOf(end), row.text);
+    EXPECT_FALSE(end.saved);
     EXPECT_THAT(saved(), ElementsAre("old-token", "old-key", ""));
   }
+  EXPECT_TRUE(secrets->remove(SecretAccount::driverToken));
+  secrets->failing = SecretAccount::llmKey;
+  EXPECT_FALSE(connect().saved);
+  EXPECT_EQ(secrets->read(SecretAccount::driverToken).value(), std::nullopt)
+      << "left a token where there was none";
   EXPECT_TRUE(appLog.has("[ConnectFlow] refused before running: Enter the server URL."));
   EXPECT_TRUE(appLog.has("[ConnectFlow] dry run → exit 3"));
   EXPECT_TRUE(appLog.has("[ConnectFlow] keychain write failed: The keyring is locked."));
@@ -149,9 +145,7 @@ TEST_F(Connect, SavesWhatWasRefusedOrFailed) {
 
 TEST_F(Connect, LosesWhatWasProven) {
   draft.allowInsecure = true;
-  factory->endsAtOnce.reset();
-  std::optional<ConnectResult> result;
-  flow.connect(draft, [&](const ConnectResult& given) { result = given; });
+  begin();
   ASSERT_EQ(factory->runs.size(), 1u);
   const auto& run = *factory->runs[0];
   EXPECT_TRUE(run.config.dryRun && run.config.checkLLM && run.config.insecure);
@@ -159,34 +153,30 @@ TEST_F(Connect, LosesWhatWasProven) {
   EXPECT_EQ(run.config.execCommand, EgoLocator::command());
   run.observer.lock()->driverConnected("ann", 1, "1");
   factory->runs[0]->end(ExitReason::clean());
-  ASSERT_TRUE(spinUntil([&] { return result.has_value(); }));
-  EXPECT_EQ(result->username, "ann");
-  EXPECT_TRUE(result->saved);
+  const auto end = waitForTheEnd();
+  EXPECT_EQ(end.username, "ann");
+  EXPECT_TRUE(end.saved);
   EXPECT_THAT(saved(), ElementsAre("new-token", "new-key", "https://s.example"));
   EXPECT_TRUE(settings.allowInsecure());
   EXPECT_THAT(log->lines(),
               ElementsAre("» dry run (check_llm=true) against https://s.example, token ····oken",
                           "» connected as ann — settings saved"));
-  for (const auto& line : appLog.lines()) {
-    EXPECT_THAT(line, Not(testing::ContainsRegex("new-token|new-key"))) << line;
-  }
+  EXPECT_THAT(appLog.lines(), Each(Not(testing::ContainsRegex("new-token|new-key"))));
 }
 
 TEST_F(Connect, SavesOneDraftsUrlWithTheOthersToken) {
-  factory->endsAtOnce.reset();
-  std::vector<std::string> ends;
-  const auto note = [&](const ConnectResult& result) {
-    ends.push_back(std::to_string(result.reason.code()) + (result.saved ? " saved" : ""));
-  };
-  flow.connect(draft, note);
-  flow.connect({"https://other.example", "other-token", "other-key", true}, note);
+  begin();
+  draft = {"https://other.example", "other-token", "other-key", true};
+  std::optional<ConnectResult> other;
+  flow.connect(draft, [&](const ConnectResult& given) { other = given; });
   EXPECT_EQ(factory->runs.at(0)->stops, 1);
-  EXPECT_THAT(ends, IsEmpty());
-  factory->runs.at(0)->end(ExitReason::clean());  // as if the stop had come too late
-  ASSERT_TRUE(spinUntil([&] { return ends.size() == 1; }));
+  EXPECT_FALSE(result) << "completed within the call";
+  factory->runs[0]->end(ExitReason::clean());  // as if the stop had come too late
+  EXPECT_EQ(waitForTheEnd().reason, ExitReason::stopped());
+  EXPECT_FALSE(result->saved || other);
   factory->runs.at(1)->end(ExitReason::clean());
-  ASSERT_TRUE(spinUntil([&] { return ends.size() == 2; }));
-  EXPECT_THAT(ends, ElementsAre("130", "0 saved"));
+  ASSERT_TRUE(spinUntil([&] { return other.has_value(); }));
+  EXPECT_TRUE(other->saved);
   EXPECT_THAT(saved(), ElementsAre("other-token", "other-key", "https://other.example"));
 }
 
@@ -196,125 +186,96 @@ TEST_F(Connect, SavesAlthoughItWasCancelled) {
     Call at;
     const char* llmKey;
     bool superseded;
-  } table[] = {{Call::none, "new-key", false},       {Call::read, "", false},
-               {Call::writeToken, "new-key", false}, {Call::writeKey, "new-key", false},
-               {Call::writeToken, "", true},         {Call::writeKey, "new-key", true}};
+  } table[] = {{Call::none, "new-key", false},
+               {Call::queued, "new-key", false},
+               {Call::read, "", false},
+               {Call::writeToken, "", true},
+               {Call::writeToken, "new-key", false},
+               {Call::writeKey, "new-key", false},
+               {Call::writeKey, "new-key", true}};
   for (const auto& [at, llmKey, superseded] : table) {
     SCOPED_TRACE(static_cast<int>(at));
-    EXPECT_TRUE(secrets->write("old-token", SecretAccount::driverToken));
-    EXPECT_TRUE(secrets->write("old-key", SecretAccount::llmKey));
+    putOldSecrets();
     draft.llmKey = llmKey;
     factory->runs.clear();
     factory->endsAtOnce.reset();
-    if (at == Call::writeToken || at == Call::writeKey) factory->endsAtOnce = ExitReason::clean();
+    if (at != Call::none && at != Call::read) factory->endsAtOnce = ExitReason::clean();
     secrets->reached.clear();
     secrets->goOn.clear();
     secrets->heldUp = at;
-    secrets->cancelledPrompts = 0;
-    std::optional<ConnectResult> first, second;
-    flow.connect(draft, [&](const ConnectResult& result) { first = result; });
-    ASSERT_TRUE(spinUntil(
-        [&] { return at == Call::none ? factory->runs.size() == 1 : secrets->reached.isSet(); }));
+    secrets->cancelledPrompts = secrets->writes = 0;
+    if (at == Call::queued) secretQueue().post([&] { secrets->goOn.wait(); });
+    begin();
+    ASSERT_TRUE(spinUntil([&] {
+      if (at > Call::queued) return secrets->reached.isSet();
+      // Once the flow has let go of the run, the writes are asked for, behind the one that waits.
+      return at == Call::none || factory->runs.at(0).use_count() == 1;
+    }));
+    std::optional<ConnectResult> second;
     if (superseded) {
       flow.connect({"https://bad.example", "", "", false}, [&](const auto& r) { second = r; });
     } else {
       flow.cancel();
     }
-    EXPECT_FALSE(first) << "completed within the call";
+    EXPECT_FALSE(result) << "completed within the call";
     secrets->goOn.set();
-    ASSERT_TRUE(spinUntil([&] { return first && (second || !superseded); }));
-    EXPECT_EQ(first->reason, ExitReason::stopped());
-    EXPECT_FALSE(first->saved);
+    EXPECT_EQ(waitForTheEnd().reason, ExitReason::stopped());
+    EXPECT_FALSE(result->saved);
+    ASSERT_TRUE(spinUntil([&] { return second || !superseded; }));
     waitForTheStore();
     EXPECT_THAT(saved(), ElementsAre("old-token", "old-key", ""));
-    EXPECT_EQ(secrets->cancelledPrompts, at == Call::none ? 0 : 1);
-    if (at == Call::none) {
-      EXPECT_EQ(factory->runs[0]->stops, 1);
-    }
-    EXPECT_THAT(log->lines(), testing::Each(Not(testing::HasSubstr("settings saved"))));
+    EXPECT_EQ(secrets->cancelledPrompts, at > Call::queued ? 1 : 0);
+    EXPECT_TRUE(at > Call::queued || secrets->writes == 0) << "troubled the keyring";
+    EXPECT_TRUE(at != Call::none || factory->runs[0]->stops == 1);
+    EXPECT_THAT(log->lines(), Each(Not(testing::HasSubstr("settings saved"))));
   }
-}
-
-TEST_F(Connect, TroublesTheKeyringAfterACancel) {
-  Event goOn;
-  secretQueue().post([&] { goOn.wait(); });
-  std::optional<ConnectResult> result;
-  flow.connect(draft, [&](const ConnectResult& given) { result = given; });
-  // Once the flow has let go of the run, the writes are asked for, behind the one that waits.
-  ASSERT_TRUE(spinUntil([&] { return factory->runs.at(0).use_count() == 1; }));
-  const int before = secrets->writes;
-  flow.cancel();
-  goOn.set();
-  ASSERT_TRUE(spinUntil([&] { return result.has_value(); }));
-  waitForTheStore();
-  EXPECT_EQ(secrets->writes, before);
 }
 
 TEST_F(Connect, SavesHalfWhenTheCancelComesTooLate) {
   secrets->heldUp = FailingStore::Call::writeKey;
-  std::optional<ConnectResult> result;
-  flow.connect(draft, [&](const ConnectResult& given) { result = given; });
+  factory->endsAtOnce = ExitReason::clean();
+  begin();
   ASSERT_TRUE(spinUntil([&] { return secrets->reached.isSet(); }));
   secrets->goOn.set();
   waitForTheStore();  // all is stored, of which the main thread has not heard
   flow.cancel();
-  ASSERT_TRUE(spinUntil([&] { return result.has_value(); }));
-  EXPECT_TRUE(result->saved);
+  EXPECT_TRUE(waitForTheEnd().saved);
   EXPECT_THAT(saved(), ElementsAre("new-token", "new-key", "https://s.example"));
 }
 
-TEST_F(Connect, LeavesATokenWhereThereWasNone) {
-  EXPECT_TRUE(secrets->remove(SecretAccount::driverToken));
-  secrets->failing = SecretAccount::llmKey;
-  EXPECT_FALSE(connect().saved);
-  EXPECT_EQ(secrets->read(SecretAccount::driverToken).value(), std::nullopt);
-}
-
-TEST_F(Connect, AsksTheKeyringInVain) {
+TEST_F(Connect, AsksTheKeyringInVainOrErasesItsKeyWithAnEmptyOne) {
   draft.llmKey = "";
   draft.serverURL = "https://";
-  EXPECT_EQ(textOf(connect()),
-            "Check the setup|The server URL must start with https:// (got "
-            "https:).|5");
-  draft.serverURL = "https://s.example";
-  draft.token = "";
-  EXPECT_EQ(connect().text.detail, "Not connected yet — press Connect to website.");
+  EXPECT_EQ(connect().text.title, "Check the setup");
   EXPECT_EQ(secrets->reads + secrets->unlocks, 0);
-
-  draft.token = "new-token";
+  draft.serverURL = "https://s.example";
   secrets->isRefused = true;
   EXPECT_EQ(textOf(connect()), "Could not read the Keychain|Not unlocked.|0");
   EXPECT_EQ(secrets->reads, 0) << "of a store that the user did not unlock";
+
+  secrets->isRefused = false;
+  EXPECT_EQ(connect().reason, ExitReason::clean());
+  EXPECT_EQ(factory->runs.at(0)->config.llmKey, "old-key");
+  EXPECT_THAT(saved(), ElementsAre("new-token", "old-key", "https://s.example"));
+  EXPECT_TRUE(secrets->remove(SecretAccount::llmKey));
+  EXPECT_EQ(textOf(connect()), "Check the setup|Paste the DeepSeek key first.|5");
 }
 
-TEST_F(Connect, LeavesADryRunBehind) {
-  factory->endsAtOnce.reset();
-  std::optional<ConnectResult> result;
+TEST_F(Connect, LeavesADryRunBehindOrSavesIt) {
   auto other =
       std::make_unique<ConnectFlow>(factory, secrets, settings, log, [this] { return ego; });
-  other->dryRun(draft, false, [&](const ConnectResult& given) { result = given; });
+  const auto note = [&](const ConnectResult& given) { result = given; };
+  other->dryRun(draft, false, note);
   factory->runs.at(0)->end(ExitReason::clean());
-  ASSERT_TRUE(spinUntil([&] { return result.has_value(); }));
+  EXPECT_FALSE(waitForTheEnd().saved);
   EXPECT_THAT(saved(), ElementsAre("old-token", "old-key", ""));
-  EXPECT_FALSE(result->saved);
-
   result.reset();
-  other->dryRun(draft, false, [&](const ConnectResult& given) { result = given; });
+  other->dryRun(draft, false, note);
   other.reset();
   EXPECT_EQ(factory->runs.at(1)->stops, 1);
   factory->runs[1]->end(ExitReason::stopped());
   spin();
   EXPECT_FALSE(result) << "completed for a flow that is gone";
-}
-
-TEST_F(Connect, ErasesTheStoredKeyWithAnEmptyOne) {
-  draft.llmKey = "";
-  EXPECT_EQ(connect().reason, ExitReason::clean());
-  EXPECT_EQ(factory->runs.at(0)->config.llmKey, "old-key");
-  EXPECT_THAT(saved(), ElementsAre("new-token", "old-key", "https://s.example"));
-
-  EXPECT_TRUE(secrets->remove(SecretAccount::llmKey));
-  EXPECT_EQ(textOf(connect()), "Check the setup|Paste the DeepSeek key first.|5");
 }
 
 }  // namespace

@@ -59,25 +59,24 @@ TEST(KeepAwake, TakesARefusalForTheLastWord) {
   KeepAwakeController controller(std::make_shared<PowerAssertionGroup>(
                                      std::vector<std::shared_ptr<PowerAssertion>>{first, second}),
                                  clock, KeepAwakeMode::always);
+  const auto run = [&](bool runs) {
+    controller.setDriverRunning(runs);
+    controller.evaluate();
+  };
   second->refusals = 2;
-  controller.setDriverRunning(true);
-  controller.evaluate();
-  controller.evaluate();
-  EXPECT_EQ(first->changes + second->changes, "Rxx");
+  run(true);
+  run(true);
   clock->advance(std::chrono::seconds(59));
-  EXPECT_EQ(second->changes, "xx");
+  EXPECT_EQ(first->changes + second->changes, "Rxx");
   clock->advance(std::chrono::seconds(1));
   EXPECT_EQ(first->changes + second->changes, "RxxR");
-  controller.setDriverRunning(false);
-  controller.evaluate();
+  run(false);
   EXPECT_EQ(clock->pendingCount(), 0u);
   EXPECT_EQ(first->changes + second->changes, "R-xxR-");
   // What one of them holds is let go of, too.
   second->refusals = 1;
-  for (const bool runs : {true, false}) {
-    controller.setDriverRunning(runs);
-    controller.evaluate();
-  }
+  run(true);
+  run(false);
   EXPECT_EQ(first->changes, "R-R-");
 }
 

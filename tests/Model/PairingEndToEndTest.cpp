@@ -1,57 +1,43 @@
 #include "LocalService/LocalService.h"
-#include "VerdoDriver/App/FileLog.h"
 #include "VerdoDriver/Model/PairFlow.h"
 #include "VerdoDriver/Model/PairingClient.h"
-#include "VerdoDriverCore/Process/LineReader.h"
-#include "VerdoDriverCore/Process/Spawn.h"
 #include "VerdoDriverCore/Process/Which.h"
-#include "tests/Support/AppLogCapture.h"
-#include "tests/Support/MainLoop.h"
-#include "tests/Support/ManualClock.h"
-#include "tests/Support/TempDir.h"
+#include "tests/Support/AppFixture.h"
+#include "tests/Support/Children.h"
 
-#include <sstream>
-
-#include <gmock/gmock.h>
 #include <httplib.h>
 
 namespace verdo::test {
 namespace {
 
 using namespace std::chrono_literals;
-using local::FaultReply;
-using testing::AllOf;
+using testing::Contains;
+using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
-using testing::StartsWith;
 
 /// Presses a button of the approve page in a headless browser; gives the text of the next page.
-std::string press(const std::string& url, const char* button) {
+Lines press(const std::string& url, const char* button) {
   const auto node = Which::find("node").value();
   const auto child =
       Spawn::launch(node, {node, VERDO_APPROVE_SCRIPT, url, button}, currentEnvironment(), true);
-  std::string text;
-  LineReader reader(child->takeStdout(), [&](auto lines) {
-    for (const auto line : lines) text.append(line).append("\n");
-  });
-  reader.start();
-  EXPECT_TRUE(reader.done().waitFor(50s));
-  EXPECT_EQ(child->wait(), 0) << text;
-  return text;
+  CollectedLines text(child->takeStdout());
+  EXPECT_TRUE(text.start().reader().done().waitFor(50s));
+  EXPECT_EQ(child->wait(), 0) << testing::PrintToString(text.now());
+  return text.now();
 }
 
 /// The app's side of pairing, whole, against the service; time passes when the test says so.
-class Pairing : public testing::Test {
+class Pairing : public AppFixture {
  protected:
   Pairing() {
     service.start();
     service.pairings().setRules({.interval = 2s, .username = "ann"});
   }
   void TearDown() override {
-    for (const auto& line : appLog.lines()) EXPECT_THAT(line, Not(HasSubstr(service.token())));
-    EXPECT_TRUE(log->flush());
-    EXPECT_THAT(contentOf(log->path()), Not(HasSubstr(service.token())));
+    EXPECT_THAT(appLog.lines(), Each(Not(HasSubstr(service.token()))));
+    EXPECT_THAT(log->lines(), Each(Not(HasSubstr(service.token()))));
   }
 
   /// Begins a pairing; gives the code that the user sees.
@@ -65,31 +51,17 @@ class Pairing : public testing::Test {
     return waiting ? waiting->userCode : "";
   }
   /// Lets the time of one poll pass, and the poll end.
-  void poll(Clock::Duration time = 2s) {
-    clock->advance(time);
-    EXPECT_TRUE(spinUntil([&] {
-      return clock->pendingCount() == 1 || !std::holds_alternative<PairingWaiting>(flow.state());
-    }));
+  void poll() {
+    clock->advance(2s);
+    EXPECT_TRUE(spinUntil([&] { return clock->pendingCount() == 1 || !isWaiting(); }));
   }
   std::string failure() const {
     const auto* failed = std::get_if<PairingFailed>(&flow.state());
     return failed ? failed->message : "";
   }
   bool isWaiting() const { return std::holds_alternative<PairingWaiting>(flow.state()); }
-  /// The lines of the file log, without their times.
-  std::vector<std::string> lines() const {
-    EXPECT_TRUE(log->flush());
-    std::istringstream text(contentOf(log->path()));
-    std::vector<std::string> all;
-    for (std::string line; std::getline(text, line);) all.push_back(line.substr(20));
-    return all;
-  }
 
-  TempDir directory;
   local::LocalService service;
-  AppLogCapture appLog;
-  std::shared_ptr<FileLog> log = std::make_shared<FileLog>(directory.path());
-  std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
   std::string opened;
   std::string received;
   PairFlow flow{std::make_shared<PairingClient>("app/1.2.3"),
@@ -108,86 +80,28 @@ TEST_F(Pairing, IsNotApprovedInTheBrowser) {
             403);
   poll();
   EXPECT_TRUE(isWaiting());
-  EXPECT_THAT(press(opened, "Approve"), HasSubstr("Ann's <computer>"));
+  EXPECT_THAT(press(opened, "Approve"), Contains(HasSubstr("Ann's <computer>")));
   poll();
   EXPECT_EQ(flow.state(), PairingState(PairingConnecting{"ann"}));
   EXPECT_EQ(received, "ann:" + service.token());
   const auto token = "····" + service.token().substr(service.token().size() - 4);
   EXPECT_THAT(
-      lines(),
+      log->lines(),
       ElementsAre("» pairing with " + service.url() + " — asking for a code",
                   "» pairing code " + code + " — approve it in the browser (" + opened + ")",
                   "» pairing approved as ann — token " + token + " received, checking it"));
   EXPECT_EQ(service.requests().list("pair-start").front().body, R"({"host": "Ann's <computer>"})");
 }
 
-TEST_F(Pairing, IsNotDeniedInTheBrowser) {
+TEST_F(Pairing, IsNotDeniedInTheBrowserOrOutlivesItsCode) {
   begin();
   press(opened, "Deny");
   poll();
   EXPECT_EQ(failure(), "Denied in the browser — nothing was connected.");
+  service.pairings().expire(begin());
+  poll();
+  EXPECT_THAT(failure(), HasSubstr("expired before it was approved"));
   EXPECT_EQ(received, "");
-}
-
-TEST_F(Pairing, EndsWronglyWhenTheServiceMisbehaves) {
-  const auto replying = [this](int status, const char* body = R"({"detail": "why"})") {
-    service.faults().add(
-        {.endpoint = "pair-poll", .count = 1, .reply = FaultReply{.status = status, .body = body}});
-  };
-  const struct {
-    const char* what;
-    std::function<void(const std::string& code)> prepare;
-    const char* failure;  ///< "": the pairing goes on
-  } table[] = {
-      {"expired", [this](const auto& code) { service.pairings().expire(code); },
-       "The request expired before it was approved — press Connect to website again."},
-      {"403", [=](const auto&) { replying(403); }, "The server refused the request: HTTP 403: why"},
-      {"429", [=](const auto&) { replying(429); }, ""},
-      {"500", [=](const auto&) { replying(500, "<html>"); }, ""},
-      {"no status", [=](const auto&) { replying(200, "{}"); }, ""},
-      {"garbage",
-       [this](const auto&) {
-         service.faults().add(
-             {.endpoint = "pair-poll", .count = 1, .delivery = local::Delivery::garbage});
-       },
-       ""},
-      {"gone", [this](const auto&) { service.outage(local::OutageKind::refuse, 60s); }, ""},
-  };
-  for (const auto& [what, prepare, message] : table) {
-    SCOPED_TRACE(what);
-    const auto code = begin();
-    prepare(code);
-    poll();
-    EXPECT_EQ(failure(), message);
-    if (std::string(message).empty()) {
-      service.endOutage();
-      const auto before = service.requests().count("pair-poll");
-      clock->advance(3900ms);
-      spin();
-      EXPECT_EQ(service.requests().count("pair-poll"), before)
-          << "after a failure the pause doubles";
-      poll(100ms);
-      EXPECT_TRUE(isWaiting());
-      service.pairings().approve(code);
-      poll(2s);  // for one step only
-      EXPECT_EQ(flow.state(), PairingState(PairingConnecting{"ann"}));
-    }
-    flow.cancel();
-  }
-
-  begin();
-  flow.cancel();
-  EXPECT_EQ(flow.state(), PairingState(PairingIdle{}));
-  EXPECT_EQ(lines().back(), "» pairing cancelled");
-  clock->advance(10s);
-  EXPECT_EQ(clock->pendingCount(), 0u);
-
-  service.stop();
-  flow.start(service.url(), false, {});
-  ASSERT_TRUE(spinUntil([&] { return !failure().empty(); }));
-  EXPECT_THAT(failure(), AllOf(StartsWith("Could not reach http://127.0.0.1:"),
-                               HasSubstr("Couldn't connect to server")));
-  EXPECT_THAT(lines().back(), StartsWith("✗ pairing request failed: "));
 }
 
 }  // namespace

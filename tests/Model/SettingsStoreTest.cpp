@@ -21,18 +21,18 @@ TEST(Settings, AreForgottenOrMisread) {
   const auto open = [&] {
     return std::make_unique<SettingsStore>(std::make_unique<QSettings>(file, QSettings::IniFormat));
   };
-  auto settings = open();
+  const auto settings = open();
   EXPECT_EQ(settings->serverURL() + nameOf(settings->keepAwakeMode()), "always");
   EXPECT_TRUE(settings->autoStart() && !settings->launchAtLogin() && !settings->allowInsecure());
+  EXPECT_EQ(settings->secretPlace(), std::nullopt);
   int announced = 0;
   QObject::connect(settings.get(), &SettingsStore::autoStartChanged, [&] { ++announced; });
   settings->setServerURL("https://ü.example/,;\"");
   settings->setLaunchAtLogin(true);
   settings->setKeepAwakeMode(KeepAwakeMode::whileJobRuns);
   settings->setAutoStart(false);
-  settings->setAutoStart(false);
   settings->setAllowInsecure(true);
-  EXPECT_EQ(announced, 2);
+  EXPECT_EQ(announced, 1);
 
   // All is on the disk while the store lives; within one process Qt would show it in any case.
   EXPECT_THAT(contentOf(directory / "settings"),
@@ -46,6 +46,12 @@ TEST(Settings, AreForgottenOrMisread) {
   EXPECT_TRUE(!again->autoStart() && again->launchAtLogin() && again->allowInsecure());
   QSettings(file, QSettings::IniFormat).setValue("keepAwakeMode", "sometimes");
   EXPECT_EQ(open()->keepAwakeMode(), KeepAwakeMode::always);
+  using Place = SecretPlace::Kind;
+  for (const auto& place :
+       {SecretPlace{Place::secretService, "a:b"}, {Place::keychain, ""}, {Place::files, ""}}) {
+    settings->setSecretPlace(place);
+    EXPECT_EQ(open()->secretPlace(), place) << toText(place);
+  }
 }
 
 TEST(Settings, ComeFromAFileThatIsNotTheUsers) {

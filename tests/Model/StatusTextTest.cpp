@@ -4,43 +4,29 @@
 
 namespace verdo::test {
 
-TEST(StatusText, ReadsOrOffersSomethingElse) {
-  using Action = StatusText::Action;
-  const std::string unpaired =
-      "The website no longer accepts this Mac — press Connect to website in Setup to pair again.";
+// The titles and buttons are those that a connect shows (ConnectFlowTest.cpp).
+TEST(StatusText, LosesTheReasonOrShowsNone) {
   const struct {
     ExitReason reason;
-    const char* title;
-    std::string detail;
-    Action action;
+    std::optional<int> retryIn;
+    const char* detail;
   } table[] = {
-      {ExitReason::clean(), "Done", "The driver finished its run.", Action::none},
-      {ExitReason::stopped(), "Stopped", "The driver is not running.", Action::none},
-      {ExitReason::serverUnreachable("m"), "Server unreachable", "m — retrying", Action::fixServer},
-      {ExitReason::serverUnreachable(""), "Server unreachable", "retrying", Action::fixServer},
-      {ExitReason::badConfig("m"), "Check the setup", "m", Action::fixServer},
-      {ExitReason::badConfig(""), "Check the setup", "The server URL or token is missing.",
-       Action::fixServer},
-      {ExitReason::tokenRevoked("m"), "Disconnected", unpaired, Action::fixToken},
-      {ExitReason::outOfDate("m"), "App out of date", "m", Action::downloadUpdate},
-      {ExitReason::outOfDate(""), "App out of date",
-       "The server speaks a newer driver protocol — download the new Verdo Driver.",
-       Action::downloadUpdate},
-      {ExitReason::llmKeyRejected("m"), "DeepSeek rejected the key ····",
-       "Nothing saved — check the key and try again.", Action::fixKey},
-      {ExitReason::noExecutor("m"), "ego lite not found", "m", Action::installEgo},
-      {ExitReason::noExecutor(""), "ego lite not found",
-       "Install ego lite and log in to LinkedIn there once.", Action::installEgo},
+      {ExitReason::serverUnreachable("m"), 7, "m — retrying in 7 s"},
+      {ExitReason::serverUnreachable(""), {}, "retrying"},
+      {ExitReason::badConfig("m"), {}, "m"},
+      {ExitReason::badConfig(""), {}, "The server URL or token is missing."},
+      {ExitReason::outOfDate("m"), {}, "m"},
+      {ExitReason::outOfDate(""),
+       {},
+       "The server speaks a newer driver protocol — download the new Verdo Driver."},
+      {ExitReason::noExecutor("m"), {}, "m"},
+      {ExitReason::clean(), {}, "The driver finished its run."},
   };
-  for (const auto& [reason, title, detail, action] : table) {
-    EXPECT_EQ(StatusText::describe(reason), (StatusText{title, detail, action})) << title;
+  for (const auto& [reason, retryIn, detail] : table) {
+    EXPECT_EQ(StatusText::describe(reason, {}, retryIn).detail, detail);
   }
-  EXPECT_EQ(StatusText::describe(ExitReason::llmKeyRejected("m"), "····9876").title,
-            "DeepSeek rejected the key ····9876");
-  EXPECT_EQ(StatusText::describe(ExitReason::serverUnreachable("m"), {}, 7).detail,
-            "m — retrying in 7 s");
-  EXPECT_EQ(StatusText::describe(ExitReason::serverUnreachable(""), {}, 7).detail,
-            "retrying in 7 s");
+  EXPECT_EQ(StatusText::describe(ExitReason::llmKeyRejected("")).title,
+            "DeepSeek rejected the key ····");
 }
 
 }  // namespace verdo::test

@@ -18,20 +18,22 @@ class PrivateBus {
   /// `service` is the content of a service file, when the bus is to know one that it can start.
   explicit PrivateBus(const std::string& service = "") {
     home_.write("any.service", service);
-    const auto config = home_.write(
-        "bus.conf",
-        "<busconfig><listen>" + address() + "</listen><servicedir>" + home() +
-            "</servicedir><policy context='default'><allow eavesdrop='true'/><allow "
-            "send_destination='*' eavesdrop='true'/><allow own='*'/></policy></busconfig>");
-    daemon =
-        start({"/usr/bin/dbus-daemon", "--config-file=" + config, "--nofork", "--print-address=1"});
-    EXPECT_TRUE(CollectedLines(daemon->takeStdout()).start().waitForCount(1));
+    home_.write("bus.conf",
+                "<busconfig><listen>" + address() + "</listen><servicedir>" + home() +
+                    "</servicedir><policy context='default'><allow eavesdrop='true'/><allow "
+                    "send_destination='*' eavesdrop='true'/><allow own='*'/></policy></busconfig>");
+    startDaemon();
     connection = QDBusConnection::connectToBus(address().c_str(), home().c_str());
   }
   ~PrivateBus() { QDBusConnection::disconnectFromBus(home().c_str()); }
 
   const std::string& home() const { return home_.path(); }
   std::string address() const { return "unix:path=" + home_ / "bus"; }
+  void startDaemon() {
+    daemon = start({"/usr/bin/dbus-daemon", "--config-file=" + home_ / "bus.conf", "--nofork",
+                    "--print-address=1"});
+    EXPECT_TRUE(CollectedLines(daemon->takeStdout()).start().waitForCount(1));
+  }
   /// Starts a program on this bus with this input.
   std::unique_ptr<ChildProcess> start(const std::vector<std::string>& argv,
                                       const std::string& input = "") const {

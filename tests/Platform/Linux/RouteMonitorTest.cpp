@@ -31,7 +31,6 @@ TEST(RouteMonitor, MissesTheNetworkGoingOrComing) {
     QObject::connect(&monitor, &PathMonitor::reported,
                      [&](bool satisfied) { reports += satisfied ? '+' : '-'; });
     monitor.start();
-    monitor.start();
     ASSERT_TRUE(spinUntil([&] { return !reports.empty(); }));
 
     const std::pair<const char*, const char*> table[] = {

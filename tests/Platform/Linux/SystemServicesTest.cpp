@@ -34,6 +34,16 @@ class Logind : public testing::Test {
       return found == (reason.empty() ? "" : "idle|Verdo Driver|block|" + reason);
     });
   }
+  /// Until all that was told or asked before has arrived: signals and answers come in order.
+  void waitForTheBus() {
+    bool isAnswered = false;
+    link_->call({.service = kLogind,
+                 .path = kPath,
+                 .interface = "org.freedesktop.DBus.Peer",
+                 .method = "Ping"},
+                [&](const BusResult&) { isAnswered = true; });
+    EXPECT_TRUE(spinUntil([&] { return isAnswered; }));
+  }
 
   PrivateBus bus_;
   std::shared_ptr<BusLink> link_ = std::make_shared<BusLink>(bus_.address());
@@ -43,7 +53,7 @@ class Logind : public testing::Test {
 
 TEST_F(Logind, LockIsNotHeldOrNotReleased) {
   LogindInhibitor inhibitor(link_);
-  for (int round = 0; round < 3; ++round) {
+  for (int round = 0; round < 2; ++round) {
     inhibitor.hold("too early");
     ASSERT_TRUE(spinUntil([&] { return !inhibitor.isHeld(); }));
     EXPECT_EQ(log_.lines().size(), 1u) << "absence is told again and again";
@@ -58,7 +68,6 @@ TEST_F(Logind, LockIsNotHeldOrNotReleased) {
   inhibitor.release();
   EXPECT_FALSE(inhibitor.isHeld());
   EXPECT_TRUE(waitForLock(""));
-  EXPECT_TRUE(log_.has("verdo.keepAwake [KeepAwake] assertion released"));
 
   // Answers that come late are not mistaken for the latest.
   inhibitor.hold("first");
@@ -68,6 +77,7 @@ TEST_F(Logind, LockIsNotHeldOrNotReleased) {
   inhibitor.release();
   inhibitor.hold("third");
   inhibitor.release();
+  waitForTheBus();
   EXPECT_TRUE(waitForLock(""));
   EXPECT_TRUE(spinUntil([&] { return openDescriptors().size() <= descriptors; }));
 
@@ -84,14 +94,7 @@ TEST_F(Logind, WakeUpIsMissedOrFallingAsleepTakenForIt) {
   for (const bool isGoingToSleep : {true, false}) {
     bus_.call(kLogind, kPath, "org.freedesktop.DBus.Mock", "EmitSignal",
               {kManager, "PrepareForSleep", "b", QVariantList{isGoingToSleep}});
-    // Signals and answers come in order.
-    bool isAnswered = false;
-    link_->call({.service = kLogind,
-                 .path = kPath,
-                 .interface = "org.freedesktop.DBus.Peer",
-                 .method = "Ping"},
-                [&](const BusResult&) { isAnswered = true; });
-    EXPECT_TRUE(spinUntil([&] { return isAnswered; }));
+    waitForTheBus();
     EXPECT_EQ(wakeUps, isGoingToSleep ? 0 : 1);
   }
 }

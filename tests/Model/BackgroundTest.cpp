@@ -1,10 +1,8 @@
 #include "VerdoDriver/Model/SecretTask.h"
-#include "VerdoDriver/Model/SettingsStore.h"
+#include "tests/Support/EarlyPost.h"
 #include "tests/Support/MainLoop.h"
 #include "tests/Support/NoThreads.h"
-#include "tests/Support/TempDir.h"
 
-#include <QSettings>
 #include <algorithm>
 #include <latch>
 #include <memory>
@@ -16,15 +14,13 @@ namespace verdo::test {
 
 using std::chrono::milliseconds;
 
-TEST(SecretWork, OvertakesOrOutlivesTheApp) {
+TEST(SerialQueue, OvertakesOrOutlivesTheApp) {
   SerialQueue queue("serial");
   std::vector<int> done;  // used by one thread at a time, if the queue is one
-  std::latch both(1), first(1);
-  queue.post([&] { first.wait(); });
+  std::latch all(1);
   for (int i = 0; i < 100; ++i) queue.post([&, i] { done.push_back(i); });
-  queue.post([&] { both.count_down(); });
-  first.count_down();
-  both.wait();
+  queue.post([&] { all.count_down(); });
+  all.wait();
   ASSERT_EQ(done.size(), 100);
   EXPECT_TRUE(std::ranges::is_sorted(done));
   {
@@ -55,22 +51,17 @@ TEST(SecretWork, OvertakesOrOutlivesTheApp) {
   EXPECT_EQ(done.size(), 100);
 }
 
-TEST(SecretPlace, IsForgottenOrMisread) {
-  const TempDir directory;
-  const auto open = [&] {
-    return SettingsStore(std::make_unique<QSettings>(QString::fromStdString(directory / "settings"),
-                                                     QSettings::IniFormat));
-  };
-  EXPECT_EQ(open().secretPlace(), std::nullopt);
-  const SecretPlace places[] = {{SecretPlace::Kind::secretService, "keepassxc"},
-                                {SecretPlace::Kind::secretService, ""},
-                                {SecretPlace::Kind::keychain, ""},
-                                {SecretPlace::Kind::files, ""}};
-  for (const auto& place : places) {
-    open().setSecretPlace(place);
-    EXPECT_EQ(open().secretPlace(), place) << toText(place);
-  }
-  EXPECT_EQ(secretPlaceOf("elsewhere:x"), std::nullopt);
+TEST(MainThread, LosesWhatIsPostedTooEarlyOrAllThatFollowsIt) {
+  int later = 0;
+  runInBackground("poster", [&] {
+    for (int i = 1; i <= 3; ++i) {
+      MainThread::post([&later, i] {
+        EXPECT_TRUE(earlyPostRan && MainThread::isCurrent());
+        EXPECT_EQ(++later, i);
+      });
+    }
+  });
+  EXPECT_TRUE(spinUntil([&] { return later == 3; }));
 }
 
 }  // namespace verdo::test
