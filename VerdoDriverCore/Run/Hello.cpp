@@ -2,6 +2,7 @@
 
 #include "VerdoDriverCore/Contract/DriverConstants.h"
 #include "VerdoDriverCore/Contract/Protocol.h"
+#include "VerdoDriverCore/Contract/SecretScrub.h"
 #include "VerdoDriverCore/Values/PyError.h"
 #include "VerdoDriverCore/Values/PyValue.h"
 
@@ -30,11 +31,11 @@ double secondsOr(const JV* value, double fallback) {
 std::string shown(const JV* value) { return pyStr(value).value_or("?"); }
 
 /// Why the run cannot go on with this protocol, if so.
-std::optional<ExitReason> protocolMismatch(const JV* value) {
+std::optional<ExitReason> protocolMismatch(const JV* value, const SecretScrub& scrub) {
   const auto protocol = pyInt(value);
   if (!protocol) {
     return ExitReason::serverUnreachable("ValueError: invalid literal for int(): " +
-                                         pyStr(value).value_or("None"));
+                                         scrub.scrubbed(pyStr(value).value_or("None")));
   }
   if (*protocol == DRIVER_PROTOCOL) return std::nullopt;
   return ExitReason::outOfDate(
@@ -45,7 +46,8 @@ std::optional<ExitReason> protocolMismatch(const JV* value) {
 }  // namespace
 
 std::variant<Hello, ExitReason> Hello::from(const JV& reply, const DriverConfig& config) {
-  if (auto mismatch = protocolMismatch(reply.find("protocol"))) return std::move(*mismatch);
+  const SecretScrub scrub{config.token, config.llmKey};
+  if (auto mismatch = protocolMismatch(reply.find("protocol"), scrub)) return std::move(*mismatch);
   Hello hello;
   const JV* user = reply.find("user");
   const JV* userId = user ? user->find("id") : nullptr;
