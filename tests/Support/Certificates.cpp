@@ -11,65 +11,45 @@
 namespace verdo::test {
 namespace {
 
-using Key = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
-using Certificate = std::unique_ptr<X509, decltype(&X509_free)>;
-using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
-
 void check(bool worked) {
   if (!worked) throw std::runtime_error("cannot make a certificate");
 }
 
-Key makeKey() {
-  Key key(EVP_EC_gen("P-256"), &EVP_PKEY_free);
-  check(key != nullptr);
-  return key;
+template <typename Object, typename Free>
+std::unique_ptr<Object, Free> owned(Object* object, Free free) {
+  check(object != nullptr);
+  return {object, free};
 }
 
 void extend(X509* certificate, int kind, const char* value) {
-  const std::unique_ptr<X509_EXTENSION, decltype(&X509_EXTENSION_free)> extension(
-      X509V3_EXT_conf_nid(nullptr, nullptr, kind, value), &X509_EXTENSION_free);
-  check(extension && X509_add_ext(certificate, extension.get(), -1) == 1);
-}
-
-/// `issuer` null: signed by itself.
-Certificate makeCertificate(const std::string& name, EVP_PKEY* key, X509* issuer,
-                            EVP_PKEY* issuerKey) {
-  Certificate made(X509_new(), &X509_free);
-  check(made != nullptr);
-  X509_set_version(made.get(), X509_VERSION_3);
-  ASN1_INTEGER_set(X509_get_serialNumber(made.get()), issuer ? 2 : 1);
-  X509_gmtime_adj(X509_getm_notBefore(made.get()), -3600);
-  X509_gmtime_adj(X509_getm_notAfter(made.get()), 24 * 3600);
-  X509_set_pubkey(made.get(), key);
-  X509_NAME* subject = X509_get_subject_name(made.get());
-  X509_NAME_add_entry_by_txt(subject, "CN", MBSTRING_UTF8,
-                             reinterpret_cast<const unsigned char*>(name.c_str()), -1, -1, 0);
-  X509_set_issuer_name(made.get(), issuer ? X509_get_subject_name(issuer) : subject);
-  extend(made.get(), NID_basic_constraints, issuer ? "critical,CA:FALSE" : "critical,CA:TRUE");
-  if (issuer) extend(made.get(), NID_subject_alt_name, "IP:127.0.0.1");
-  check(X509_sign(made.get(), issuerKey, EVP_sha256()) > 0);
-  return made;
-}
-
-File create(const std::string& path) {
-  File file(std::fopen(path.c_str(), "w"), &std::fclose);
-  check(file != nullptr);
-  return file;
+  const auto extension =
+      owned(X509V3_EXT_conf_nid(nullptr, nullptr, kind, value), &X509_EXTENSION_free);
+  check(X509_add_ext(certificate, extension.get(), -1) == 1);
 }
 
 }  // namespace
 
 Certificates::Certificates() {
-  const Key authorityKey = makeKey();
-  // Two authorities of the same name could not be told apart.
+  const auto key = owned(EVP_EC_gen("P-256"), &EVP_PKEY_free);
+  const auto made = owned(X509_new(), &X509_free);
+  X509_set_version(made.get(), X509_VERSION_3);
+  ASN1_INTEGER_set(X509_get_serialNumber(made.get()), 1);
+  X509_gmtime_adj(X509_getm_notBefore(made.get()), -3600);
+  X509_gmtime_adj(X509_getm_notAfter(made.get()), 24 * 3600);
+  X509_set_pubkey(made.get(), key.get());
+  // Two of the same name could not be told apart.
   const std::string name = "CA " + directory_.path().substr(directory_.path().size() - 6);
-  const auto issuer = makeCertificate(name, authorityKey.get(), nullptr, authorityKey.get());
-  const Key key = makeKey();
-  const auto leaf = makeCertificate("127.0.0.1", key.get(), issuer.get(), authorityKey.get());
-  check(PEM_write_X509(create(authority()).get(), issuer.get()) == 1);
-  check(PEM_write_X509(create(certificate()).get(), leaf.get()) == 1);
-  check(PEM_write_PrivateKey(create(privateKey()).get(), key.get(), nullptr, nullptr, 0, nullptr,
-                             nullptr) == 1);
+  X509_NAME* subject = X509_get_subject_name(made.get());
+  X509_NAME_add_entry_by_txt(subject, "CN", MBSTRING_UTF8,
+                             reinterpret_cast<const unsigned char*>(name.c_str()), -1, -1, 0);
+  X509_set_issuer_name(made.get(), subject);
+  extend(made.get(), NID_basic_constraints, "critical,CA:TRUE");
+  extend(made.get(), NID_subject_alt_name, "IP:127.0.0.1");
+  check(X509_sign(made.get(), key.get(), EVP_sha256()) > 0);
+  check(PEM_write_X509(owned(std::fopen(certificate().c_str(), "w"), &std::fclose).get(),
+                       made.get()) == 1);
+  check(PEM_write_PrivateKey(owned(std::fopen(privateKey().c_str(), "w"), &std::fclose).get(),
+                             key.get(), nullptr, nullptr, 0, nullptr, nullptr) == 1);
 }
 
 }  // namespace verdo::test

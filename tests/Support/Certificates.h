@@ -6,12 +6,12 @@
 
 namespace verdo::test {
 
-/// A certificate authority of its own and a certificate for 127.0.0.1 that it has issued, as PEM
-/// files.
+/// A certificate for 127.0.0.1 that is its own authority, and its key, as PEM files.
 class Certificates {
  public:
   Certificates();
-  std::string authority() const { return directory_ / "authority.pem"; }
+  /// What a client has to trust.
+  std::string authority() const { return certificate(); }
   std::string certificate() const { return directory_ / "certificate.pem"; }
   std::string privateKey() const { return directory_ / "key.pem"; }
 

@@ -22,7 +22,7 @@ std::size_t countThreads() {
 }  // namespace
 
 DriverFixture::DriverFixture(local::LocalServiceOptions options)
-    : descriptorsBefore_(openDescriptors()),
+    : descriptorsBefore_(openDescriptors().size()),
       threadsBefore_(countThreads()),
       homeVariable_("HOME", home_.path()),
       ownedService_(std::make_unique<local::LocalService>(std::move(options))),
@@ -41,9 +41,9 @@ void DriverFixture::TearDown() {
   runner.reset();
   ownedService_.reset();
   // Threads that end by themselves (a job's, the reaper's) may be on their last steps.
-  EXPECT_TRUE(eventually([&] { return threadNames().size() <= threadsBefore_; }))
+  EXPECT_TRUE(eventually([&] { return threadNames().size() <= threadsBefore_; }, kLong))
       << "left: " << testing::PrintToString(threadNames());
-  EXPECT_TRUE(eventually([&] { return openDescriptors().size() <= descriptorsBefore_.size(); }))
+  EXPECT_TRUE(eventually([&] { return openDescriptors().size() <= descriptorsBefore_; }))
       << "left: " << testing::PrintToString(openDescriptors());
   EXPECT_TRUE(eventually([&] { return processesOf(home_.path()).empty(); }))
       << "left: " << testing::PrintToString(processesOf(home_.path()));
@@ -127,24 +127,9 @@ void DriverFixture::setSpaces(const std::vector<std::string>& names) {
   for (const auto& name : names) file << name << "\n";
 }
 
-void DriverFixture::hangOn(const std::string& script) {
-  std::ofstream(path("spaces.hang")) << script << "\n";
-}
-
 bool DriverFixture::hangs() const {
   return eventually([this] { return std::filesystem::exists(path("spaces.hanging")); }, kLong);
 }
-
-std::vector<std::string> DriverFixture::linesOf(const std::string& name) const {
-  std::vector<std::string> lines;
-  std::ifstream file(path(name));
-  for (std::string line; std::getline(file, line);) lines.push_back(line);
-  return lines;
-}
-
-std::vector<std::string> DriverFixture::spaces() const { return linesOf("spaces"); }
-
-std::vector<std::string> DriverFixture::closedSpaces() const { return linesOf("spaces.closed"); }
 
 std::vector<std::string> DriverFixture::texts(char level) const {
   std::vector<std::string> texts;

@@ -53,10 +53,10 @@ class DriverFixture : public testing::Test {
   local::JobSnapshot doneJob(std::int64_t id);
   /// The task spaces that the executor has, and those that were closed, in order.
   void setSpaces(const std::vector<std::string>& names);
-  std::vector<std::string> spaces() const;
-  std::vector<std::string> closedSpaces() const;
+  std::vector<std::string> spaces() const { return linesOf(path("spaces")); }
+  std::vector<std::string> closedSpaces() const { return linesOf(path("spaces.closed")); }
   /// From now on the executor hangs in scripts of this kind, "list" or "close", deaf to SIGTERM.
-  void hangOn(const std::string& script);
+  void hangOn(const std::string& script) const { home_.write("spaces.hang", script); }
   /// True once it does.
   bool hangs() const;
   /// The texts of the log lines of one level.
@@ -70,7 +70,7 @@ class DriverFixture : public testing::Test {
   static constexpr std::chrono::seconds kLong{20};  ///< a wait that fails the test when it is over
 
  private:
-  const std::vector<std::string> descriptorsBefore_;
+  const std::size_t descriptorsBefore_;
   const std::size_t threadsBefore_;
   TempDir home_;
   ScopedEnv homeVariable_;
@@ -86,8 +86,6 @@ class DriverFixture : public testing::Test {
   std::chrono::duration<double> elapsed{};
 
  private:
-  std::vector<std::string> linesOf(const std::string& name) const;
-
   std::future<ExitReason> reason_;
   std::thread thread_;
 };

@@ -26,16 +26,9 @@ namespace fs = std::filesystem;
 constexpr std::string_view kList = "const spaces = await listTaskSpaces()\n";
 constexpr std::string_view kClose = "await completeTaskSpace(";
 
-std::vector<std::string> spacesIn(const std::string& stateFile) {
-  std::vector<std::string> spaces;
-  std::ifstream file(stateFile);
-  for (std::string name; std::getline(file, name);) spaces.push_back(name);
-  return spaces;
-}
-
 /// Hangs for ever when the tests asked for it.
 void hangIfAsked(const std::string& stateFile, const std::string& script) {
-  const auto told = spacesIn(stateFile + ".hang");
+  const auto told = linesOf(stateFile + ".hang");
   if (std::find(told.begin(), told.end(), script) == told.end()) return;
   ::signal(SIGTERM, SIG_IGN);
   std::ofstream(stateFile + ".hanging") << script;
@@ -45,7 +38,7 @@ void hangIfAsked(const std::string& stateFile, const std::string& script) {
 int list(const std::string& stateFile) {
   hangIfAsked(stateFile, "list");
   auto answer = nlohmann::json::array();
-  for (const auto& name : spacesIn(stateFile)) answer.push_back({{"name", name}});
+  for (const auto& name : linesOf(stateFile)) answer.push_back({{"name", name}});
   std::cout << "chatter\n__SPACES__" << answer.dump() << std::endl;
   return 0;
 }
@@ -55,7 +48,7 @@ int close(const std::string& stateFile, const std::string& script) {
   const auto end = script.find(", { keep: false })");
   const std::string name = nlohmann::json::parse(script.substr(kClose.size(), end - kClose.size()));
   std::string rest;
-  for (const auto& space : spacesIn(stateFile)) {
+  for (const auto& space : linesOf(stateFile)) {
     if (space != name) rest += space + "\n";
   }
   std::ofstream(stateFile) << rest;
@@ -102,8 +95,6 @@ int executeScript(const std::string& stateFile) {
   } else if (name == "wait") {
     waitForFile(words.at(1));
     if (words.size() > 2) number(std::stoi(words[2]));
-  } else if (name == "size") {
-    std::cout << script.size() << "\n";
   } else if (name == "cat") {
     std::cout << contentOf(words.at(1)) << "\n";
   } else {

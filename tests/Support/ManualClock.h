@@ -11,9 +11,6 @@ namespace verdo::test {
 /// A clock that stands still until it is told to go on.
 class ManualClock : public Clock, public std::enable_shared_from_this<ManualClock> {
  public:
-  explicit ManualClock(TimePoint start = TimePoint(std::chrono::hours(24 * 20'000)))
-      : now_(start) {}
-
   TimePoint now() const override { return now_; }
   std::shared_ptr<ClockToken> after(Duration delay, std::function<void()> block) override {
     const auto id = ++lastID_;
@@ -53,7 +50,7 @@ class ManualClock : public Clock, public std::enable_shared_from_this<ManualCloc
     return std::chrono::duration_cast<TimePoint::duration>(time);
   }
 
-  TimePoint now_;
+  TimePoint now_{std::chrono::hours(24 * 20'000)};
   int lastID_ = 0;
   std::vector<Pending> pending_;
 };

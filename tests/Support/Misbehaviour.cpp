@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <thread>
 
 #include <fcntl.h>
 #include <signal.h>
@@ -106,10 +105,6 @@ int misbehave(const Role& role) {
     return 0;
   }
   if (name == "flood") return flood(std::stoll(role.at(1)));
-  if (name == "echo") {
-    std::cout << std::cin.rdbuf() << std::flush;
-    return 0;
-  }
   if (name == "exit") return std::stoi(role.at(1));
   if (name == "raise") return ::raise(std::stoi(role.at(1)));
   if (name == "deaf") {
@@ -145,11 +140,6 @@ int misbehave(const Role& role) {
     const StagingDirectory directory(role.at(1));
     std::cout << directory.path() << std::endl;
     return sleepReady(std::to_string(kLongest));
-  }
-  if (name == "alone") {
-    if (!std::filesystem::create_directory(role.at(1))) return 1;
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    return std::filesystem::remove(role.at(1)) ? 0 : 1;
   }
   if (name == "print") {
     std::cout << role.at(1) << std::flush;
