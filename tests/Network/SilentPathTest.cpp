@@ -18,7 +18,9 @@ class SilentPath : public ApiFixture {
     given.base = front_->url();
     given.timings.helloTimeout = 300ms;
     given.timings.postTimeout = 300ms;
-    make(std::move(given), sessionOptions());
+    make(std::move(given), {.caCertificates = contentOf(certificates_.authority()),
+                            .pingTimeout = 300ms,
+                            .dropInterval = kDropInterval});
   }
   void TearDown() override {
     api.reset();
@@ -26,18 +28,11 @@ class SilentPath : public ApiFixture {
     front_.reset();
     ApiFixture::TearDown();
   }
-  HttpSession::Options sessionOptions() const {
-    HttpSession::Options given;
-    given.caCertificates = contentOf(certificates_.authority());
-    given.pingTimeout = 300ms;
-    given.dropInterval = kDropInterval;
-    return given;
-  }
-  /// A poll of `wait` seconds that has arrived; its message ends in the future, "" when it is well.
-  std::future<std::string> beginPoll(double wait) {
+  /// A long poll that has arrived; its message ends in the future, "" when it is well.
+  std::future<std::string> beginPoll() {
     const auto before = service.requests().count("poll");
-    auto poll = std::async(std::launch::async,
-                           [this, wait] { return failureOf([&] { api->poll(wait, {}); }); });
+    auto poll =
+        std::async(std::launch::async, [this] { return failureOf([&] { api->poll(25, {}); }); });
     EXPECT_TRUE(service.requests().waitFor("poll", before + 1, kLong));
     return poll;
   }
@@ -62,7 +57,7 @@ TEST_F(SilentPath, RequestGoesOverAConnectionThatTimedOut) {
 }
 
 TEST_F(SilentPath, RequestThatSharesADeadConnectionWaitsForItsOwnTimeout) {
-  auto poll = beginPoll(25);
+  auto poll = beginPoll();
   front().swallow();
   const auto begin = Clock::now();
   EXPECT_THAT(failureOf([&] { api->hello(); }), HasSubstr("Timeout was reached"));
@@ -72,7 +67,7 @@ TEST_F(SilentPath, RequestThatSharesADeadConnectionWaitsForItsOwnTimeout) {
 }
 
 TEST_F(SilentPath, RequestIsEndedThoughItsConnectionAnswersThePing) {
-  auto poll = beginPoll(25);
+  auto poll = beginPoll();
   const auto hang = service.faults().add({.endpoint = "hello", .delay = 60s});
   EXPECT_THAT(failureOf([&] { api->hello(); }), HasSubstr("Timeout was reached"));
   service.faults().clear(hang);
@@ -86,7 +81,7 @@ TEST_F(SilentPath, RequestIsEndedThoughItsConnectionAnswersThePing) {
 }
 
 TEST_F(SilentPath, ChangeOfTheNetworkIsTakenForAFailure) {
-  auto poll = beginPoll(25);
+  auto poll = beginPoll();
   front().swallow();
   auto begin = Clock::now();
   api->networkChanged();
