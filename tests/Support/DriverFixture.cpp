@@ -107,28 +107,9 @@ ExitReason DriverFixture::stopAndFinish() {
   return reason;
 }
 
-ExitReason DriverFixture::run() {
-  start();
-  return finish();
-}
-
-std::int64_t DriverFixture::addJob(const std::string& script, local::JobSpec spec) {
-  spec.payload = script;
-  return service.jobs().add(std::move(spec));
-}
-
 local::JobSnapshot DriverFixture::doneJob(std::int64_t id) {
   EXPECT_TRUE(service.jobs().waitFor(id, local::JobState::done, kLong)) << "job " << id;
   return *service.jobs().find(id);
-}
-
-void DriverFixture::setSpaces(const std::vector<std::string>& names) {
-  std::ofstream file(path("spaces"));
-  for (const auto& name : names) file << name << "\n";
-}
-
-bool DriverFixture::hangs() const {
-  return eventually([this] { return std::filesystem::exists(path("spaces.hanging")); }, kLong);
 }
 
 std::vector<std::string> DriverFixture::texts(char level) const {
@@ -143,9 +124,7 @@ std::vector<double> DriverFixture::gaps(const std::string& endpoint) const {
   std::vector<double> result;
   const auto requests = service.requests().list(endpoint);
   for (std::size_t i = 1; i < requests.size(); ++i) {
-    const std::chrono::duration<double, std::milli> gap =
-        requests[i].arrived - requests[i - 1].arrived;
-    result.push_back(gap.count());
+    result.push_back(1000 * toSeconds(requests[i].arrived - requests[i - 1].arrived));
   }
   return result;
 }

@@ -1,6 +1,7 @@
 #include "tests/Support/ExecutorRole.h"
 
 #include "VerdoDriverCore/Process/Shlex.h"
+#include "tests/Support/Leaks.h"
 #include "tests/Support/Misbehaviour.h"
 #include "tests/Support/TempDir.h"
 
@@ -10,7 +11,6 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
-#include <thread>
 #include <vector>
 
 #include <fmt/format.h>
@@ -20,8 +20,6 @@
 
 namespace verdo::test {
 namespace {
-
-namespace fs = std::filesystem;
 
 constexpr std::string_view kList = "const spaces = await listTaskSpaces()\n";
 constexpr std::string_view kClose = "await completeTaskSpace(";
@@ -57,13 +55,6 @@ int close(const std::string& stateFile, const std::string& script) {
   return 0;
 }
 
-void waitForFile(const std::string& path) {
-  std::cout << "ready" << std::endl;
-  for (int look = 0; look < 12'000 && !fs::exists(path); ++look) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-}
-
 void number(int count) {
   std::string block;
   for (int i = 0; i < count; ++i) {
@@ -93,7 +84,8 @@ int executeScript(const std::string& stateFile) {
   } else if (name == "long") {
     std::cout << std::string(std::stoul(words.at(1)), 'y') << "\n";
   } else if (name == "wait") {
-    waitForFile(words.at(1));
+    std::cout << "ready" << std::endl;
+    eventually([&] { return std::filesystem::exists(words.at(1)); }, std::chrono::minutes(1));
     if (words.size() > 2) number(std::stoi(words[2]));
   } else if (name == "cat") {
     std::cout << contentOf(words.at(1)) << "\n";

@@ -1,6 +1,7 @@
 #include "tests/Support/Misbehaviour.h"
 
 #include "VerdoDriverCore/Jobs/StagingDirectory.h"
+#include "VerdoDriverCore/System/Files.h"
 #include "tests/Support/ExecutorRole.h"
 
 #include <algorithm>
@@ -31,15 +32,11 @@ int sleepReady(const std::string& seconds) {
 }
 
 int flood(long long bytes) {
-  std::string line(99, 'x');
-  line += '\n';
   std::string block;
-  for (int i = 0; i < 650; ++i) block += line;
-  for (long long left = bytes; left > 0;) {
-    const auto size = std::min<long long>(left, static_cast<long long>(block.size()));
-    const ssize_t written = ::write(STDOUT_FILENO, block.data(), static_cast<size_t>(size));
-    if (written < 0) return 1;
-    left -= written;
+  while (block.size() < 65'000) block += std::string(99, 'x') + '\n';
+  for (; bytes > 0; bytes -= static_cast<long long>(block.size())) {
+    block.resize(static_cast<std::size_t>(std::min<long long>(bytes, 65'000)));
+    if (writeAll(STDOUT_FILENO, block).error != 0) return 1;
   }
   return 0;
 }

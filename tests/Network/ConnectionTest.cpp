@@ -1,7 +1,28 @@
 #include "tests/Support/ApiFixture.h"
 #include "tests/Support/Front.h"
 
+#include <atomic>
+#include <cerrno>
 #include <future>
+
+#include <sys/epoll.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace {
+
+std::atomic<bool> isQueueFull = false;
+
+}  // namespace
+
+/// Stands before the system's own: the queue can be full, as when a user watches too much.
+extern "C" int epoll_ctl(int queue, int operation, int fd, epoll_event* event) noexcept {
+  if (operation == EPOLL_CTL_ADD && isQueueFull) {
+    errno = ENOSPC;
+    return -1;
+  }
+  return static_cast<int>(::syscall(SYS_epoll_ctl, queue, operation, fd, event));
+}
 
 namespace verdo::test {
 namespace {
@@ -97,6 +118,28 @@ TEST_F(SilentPath, ChangeOfTheNetworkIsTakenForAFailure) {
   addJob("");
   EXPECT_EQ(poll.get(), "");
   EXPECT_EQ(service.requests().count("poll"), 3u);
+}
+
+TEST_F(SilentPath, UnwatchedSocketLeavesTransfersHangingOrBehind) {
+  // First with a connection that calls share, then with one for each.
+  for (const auto& remake : std::vector<std::function<void()>>{[] {}, [this] { make(); }}) {
+    remake();
+    EXPECT_EQ(failureOf([&] { api->hello(); }), "");
+    for (int round = 0; round < 3; ++round) {
+      isQueueFull = true;
+      std::vector<std::future<std::string>> calls;
+      for (int i = 0; i < 8; ++i) {
+        calls.push_back(std::async(std::launch::async,
+                                   [this] { return failureOf([&] { api->poll(25, {}); }); }));
+      }
+      for (auto& call : calls) {
+        EXPECT_THAT(call.get(),
+                    HasSubstr("cannot be watched (epoll_ctl: No space left on device)"));
+      }
+      isQueueFull = false;
+      EXPECT_EQ(failureOf([&] { api->hello(); }), "");
+    }
+  }
 }
 
 }  // namespace

@@ -6,23 +6,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
-
-/// A listener whose queue is full: connects to it are never answered.
-class SilentListener {
- public:
-  SilentListener() {
-    for (auto& filler : fillers_) {
-      filler = UniqueFd(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-      const auto* address = reinterpret_cast<const sockaddr*>(&listener_.address());
-      static_cast<void>(::connect(filler.get(), address, sizeof listener_.address()));
-    }
-  }
-  std::string url() const { return "http://127.0.0.1:" + std::to_string(listener_.port()); }
-
- private:
-  Listener listener_{0};
-  UniqueFd fillers_[4];
-};
+using testing::HasSubstr;
 
 class FirstByte : public HttpBodySink {
  public:
@@ -69,12 +53,12 @@ TEST_F(Cancel, IsNotFeltInSomePhase) {
   EXPECT_TRUE(cancelled);
   EXPECT_EQ(service.requests().count(), 0u);
 
-  // Connecting: half a second later there is still neither success nor failure.
-  const SilentListener silent;
+  // Connecting to one who does not answer.
+  const Listener silent;
   auto request = helloRequest();
-  request.url = silent.url();
-  Event never;
-  EXPECT_LT(cancelWhen(request, [&] { return !never.waitFor(500ms); }), kAtOnce);
+  request.url = "https://127.0.0.1:" + std::to_string(silent.port());
+  UniqueFd connection;
+  EXPECT_LT(cancelWhen(request, [&] { return bool(connection = silent.accept()); }), kAtOnce);
 
   // Waiting for a reply.
   const auto hang = service.faults().add({.delay = 60s});
@@ -141,6 +125,84 @@ TEST_F(Cancel, CallWaitsForAnotherOnesTimeOrWithoutALimit) {
     EXPECT_GE(Clock::now() - begin, expected);
     EXPECT_LT(Clock::now() - begin, 10s);
   }
+}
+
+class RequestLimits : public ApiFixture {
+ protected:
+  /// What the request ends with, its status or the sentence of its error, and when, in `took`.
+  std::string outcomeOf(HttpRequest request) {
+    const auto begin = Clock::now();
+    const HttpResult result = session->perform(std::move(request));
+    took = Clock::now() - begin;
+    return result ? std::to_string(result->status) : result.error().description;
+  }
+
+  Clock::duration took{};
+};
+
+TEST_F(RequestLimits, DeadlineIsCutToTheLimitOfTheSession) {
+  make(options(), {.caCertificates = "", .resourceLimit = 150ms});
+  service.faults().add({.delay = 400ms});
+  auto request = helloRequest();
+  EXPECT_EQ(outcomeOf(request), "Timeout was reached");
+  request.deadline = Clock::now() + 20s;
+  EXPECT_EQ(outcomeOf(request), "200");
+  constexpr double kMaxPoll = 3580;  // of the option --poll-wait
+  EXPECT_GE(HttpSession::Options().resourceLimit, fromSeconds(kMaxPoll) + Timings().pollMargin);
+}
+
+TEST_F(RequestLimits, TimeoutEndsAReplyThatMovesOrSparesOneThatDoesNot) {
+  auto request = helloRequest();
+  request.timeout = 300ms;
+  const auto hang = service.faults().add({.delay = 60s});
+  EXPECT_EQ(outcomeOf(request), "Timeout was reached");
+  EXPECT_GE(took, 300ms);
+  EXPECT_LT(took, 2s);
+  service.faults().clear(hang);
+
+  // Some 400 bytes at 400 a second: longer than the time-out, but never silent for so long.
+  service.faults().add({.delivery = local::Delivery::trickled, .bytesPerSecond = 400});
+  EXPECT_EQ(outcomeOf(request), "200");
+  EXPECT_GE(took, 600ms);
+  request.deadline = Clock::now() + 400ms;
+  EXPECT_EQ(outcomeOf(request), "Timeout was reached");
+  EXPECT_LT(took, 2s);
+}
+
+TEST_F(RequestLimits, RequestSentAnewHasOnlyWhatTheFirstLeftOfItsTimeout) {
+  auto request = helloRequest();
+  EXPECT_EQ(outcomeOf(request), "200");
+  // A connection that breaks after it was good for a while: libcurl tries another one by itself.
+  service.faults().add({.count = 1, .delay = 400ms, .delivery = local::Delivery::reset});
+  service.faults().add({.delay = 400ms});
+  request.timeout = 600ms;
+  EXPECT_EQ(outcomeOf(request), "200");
+  EXPECT_EQ(service.requests().count(), 3u);
+}
+
+TEST_F(RequestLimits, ControlCharacterOfAHeaderIsSent) {
+  for (const auto* character : {"\n", "\r", "\r\nX-Forged: 1", "\t", "\x01", "\x7f"}) {
+    auto given = options();
+    given.token = "token-begin" + std::string(character) + "token-end";
+    make(std::move(given));
+    const auto message = failureOf([&] { api->hello(); });
+    EXPECT_THAT(message, HasSubstr("A header of the request holds a control character"));
+    EXPECT_THAT(message, Not(HasSubstr("token-begin")));
+  }
+  auto request = helloRequest();
+  request.headers.emplace_back("X-Name\r\nX-Forged", "1");
+  EXPECT_THAT(outcomeOf(request), HasSubstr("control character"));
+  request = helloRequest();
+  request.headers.emplace_back("X-Text", std::string("a\0b", 3));
+  EXPECT_THAT(outcomeOf(request), HasSubstr("control character"));
+  EXPECT_EQ(service.requests().count(), 0u);
+}
+
+TEST_F(RequestLimits, RequestThatTheLibraryDoesNotTakeIsSentOtherwise) {
+  auto request = helloRequest();
+  request.method = std::string(9'000'000, 'M');  // libcurl takes texts of up to 8 MB
+  EXPECT_THAT(outcomeOf(request), HasSubstr("cannot be set up (option 10036"));
+  EXPECT_EQ(service.requests().count(), 0u);
 }
 
 }  // namespace
