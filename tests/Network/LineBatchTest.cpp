@@ -29,7 +29,7 @@ TEST(LineBatch, SplittingLosesDoublesOrBreaksLines) {
   Lines lines;
   for (int i = 0; i < 50; ++i) lines.push_back(tricky + std::to_string(i));
   lines.emplace_back();
-  for (const std::size_t maxBytes : {100u, 333u, 1024u, 1u << 20}) {
+  for (std::size_t maxBytes = 100; maxBytes < 1000; ++maxBytes) {
     const auto [pieces, largest] = split(lines, maxBytes, false);
     Lines joined;
     for (const auto& piece : pieces) joined.insert(joined.end(), piece.begin(), piece.end());

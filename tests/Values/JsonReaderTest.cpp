@@ -109,24 +109,6 @@ TEST(JsonReader, FirstOfARepeatedKeyWins) {
   EXPECT_EQ(PyJSON::text(parseJson(R"([{"": [1], "x": 0, "": [2]}])")), R"([{"": [2], "x": 0}])");
 }
 
-JV fromReference(const nlohmann::ordered_json& value) {
-  if (value.is_boolean()) return value.get<bool>();
-  if (value.is_number_float()) return value.get<double>();
-  if (value.is_number_unsigned() && value.get<std::uint64_t>() > INT64_MAX) {
-    return value.get<double>();
-  }
-  if (value.is_number()) return value.get<std::int64_t>();
-  if (value.is_string()) return value.get<std::string>();
-  JV::Array items;
-  JV::Object members;
-  for (const auto& [key, item] : value.items()) {
-    if (value.is_object()) members.push_back({key, fromReference(item)});
-    if (value.is_array()) items.push_back(fromReference(item));
-  }
-  if (value.is_null()) return nullptr;
-  return value.is_object() ? JV(members) : JV(items);
-}
-
 // Some texts, and more put together at random, most of them nearly JSON.
 TEST(JsonReader, DisagreesWithAnotherReaderOrRefusesUnreadably) {
   std::istringstream words(
@@ -135,7 +117,7 @@ TEST(JsonReader, DisagreesWithAnotherReaderOrRefusesUnreadably) {
          9223372036854775808 -9223372036854775808)");
   std::vector<std::string> parts{" ", "\n", "\xc3", "\"\xed\xa0\x80\"", "\x01"};
   parts.insert(parts.end(), std::istream_iterator<std::string>(words), {});
-  std::vector<std::string> texts{"", " ", '"' + std::string(5000, 'x') + "\n\""};
+  std::vector<std::string> texts{"", " ", "\xef\xbb\xbf[]", '"' + std::string(5000, 'x') + "\n\""};
   std::mt19937 random(7);
   const auto upTo = [&](std::size_t count) { return random() % count; };
   while (texts.size() < 50'000) {
@@ -151,7 +133,7 @@ TEST(JsonReader, DisagreesWithAnotherReaderOrRefusesUnreadably) {
     const auto failure = failureOf([&] { value = parseJson(text); });
     ASSERT_EQ(value.has_value(), !expected.is_discarded()) << text;
     if (value) {
-      ASSERT_EQ(*value, fromReference(expected)) << text;
+      ASSERT_EQ(nlohmann::ordered_json::parse(PyJSON::text(*value)), expected) << text;
       ++sound;
     } else {
       ASSERT_TRUE(failure.starts_with("JSONDecodeError: ")) << text << failure;
