@@ -34,19 +34,19 @@ using testing::HasSubstr;
 /// An Api that speaks HTTP/2 to the service, over a road that can die.
 class SilentPath : public ApiFixture {
  protected:
-  SilentPath() : front_(std::make_unique<Front>(service.port(), &certificates_)) {
+  SilentPath() : front(std::make_unique<Front>(service.port(), &certificates)) {
     auto given = options();
-    given.base = front_->url();
+    given.base = front->url();
     given.timings.helloTimeout = 300ms;
     given.timings.postTimeout = 300ms;
-    make(std::move(given), {.caCertificates = contentOf(certificates_.authority()),
+    make(std::move(given), {.caCertificates = contentOf(certificates.authority()),
                             .pingTimeout = 300ms,
                             .dropInterval = kDropInterval});
   }
   void TearDown() override {
     api.reset();
     session.reset();
-    front_.reset();
+    front.reset();
     ApiFixture::TearDown();
   }
   /// A long poll that has arrived; its message ends in the future, "" when it is well.
@@ -60,26 +60,23 @@ class SilentPath : public ApiFixture {
 
   static constexpr auto kDropInterval = 1000ms;
 
-  Front& front() { return *front_; }
-
- private:
-  const Certificates certificates_;
-  std::unique_ptr<Front> front_;
+  const Certificates certificates;
+  std::unique_ptr<Front> front;
 };
 
 TEST_F(SilentPath, RequestGoesOverAConnectionThatTimedOut) {
   EXPECT_EQ(failureOf([&] { api->hello(); }), "");
   EXPECT_EQ(failureOf([&] { api->hello(); }), "");
-  EXPECT_EQ(front().connections(), 1);
-  EXPECT_EQ(front().swallow(), 1);
+  EXPECT_EQ(front->connections(), 1);
+  EXPECT_EQ(front->swallow(), 1);
   EXPECT_THAT(failureOf([&] { api->hello(); }), HasSubstr("Timeout was reached"));
   EXPECT_EQ(failureOf([&] { api->hello(); }), "");
-  EXPECT_EQ(front().connections(), 2);
+  EXPECT_EQ(front->connections(), 2);
 }
 
 TEST_F(SilentPath, RequestThatSharesADeadConnectionWaitsForItsOwnTimeout) {
   auto poll = beginPoll();
-  front().swallow();
+  front->swallow();
   const auto begin = Clock::now();
   EXPECT_THAT(failureOf([&] { api->hello(); }), HasSubstr("Timeout was reached"));
   ASSERT_EQ(poll.wait_for(kLong), std::future_status::ready);
@@ -98,18 +95,18 @@ TEST_F(SilentPath, RequestIsEndedThoughItsConnectionAnswersThePing) {
   EXPECT_EQ(poll.get(), "");
   // The connection is done with what it had, and nothing new goes over it.
   EXPECT_EQ(failureOf([&] { api->hello(); }), "");
-  EXPECT_EQ(front().connections(), 2);
+  EXPECT_EQ(front->connections(), 2);
 }
 
 TEST_F(SilentPath, ChangeOfTheNetworkIsTakenForAFailure) {
   auto poll = beginPoll();
-  front().swallow();
+  front->swallow();
   auto begin = Clock::now();
   api->networkChanged();
   EXPECT_TRUE(service.requests().waitFor("poll", 2, kLong));
   EXPECT_LT(Clock::now() - begin, 2s);
   // Soon after the first one, another has to wait.
-  front().swallow();
+  front->swallow();
   begin = Clock::now();
   api->networkChanged();
   api->networkChanged();

@@ -202,10 +202,15 @@ TEST_F(StalledDisk, NetworkThatIsSilentLaterIsWaitedForWithoutALimit) {
   EXPECT_EQ(failure, "URLError: Timeout was reached");
 }
 
-/// The service over TLS, with a certificate of an authority of the test's own.
+const Certificates& ours() {
+  static const Certificates made;
+  return made;
+}
+
+/// The service over TLS, with a certificate of the test's own.
 class Pinned : public ApiFixture {
  protected:
-  Pinned() : Pinned(std::make_unique<Certificates>()) {}
+  Pinned() : ApiFixture({.certificate = ours().certificate(), .privateKey = ours().privateKey()}) {}
 
   std::string helloWith(const std::string& authorities) {
     HttpSession::Options trust;
@@ -213,18 +218,11 @@ class Pinned : public ApiFixture {
     make(options(), trust);
     return failureOf([&] { api->hello(); });
   }
-
-  std::unique_ptr<Certificates> ours;
-
- private:
-  explicit Pinned(std::unique_ptr<Certificates> made)
-      : ApiFixture({.certificate = made->certificate(), .privateKey = made->privateKey()}),
-        ours(std::move(made)) {}
 };
 
 TEST_F(Pinned, CertificateOfAnotherAuthorityIsAccepted) {
   const Certificates other;
-  EXPECT_EQ(helloWith(ours->authority()), "");
+  EXPECT_EQ(helloWith(ours().authority()), "");
   EXPECT_THAT(helloWith(other.authority()), StartsWith("GET /api/driver/hello -> URLError: "));
   // The system's roots do not know it.
   EXPECT_THAT(helloWith(""), StartsWith("GET /api/driver/hello -> URLError: "));
@@ -234,7 +232,7 @@ TEST_F(Pinned, CertificateOfAnotherAuthorityIsAccepted) {
       << "# ours and another's\r\n"
       << contentOf(other.authority())
       << "-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n"
-      << contentOf(ours->authority());
+      << contentOf(ours().authority());
   EXPECT_EQ(helloWith(path("both.pem")), "");
 }
 
@@ -243,13 +241,13 @@ TEST_F(Pinned, SystemsAuthoritiesAreTrustedAsWell) {
   if (!built->capath || !built->cainfo) GTEST_SKIP() << "libcurl knows no certificates";
   // In place of the system's certificates, for one thread and those that it starts: ours.
   const auto file = std::unique_ptr<std::FILE, int (*)(std::FILE*)>(
-      std::fopen(ours->authority().c_str(), "r"), &std::fclose);
+      std::fopen(ours().authority().c_str(), "r"), &std::fclose);
   const std::unique_ptr<X509, decltype(&X509_free)> authority(
       PEM_read_X509(file.get(), nullptr, nullptr, nullptr), &X509_free);
   std::filesystem::create_directory(path("roots"));
   for (const auto& name : {std::filesystem::path(built->cainfo).filename().string(),
                            fmt::format("{:08x}.0", X509_subject_name_hash(authority.get()))}) {
-    std::filesystem::copy(ours->authority(), path("roots/" + name));
+    std::filesystem::copy(ours().authority(), path("roots/" + name));
   }
   const Certificates other;
   bool isPermitted = false;
@@ -269,7 +267,7 @@ TEST_F(Pinned, SystemsAuthoritiesAreTrustedAsWell) {
 }
 
 TEST_F(Pinned, DownloadGoesOnInClear) {
-  make(options(), {.caCertificates = loadCertificates(ours->authority())});
+  make(options(), {.caCertificates = loadCertificates(ours().authority())});
   local::LocalService clear;
   clear.start();
   const auto target = clear.url() + clear.files().add({.name = "x", .content = "abc"});
@@ -291,7 +289,7 @@ TEST_F(Pinned, OutdatedTlsIsSpoken) {
     const Listener listener;
     std::thread server([&] {
       const UniqueFd connection = listener.accept();
-      const auto context = local::makeServerContext(ours->certificate(), ours->privateKey());
+      const auto context = local::makeServerContext(ours().certificate(), ours().privateKey());
       SSL_CTX_set_min_proto_version(context.get(), TLS1_VERSION);
       SSL_CTX_set_max_proto_version(context.get(), version);
       const local::SslPtr tls(SSL_new(context.get()));
@@ -300,7 +298,7 @@ TEST_F(Pinned, OutdatedTlsIsSpoken) {
     });
     auto given = options();
     given.base = fmt::format("https://127.0.0.1:{}", listener.port());
-    make(std::move(given), {.caCertificates = loadCertificates(ours->authority())});
+    make(std::move(given), {.caCertificates = loadCertificates(ours().authority())});
     EXPECT_NE(failureOf([&] { api->hello(); }), "");
     server.join();
     return spoken;
@@ -311,9 +309,9 @@ TEST_F(Pinned, OutdatedTlsIsSpoken) {
 }
 
 TEST_F(Pinned, FileWithoutACertificateCountsAsOne) {
-  const auto certificate = contentOf(ours->authority());
+  const auto certificate = contentOf(ours().authority());
   for (const auto& content :
-       {contentOf(ours->privateKey()), certificate.substr(0, certificate.size() / 2),
+       {contentOf(ours().privateKey()), certificate.substr(0, certificate.size() / 2),
         std::string("-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n")}) {
     std::ofstream(path("pem")) << content;
     EXPECT_EQ(failureOf([&] { loadCertificates(path("pem")); }),

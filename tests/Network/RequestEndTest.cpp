@@ -179,20 +179,14 @@ TEST_F(RequestLimits, RequestSentAnewHasOnlyWhatTheFirstLeftOfItsTimeout) {
 }
 
 TEST_F(RequestLimits, ControlCharacterOfAHeaderIsSent) {
-  for (const auto* character : {"\n", "\r", "\r\nX-Forged: 1", "\t", "\x01", "\x7f"}) {
-    auto given = options();
-    given.token = "token-begin" + std::string(character) + "token-end";
-    make(std::move(given));
-    const auto message = failureOf([&] { api->hello(); });
-    EXPECT_THAT(message, HasSubstr("A header of the request holds a control character"));
-    EXPECT_THAT(message, Not(HasSubstr("token-begin")));
+  for (const char character : {'\n', '\r', '\t', '\x01', '\x7f', '\0'}) {
+    for (const bool inName : {false, true}) {
+      auto request = helloRequest();
+      const auto text = std::string("X-Se") + character + "cret: 1";
+      request.headers.emplace_back(inName ? text : "X-Name", inName ? "1" : text);
+      EXPECT_EQ(outcomeOf(request), "A header of the request holds a control character");
+    }
   }
-  auto request = helloRequest();
-  request.headers.emplace_back("X-Name\r\nX-Forged", "1");
-  EXPECT_THAT(outcomeOf(request), HasSubstr("control character"));
-  request = helloRequest();
-  request.headers.emplace_back("X-Text", std::string("a\0b", 3));
-  EXPECT_THAT(outcomeOf(request), HasSubstr("control character"));
   EXPECT_EQ(service.requests().count(), 0u);
 }
 
