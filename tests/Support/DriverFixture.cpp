@@ -5,7 +5,6 @@
 #include "tests/Support/Misbehaviour.h"
 
 #include <filesystem>
-#include <fstream>
 
 namespace verdo::test {
 
