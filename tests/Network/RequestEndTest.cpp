@@ -1,5 +1,8 @@
+#include "VerdoDriverCore/System/Files.h"
 #include "tests/Support/ApiFixture.h"
 #include "tests/Support/Listener.h"
+
+#include <poll.h>
 
 namespace verdo::test {
 namespace {
@@ -96,6 +99,7 @@ TEST_F(Cancel, CancelAllLeavesACallerBlockedOrRefusesLaterPosts) {
     EXPECT_THAT(message, testing::EndsWith("-> Cancelled: cancelled"));
 
   service.endOutage();
+  EXPECT_EQ(failureOf(calls[0]), "GET /api/driver/hello -> Cancelled: cancelled");
   EXPECT_EQ(failureOf(calls[1]), "GET /api/driver/poll?wait=25 -> Cancelled: cancelled");
   EXPECT_EQ(failureOf(calls[3]), "");
 }
@@ -165,6 +169,36 @@ TEST_F(RequestLimits, TimeoutEndsAReplyThatMovesOrSparesOneThatDoesNot) {
   request.deadline = Clock::now() + 400ms;
   EXPECT_EQ(outcomeOf(request), "Timeout was reached");
   EXPECT_LT(took, 2s);
+  request.deadline.reset();
+  request.maxBody = 100;
+  EXPECT_EQ(outcomeOf(request), "The response is longer than 100 bytes");
+}
+
+TEST_F(RequestLimits, TimeoutEndsABodyThatIsTakenSlowly) {
+  const Listener listener;
+  const std::size_t size = 32 << 20;
+  std::thread server([&] {
+    const UniqueFd connection = listener.accept();
+    std::vector<char> piece(1 << 20);
+    std::size_t taken = 0;
+    ssize_t got = 0;
+    const auto take = [&] { return got = ::recv(connection.get(), piece.data(), piece.size(), 0); };
+    for (; taken < size && take() > 0; taken += static_cast<std::size_t>(got)) {
+      ::poll(nullptr, 0, 30);  // the speed of the road
+    }
+    EXPECT_EQ(writeAll(connection.get(), "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n").error, 0);
+    ::shutdown(connection.get(), SHUT_WR);
+    while (take() > 0) {
+    }
+  });
+  auto request = helloRequest();
+  request.url = "http://127.0.0.1:" + std::to_string(listener.port());
+  request.method = "POST";
+  request.body = std::make_shared<const ByteBuffer>(std::string(size, 'x'));
+  request.timeout = 400ms;
+  EXPECT_EQ(outcomeOf(request), "200");
+  EXPECT_GE(took, 900ms);
+  server.join();
 }
 
 TEST_F(RequestLimits, RequestSentAnewHasOnlyWhatTheFirstLeftOfItsTimeout) {
