@@ -1,12 +1,17 @@
 #include "LocalService/LocalService.h"
+#include "VerdoDriverCore/System/Files.h"
+#include "VerdoDriverCore/System/UniqueFd.h"
 
+#include <array>
+#include <cstdlib>
 #include <map>
-#include <memory>
 #include <string>
 
-#include <curl/curl.h>
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <httplib.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
 namespace verdo::test {
 namespace {
@@ -15,110 +20,103 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-/// The status of a POST without a body, as curl -X POST sends it, to the control interface; 0: no
-/// reply came. `header` is a further one.
-long postNothing(const local::LocalService& service, const std::string& header = "X: y") {
-  const auto url = service.url() + "/control/reset";
-  const auto token = "Authorization: Bearer " + service.controlToken();
-  const std::unique_ptr<CURL, void (*)(CURL*)> curl(curl_easy_init(), curl_easy_cleanup);
-  const std::unique_ptr<curl_slist, void (*)(curl_slist*)> headers(
-      curl_slist_append(curl_slist_append(nullptr, token.c_str()), header.c_str()),
-      curl_slist_free_all);
-  curl_easy_setopt(curl.get(), CURLOPT_URL, url.c_str());
-  curl_easy_setopt(curl.get(), CURLOPT_HTTPHEADER, headers.get());
-  curl_easy_setopt(curl.get(), CURLOPT_CUSTOMREQUEST, "POST");
-  curl_easy_setopt(curl.get(), CURLOPT_TIMEOUT, 5L);
-  const auto ignore = [](char*, std::size_t size, std::size_t count, void*) {
-    return size * count;
-  };
-  curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, +ignore);
-  long status = 0;
-  if (curl_easy_perform(curl.get()) == CURLE_OK) {
-    curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &status);
+class LocalServiceRequest : public testing::Test {
+ protected:
+  /// The status of a POST without a body, as curl -X POST sends it, to the control interface; 0: no
+  /// reply came. `header` is a further line of its head.
+  int postNothing(const std::string& header) const {
+    const UniqueFd connection(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const timeval patience{.tv_sec = 5, .tv_usec = 0};
+    ::setsockopt(connection.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(service.port()));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ::connect(connection.get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
+    const auto head = fmt::format(
+        "POST /control/reset HTTP/1.1\r\nHost: localhost\r\nAuthorization: Bearer {}\r\n{}\r\n",
+        service.controlToken(), header);
+    EXPECT_EQ(writeAll(connection.get(), head).error, 0);
+    std::array<char, sizeof "HTTP/1.1 200"> reply{};
+    ::recv(connection.get(), reply.data(), reply.size() - 1, MSG_WAITALL);
+    return std::atoi(reply.data() + sizeof "HTTP/1.1");
   }
-  return status;
-}
+  /// The status and the body of the reply to a POST to the control interface.
+  std::string post(const std::string& path, const std::string& body,
+                   const std::string& authorization) {
+    const auto reply =
+        client.Post("/control/" + path, {{"Authorization", authorization}}, body, "");
+    return reply ? fmt::format("{} {}", reply->status, reply->body) : "";
+  }
 
-TEST(LocalServiceRequest, WaitsForABodyThatIsNotAnnouncedOrCannotBe) {
   local::LocalService service;
-  service.start();
-  EXPECT_EQ(postNothing(service), 200);
+  httplib::Client client{(service.start(), service.url())};
+};
+
+TEST_F(LocalServiceRequest, WaitsForABodyThatIsNotAnnouncedOrCannotBe) {
+  EXPECT_EQ(postNothing(""), 200);
   for (const auto& [length, status] : std::map<std::string, int>{
-           {"-1", 400},
-           {"1e3", 400},
-           {"268435457", 413},
-           {"18446744073709551615", 413},
-           {"99999999999999999999", 413},
-       }) {
-    EXPECT_EQ(postNothing(service, "Content-Length: " + length), status) << length;
+           {"-1", 400}, {"1e3", 400}, {"268435457", 413}, {"99999999999999999999", 413}}) {
+    EXPECT_EQ(postNothing("Content-Length: " + length + "\r\n"), status) << length;
   }
 }
 
-TEST(LocalServiceControl, ServesThoseWhoDidNotStartIt) {
-  local::LocalService service;
-  service.start();
-  httplib::Client client(service.url());
-  for (const auto& [given, status] : std::map<std::string, int>{
-           {"Bearer " + service.controlToken(), 200},
-           {"Bearer " + service.token(), 401},
-           {service.controlToken(), 401},
-           {"Bearer ", 401},
-           {"", 401},
+TEST_F(LocalServiceRequest, RefusesABodyThatIsWithinTheLimit) {
+  service.faults().add(local::bodyLimit("complete", 100));
+  const auto status = [&](const std::string& action, std::size_t size) {
+    const auto reply = client.Post("/api/driver/jobs/1/" + action, std::string(size, ' '), "");
+    return reply ? reply->status : 0;
+  };
+  EXPECT_EQ(status("complete", 101), 413);
+  EXPECT_EQ(status("complete", 100), 401);
+  EXPECT_EQ(status("lines", 101), 401);
+}
+
+TEST_F(LocalServiceRequest, ServesThoseWhoDidNotStartIt) {
+  for (const auto& [given, status] : std::map<std::string, const char*>{
+           {"Bearer " + service.controlToken(), "200"},
+           {"Bearer " + service.token(), "401"},
+           {service.controlToken(), "401"},
+           {"Bearer ", "401"},
        }) {
-    const auto reply = client.Post("/control/jobs", {{"Authorization", given}}, "{}", "");
-    ASSERT_TRUE(reply);
-    EXPECT_EQ(reply->status, status) << given << " " << reply->body;
+    EXPECT_THAT(post("jobs", "{}", given), StartsWith(status)) << given;
   }
   EXPECT_EQ(service.jobs().list().size(), 1u);
 }
 
-TEST(LocalServiceRequest, ServesAForeignWebPage) {
-  local::LocalService service;
-  service.start();
-  const auto own = "127.0.0.1:" + std::to_string(service.port());
+TEST_F(LocalServiceRequest, ServesAForeignWebPage) {
+  const auto own = fmt::format("127.0.0.1:{}", service.port());
   const struct {
     std::string host;
     std::string origin;  ///< "": none
     int status;
   } table[] = {
       {own, "", 200},
-      {"127.0.0.1", "", 200},
       {"LocalHost:1", "", 200},
-      {"10.0.0.1:8080", "", 200},
+      {"10.0.0.1", "", 200},
       {"[::1]:8080", "", 200},
       {own, "http://" + own, 200},
-      {"evil.example", "", 421},
-      {"evil.example:" + std::to_string(service.port()), "", 421},
+      {fmt::format("evil.example:{}", service.port()), "", 421},
       {"127.0.0.1.evil.example", "", 421},
-      {"localhost.evil.example", "", 421},
       {"127.0.0.1:80@evil.example", "", 421},
       {"[::1].evil.example", "", 421},
       {"", "", 421},
       {own, "http://evil.example", 403},
-      {own, "http://localhost:3000", 403},
       {own, "null", 403},
   };
-  httplib::Client client(service.url());
   for (const auto& [host, origin, status] : table) {
-    SCOPED_TRACE(testing::Message() << host << " " << origin);
-    httplib::Headers headers{{"Host", host}, {"Authorization", "Bearer " + service.token()}};
-    headers.emplace("X-VERDO-Driver-Protocol", "2");
+    httplib::Headers headers{{"Host", host},
+                             {"Authorization", "Bearer " + service.token()},
+                             {"X-VERDO-Driver-Protocol", "2"}};
     if (!origin.empty()) headers.emplace("Origin", origin);
     const auto reply = client.Get("/api/driver/hello", headers);
     ASSERT_TRUE(reply);
-    EXPECT_EQ(reply->status, status) << reply->body;
+    EXPECT_EQ(reply->status, status) << host << " " << origin << " " << reply->body;
   }
 }
 
-TEST(LocalServiceControl, TakesAValueThatItCannotKeep) {
-  local::LocalService service;
-  service.start();
-  httplib::Client client(service.url());
-  const auto post = [&](const std::string& path, const std::string& body) {
-    const auto reply = client.Post(
-        "/control/" + path, {{"Authorization", "Bearer " + service.controlToken()}}, body, "");
-    return reply ? std::to_string(reply->status) + " " + reply->body : "";
-  };
+TEST_F(LocalServiceRequest, TakesAValueThatItCannotKeep) {
+  const auto authorization = "Bearer " + service.controlToken();
   const struct {
     const char* path;
     const char* body;
@@ -129,17 +127,15 @@ TEST(LocalServiceControl, TakesAValueThatItCannotKeep) {
       {"faults", R"({"status": 4294967496})", "at most 2147483647"},
       {"faults", R"({"job_id": 9223372036854775808})", "at most 9223372036854775807"},
       {"faults", R"({"delay_ms": 86400001})", "from 0 to 86400000"},
-      {"files", R"({"name": "a", "status": 4294967496})", "at most 2147483647"},
       {"files", R"({"name": "a", "content_base64": "===="})", "base64"},
-      {"files", R"({"name": "a", "content_base64": "A==="})", "base64"},
       {"files", R"({"name": "a", "content_base64": "QQ=A"})", "base64"},
       {"files", R"({"name": "a", "content_base64": "QQ"})", "base64"},
-      {"files", R"({"name": "a", "content_base64": " QQ="})", "base64"},
   };
   for (const auto& [path, body, complaint] : table) {
-    EXPECT_THAT(post(path, body), AllOf(StartsWith("400"), HasSubstr(complaint))) << body;
+    EXPECT_THAT(post(path, body, authorization), AllOf(StartsWith("400"), HasSubstr(complaint)));
   }
-  EXPECT_THAT(post("files", R"({"name": "a", "content_base64": "QUI="})"), StartsWith("200"));
+  EXPECT_THAT(post("files", R"({"name": "a", "content_base64": "QUI="})", authorization),
+              StartsWith("200"));
   EXPECT_EQ(client.Get("/files/a")->body, "AB");
 }
 

@@ -2,6 +2,7 @@
 #include "VerdoDriverCore/Network/ChatRequest.h"
 #include "VerdoDriverCore/Values/JsonReader.h"
 #include "VerdoDriverCore/Values/PyJSON.h"
+#include "tests/Support/FailureOf.h"
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
@@ -68,13 +69,10 @@ TEST(ChatRequest, MisjudgesAReply) {
        R"(hi|m|{"n": 1})"},
       {200, R"({"choices": [{"message": {"content": "hi"}}]})", "hi|asked|none"},
       {401, "", "permission: provider rejected the key (HTTP 401)"},
-      {403, "", "permission: provider rejected the key (HTTP 403)"},
       {429, longBody, "transient retryable: provider HTTP 429: " + cut},
       {500, "\xff", "transient retryable: provider HTTP 500: \xEF\xBF\xBD"},
-      {503, "", "transient retryable: provider HTTP 503: "},
       {404, "no", "validation: provider HTTP 404: no"},
       {204, "", "transient: unexpected provider HTTP 204"},
-      {302, "", "transient: unexpected provider HTTP 302"},
       {200, "[]", "transient retryable: unreadable provider reply: JSON value is not an object"},
       {200, R"({"choices": [{"finish_reason": "length", "message": {"content": ""}}]})",
        "config: empty completion (finish_reason=length) — raise the role's max_tokens or disable "
@@ -104,19 +102,13 @@ TEST(LLMLines, AcceptsABadPayloadOrHidesWhatIsWrong) {
       {"", "Expecting value: line 1 column 1 (char 0)"},
       {"{\"v\": 1,", "Expecting value: line 1 column 1 (char 0)"},
       {"[1]", "payload is not a JSON object"},
-      {R"({})", "unsupported payload version 'None'"},
       {R"({"v": true})", "unsupported payload version 'True'"},
-      {R"({"v": 2})", "unsupported payload version '2'"},
       {R"({"v": "1"})", "unsupported payload version '1'"},
       {R"({"v": 1, "prompt": "p"})", "missing model"},
       {R"({"v": 1.0, "model": "m", "prompt": ""})", "missing prompt"}};
   for (const auto& [payload, message] : table) {
-    try {
-      LLMLines::parsePayload(payload);
-      ADD_FAILURE() << payload << " was accepted";
-    } catch (const PyError& error) {
-      EXPECT_EQ(pyDescribe(error), std::string("ValueError: ") + message);
-    }
+    EXPECT_EQ(failureOf([&] { LLMLines::parsePayload(payload); }),
+              std::string("ValueError: ") + message);
   }
   EXPECT_NO_THROW(LLMLines::parsePayload(R"({"v": 1, "model": "m", "prompt": "p"})"));
 }

@@ -29,7 +29,7 @@ TEST(LineBatch, SplittingLosesDoublesOrBreaksLines) {
   Lines lines;
   for (int i = 0; i < 50; ++i) lines.push_back(tricky + std::to_string(i));
   lines.emplace_back();
-  for (const std::size_t maxBytes : {100u, 333u, 1024u, 1u << 20}) {
+  for (std::size_t maxBytes = 100; maxBytes < 1000; ++maxBytes) {
     const auto [pieces, largest] = split(lines, maxBytes, false);
     Lines joined;
     for (const auto& piece : pieces) joined.insert(joined.end(), piece.begin(), piece.end());
@@ -37,11 +37,8 @@ TEST(LineBatch, SplittingLosesDoublesOrBreaksLines) {
     EXPECT_LE(largest, maxBytes);
   }
   // Too long for any piece: left whole, or cut between characters, escapes and surrogates included.
-  const std::string smileys = [] {
-    std::string text;
-    for (int i = 0; i < 100; ++i) text += "\xf0\x9f\x98\x80\n\"x";
-    return text;
-  }();
+  std::string smileys;
+  for (int i = 0; i < 100; ++i) smileys += "😀\n\"x";
   EXPECT_EQ(split({"a", smileys}, 200, false).first, (std::vector<Lines>{{"a"}, {smileys}}));
   const auto [pieces, largest] = split({smileys}, 200, true);
   EXPECT_LE(largest, 200u);

@@ -30,14 +30,22 @@ class ApiFixture : public DriverFixture {
     api = std::make_unique<Api>(std::move(given), session);
   }
 
-  /// The message of the ServerError that the call ends with; "" when it ends well.
-  static std::string failureOf(const std::function<void()>& call) {
-    try {
-      call();
-      return "";
-    } catch (const ServerError& error) {
-      return error.what();
-    }
+  /// What the call ends with: the message of a ServerError, "{type}: {message}" of another error,
+  /// "" when it ends well.
+  static std::string failureOf(const std::function<void()>& call) try {
+    call();
+    return "";
+  } catch (const ServerError& error) {
+    return error.what();
+  } catch (const PyError& error) {
+    return pyDescribe(error);
+  }
+  HttpRequest helloRequest() const {
+    HttpRequest request;
+    request.url = service.url() + "/api/driver/hello";
+    request.headers = {{"Authorization", "Bearer " + service.token()},
+                       {"X-VERDO-Driver-Protocol", "2"}};
+    return request;
   }
   static std::shared_ptr<const ByteBuffer> batch(const std::vector<std::string>& lines) {
     LineBatch made;

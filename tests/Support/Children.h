@@ -4,11 +4,11 @@
 #include "VerdoDriverCore/Process/Spawn.h"
 #include "tests/Support/Leaks.h"
 #include "tests/Support/Misbehaviour.h"
+#include "tests/Support/Recorder.h"
 
 #include <chrono>
 #include <fstream>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -41,8 +41,7 @@ class CollectedLines {
  public:
   explicit CollectedLines(UniqueFd source)
       : reader_(std::move(source), [this](std::span<const std::string_view> lines) {
-          std::lock_guard lock(mutex_);
-          lines_.insert(lines_.end(), lines.begin(), lines.end());
+          for (const auto line : lines) lines_.add(std::string(line));
         }) {}
 
   LineReader& reader() { return reader_; }
@@ -50,35 +49,39 @@ class CollectedLines {
     reader_.start();
     return *this;
   }
-  Lines now() {
-    std::lock_guard lock(mutex_);
-    return lines_;
+  Lines now() const { return lines_.all(); }
+  /// As one text, every line with its line end.
+  std::string text() const {
+    std::string joined;
+    for (const auto& line : now()) joined.append(line).append("\n");
+    return joined;
   }
   /// All lines up to the end of the output.
   Lines all() {
     EXPECT_TRUE(reader_.done().waitFor(std::chrono::seconds(20))) << "the output does not end";
     return now();
   }
-  bool waitForCount(std::size_t count) {
-    return eventually([&] { return now().size() >= count; });
+  bool waitForCount(long count) const {
+    return lines_.waitFor(holding(""), std::chrono::seconds(30), count);
+  }
+  /// True as soon as a line holds this text, false when that takes too long.
+  bool waitFor(const std::string& text) const {
+    return lines_.waitFor(holding(text), std::chrono::seconds(20));
   }
 
  private:
-  std::mutex mutex_;
-  Lines lines_;
+  Recorder<std::string> lines_;
   LineReader reader_;
 };
 
 /// Waits for the line "grandchild PID" and gives the number.
 inline pid_t grandchildPid(CollectedLines& output) {
-  pid_t pid = -1;
-  EXPECT_TRUE(eventually([&] {
-    for (const auto& line : output.now()) {
-      if (line.starts_with("grandchild ")) pid = static_cast<pid_t>(std::stol(line.substr(11)));
-    }
-    return pid > 0;
-  }));
-  return pid;
+  const std::string key = "grandchild ";
+  EXPECT_TRUE(output.waitFor(key));
+  for (const auto& line : output.now()) {
+    if (line.starts_with(key)) return static_cast<pid_t>(std::stol(line.substr(key.size())));
+  }
+  return -1;
 }
 
 }  // namespace verdo::test

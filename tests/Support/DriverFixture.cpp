@@ -5,7 +5,6 @@
 #include "tests/Support/Misbehaviour.h"
 
 #include <filesystem>
-#include <fstream>
 
 namespace verdo::test {
 
@@ -22,7 +21,7 @@ std::size_t countThreads() {
 }  // namespace
 
 DriverFixture::DriverFixture(local::LocalServiceOptions options)
-    : descriptorsBefore_(openDescriptors()),
+    : descriptorsBefore_(openDescriptors().size()),
       threadsBefore_(countThreads()),
       homeVariable_("HOME", home_.path()),
       ownedService_(std::make_unique<local::LocalService>(std::move(options))),
@@ -41,9 +40,9 @@ void DriverFixture::TearDown() {
   runner.reset();
   ownedService_.reset();
   // Threads that end by themselves (a job's, the reaper's) may be on their last steps.
-  EXPECT_TRUE(eventually([&] { return threadNames().size() <= threadsBefore_; }))
+  EXPECT_TRUE(eventually([&] { return threadNames().size() <= threadsBefore_; }, kLong))
       << "left: " << testing::PrintToString(threadNames());
-  EXPECT_TRUE(eventually([&] { return openDescriptors().size() <= descriptorsBefore_.size(); }))
+  EXPECT_TRUE(eventually([&] { return openDescriptors().size() <= descriptorsBefore_; }))
       << "left: " << testing::PrintToString(openDescriptors());
   EXPECT_TRUE(eventually([&] { return processesOf(home_.path()).empty(); }))
       << "left: " << testing::PrintToString(processesOf(home_.path()));
@@ -107,44 +106,10 @@ ExitReason DriverFixture::stopAndFinish() {
   return reason;
 }
 
-ExitReason DriverFixture::run() {
-  start();
-  return finish();
-}
-
-std::int64_t DriverFixture::addJob(const std::string& script, local::JobSpec spec) {
-  spec.payload = script;
-  return service.jobs().add(std::move(spec));
-}
-
 local::JobSnapshot DriverFixture::doneJob(std::int64_t id) {
   EXPECT_TRUE(service.jobs().waitFor(id, local::JobState::done, kLong)) << "job " << id;
   return *service.jobs().find(id);
 }
-
-void DriverFixture::setSpaces(const std::vector<std::string>& names) {
-  std::ofstream file(path("spaces"));
-  for (const auto& name : names) file << name << "\n";
-}
-
-void DriverFixture::hangOn(const std::string& script) {
-  std::ofstream(path("spaces.hang")) << script << "\n";
-}
-
-bool DriverFixture::hangs() const {
-  return eventually([this] { return std::filesystem::exists(path("spaces.hanging")); }, kLong);
-}
-
-std::vector<std::string> DriverFixture::linesOf(const std::string& name) const {
-  std::vector<std::string> lines;
-  std::ifstream file(path(name));
-  for (std::string line; std::getline(file, line);) lines.push_back(line);
-  return lines;
-}
-
-std::vector<std::string> DriverFixture::spaces() const { return linesOf("spaces"); }
-
-std::vector<std::string> DriverFixture::closedSpaces() const { return linesOf("spaces.closed"); }
 
 std::vector<std::string> DriverFixture::texts(char level) const {
   std::vector<std::string> texts;
@@ -158,9 +123,7 @@ std::vector<double> DriverFixture::gaps(const std::string& endpoint) const {
   std::vector<double> result;
   const auto requests = service.requests().list(endpoint);
   for (std::size_t i = 1; i < requests.size(); ++i) {
-    const std::chrono::duration<double, std::milli> gap =
-        requests[i].arrived - requests[i - 1].arrived;
-    result.push_back(gap.count());
+    result.push_back(1000 * toSeconds(requests[i].arrived - requests[i - 1].arrived));
   }
   return result;
 }

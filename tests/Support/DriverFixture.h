@@ -2,6 +2,7 @@
 
 #include "LocalService/LocalService.h"
 #include "VerdoDriverCore/Run/Runner.h"
+#include "tests/Support/Leaks.h"
 #include "tests/Support/RecordingLog.h"
 #include "tests/Support/RecordingObserver.h"
 #include "tests/Support/ScopedEnv.h"
@@ -14,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include <fmt/ranges.h>
 #include <gmock/gmock.h>
 
 namespace verdo::test {
@@ -45,20 +47,30 @@ class DriverFixture : public testing::Test {
   /// Stops the run, and gives its reason and, in `elapsed`, how long that took.
   ExitReason stopAndFinish();
   /// start() and finish().
-  ExitReason run();
+  ExitReason run() {
+    start();
+    return finish();
+  }
 
   /// Queues a job whose script is `script` (ExecutorRole.h).
-  std::int64_t addJob(const std::string& script, local::JobSpec spec = {});
+  std::int64_t addJob(const std::string& script, local::JobSpec spec = {}) {
+    spec.payload = script;
+    return service.jobs().add(std::move(spec));
+  }
   /// What the service knows of a job, once it is done.
   local::JobSnapshot doneJob(std::int64_t id);
   /// The task spaces that the executor has, and those that were closed, in order.
-  void setSpaces(const std::vector<std::string>& names);
-  std::vector<std::string> spaces() const;
-  std::vector<std::string> closedSpaces() const;
+  void setSpaces(const std::vector<std::string>& names) const {
+    home_.write("spaces", fmt::format("{}", fmt::join(names, "\n")));
+  }
+  std::vector<std::string> spaces() const { return linesOf(path("spaces")); }
+  std::vector<std::string> closedSpaces() const { return linesOf(path("spaces.closed")); }
   /// From now on the executor hangs in scripts of this kind, "list" or "close", deaf to SIGTERM.
-  void hangOn(const std::string& script);
+  void hangOn(const std::string& script) const { home_.write("spaces.hang", script); }
   /// True once it does.
-  bool hangs() const;
+  bool hangs() const {
+    return eventually([this] { return std::filesystem::exists(path("spaces.hanging")); }, kLong);
+  }
   /// The texts of the log lines of one level.
   std::vector<std::string> texts(char level) const;
   /// Times between the arrivals of the requests on an endpoint, milliseconds.
@@ -70,7 +82,7 @@ class DriverFixture : public testing::Test {
   static constexpr std::chrono::seconds kLong{20};  ///< a wait that fails the test when it is over
 
  private:
-  const std::vector<std::string> descriptorsBefore_;
+  const std::size_t descriptorsBefore_;
   const std::size_t threadsBefore_;
   TempDir home_;
   ScopedEnv homeVariable_;
@@ -86,8 +98,6 @@ class DriverFixture : public testing::Test {
   std::chrono::duration<double> elapsed{};
 
  private:
-  std::vector<std::string> linesOf(const std::string& name) const;
-
   std::future<ExitReason> reason_;
   std::thread thread_;
 };

@@ -1,6 +1,7 @@
 #include "tests/Support/ExecutorRole.h"
 
 #include "VerdoDriverCore/Process/Shlex.h"
+#include "tests/Support/Leaks.h"
 #include "tests/Support/Misbehaviour.h"
 #include "tests/Support/TempDir.h"
 
@@ -10,7 +11,6 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
-#include <thread>
 #include <vector>
 
 #include <fmt/format.h>
@@ -21,21 +21,12 @@
 namespace verdo::test {
 namespace {
 
-namespace fs = std::filesystem;
-
 constexpr std::string_view kList = "const spaces = await listTaskSpaces()\n";
 constexpr std::string_view kClose = "await completeTaskSpace(";
 
-std::vector<std::string> spacesIn(const std::string& stateFile) {
-  std::vector<std::string> spaces;
-  std::ifstream file(stateFile);
-  for (std::string name; std::getline(file, name);) spaces.push_back(name);
-  return spaces;
-}
-
 /// Hangs for ever when the tests asked for it.
 void hangIfAsked(const std::string& stateFile, const std::string& script) {
-  const auto told = spacesIn(stateFile + ".hang");
+  const auto told = linesOf(stateFile + ".hang");
   if (std::find(told.begin(), told.end(), script) == told.end()) return;
   ::signal(SIGTERM, SIG_IGN);
   std::ofstream(stateFile + ".hanging") << script;
@@ -45,7 +36,7 @@ void hangIfAsked(const std::string& stateFile, const std::string& script) {
 int list(const std::string& stateFile) {
   hangIfAsked(stateFile, "list");
   auto answer = nlohmann::json::array();
-  for (const auto& name : spacesIn(stateFile)) answer.push_back({{"name", name}});
+  for (const auto& name : linesOf(stateFile)) answer.push_back({{"name", name}});
   std::cout << "chatter\n__SPACES__" << answer.dump() << std::endl;
   return 0;
 }
@@ -55,20 +46,13 @@ int close(const std::string& stateFile, const std::string& script) {
   const auto end = script.find(", { keep: false })");
   const std::string name = nlohmann::json::parse(script.substr(kClose.size(), end - kClose.size()));
   std::string rest;
-  for (const auto& space : spacesIn(stateFile)) {
+  for (const auto& space : linesOf(stateFile)) {
     if (space != name) rest += space + "\n";
   }
   std::ofstream(stateFile) << rest;
   std::ofstream(stateFile + ".closed", std::ios::app) << name << "\n";
   std::cout << "closed" << std::endl;
   return 0;
-}
-
-void waitForFile(const std::string& path) {
-  std::cout << "ready" << std::endl;
-  for (int look = 0; look < 12'000 && !fs::exists(path); ++look) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
 }
 
 void number(int count) {
@@ -100,10 +84,9 @@ int executeScript(const std::string& stateFile) {
   } else if (name == "long") {
     std::cout << std::string(std::stoul(words.at(1)), 'y') << "\n";
   } else if (name == "wait") {
-    waitForFile(words.at(1));
+    std::cout << "ready" << std::endl;
+    eventually([&] { return std::filesystem::exists(words.at(1)); }, std::chrono::minutes(1));
     if (words.size() > 2) number(std::stoi(words[2]));
-  } else if (name == "size") {
-    std::cout << script.size() << "\n";
   } else if (name == "cat") {
     std::cout << contentOf(words.at(1)) << "\n";
   } else {

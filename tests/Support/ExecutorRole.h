@@ -14,7 +14,6 @@ namespace verdo::test {
 ///   number N     prints N numbered lines of 100 bytes (numberedLine()), as fast as it can
 ///   long BYTES   prints one line of that length
 ///   wait FILE N  prints "ready", waits until the file exists, then does as "number N" (or ends)
-///   size         prints how many bytes the whole script has
 ///   cat FILE     prints the file's content
 int executeScript(const std::string& stateFile);
 

@@ -1,6 +1,7 @@
 #include "tests/Support/Misbehaviour.h"
 
 #include "VerdoDriverCore/Jobs/StagingDirectory.h"
+#include "VerdoDriverCore/System/Files.h"
 #include "tests/Support/ExecutorRole.h"
 
 #include <algorithm>
@@ -8,7 +9,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <thread>
 
 #include <fcntl.h>
 #include <signal.h>
@@ -32,15 +32,11 @@ int sleepReady(const std::string& seconds) {
 }
 
 int flood(long long bytes) {
-  std::string line(99, 'x');
-  line += '\n';
   std::string block;
-  for (int i = 0; i < 650; ++i) block += line;
-  for (long long left = bytes; left > 0;) {
-    const auto size = std::min<long long>(left, static_cast<long long>(block.size()));
-    const ssize_t written = ::write(STDOUT_FILENO, block.data(), static_cast<size_t>(size));
-    if (written < 0) return 1;
-    left -= written;
+  while (block.size() < 65'000) block += std::string(99, 'x') + '\n';
+  for (; bytes > 0; bytes -= static_cast<long long>(block.size())) {
+    block.resize(static_cast<std::size_t>(std::min<long long>(bytes, 65'000)));
+    if (writeAll(STDOUT_FILENO, block).error != 0) return 1;
   }
   return 0;
 }
@@ -106,10 +102,6 @@ int misbehave(const Role& role) {
     return 0;
   }
   if (name == "flood") return flood(std::stoll(role.at(1)));
-  if (name == "echo") {
-    std::cout << std::cin.rdbuf() << std::flush;
-    return 0;
-  }
   if (name == "exit") return std::stoi(role.at(1));
   if (name == "raise") return ::raise(std::stoi(role.at(1)));
   if (name == "deaf") {
@@ -145,11 +137,6 @@ int misbehave(const Role& role) {
     const StagingDirectory directory(role.at(1));
     std::cout << directory.path() << std::endl;
     return sleepReady(std::to_string(kLongest));
-  }
-  if (name == "alone") {
-    if (!std::filesystem::create_directory(role.at(1))) return 1;
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    return std::filesystem::remove(role.at(1)) ? 0 : 1;
   }
   if (name == "print") {
     std::cout << role.at(1) << std::flush;

@@ -9,7 +9,6 @@ namespace verdo::test {
 ///   lines N           prints N numbered lines and ends
 ///   blank N           prints N empty lines and ends
 ///   flood BYTES       prints that many bytes in 100-byte lines, as fast as it can
-///   echo              copies standard input to standard output
 ///   exit CODE         ends with that code
 ///   raise SIGNAL      ends by that signal
 ///   deaf              ignores SIGTERM, prints "ready", and sleeps
@@ -21,7 +20,6 @@ namespace verdo::test {
 ///   closed ROLE…      closes its outputs, then plays the role
 ///   print OUT ERR N   prints OUT to standard output and ERR to standard error, ends with code N
 ///   stage CACHE       makes a staging directory, prints its path and "ready", and sleeps
-///   alone DIRECTORY   ends with code 1 when another process plays this at the same time, else 0
 ///   swallow FILE      copies standard input to a file that appears once it is complete
 ///   floodswallow FILE the same, while a second process floods the output
 ///   environment       prints its environment, a line each

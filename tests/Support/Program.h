@@ -1,15 +1,12 @@
 #pragma once
 
-#include "VerdoDriverCore/Process/LineReader.h"
-#include "VerdoDriverCore/Process/Spawn.h"
+#include "tests/Support/Children.h"
+#include "tests/Support/TempDir.h"
 
 #include <chrono>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include <sys/types.h>
 
@@ -19,33 +16,55 @@ namespace verdo::test {
 class Program {
  public:
   /// `starter` is a command that becomes the program that it is given, empty for none.
-  Program(const std::vector<std::string>& arguments, const Environment& environment,
-          const std::vector<std::string>& starter = {});
+  Program(const Lines& arguments, const Environment& environment, const Lines& starter = {})
+      : child_(launch(arguments, environment, starter)),
+        output_(child_->takeStdout()),
+        errors_(child_->takeStderr()) {
+    output_.start();
+    errors_.start();
+  }
 
   pid_t pid() const { return child_->pid(); }
   void signal(int number) const { child_->signalGroup(number); }
   /// Its exit status, as ChildProcess gives it; absent when it still runs after 30 s.
-  std::optional<int> wait();
+  std::optional<int> wait() {
+    std::optional<int> status;
+    eventually([&] { return (status = child_->poll()).has_value(); }, std::chrono::seconds(30));
+    // Its last words come before its end, but may still be on their way through the readers.
+    if (status) {
+      output_.reader().done().waitFor(std::chrono::seconds(5));
+      errors_.reader().done().waitFor(std::chrono::seconds(5));
+    }
+    return status;
+  }
   /// True as soon as a line of its standard error holds this text, false after 20 s.
-  bool waitForError(const std::string& text) const;
+  bool waitForError(const std::string& text) const { return errors_.waitFor(text); }
   /// What it has printed, every line with its line end.
-  std::string output() const;
-  std::string errors() const;
+  std::string output() const { return output_.text(); }
+  std::string errors() const { return errors_.text(); }
   /// The content of a file of /proc/{pid}.
-  std::string proc(const std::string& name) const;
+  std::string proc(const std::string& name) const {
+    return contentOf("/proc/" + std::to_string(pid()) + "/" + name);
+  }
   /// The most memory that it has had, bytes.
-  std::size_t peakMemory() const;
+  std::size_t peakMemory() const {
+    const std::string key = "VmHWM:";
+    const std::string status = proc("status");
+    const auto at = status.find(key);
+    return at == std::string::npos ? 0 : std::stoul(status.substr(at + key.size())) * 1024;
+  }
 
  private:
-  LineReader::OnLines into(std::string& text);
+  static std::unique_ptr<ChildProcess> launch(const Lines& arguments,
+                                              const Environment& environment, Lines argv) {
+    argv.emplace_back(VERDO_DRIVER_PROGRAM);
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    return Spawn::launch(argv.front(), argv, environment, false);
+  }
 
   std::unique_ptr<ChildProcess> child_;
-  mutable std::mutex mutex_;
-  mutable std::condition_variable changed_;
-  std::string output_;
-  std::string errors_;
-  LineReader outputReader_;
-  LineReader errorReader_;
+  CollectedLines output_;
+  CollectedLines errors_;
 };
 
 }  // namespace verdo::test

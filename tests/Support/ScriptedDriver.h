@@ -21,10 +21,7 @@ class ScriptedDriver : public DriverHandle {
     ended_.wait();
     return *reason_;
   }
-  void stop() override {
-    ++stops;
-    if (endsOnStop) end(ExitReason::stopped());
-  }
+  void stop() override { ++stops; }
   void killJobsNow() override { ++kills; }
   void networkChanged() override { ++networkChanges; }
   /// Makes run() return.
@@ -39,7 +36,6 @@ class ScriptedDriver : public DriverHandle {
   std::atomic<int> stops = 0;
   std::atomic<int> kills = 0;
   std::atomic<int> networkChanges = 0;
-  bool endsOnStop = false;
 
  private:
   std::optional<ExitReason> reason_;  // written before ended_ is set
@@ -55,14 +51,12 @@ class ScriptedFactory : public DriverFactory {
   std::shared_ptr<DriverHandle> makeDriver(const DriverConfig& config, std::shared_ptr<DriverLog>,
                                            std::weak_ptr<DriverObserver> observer) override {
     runs.push_back(std::make_shared<ScriptedDriver>(config, std::move(observer)));
-    runs.back()->endsOnStop = endsOnStop;
     if (endsAtOnce) runs.back()->end(*endsAtOnce);
     return runs.back();
   }
 
   std::vector<std::shared_ptr<ScriptedDriver>> runs;
   std::optional<ExitReason> endsAtOnce;
-  bool endsOnStop = false;
 };
 
 }  // namespace verdo::test

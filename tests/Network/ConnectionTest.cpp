@@ -1,7 +1,28 @@
 #include "tests/Support/ApiFixture.h"
 #include "tests/Support/Front.h"
 
+#include <atomic>
+#include <cerrno>
 #include <future>
+
+#include <sys/epoll.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace {
+
+std::atomic<bool> isQueueFull = false;
+
+}  // namespace
+
+/// Stands before the system's own: the queue can be full, as when a user watches too much.
+extern "C" int epoll_ctl(int queue, int operation, int fd, epoll_event* event) noexcept {
+  if (operation == EPOLL_CTL_ADD && isQueueFull) {
+    errno = ENOSPC;
+    return -1;
+  }
+  return static_cast<int>(::syscall(SYS_epoll_ctl, queue, operation, fd, event));
+}
 
 namespace verdo::test {
 namespace {
@@ -13,57 +34,49 @@ using testing::HasSubstr;
 /// An Api that speaks HTTP/2 to the service, over a road that can die.
 class SilentPath : public ApiFixture {
  protected:
-  SilentPath() : front_(std::make_unique<Front>(service.port(), &certificates_)) {
+  SilentPath() : front(std::make_unique<Front>(service.port(), &certificates)) {
     auto given = options();
-    given.base = front_->url();
+    given.base = front->url();
     given.timings.helloTimeout = 300ms;
     given.timings.postTimeout = 300ms;
-    make(std::move(given), sessionOptions());
+    make(std::move(given), {.caCertificates = contentOf(certificates.authority()),
+                            .pingTimeout = 300ms,
+                            .dropInterval = kDropInterval});
   }
   void TearDown() override {
     api.reset();
     session.reset();
-    front_.reset();
+    front.reset();
     ApiFixture::TearDown();
   }
-  HttpSession::Options sessionOptions() const {
-    HttpSession::Options given;
-    given.caCertificates = contentOf(certificates_.authority());
-    given.pingTimeout = 300ms;
-    given.dropInterval = kDropInterval;
-    return given;
-  }
-  /// A poll of `wait` seconds that has arrived; its message ends in the future, "" when it is well.
-  std::future<std::string> beginPoll(double wait) {
+  /// A long poll that has arrived; its message ends in the future, "" when it is well.
+  std::future<std::string> beginPoll() {
     const auto before = service.requests().count("poll");
-    auto poll = std::async(std::launch::async,
-                           [this, wait] { return failureOf([&] { api->poll(wait, {}); }); });
+    auto poll =
+        std::async(std::launch::async, [this] { return failureOf([&] { api->poll(25, {}); }); });
     EXPECT_TRUE(service.requests().waitFor("poll", before + 1, kLong));
     return poll;
   }
 
   static constexpr auto kDropInterval = 1000ms;
 
-  Front& front() { return *front_; }
-
- private:
-  const Certificates certificates_;
-  std::unique_ptr<Front> front_;
+  const Certificates certificates;
+  std::unique_ptr<Front> front;
 };
 
 TEST_F(SilentPath, RequestGoesOverAConnectionThatTimedOut) {
   EXPECT_EQ(failureOf([&] { api->hello(); }), "");
   EXPECT_EQ(failureOf([&] { api->hello(); }), "");
-  EXPECT_EQ(front().connections(), 1);
-  EXPECT_EQ(front().swallow(), 1);
+  EXPECT_EQ(front->connections(), 1);
+  EXPECT_EQ(front->swallow(), 1);
   EXPECT_THAT(failureOf([&] { api->hello(); }), HasSubstr("Timeout was reached"));
   EXPECT_EQ(failureOf([&] { api->hello(); }), "");
-  EXPECT_EQ(front().connections(), 2);
+  EXPECT_EQ(front->connections(), 2);
 }
 
 TEST_F(SilentPath, RequestThatSharesADeadConnectionWaitsForItsOwnTimeout) {
-  auto poll = beginPoll(25);
-  front().swallow();
+  auto poll = beginPoll();
+  front->swallow();
   const auto begin = Clock::now();
   EXPECT_THAT(failureOf([&] { api->hello(); }), HasSubstr("Timeout was reached"));
   ASSERT_EQ(poll.wait_for(kLong), std::future_status::ready);
@@ -72,7 +85,7 @@ TEST_F(SilentPath, RequestThatSharesADeadConnectionWaitsForItsOwnTimeout) {
 }
 
 TEST_F(SilentPath, RequestIsEndedThoughItsConnectionAnswersThePing) {
-  auto poll = beginPoll(25);
+  auto poll = beginPoll();
   const auto hang = service.faults().add({.endpoint = "hello", .delay = 60s});
   EXPECT_THAT(failureOf([&] { api->hello(); }), HasSubstr("Timeout was reached"));
   service.faults().clear(hang);
@@ -82,18 +95,18 @@ TEST_F(SilentPath, RequestIsEndedThoughItsConnectionAnswersThePing) {
   EXPECT_EQ(poll.get(), "");
   // The connection is done with what it had, and nothing new goes over it.
   EXPECT_EQ(failureOf([&] { api->hello(); }), "");
-  EXPECT_EQ(front().connections(), 2);
+  EXPECT_EQ(front->connections(), 2);
 }
 
 TEST_F(SilentPath, ChangeOfTheNetworkIsTakenForAFailure) {
-  auto poll = beginPoll(25);
-  front().swallow();
+  auto poll = beginPoll();
+  front->swallow();
   auto begin = Clock::now();
   api->networkChanged();
   EXPECT_TRUE(service.requests().waitFor("poll", 2, kLong));
   EXPECT_LT(Clock::now() - begin, 2s);
   // Soon after the first one, another has to wait.
-  front().swallow();
+  front->swallow();
   begin = Clock::now();
   api->networkChanged();
   api->networkChanged();
@@ -102,6 +115,28 @@ TEST_F(SilentPath, ChangeOfTheNetworkIsTakenForAFailure) {
   addJob("");
   EXPECT_EQ(poll.get(), "");
   EXPECT_EQ(service.requests().count("poll"), 3u);
+}
+
+TEST_F(SilentPath, UnwatchedSocketLeavesTransfersHangingOrBehind) {
+  // First with a connection that calls share, then with one for each.
+  for (const auto& remake : std::vector<std::function<void()>>{[] {}, [this] { make(); }}) {
+    remake();
+    EXPECT_EQ(failureOf([&] { api->hello(); }), "");
+    for (int round = 0; round < 3; ++round) {
+      isQueueFull = true;
+      std::vector<std::future<std::string>> calls;
+      for (int i = 0; i < 8; ++i) {
+        calls.push_back(std::async(std::launch::async,
+                                   [this] { return failureOf([&] { api->poll(25, {}); }); }));
+      }
+      for (auto& call : calls) {
+        EXPECT_THAT(call.get(),
+                    HasSubstr("cannot be watched (epoll_ctl: No space left on device)"));
+      }
+      isQueueFull = false;
+      EXPECT_EQ(failureOf([&] { api->hello(); }), "");
+    }
+  }
 }
 
 }  // namespace
