@@ -2,6 +2,7 @@
 
 #include "VerdoDriver/Model/AppLog.h"
 #include "VerdoDriver/Model/MainThread.h"
+#include "VerdoDriverCore/System/Sync.h"
 #include "VerdoDriverCore/System/ThreadName.h"
 
 #include <cstdlib>
@@ -72,19 +73,12 @@ class BusLink::Loop : public std::enable_shared_from_this<Loop> {
   }
 
   /// Runs `work` on the thread.
-  void post(std::function<void()> work) {
-    GSource* source = g_idle_source_new();
-    g_source_set_priority(source, G_PRIORITY_DEFAULT);
-    g_source_set_callback(
-        source,
-        [](gpointer data) -> gboolean {
-          (*static_cast<std::function<void()>*>(data))();
-          return G_SOURCE_REMOVE;
-        },
-        new std::function<void()>(std::move(work)),
-        [](gpointer data) { delete static_cast<std::function<void()>*>(data); });
-    g_source_attach(source, context_.get());
-    g_source_unref(source);
+  void post(std::function<void()> work) EXCLUDES(lock_) {
+    {
+      MutexLock lock(lock_);
+      posted_.push_back(std::move(work));
+    }
+    g_main_context_wakeup(context_.get());
   }
 
   /// Ends the thread, and with it what is under way.
@@ -130,12 +124,24 @@ class BusLink::Loop : public std::enable_shared_from_this<Loop> {
   void run() {
     setThreadName("verdo-bus");
     g_main_context_push_thread_default(context_.get());
-    while (!isClosing_ || underWay_ > 0) g_main_context_iteration(context_.get(), TRUE);
+    while (!isClosing_ || underWay_ > 0) {
+      g_main_context_iteration(context_.get(), TRUE);
+      runPosted();
+    }
     drop();
     timer_.reset();
     while (g_main_context_iteration(context_.get(), FALSE)) {
     }
     g_main_context_pop_thread_default(context_.get());
+  }
+
+  void runPosted() EXCLUDES(lock_) {
+    std::vector<std::function<void()>> due;
+    {
+      MutexLock lock(lock_);
+      due.swap(posted_);
+    }
+    for (const auto& work : due) work();
   }
 
   void connect() {
@@ -220,14 +226,14 @@ class BusLink::Loop : public std::enable_shared_from_this<Loop> {
         G_DBUS_CALL_FLAGS_NO_AUTO_START, static_cast<int>(options_.callTimeout.count()), nullptr,
         cancellable_.get(),
         [](GObject* connection, GAsyncResult* result, gpointer data) {
-          const std::unique_ptr<UnderWay> call(static_cast<UnderWay*>(data));
+          const std::unique_ptr<UnderWay> answered(static_cast<UnderWay*>(data));
           GUnixFDList* list = nullptr;
           GLibPtr<GError> error;
           GVariant* values = g_dbus_connection_call_with_unix_fd_list_finish(
               G_DBUS_CONNECTION(connection), &list, result, OutError(error));
           const GObjectPtr<GUnixFDList> descriptors(list);
-          --call->loop->underWay_;
-          call->loop->answer(call->done, resultOf(values, descriptors.get(), error.get()));
+          --answered->loop->underWay_;
+          answered->loop->answer(answered->done, resultOf(values, descriptors.get(), error.get()));
         },
         new UnderWay{this, std::move(owned.done)});
   }
@@ -238,10 +244,9 @@ class BusLink::Loop : public std::enable_shared_from_this<Loop> {
         subscription.signal.c_str(), subscription.path.c_str(), nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
         [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*,
            GVariant* values, gpointer data) {
-          const auto* subscription = static_cast<const Subscription*>(data);
+          const auto* signalled = static_cast<const Subscription*>(data);
           const std::shared_ptr<GVariant> kept(g_variant_ref(values), GLibDeleter());
-          subscription->loop->onMainThread(
-              [heard = subscription->heard, kept] { heard(kept.get()); });
+          signalled->loop->onMainThread([heard = signalled->heard, kept] { heard(kept.get()); });
         },
         &subscription, nullptr);
   }
@@ -264,6 +269,8 @@ class BusLink::Loop : public std::enable_shared_from_this<Loop> {
   const GObjectPtr<GCancellable> cancellable_{g_cancellable_new()};  ///< of all calls
   std::thread thread_;
   bool isSilent_ = false;  ///< the main thread's
+  Mutex lock_;
+  std::vector<std::function<void()>> posted_ GUARDED_BY(lock_);
 
   GObjectPtr<GDBusConnection> connection_;
   GObjectPtr<GCancellable> attempt_;  ///< there while connecting
