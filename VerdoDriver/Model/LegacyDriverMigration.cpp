@@ -3,16 +3,18 @@
 #include "VerdoDriver/Model/AppLog.h"
 #include "VerdoDriver/Model/Masked.h"
 #include "VerdoDriverCore/Contract/DriverConstants.h"
+#include "VerdoDriverCore/Process/ChildProcess.h"
+#include "VerdoDriverCore/Process/LineReader.h"
+#include "VerdoDriverCore/Process/Spawn.h"
 #include "VerdoDriverCore/Process/Which.h"
 #include "VerdoDriverCore/Values/Url.h"
 #include "VerdoDriverCore/Values/Utf8.h"
 
-#include <QProcess>
 #include <QString>
-#include <QStringList>
 #include <filesystem>
 #include <fstream>
 #include <system_error>
+#include <thread>
 
 #include <fmt/format.h>
 #include <unistd.h>
@@ -23,8 +25,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kCaffeinateEnv = "VERDO_CAFFEINATE";
-/// For launchctl to vanish once it was killed.
-constexpr int kKilledLimitMilliseconds = 1000;
+constexpr std::chrono::milliseconds kChildPoll(5);  ///< between two looks at launchctl
 
 /// Empty when the file is missing, unreadable or no UTF-8.
 std::string textOf(const std::string& path) {
@@ -167,21 +168,27 @@ bool LegacyDriverMigration::agentLoaded() const {
 std::int32_t LegacyDriverMigration::launchctl(const std::vector<std::string>& arguments) const {
   // Nothing to say where there is no launchd.
   if (!Which::isExecutableFile(launchctlPath_)) return -1;
-  QProcess process;
-  process.setStandardInputFile(QProcess::nullDevice());
-  process.setStandardOutputFile(QProcess::nullDevice());
-  process.setStandardErrorFile(QProcess::nullDevice());
-  QStringList list;
-  for (const auto& argument : arguments) list << QString::fromStdString(argument);
-  process.start(QString::fromStdString(launchctlPath_), list);
-  if (!process.waitForStarted()) return failedToRun(process.errorString().toStdString());
-  if (!process.waitForFinished(static_cast<int>(launchctlLimit_.count()))) {
-    process.kill();
-    process.waitForFinished(kKilledLimitMilliseconds);
-    return failedToRun(fmt::format("no answer within {} ms", launchctlLimit_.count()));
+  std::vector<std::string> argv{launchctlPath_};
+  argv.insert(argv.end(), arguments.begin(), arguments.end());
+  try {
+    const auto child = Spawn::launch(launchctlPath_, argv, currentEnvironment(), true);
+    LineReader unread(child->takeStdout(), [](const auto&) {});
+    unread.feed(child->takeStdin(), "");
+    unread.start();
+    const auto deadline = std::chrono::steady_clock::now() + launchctlLimit_;
+    while (!child->poll()) {
+      if (std::chrono::steady_clock::now() >= deadline) {
+        return failedToRun(fmt::format("no answer within {} ms", launchctlLimit_.count()));
+      }
+      std::this_thread::sleep_for(kChildPoll);
+    }
+    const auto status = child->wait();
+    return status < 0 ? failedToRun("it was ended by a signal") : status;
+  } catch (const Spawn::Error& error) {
+    return failedToRun(error.what());
+  } catch (const std::system_error& error) {  // no room for a thread
+    return failedToRun(error.what());
   }
-  if (process.exitStatus() != QProcess::NormalExit) return failedToRun("it was ended by a signal");
-  return process.exitCode();
 }
 
 }  // namespace verdo
