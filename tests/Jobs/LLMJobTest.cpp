@@ -247,7 +247,7 @@ TEST_F(LLMJobs, LoseOrReorderPartsOfALongReply) {
 }
 
 TEST_F(LLMJobs, TakeALaneOrWaitForOne) {
-  answer({.delay = 1000ms});
+  answer({.delay = kSanitized ? 5000ms : 1000ms});
   config.maxJobs = 3;
   const auto held = addJob("sleep 100", {.label = "one"});
   addJob("sleep 100", {.label = "two"});
