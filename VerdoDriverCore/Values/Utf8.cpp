@@ -1,5 +1,7 @@
 #include "VerdoDriverCore/Values/Utf8.h"
 
+#include <algorithm>
+
 #include <fmt/format.h>
 
 namespace verdo {
@@ -31,12 +33,19 @@ bool breaksLineOrOrder(char32_t c) {
   return (c >= 0x2028 && c <= 0x202E) || (c >= 0x2066 && c <= 0x2069);
 }
 
+bool isPrintableAscii(char byte) { return byte >= ' ' && byte <= '~'; }
+
 /// The text, repaired, with the characters that `isUnsafe` names written as numbers.
 template <typename IsUnsafe>
 std::string writtenOut(std::string_view text, const IsUnsafe& isUnsafe) {
   std::string out;
   out.reserve(text.size());
   for (std::size_t at = 0; at < text.size();) {
+    const auto begin = text.begin() + static_cast<std::ptrdiff_t>(at);
+    const auto plain = std::find_if_not(begin, text.end(), isPrintableAscii);
+    out.append(begin, plain);
+    at = static_cast<std::size_t>(plain - text.begin());
+    if (at == text.size()) break;
     const char32_t c = decodeUtf8(text, at);
     if (!isUnsafe(c)) {
       appendUtf8(c, out);
