@@ -18,6 +18,7 @@ class SilentPathJob : public DriverFixture {
   SilentPathJob() {
     // Long enough for replies that come: a post whose reply is late is rightly sent again.
     timings.pollMargin = timings.postTimeout = kSanitized ? 2000ms : 400ms;
+    if (kSanitized) timings.postDeadline = 20s;
     timings.pingTimeout = 200ms;
     config.pollWait = 1;
   }
