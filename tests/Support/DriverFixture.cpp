@@ -117,6 +117,44 @@ std::int64_t DriverFixture::addJob(const std::string& script, local::JobSpec spe
   return service.jobs().add(std::move(spec));
 }
 
+std::int64_t DriverFixture::startJob(const std::string& script, local::JobSpec spec) {
+  const auto id = addJob(script, std::move(spec));
+  start();
+  EXPECT_TRUE(hasPrinted(id));
+  return id;
+}
+
+bool DriverFixture::hasPrinted(std::int64_t id) const {
+  return service.jobs().waitFor(id, [](const auto& job) { return job.lineCount > 0; }, kLong);
+}
+
+std::string DriverFixture::waitScript(int lines) const {
+  return "wait '" + path("go") + "' " + std::to_string(lines);
+}
+
+void DriverFixture::letGo() const { std::ofstream(path("go")) << ""; }
+
+bool DriverFixture::waitForPosts(std::uint64_t more) const {
+  const auto before = service.requests().count("lines");
+  return service.requests().waitForReply("lines", before + more, kLong).has_value();
+}
+
+void DriverFixture::answerWith(const std::string& endpoint, int status, const std::string& body,
+                               std::optional<std::uint64_t> count) {
+  service.faults().add({.endpoint = endpoint,
+                        .count = count,
+                        .reply = local::FaultReply{.status = status, .body = body}});
+}
+
+void DriverFixture::forget() {
+  service.reset();
+  log = std::make_shared<RecordingLog>();
+  observer = std::make_shared<RecordingObserver>();
+  for (const char* name : {"go", "spaces", "spaces.closed", "spaces.hang", "spaces.hanging"}) {
+    std::filesystem::remove(path(name));
+  }
+}
+
 local::JobSnapshot DriverFixture::doneJob(std::int64_t id) {
   EXPECT_TRUE(service.jobs().waitFor(id, local::JobState::done, kLong)) << "job " << id;
   return *service.jobs().find(id);
