@@ -1,6 +1,7 @@
 #include "tests/Support/DriverFixture.h"
 
 #include "VerdoDriverCore/System/ThreadName.h"
+#include "tests/Support/ExecutorRole.h"
 #include "tests/Support/Leaks.h"
 #include "tests/Support/Misbehaviour.h"
 
@@ -133,6 +134,13 @@ std::string DriverFixture::waitScript(int lines) const {
 }
 
 void DriverFixture::letGo() const { std::ofstream(path("go")) << ""; }
+
+void DriverFixture::expectNumbered(std::int64_t id, int count) {
+  EXPECT_EQ(doneJob(id).exitCode, 0);
+  std::vector<std::string> expected{"ready"};
+  for (int i = 0; i < count; ++i) expected.push_back(numberedLine(i));
+  EXPECT_TRUE(service.jobs().lines(id) == expected) << "lost, doubled or out of order";
+}
 
 bool DriverFixture::waitForPosts(std::uint64_t more) const {
   const auto before = service.requests().count("lines");

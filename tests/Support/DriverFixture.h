@@ -56,6 +56,8 @@ class DriverFixture : public testing::Test {
   /// A script that prints "ready", waits for letGo(), and then prints so many numbered lines.
   std::string waitScript(int lines = 0) const;
   void letGo() const;
+  /// A job of waitScript(`count`) ends well, each of its lines being there once and in order.
+  void expectNumbered(std::int64_t id, int count);
   /// True once so many more posts of lines, heartbeats included, have been answered.
   bool waitForPosts(std::uint64_t more) const;
   /// From now on the service answers requests on an endpoint so: `count` of them, or all.
