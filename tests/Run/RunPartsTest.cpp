@@ -31,9 +31,8 @@ TEST(SpacePattern, SpeaksPerlAndPython) {
 TEST(SpacePattern, GivesUpOnAHopelessSearch) {
   const auto begin = std::chrono::steady_clock::now();
   const std::string name(SpacePattern::kMaxName - 1, 'a');
-  // The last two cost little at one place where a match may begin, and much at a thousand.
-  for (const char* pattern : {"^(a+)+$", "^(a|aa)+$", "(.*a){20}b", "(?:(?:a*)*)*b",
-                              "(?:a|a|a|a){8}[bc]", "(?:a|a|a|a){4}[bc]"}) {
+  // The last costs little at one place where a match may begin, and much at a thousand.
+  for (const char* pattern : {"^(a+)+$", "(?:(?:a*)*)*b", "(?:a|a|a|a){8}[bc]"}) {
     EXPECT_FALSE(SpacePattern(pattern).isFoundIn(name + "!")) << pattern;
   }
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
@@ -80,8 +79,7 @@ TEST(StderrLogSink, HoldsTheDriverUpForEverOrHidesThatLinesAreMissing) {
 }
 
 TEST(DriverRunner, GivesExecutorsAPathButNoSecrets) {
-  const ScopedEnv token("VERDO_DRIVER_TOKEN", "secret");
-  const ScopedEnv key("VERDO_LLM_API_KEY", "secret");
+  const ScopedEnv token("VERDO_DRIVER_TOKEN", "secret"), key("VERDO_LLM_API_KEY", "secret");
   const ScopedEnv kept("VERDO_SERVER_URL", "http://x");
   const auto environment = [](std::optional<std::string> path, const std::string& execPath,
                               const std::vector<std::string>& extra) {
