@@ -152,13 +152,15 @@ TEST_F(Outage, TokenRevokedInTheMiddleOfAJobIsNotTheEnd) {
   EXPECT_EQ(texts('e')[1], reason.message());
 }
 
-TEST_F(Outage, TokenRevokedAtTheCompletionIsNotTheEnd) {
-  answerWith("complete", 401);
-  addJob("say a");
-  EXPECT_EQ(run().code(), 3);
-  EXPECT_TRUE(
-      log->has("job 1: could not report completion: POST "
-               "/api/driver/jobs/1/complete -> 401: no"));
+TEST_F(Outage, TokenRevokedAtTheEndsOfAJobIsNotTheEnd) {
+  config.serveJobs = 1;
+  for (const char* endpoint : {"lines", "complete"}) {
+    forget();
+    answerWith(endpoint, 401);
+    const auto id = addJob("say a");
+    EXPECT_EQ(run().code(), 3);
+    EXPECT_TRUE(log->has(fmt::format("POST /api/driver/jobs/{}/{} -> 401: no", id, endpoint)));
+  }
 }
 
 }  // namespace

@@ -134,7 +134,7 @@ TEST_F(StagedJob, CancelOrLossWhileFilesArriveStartsTheScriptAllTheSame) {
       {false, 127, "driver lost the server mid-job", "lost the server, killing the job: POST"},
   };
   config.serveJobs.reset();
-  timings.drainAfterKill = 60s;  // a download that goes on is waited for so long
+  timings.drainAfterKill = 30s;  // a download that goes on is waited for so long
   for (const auto& row : cases) {
     SCOPED_TRACE(row.line);
     forget();

@@ -95,11 +95,13 @@ TEST_F(FileStagerTest, ReplacesAPlaceholderThatIsNone) {
 }
 
 TEST_F(FileStagerTest, NamesThatDifferInCaseOrWhenMadeSafeAreOneFile) {
-  stage({fileNamed("A"), fileNamed("a"), fileNamed("2-a"), fileNamed("b/c"), fileNamed("A"),
-         fileNamed("b:c")},
-        "");
-  EXPECT_THAT(destinations,
-              testing::ElementsAre("/d/A", "/d/2-a", "/d/2-2-a", "/d/b_c", "/d/3-A", "/d/2-b_c"));
+  const std::string endless(300, 'n');
+  std::vector<JobFile> files;
+  for (const char* name : {"A", "a", "2-a", "b/c", "A", "b:c"}) files.push_back(fileNamed(name));
+  files.push_back(fileNamed(endless + ".pdf"));
+  stage(files, "");
+  EXPECT_THAT(destinations, testing::ElementsAre("/d/A", "/d/2-a", "/d/2-2-a", "/d/b_c", "/d/3-A",
+                                                 "/d/2-b_c", "/d/" + endless.substr(104) + ".pdf"));
 }
 
 TEST_F(FileStagerTest, TakesTimeThatGrowsWithTheSquare) {

@@ -60,7 +60,9 @@ TEST(StderrLogSink, HoldsTheDriverUpForEverOrHidesThatLinesAreMissing) {
   ::dup2(pipe.writeEnd.get(), STDERR_FILENO);
   const std::string line(1000, 'x');
   StderrLogSink sink(false, std::chrono::milliseconds(50));
+  const auto begin = std::chrono::steady_clock::now();
   for (int i = 0; i < 1000; ++i) sink.info(line);  // a pipe holds some sixty
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
   CollectedLines lines(std::move(pipe.readEnd));
   lines.start();
   lines.waitForCount(30);
