@@ -58,14 +58,14 @@ TEST(StderrLogSink, HoldsTheDriverUpForEverOrHidesThatLinesAreMissing) {
   Pipe pipe = Pipe::make();
   const UniqueFd before(::dup(STDERR_FILENO));
   ::dup2(pipe.writeEnd.get(), STDERR_FILENO);
-  const std::string line(1000, 'x');
+  const std::string line(10'000, 'x');  // goes out in three parts
   StderrLogSink sink(false, std::chrono::milliseconds(50));
   const auto begin = std::chrono::steady_clock::now();
-  for (int i = 0; i < 1000; ++i) sink.info(line);  // a pipe holds some sixty
+  for (int i = 0; i < 1000; ++i) sink.info(line);  // a pipe holds five and a third
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
   CollectedLines lines(std::move(pipe.readEnd));
   lines.start();
-  lines.waitForCount(30);
+  lines.waitForCount(5);
   while (::poll(nullptr, 0, 10) == 0 && lines.now().back() != "· the end") sink.info("the end");
   ::dup2(before.get(), STDERR_FILENO);
   pipe.writeEnd.reset();
@@ -76,7 +76,7 @@ TEST(StderrLogSink, HoldsTheDriverUpForEverOrHidesThatLinesAreMissing) {
     int lost = 0;
     if (std::sscanf(text.c_str(), "! %d lines are missing here", &lost) == 1) missing += lost;
   }
-  EXPECT_GT(seen, 10);
+  EXPECT_GE(seen, 5);
   EXPECT_EQ(seen + missing, 1000);
 }
 
