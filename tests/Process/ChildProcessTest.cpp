@@ -36,7 +36,6 @@ TEST_F(ChildProcessTest, TellsHowTheChildEnded) {
     child->release();
     EXPECT_EQ(child->poll(), status) << "the status outlives the process";
     EXPECT_EQ(child->wait(), status);
-    EXPECT_FALSE(child->signalGroup(0)) << "the pid may be somebody else's by now";
   }
 }
 

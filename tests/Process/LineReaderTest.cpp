@@ -49,7 +49,12 @@ TEST(LineSplitter, CutsAtLineEndsWhateverThePieces) {
 }
 
 TEST(LineSplitter, KeepsAnEndlessLineOrBreaksACharacterOfIt) {
-  for (const std::string tail : {"😀\x80", "€\x80\x80", "é\x80\x80\x80", "\xf0\x9f", "\xff"}) {
+  // What ends the piece, and what arrives later.
+  const std::pair<std::string, std::string> cases[] = {
+      {"😀\x80", ""}, {"€\x80\x80", ""},        {"é\x80\x80\x80", ""},
+      {"\xff", ""},  {"\xf0\x9f", "\x98\x80"}, {"\xc3", "\xa9"},
+  };
+  for (const auto& [tail, later] : cases) {
     LineSplitter splitter;
     const auto room = splitter.space(kMaxLineBytes);
     std::memset(room.data(), 'x', kMaxLineBytes);
@@ -57,7 +62,9 @@ TEST(LineSplitter, KeepsAnEndlessLineOrBreaksACharacterOfIt) {
     const auto lines = splitter.advance(kMaxLineBytes);
     ASSERT_EQ(lines.size(), 1u);
     const std::string piece(lines[0].substr(kMaxLineBytes - tail.size() - 1));
-    EXPECT_EQ(repairUtf8(piece) + repairUtf8(splitter.rest()), repairUtf8("x" + tail));
+    std::memcpy(splitter.space(later.size()).data(), later.data(), later.size());
+    EXPECT_THAT(splitter.advance(later.size()), testing::IsEmpty());
+    EXPECT_EQ(repairUtf8(piece) + repairUtf8(splitter.rest()), repairUtf8("x" + tail + later));
   }
 }
 
