@@ -184,7 +184,8 @@ TEST_F(LLMJobs, KeepTheProviderCallOpen) {
 
 TEST_F(LLMJobs, LoseOrReorderPartsOfALongReply) {
   std::string text;
-  while (text.size() < 5'000'000) text += "line \"" + std::to_string(text.size()) + "\"\n\té€😀\x01";
+  while (text.size() < 5'000'000)
+    text += "line \"" + std::to_string(text.size()) + "\"\n\té€😀\x01";
   rule({.content = text});
   const auto id = addLLM("long");
   start();

@@ -52,7 +52,7 @@ TEST(LineSplitter, KeepsAnEndlessLineOrBreaksACharacterOfIt) {
   // What ends the piece, and what arrives later.
   const std::pair<std::string, std::string> cases[] = {
       {"😀\x80", ""}, {"€\x80\x80", ""},        {"é\x80\x80\x80", ""},
-      {"\xff", ""},  {"\xf0\x9f", "\x98\x80"}, {"\xc3", "\xa9"},
+      {"\xff", ""},   {"\xf0\x9f", "\x98\x80"}, {"\xc3", "\xa9"},
   };
   for (const auto& [tail, later] : cases) {
     LineSplitter splitter;

@@ -48,13 +48,14 @@ TEST_F(Hello, RefusedHelloEndsWithTheWrongReason) {
   }
 }
 
-TEST_F(Hello, UnusableSpacePatternStopsTheDriverOrClosesForeignSpaces) {
+TEST_F(Hello, UnusableSettingStopsTheDriverOrClosesForeignSpaces) {
   config.dryRun = false;
   setSpaces({"mine", "u1-a"});
-  service.hello().patch({{"space_pattern", "("}});
+  service.hello().patch({{"space_pattern", "("}, {"max_jobs", 0}});
   start();
   EXPECT_TRUE(service.requests().waitFor("poll", 1, kLong));
   EXPECT_THAT(spaces(), ElementsAre("mine"));
+  EXPECT_TRUE(log->has("serving up to 1 job(s) at once"));
   EXPECT_THAT(texts('w'), Contains(StartsWith("space_pattern of the server is unusable (")));
 }
 

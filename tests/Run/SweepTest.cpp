@@ -50,8 +50,10 @@ TEST_F(Sweep, ReaperClosesUsedOrForeignSpacesOrNone) {
   config.reapInterval = 0.05;
   config.noSweep = true;
   setSpaces({"mine", "u1-busy", "u1-old"});
+  const auto begun = std::chrono::steady_clock::now();
   const auto id = startJob(waitScript(), {.taskSpace = "u1-busy"});
   ASSERT_TRUE(log->waitFor("idle reaper closed 1 space(s): u1-old"));
+  EXPECT_GE(std::chrono::steady_clock::now() - begun, 250ms) << "not idle for long yet";
   // Looked at many times since, the job's own is still open.
   ASSERT_TRUE(waitForPosts(8));
   EXPECT_THAT(spaces(), ElementsAre("mine", "u1-busy"));
