@@ -83,15 +83,17 @@ TEST_F(Outage, CompletionOverAProxysLimitIsNeverTold) {
   EXPECT_EQ(job.error.value_or("").size(), 1000u);
 }
 
-TEST_F(Outage, StoppingDriverKeepsRetryingForTheWholeTime) {
+TEST_F(Outage, StoppingDriverKeepsRetryingForTheWholeTimeOrWithoutPauses) {
   service.faults().add({.endpoint = "complete", .delivery = local::Delivery::reset});
   timings.retryLongest = timings.retryFirst;
   timings.postDeadline = 60s;
   addJob("say a");
   start();
   ASSERT_TRUE(service.requests().waitFor("complete", 3, kLong));
+  const auto before = service.requests().count("complete");
   EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
   EXPECT_LT(elapsed.count(), 5);
+  EXPECT_LT(service.requests().count("complete"), before + 20) << "200 ms with pauses of 20 ms";
   EXPECT_TRUE(log->has("job 1: could not report completion: "));
 }
 

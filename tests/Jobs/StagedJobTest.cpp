@@ -15,7 +15,11 @@ using testing::IsEmpty;
 
 class StagedJob : public DriverFixture {
  protected:
-  StagedJob() { config.serveJobs = 1; }
+  StagedJob() {
+    config.serveJobs = 1;
+    // Left by a crash; the fixture sees that it goes.
+    std::filesystem::create_directories(stagingCache() + "/verdo-left");
+  }
 
   /// A job whose file takes for ever, or as long as its size and the speed say.
   std::int64_t addSlowJob(std::size_t bytesPerSecond = 200, std::size_t size = 100'000) {
