@@ -75,10 +75,11 @@ TEST_F(Acknowledge, JobThatIsNoLongerOursIsRunAllTheSame) {
 }
 
 TEST_F(Acknowledge, LongOutageOrAnOldDriverIsRetriedForOneJob) {
-  timings.retryFirst = 50ms;
-  timings.acknowledgeDeadline = 250ms;
+  timings.retryFirst = 100ms;
+  timings.retryLongest = 200ms;
+  timings.acknowledgeDeadline = 800ms;
   const std::pair<int, std::uint64_t> cases[] = {
-      {503, 4},  // at 0, 1, 3 and 7 units; the limit is at 5
+      {503, 6},  // at 0, 1, 3, 5, 7 and 9 units; the limit is at 8
       {426, 1},
   };
   for (const auto& [status, posts] : cases) {
