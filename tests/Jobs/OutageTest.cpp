@@ -23,6 +23,9 @@ TEST_F(Outage, OutputOfAnOutageIsLostOrDoubled) {
     // Right after a reply nothing is on its way that could be stored and yet count as failed.
     ASSERT_TRUE(waitForPosts(1));
     service.outage(kind, 500ms);
+    // What the job prints while a post hangs, and then ends, comes in one more post.
+    const auto posts = service.requests().count("lines");
+    if (!refused) ASSERT_TRUE(service.requests().waitFor("lines", posts + 1, kLong));
     letGo();
     expectNumbered(id, 5000);
     EXPECT_EQ(finish(), ExitReason::clean());
