@@ -32,6 +32,10 @@ TEST_F(ServeLoop, FailingPollsHammerTheServerOrComeTooLate) {
                                pause / 1000));
   }
   EXPECT_EQ(observer->events(), told);
+  // After a success they begin anew.
+  answerWith("poll", 500, "x", 1);
+  addJob("say a");
+  EXPECT_TRUE(observer->waitFor("retrying 0.02", 2));
 }
 
 TEST_F(ServeLoop, PollsThatComeBackAtOnceSpin) {

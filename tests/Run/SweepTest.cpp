@@ -127,6 +127,8 @@ TEST_F(Sweep, SecondDriverClosesTheSpacesOfTheFirst) {
   config.reapInterval = 0.01;
   const auto otherLog = std::make_shared<RecordingLog>();
   EXPECT_EQ(DriverRunner(config, otherLog, {}, timings).run(), ExitReason::clean());
+  answerWith("poll", 426, "no", 1);  // a run that ends so sweeps once more
+  EXPECT_EQ(DriverRunner(config, otherLog, {}, timings).run().code(), 6);
   EXPECT_THAT(closedSpaces(), IsEmpty());
   EXPECT_TRUE(otherLog->has("another driver (process " + std::to_string(::getpid()) + ")"));
   letGo();
