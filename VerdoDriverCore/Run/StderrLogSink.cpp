@@ -50,7 +50,6 @@ void StderrLogSink::write(const char* color, const char* sign, const std::string
 /// the descriptor itself counts as written: there is nowhere left to say that the log is gone.
 bool StderrLogSink::put(std::string_view line) {
   pollfd room{STDERR_FILENO, POLLOUT, 0};
-  torn_ = false;
   while (!line.empty()) {
     const int wait = lost_ > 0 ? 0 : static_cast<int>(patience_.count());
     const int ready = ::poll(&room, 1, wait);

@@ -33,7 +33,7 @@ class StderrLogSink : public LogSink {
   const std::chrono::milliseconds patience_;
   Mutex lock_;
   int lost_ GUARDED_BY(lock_) = 0;       ///< lines dropped since the last one that got through
-  bool torn_ GUARDED_BY(lock_) = false;  ///< the latest line lacks its end
+  bool torn_ GUARDED_BY(lock_) = false;  ///< what was written last lacks its line end
 };
 
 }  // namespace verdo

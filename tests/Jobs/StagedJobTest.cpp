@@ -2,62 +2,61 @@
 
 #include <filesystem>
 
+#include <signal.h>
+
 namespace verdo::test {
 namespace {
 
 using namespace std::chrono_literals;
-using local::FaultReply;
 using local::FileSpec;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::StartsWith;
 
 class StagedJob : public DriverFixture {
  protected:
-  StagedJob() { config.serveJobs = 1; }
+  StagedJob() {
+    config.serveJobs = 1;
+    // Left by a crash; the fixture sees that it goes.
+    std::filesystem::create_directories(stagingCache() + "/verdo-left");
+  }
 
-  std::vector<std::string> stagingDirectories() const {
-    std::vector<std::string> found;
-    if (!std::filesystem::exists(stagingCache())) return found;
-    for (const auto& entry : std::filesystem::directory_iterator(stagingCache())) {
-      if (entry.is_directory()) found.push_back(entry.path());
-    }
-    return found;
+  /// A job whose file takes for ever, or as long as its size and the speed say.
+  std::int64_t addSlowJob(std::size_t bytesPerSecond = 200, std::size_t size = 100'000) {
+    service.faults().add({.endpoint = "files",
+                          .delivery = local::Delivery::trickled,
+                          .bytesPerSecond = bytesPerSecond});
+    return addJob("cat __VERDO_FILE__a__",
+                  {.files = {{.name = "a", .content = std::string(size, 'x')}}});
   }
 };
 
 TEST_F(StagedJob, ScriptDoesNotFindItsFile) {
   local::LocalService other;
   other.start();
+  const std::string content = "from far";
   const std::string elsewhere =
-      other.url() + other.files().add({.name = "far", .content = "from far"});
+      other.url() + other.files().add({.name = "far", .content = content});
   // A hostile name in the address would be tidied away by any client.
-  const std::string far =
-      service.url() + service.files().add({.name = "far", .content = "from far"});
-  struct Case {
-    FileSpec file;
-    std::string content;
+  const std::string far = service.url() + service.files().add({.name = "far", .content = content});
+  const FileSpec cases[] = {
+      {.name = "a.pdf"},
+      {.name = "a.pdf", .absoluteUrl = true},
+      {.name = "../../../etc/pass wd", .url = far},
+      {.name = "..", .url = far},
+      {.name = "Ünï\n\"'$(x)"},
+      {.name = std::string(400, 'n')},
+      {.name = "far", .redirect = elsewhere},
+      {.name = "far", .url = elsewhere},
   };
-  const Case cases[] = {
-      {{.name = "a.pdf", .content = "plain"}, "plain"},
-      {{.name = "a.pdf", .content = "absolute", .absoluteUrl = true}, "absolute"},
-      {{.name = "../../../etc/pass wd", .content = "from far", .url = far}, "from far"},
-      {{.name = "..", .content = "from far", .url = far}, "from far"},
-      {{.name = "Ünï\n\"'$(x)", .content = "hostile"}, "hostile"},
-      {{.name = std::string(400, 'n'), .content = "long"}, "long"},
-      {{.name = "far", .content = "from far", .redirect = elsewhere}, "from far"},
-      {{.name = "far", .content = "from far", .url = elsewhere}, "from far"},
-  };
-  for (const auto& row : cases) {
-    SCOPED_TRACE(row.file.name);
-    log = std::make_shared<RecordingLog>();
+  for (auto file : cases) {
+    SCOPED_TRACE(file.name);
+    file.content = content;
     const auto id =
-        addJob("cat __VERDO_FILE__" + row.file.name + "__", {.label = "mail", .files = {row.file}});
+        addJob("cat __VERDO_FILE__" + file.name + "__", {.label = "mail", .files = {file}});
     EXPECT_EQ(run(), ExitReason::clean());
-    EXPECT_THAT(service.jobs().lines(id), ElementsAre(row.content));
+    EXPECT_THAT(service.jobs().lines(id), ElementsAre(content));
     EXPECT_TRUE(log->has("job " + std::to_string(id) + ": 1 file(s) staged"));
-    EXPECT_THAT(stagingDirectories(), IsEmpty());
   }
   for (auto* host : {&service, &other}) {
     for (const auto& request : host->requests().list("files")) {
@@ -70,53 +69,31 @@ TEST_F(StagedJob, ScriptDoesNotFindItsFile) {
   }
 }
 
-TEST_F(StagedJob, FilesWithTheSameSafeNameOverwriteEachOther) {
-  const auto id =
-      addJob("say __VERDO_FILE__a/b__ __VERDO_FILE__a:b__ __VERDO_FILE__other__",
-             {.files = {{.name = "a/b", .content = "one"}, {.name = "a:b", .content = "two"}}});
-  EXPECT_EQ(run(), ExitReason::clean());
-  const auto lines = service.jobs().lines(id);
-  ASSERT_EQ(lines.size(), 3u);
-  EXPECT_NE(lines[0], lines[1]);
-  EXPECT_THAT(lines[0], StartsWith(stagingCache() + "/verdo-"));
-  EXPECT_EQ(lines[2], "__VERDO_FILE__other__");
-  EXPECT_EQ(std::filesystem::status(stagingCache()).permissions(), std::filesystem::perms{0700});
-}
-
 TEST_F(StagedJob, FileThatCannotBeHadIsRunWithout) {
-  const std::string refused = "http://127.0.0.1:1/x";
-  struct Case {
-    FileSpec file;
-    const char* type;
-  };
-  const Case cases[] = {
+  const std::pair<FileSpec, const char*> cases[] = {
       {{.sha256 = std::string(64, '0')}, "ValueError"},
       {{.omitSha256 = true}, "KeyError"},
       {{.omitUrl = true}, "KeyError"},
-      {{.url = refused}, "URLError"},
-      {{.url = "http://[bad"}, "ValueError"},
+      {{.url = "http://127.0.0.1:1/x"}, "URLError"},
       {{.url = "file:///etc/passwd"}, "ValueError"},
       {{.redirect = "file:///etc/passwd"}, "URLError"},
       {{.truncateAfter = 3}, "URLError"},
       {{.status = 404}, "HTTPError"},
-      {{.status = 500}, "HTTPError"},
   };
-  for (auto row : cases) {
-    SCOPED_TRACE(row.type);
-    log = std::make_shared<RecordingLog>();
-    observer = std::make_shared<RecordingObserver>();
-    row.file.name = "a.pdf";
-    row.file.content = "content";
-    const auto id = addJob("say ran", {.label = "mail",
-                                       .taskSpace = "u1-a",
-                                       .files = {{.name = "fine", .content = "x"}, row.file}});
+  for (auto [file, type] : cases) {
+    SCOPED_TRACE(type);
+    forget();
+    file.name = "a.pdf";
+    file.content = "content";
+    const auto id = addJob(
+        "say ran",
+        {.label = "mail", .taskSpace = "u1-a", .files = {{.name = "fine", .content = "x"}, file}});
     EXPECT_EQ(run(), ExitReason::clean());
     const std::string number = std::to_string(id);
-    EXPECT_THAT(texts('e'), ElementsAre("job " + number + ": file staging failed: " + row.type));
+    EXPECT_THAT(texts('e'), ElementsAre("job " + number + ": file staging failed: " + type));
     EXPECT_EQ(service.requests().list("complete").back().body,
               R"({"exit_code": 127, "error": "file staging failed"})");
     EXPECT_THAT(service.jobs().lines(id), IsEmpty());
-    EXPECT_THAT(stagingDirectories(), IsEmpty());
     EXPECT_TRUE(observer->waitFor("finished " + number + " mail 127 file staging failed"));
     EXPECT_TRUE(log->has("space 'u1-a': close -> exit 0"));
   }
@@ -125,66 +102,53 @@ TEST_F(StagedJob, FileThatCannotBeHadIsRunWithout) {
 TEST_F(StagedJob, StopOrRevocationWaitsForADownload) {
   for (const bool revoke : {false, true}) {
     SCOPED_TRACE(revoke ? "revoked" : "stopped");
-    service.reset();
+    forget();
     config.serveJobs.reset();
-    service.faults().add(
-        {.endpoint = "files", .delivery = local::Delivery::trickled, .bytesPerSecond = 200});
-    addJob("say ran", {.files = {{.name = "a", .content = std::string(100'000, 'x')}}});
+    addSlowJob();
     start();
     ASSERT_TRUE(service.requests().waitFor("files", 1, kLong));
+    const auto begin = std::chrono::steady_clock::now();
     if (revoke) {
-      service.faults().add(
-          {.endpoint = "poll", .reply = local::FaultReply{.status = 401, .body = "no"}});
+      answerWith("poll", 401);
       addJob("say a");  // lets the poll in flight return
-      const auto begin = std::chrono::steady_clock::now();
       EXPECT_EQ(finish().code(), 3);
-      EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s);
     } else {
       EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
-      EXPECT_LT(elapsed.count(), 5);
     }
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s);
   }
 }
 
 TEST_F(StagedJob, LeaseRunsOutWhileFilesArrive) {
   service.jobs().setLease(400ms);
-  service.faults().add(
-      {.endpoint = "files", .delivery = local::Delivery::trickled, .bytesPerSecond = 1000});
-  const auto id = addJob("cat __VERDO_FILE__a__",
-                         {.files = {{.name = "a", .content = std::string(1200, 'x')}}});
+  const auto id = addSlowJob(1000, 1200);
   EXPECT_EQ(run(), ExitReason::clean());
   EXPECT_EQ(service.jobs().find(id)->timesLeased, 1u);
   EXPECT_EQ(service.jobs().lines(id), std::vector{std::string(1200, 'x')});
 }
 
 TEST_F(StagedJob, CancelOrLossWhileFilesArriveStartsTheScriptAllTheSame) {
-  struct Case {
-    const char* what;
-    std::optional<FaultReply> answer;  // to the heartbeats
+  const struct {
+    bool cancel;
     std::int64_t exit;
     std::optional<std::string> error;
     const char* line;
+  } cases[] = {
+      {true, -SIGTERM, std::nullopt, "finished with exit -15 (cancelled)"},
+      {false, 127, "driver lost the server mid-job", "lost the server, killing the job: POST"},
   };
-  const Case cases[] = {
-      {"cancel", std::nullopt, -15, std::nullopt, "finished with exit -15 (cancelled)"},
-      {"loss", FaultReply{.status = 426, .body = "old"}, 127, "driver lost the server mid-job",
-       "lost the server, killing the job: POST"},
-  };
+  config.serveJobs.reset();
+  timings.drainAfterKill = 30s;  // a download that goes on is waited for so long
   for (const auto& row : cases) {
-    SCOPED_TRACE(row.what);
-    service.reset();
-    log = std::make_shared<RecordingLog>();
-    config.serveJobs.reset();
-    service.faults().add(
-        {.endpoint = "files", .delivery = local::Delivery::trickled, .bytesPerSecond = 100});
-    const auto id =
-        addJob("say ran", {.files = {{.name = "a", .content = std::string(100'000, 'x')}}});
+    SCOPED_TRACE(row.line);
+    forget();
+    const auto id = addSlowJob();
     start();
     ASSERT_TRUE(service.requests().waitFor("files", 1, kLong));
-    if (row.answer) {
-      service.faults().add({.endpoint = "lines", .reply = row.answer});
-    } else {
+    if (row.cancel) {
       EXPECT_TRUE(service.jobs().cancel(id));
+    } else {
+      answerWith("lines", 426);
     }
     const auto job = doneJob(id);
     EXPECT_EQ(job.exitCode, row.exit);
@@ -197,12 +161,11 @@ TEST_F(StagedJob, CancelOrLossWhileFilesArriveStartsTheScriptAllTheSame) {
 }
 
 TEST_F(StagedJob, ExecutorThatHasVanishedOrCannotStartHangsTheJob) {
-  std::filesystem::create_directory(path("bin"));
-  const std::string program = path("bin/browser");
-  std::ofstream(program) << "#!/nonexistent/interpreter\n";
-  std::filesystem::permissions(program, std::filesystem::perms{0700});
+  const TempDir bin;
+  const auto program =
+      bin.write("browser", "#!/nonexistent/interpreter\n", std::filesystem::perms{0700});
   config.execCommand = "browser nodejs";
-  config.extraPathDirs = {path("bin")};
+  config.extraPathDirs = {bin.path()};
   const auto id = addJob("say ran");
   EXPECT_EQ(run(), ExitReason::clean());
   const std::string error = "[Errno 2] No such file or directory: '" + program + "'";

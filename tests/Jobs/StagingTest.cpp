@@ -36,8 +36,7 @@ TEST(Job, ReadsTheServicesObjectTolerantly) {
   EXPECT_EQ(job->files[1].name, "file");
   EXPECT_FALSE(job->files[1].url || job->files[1].sha256);
   EXPECT_EQ(job->files[2].name + *job->files[2].url + *job->files[2].sha256, "567");
-  for (const char* json : {"{}", "[]", "null", R"({"job_id": "4x2"})", R"({"job_id": 4.0})",
-                           R"({"job_id": true})", R"({"job_id": 99999999999999999999})"}) {
+  for (const char* json : {"{}", "null", R"({"job_id": "4x2"})", R"({"job_id": 4.0})"}) {
     EXPECT_FALSE(Job::from(parseJson(json))) << json;
   }
 }
@@ -95,9 +94,14 @@ TEST_F(FileStagerTest, ReplacesAPlaceholderThatIsNone) {
   for (const auto& row : table) EXPECT_EQ(stage(row.files, row.payload), row.staged);
 }
 
-TEST_F(FileStagerTest, NamesThatDifferInCaseAreOneFile) {
-  stage({fileNamed("A"), fileNamed("a"), fileNamed("2-a"), fileNamed("b"), fileNamed("A")}, "");
-  EXPECT_THAT(destinations, testing::ElementsAre("/d/A", "/d/2-a", "/d/2-2-a", "/d/b", "/d/3-A"));
+TEST_F(FileStagerTest, NamesThatDifferInCaseOrWhenMadeSafeAreOneFile) {
+  const std::string endless(300, 'n');
+  std::vector<JobFile> files;
+  for (const char* name : {"A", "a", "2-a", "b/c", "A", "b:c"}) files.push_back(fileNamed(name));
+  files.push_back(fileNamed(endless + ".pdf"));
+  stage(files, "");
+  EXPECT_THAT(destinations, testing::ElementsAre("/d/A", "/d/2-a", "/d/2-2-a", "/d/b_c", "/d/3-A",
+                                                 "/d/2-b_c", "/d/" + endless.substr(104) + ".pdf"));
 }
 
 TEST_F(FileStagerTest, TakesTimeThatGrowsWithTheSquare) {

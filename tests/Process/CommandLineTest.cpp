@@ -6,7 +6,7 @@
 
 #include <filesystem>
 
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 namespace verdo {
 namespace {
@@ -36,17 +36,10 @@ TEST(Shlex, SplitsLikeAShell) {
 }
 
 /// Makes a directory the current one for a scope.
-class InDirectory {
- public:
-  explicit InDirectory(const std::string& path) : before_(std::filesystem::current_path()) {
-    std::filesystem::current_path(path);
-  }
-  ~InDirectory() { std::filesystem::current_path(before_); }
-  InDirectory(const InDirectory&) = delete;
-  InDirectory& operator=(const InDirectory&) = delete;
-
- private:
-  const std::filesystem::path before_;
+struct InDirectory {
+  explicit InDirectory(const std::string& path) { std::filesystem::current_path(path); }
+  ~InDirectory() { std::filesystem::current_path(before); }
+  const std::filesystem::path before = std::filesystem::current_path();
 };
 
 TEST(Which, FindsWhatAShellWouldNot) {
@@ -65,31 +58,23 @@ TEST(Which, FindsWhatAShellWouldNot) {
   const InDirectory here(root / "here");
   const std::string none = root / "none";
 
-  using Found = std::optional<std::string>;
-  struct Case {
+  const struct {
     std::string name;
     std::vector<std::string> extra;
     std::string path;
-    Found found;
-  };
-  const Case cases[] = {
+    std::optional<std::string> found;
+  } cases[] = {
       {"tool", {}, first + ":" + second, first + "/tool"},
-      {"tool", {}, second + ":" + first, second + "/tool"},
-      {"tool", {second}, first, second + "/tool"},
       {"tool", {none, second, first}, none, second + "/tool"},
       {"tool", {plain, folder}, plain + ":" + folder + ":" + second, second + "/tool"},
-      {"tool", {}, none, std::nullopt},
       {"tool", {}, "", "./tool"},
-      {"tool", {}, none + ":", "./tool"},
       {"tool", {}, ":" + first, "./tool"},
       {"tool", {}, none + "::" + first, "./tool"},
       {"tool", {}, none + ":" + first + ":", first + "/tool"},
       {"", {first}, first, std::nullopt},
       {first + "/tool", {}, second, first + "/tool"},
-      {"./tool", {first}, first, "./tool"},
       {"sub/tool", {first}, first, std::nullopt},
       {plain + "/tool", {}, "", std::nullopt},
-      {folder + "/tool", {}, "", std::nullopt},
       {"other", {first}, second, std::nullopt},
   };
   for (const auto& row : cases) {

@@ -31,9 +31,8 @@ TEST(SpacePattern, SpeaksPerlAndPython) {
 TEST(SpacePattern, GivesUpOnAHopelessSearch) {
   const auto begin = std::chrono::steady_clock::now();
   const std::string name(SpacePattern::kMaxName - 1, 'a');
-  // The last two cost little at one place where a match may begin, and much at a thousand.
-  for (const char* pattern : {"^(a+)+$", "^(a|aa)+$", "(.*a){20}b", "(?:(?:a*)*)*b",
-                              "(?:a|a|a|a){8}[bc]", "(?:a|a|a|a){4}[bc]"}) {
+  // The last costs little at one place where a match may begin, and much at a thousand.
+  for (const char* pattern : {"^(a+)+$", "(?:(?:a*)*)*b", "(?:a|a|a|a){8}[bc]"}) {
     EXPECT_FALSE(SpacePattern(pattern).isFoundIn(name + "!")) << pattern;
   }
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
@@ -59,12 +58,14 @@ TEST(StderrLogSink, HoldsTheDriverUpForEverOrHidesThatLinesAreMissing) {
   Pipe pipe = Pipe::make();
   const UniqueFd before(::dup(STDERR_FILENO));
   ::dup2(pipe.writeEnd.get(), STDERR_FILENO);
-  const std::string line(1000, 'x');
+  const std::string line(10'000, 'x');  // goes out in three parts
   StderrLogSink sink(false, std::chrono::milliseconds(50));
-  for (int i = 0; i < 1000; ++i) sink.info(line);  // a pipe holds some sixty
+  const auto begin = std::chrono::steady_clock::now();
+  for (int i = 0; i < 1000; ++i) sink.info(line);  // a pipe holds five and a third
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
   CollectedLines lines(std::move(pipe.readEnd));
   lines.start();
-  lines.waitForCount(30);
+  lines.waitForCount(5);
   while (::poll(nullptr, 0, 10) == 0 && lines.now().back() != "· the end") sink.info("the end");
   ::dup2(before.get(), STDERR_FILENO);
   pipe.writeEnd.reset();
@@ -75,13 +76,12 @@ TEST(StderrLogSink, HoldsTheDriverUpForEverOrHidesThatLinesAreMissing) {
     int lost = 0;
     if (std::sscanf(text.c_str(), "! %d lines are missing here", &lost) == 1) missing += lost;
   }
-  EXPECT_GT(seen, 10);
+  EXPECT_GE(seen, 5);
   EXPECT_EQ(seen + missing, 1000);
 }
 
 TEST(DriverRunner, GivesExecutorsAPathButNoSecrets) {
-  const ScopedEnv token("VERDO_DRIVER_TOKEN", "secret");
-  const ScopedEnv key("VERDO_LLM_API_KEY", "secret");
+  const ScopedEnv token("VERDO_DRIVER_TOKEN", "secret"), key("VERDO_LLM_API_KEY", "secret");
   const ScopedEnv kept("VERDO_SERVER_URL", "http://x");
   const auto environment = [](std::optional<std::string> path, const std::string& execPath,
                               const std::vector<std::string>& extra) {

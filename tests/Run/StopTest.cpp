@@ -2,17 +2,14 @@
 #include "tests/Support/Leaks.h"
 #include "tests/Support/NoThreads.h"
 
-#include <fstream>
 #include <system_error>
 
 #include <signal.h>
-#include <unistd.h>
 
 namespace verdo::test {
 namespace {
 
 using namespace std::chrono_literals;
-using local::FaultReply;
 using testing::Contains;
 
 constexpr double kSoon = 1.0;  // seconds; nothing that a stop waits for below ends before 10
@@ -39,26 +36,18 @@ TEST_F(Stop, PollIsWaitedForOrRepeated) {
 }
 
 TEST_F(Stop, HangingScriptHoldsUpAStop) {
-  struct Case {
-    const char* what;
-    const char* script;  // that hangs
-    bool sweepsFirst;
-    double reapInterval;
-  };
-  const Case cases[] = {
-      {"list of the first sweep", "list", true, 100},
-      {"close of the first sweep", "close", true, 100},
-      {"list of the reaper", "list", false, 0.01},
-      {"close of the reaper", "close", false, 0.01},
-  };
+  const struct {
+    const char* script;
+    bool isReapers;  ///< or else the first sweep's
+  } cases[] = {{"list", false}, {"close", false}, {"list", true}, {"close", true}};
+  config.idleClose = 0.001;
   for (const auto& row : cases) {
-    SCOPED_TRACE(row.what);
-    for (const char* name : {"spaces.hang", "spaces.hanging"}) std::remove(path(name).c_str());
+    SCOPED_TRACE(testing::Message() << row.script << row.isReapers);
+    forget();
     setSpaces({"u1-a", "u1-b"});
     hangOn(row.script);
-    config.noSweep = !row.sweepsFirst;
-    config.idleClose = 0.001;
-    config.reapInterval = row.reapInterval;
+    config.noSweep = row.isReapers;
+    config.reapInterval = row.isReapers ? 0.01 : 100;
     start();
     ASSERT_TRUE(hangs());
     EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
@@ -71,20 +60,16 @@ TEST_F(Stop, CleanEndWaitsForTheReapersScript) {
   hangOn("list");
   config.noSweep = true;
   config.reapInterval = 0.01;
-  const auto id = addJob("wait '" + path("go") + "'");
   config.serveJobs = 1;
-  start();
-  ASSERT_TRUE(service.jobs().waitForLine(id, "ready", kLong));
+  startJob(waitScript());
   ASSERT_TRUE(hangs());
-  std::ofstream(path("go")) << "";
+  letGo();
   EXPECT_EQ(finish(10s), ExitReason::clean());
 }
 
 TEST_F(Stop, ServiceThatNeverAnswersHoldsUpAStop) {
   config.noSweep = true;
-  const auto id = addJob("sleep 100");
-  start();
-  ASSERT_TRUE(service.jobs().waitForLine(id, "ready", kLong));
+  startJob("sleep 100");
   service.outage(local::OutageKind::hang, 100s);
   EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
   EXPECT_LT(elapsed.count(), kSanitized ? 8 : 3);  // a post waits 45 s otherwise
@@ -102,9 +87,8 @@ TEST_F(Stop, SecondSignalLeavesAScriptRunning) {
 TEST_F(Stop, WithoutAThreadToBeHadLeavesJobsRunning) {
   config.noSweep = true;
   addJob("sleep 100", {.label = "a"});
-  addJob("sleep 100", {.label = "b"});
-  start();
-  for (const auto id : {1, 2}) ASSERT_TRUE(service.jobs().waitForLine(id, "ready", kLong));
+  startJob("sleep 100", {.label = "b"});
+  ASSERT_TRUE(hasPrinted(1));
   {
     const NoThreads now;
     EXPECT_THROW(std::thread([] {}).join(), std::system_error);
@@ -121,25 +105,11 @@ class ThrowingObserver : public RecordingObserver {
 
 TEST_F(Stop, ExceptionInTheServeLoopLeavesJobsRunning) {
   observer = std::make_shared<ThrowingObserver>();
-  const auto id = addJob("sleep 100");
-  start();
-  ASSERT_TRUE(service.jobs().waitForLine(id, "ready", kLong));
-  service.faults().add({.endpoint = "poll", .reply = FaultReply{.status = 500, .body = "no"}});
+  const auto id = startJob("sleep 100");
+  answerWith("poll", 500);
   addJob("say a");  // lets the poll in flight return
   EXPECT_EQ(finish(), ExitReason::serverUnreachable("runtime_error: bug"));
   EXPECT_EQ(service.jobs().find(id)->exitCode, -SIGTERM);
-}
-
-TEST_F(Stop, UnreachableServerHoldsUpAStopForLongerThanSaid) {
-  const auto id = addJob("sleep 100");
-  start();
-  ASSERT_TRUE(service.jobs().waitForLine(id, "ready", kLong));
-  service.stop();
-  EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
-  EXPECT_LT(elapsed.count(), 3);
-  // Which post notices first depends on the moment of the stop.
-  EXPECT_THAT(texts('e'), Contains(testing::ContainsRegex(
-                              "job 1: (lost the server, killing the job|could not report)")));
 }
 
 }  // namespace

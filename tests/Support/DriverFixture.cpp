@@ -1,6 +1,7 @@
 #include "tests/Support/DriverFixture.h"
 
 #include "VerdoDriverCore/System/ThreadName.h"
+#include "tests/Support/ExecutorRole.h"
 #include "tests/Support/Leaks.h"
 #include "tests/Support/Misbehaviour.h"
 
@@ -104,6 +105,51 @@ ExitReason DriverFixture::stopAndFinish() {
   const auto reason = finish();
   elapsed = std::chrono::steady_clock::now() - begin;
   return reason;
+}
+
+std::int64_t DriverFixture::startJob(const std::string& script, local::JobSpec spec) {
+  const auto id = addJob(script, std::move(spec));
+  start();
+  EXPECT_TRUE(hasPrinted(id));
+  return id;
+}
+
+bool DriverFixture::hasPrinted(std::int64_t id) const {
+  return service.jobs().waitFor(id, [](const auto& job) { return job.lineCount > 0; }, kLong);
+}
+
+std::string DriverFixture::waitScript(int lines) const {
+  return "wait '" + path("go") + "' " + std::to_string(lines);
+}
+
+void DriverFixture::letGo() const { std::ofstream(path("go")) << ""; }
+
+void DriverFixture::expectNumbered(std::int64_t id, int count) {
+  EXPECT_EQ(doneJob(id).exitCode, 0);
+  std::vector<std::string> expected{"ready"};
+  for (int i = 0; i < count; ++i) expected.push_back(numberedLine(i));
+  EXPECT_TRUE(service.jobs().lines(id) == expected) << "lost, doubled or out of order";
+}
+
+bool DriverFixture::waitForPosts(std::uint64_t more) const {
+  const auto before = service.requests().count("lines");
+  return service.requests().waitForReply("lines", before + more, kLong).has_value();
+}
+
+void DriverFixture::answerWith(const std::string& endpoint, int status, const std::string& body,
+                               std::optional<std::uint64_t> count) {
+  service.faults().add({.endpoint = endpoint,
+                        .count = count,
+                        .reply = local::FaultReply{.status = status, .body = body}});
+}
+
+void DriverFixture::forget() {
+  service.reset();
+  log = std::make_shared<RecordingLog>();
+  observer = std::make_shared<RecordingObserver>();
+  for (const char* name : {"go", "spaces", "spaces.closed", "spaces.hang", "spaces.hanging"}) {
+    std::filesystem::remove(path(name));
+  }
 }
 
 local::JobSnapshot DriverFixture::doneJob(std::int64_t id) {

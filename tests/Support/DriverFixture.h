@@ -57,6 +57,22 @@ class DriverFixture : public testing::Test {
     spec.payload = script;
     return service.jobs().add(std::move(spec));
   }
+  /// The same, begins the run, and waits until the service has something of the job's output.
+  std::int64_t startJob(const std::string& script, local::JobSpec spec = {});
+  /// True once the service has something of the job's output.
+  bool hasPrinted(std::int64_t id) const;
+  /// A script that prints "ready", waits for letGo(), and then prints so many numbered lines.
+  std::string waitScript(int lines = 0) const;
+  void letGo() const;
+  /// A job of waitScript(`count`) ends well, each of its lines being there once and in order.
+  void expectNumbered(std::int64_t id, int count);
+  /// True once so many more posts of lines, heartbeats included, have been answered.
+  bool waitForPosts(std::uint64_t more) const;
+  /// From now on the service answers requests on an endpoint so: `count` of them, or all.
+  void answerWith(const std::string& endpoint, int status, const std::string& body = "no",
+                  std::optional<std::uint64_t> count = {});
+  /// Nothing of the runs before is left in service, log, observer and the executor's files.
+  void forget();
   /// What the service knows of a job, once it is done.
   local::JobSnapshot doneJob(std::int64_t id);
   /// The task spaces that the executor has, and those that were closed, in order.

@@ -1,38 +1,19 @@
+#include "LocalService/Sha256.h"
 #include "tests/Support/DriverFixture.h"
 #include "tests/Support/ExecutorRole.h"
 #include "tests/Support/Program.h"
 
-#include <fmt/format.h>
-#include <openssl/evp.h>
-
 namespace verdo::test {
 namespace {
 
-using namespace std::chrono_literals;
-
 /// SHA-256 over the first numbered lines, each with its line end.
 std::string shaOfNumbered(int count) {
-  const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> digest(EVP_MD_CTX_new(),
-                                                                       &EVP_MD_CTX_free);
-  EVP_DigestInit_ex(digest.get(), EVP_sha256(), nullptr);
-  for (int i = 0; i < count; ++i) {
-    const std::string line = numberedLine(i) + "\n";
-    EVP_DigestUpdate(digest.get(), line.data(), line.size());
-  }
-  unsigned char hash[EVP_MAX_MD_SIZE];
-  unsigned int size = 0;
-  EVP_DigestFinal_ex(digest.get(), hash, &size);
-  std::string digits;
-  for (unsigned int i = 0; i < size; ++i) digits += fmt::format("{:02x}", hash[i]);
-  return digits;
+  std::string text;
+  for (int i = 0; i < count; ++i) text += numberedLine(i) + "\n";
+  return local::sha256Hex(text);
 }
 
-class Volume : public DriverFixture {
- protected:
-  Environment environment() const {
-    return {{"PATH", "/usr/bin:/bin"}, {"HOME", home()}, {"VERDO_DRIVER_TOKEN", service.token()}};
-  }
-};
+class Volume : public DriverFixture {};
 
 TEST_F(Volume, FloodIsLostReorderedOrKeptInMemory) {
   // 200 MB of output, and a file of 64 MiB before it.
@@ -40,7 +21,9 @@ TEST_F(Volume, FloodIsLostReorderedOrKeptInMemory) {
   const auto id = addJob(
       "number " + std::to_string(lines),
       {.files = {{.name = "big", .content = std::string(64u << 20, 'b')}}, .keepLines = false});
-  Program program({"--server", service.url(), "--exec", config.execCommand}, environment());
+  Program program(
+      {"--server", service.url(), "--exec", config.execCommand},
+      {{"PATH", "/usr/bin:/bin"}, {"HOME", home()}, {"VERDO_DRIVER_TOKEN", service.token()}});
   const auto job = doneJob(id);
   EXPECT_EQ(job.exitCode, 0);
   EXPECT_EQ(job.lineCount, static_cast<std::uint64_t>(lines));
@@ -52,10 +35,8 @@ TEST_F(Volume, FloodIsLostReorderedOrKeptInMemory) {
 
 TEST_F(Volume, OutputIsThrottledWhileTheServerIsAwayAndThenLost) {
   // Memory stays bounded through an outage: the child has to wait.
-  service.faults().add({.endpoint = "lines",
-                        .after = 1,
-                        .count = 5,
-                        .reply = local::FaultReply{.status = 503, .body = ""}});
+  service.faults().add(
+      {.endpoint = "lines", .after = 1, .count = 5, .reply = local::FaultReply{.status = 503}});
   config.serveJobs = 1;
   const int lines = kSanitized ? 100'000 : 500'000;
   const auto id = addJob("number " + std::to_string(lines), {.keepLines = false});
