@@ -142,6 +142,12 @@ TEST_F(Outage, LostServerLeavesTheJobRunning) {
   }
 }
 
+TEST_F(Outage, LostServerLeavesAReaderWaitingForRoom) {
+  const auto id = startJob("flood 100000000000", {.keepLines = false});
+  answerWith("lines", 426);
+  EXPECT_EQ(doneJob(id).error, "driver lost the server mid-job");
+}
+
 TEST_F(Outage, TokenRevokedInTheMiddleOfAJobIsNotTheEnd) {
   startJob("sleep 100", {.label = "mail"});
   service.jobs().add({.label = "mail"});  // stays queued: its lane is busy
