@@ -2,12 +2,15 @@
 #include "tests/Support/Leaks.h"
 #include "tests/Support/Misbehaviour.h"
 
+#include <ctime>
+
 #include <signal.h>
 
 namespace verdo::test {
 namespace {
 
 using namespace std::chrono_literals;
+using local::FaultReply;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -136,6 +139,21 @@ TEST_F(Kill, KillJobsNowWaitsForAJobThatIgnoresSignals) {
   runner->killJobsNow();
   EXPECT_EQ(doneJob(id).exitCode, -SIGKILL);
   EXPECT_LT(std::chrono::steady_clock::now() - begin, 3s);
+}
+
+TEST_F(Kill, ChildThatHasClosedItsOutputKeepsTheProcessorBusyUntilItEnds) {
+  timings.termination = {.step = 100ms, .steps = 15};
+  timings.reportCycle = 10s;  // the end of the run finds the worker waiting
+  config.noSweep = true;
+  config.pollWait = 1;
+  // The job, then a second in which its child becomes deaf, then the end.
+  service.faults().add(
+      {.endpoint = "poll", .after = 2, .reply = FaultReply{.status = 401, .body = ""}});
+  const auto id = addJob("closed deaf");
+  const auto before = std::clock();
+  EXPECT_EQ(run().kind(), ExitReason::Kind::tokenRevoked);
+  EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 2);
+  EXPECT_EQ(service.jobs().find(id)->exitCode, -SIGKILL);
 }
 
 TEST_F(Kill, ScriptThatIsNeverReadStopsHeartbeatsOrTheCancel) {
