@@ -158,12 +158,12 @@ std::shared_ptr<Api> DriverRunner::makeApi() {
   options.clientHeader = config_.clientHeader;
   options.scrub.add(config_.llmKey);
   options.timings = timings_;
-  // The key itself stays here.
+  // The key itself stays here, and so does a password in the provider's URL.
   const bool hasKey = !config_.llmKey.empty();
   options.llmInfo =
       JV::Object{{"present", hasKey},
                  {"last4", hasKey ? JV(DriverConstants::lastFour(config_.llmKey)) : JV()},
-                 {"base_url", config_.llmBase}};
+                 {"base_url", withoutUserInfo(config_.llmBase)}};
   return std::make_shared<Api>(std::move(options), std::make_shared<HttpSession>(session));
 }
 
@@ -315,7 +315,7 @@ void DriverRunner::killJobsNow() {
 
 std::string DriverRunner::hostname(const std::string& url) {
   const auto parsed = Url::parse(url);
-  return parsed ? parsed->host() : url;
+  return parsed ? parsed->host() : withoutUserInfo(url);
 }
 
 Environment DriverRunner::childEnvironment(const std::string& execPath,
