@@ -140,6 +140,10 @@ ExitReason DriverRunner::serve(const Hello& hello, std::shared_ptr<Api> api,
   StagingDirectory::removeAbandoned();
   if (!config_.noSweep) {
     driver->sweepSpaces(config_.sweepAll ? TaskSpaces::Sweep::everything : TaskSpaces::Sweep::own);
+    if (isStopRequested()) {
+      log_->warn("stopped");
+      return ExitReason::stopped();
+    }
   }
   log_->info(fmt::format("serving up to {} job(s) at once — ctrl-c to stop", hello.maxJobs));
   const auto idleExit =

@@ -54,6 +54,7 @@ TEST_F(Stop, HangingScriptHoldsUpAStop) {
   for (const auto& row : cases) {
     SCOPED_TRACE(row.what);
     for (const char* name : {"spaces.hang", "spaces.hanging"}) std::remove(path(name).c_str());
+    log = std::make_shared<RecordingLog>();
     setSpaces({"u1-a", "u1-b"});
     hangOn(row.script);
     config.noSweep = !row.sweepsFirst;
@@ -63,6 +64,7 @@ TEST_F(Stop, HangingScriptHoldsUpAStop) {
     ASSERT_TRUE(hangs());
     EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
     EXPECT_LT(elapsed.count(), kSanitized ? 5 : 2);  // a script of ours has 45 s otherwise
+    EXPECT_EQ(log->has("serving up to 3 job(s) at once — ctrl-c to stop"), !row.sweepsFirst);
   }
 }
 
