@@ -13,6 +13,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <optional>
+#include <system_error>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -53,14 +55,20 @@ int serve(verdo::cli::Options options, const verdo::Secrets& secrets) {
   }
 
   const auto runner = std::make_shared<verdo::DriverRunner>(std::move(config), log);
-  verdo::cli::handleStopSignals([runner] { runner->stop(); },
-                                [runner, log] {
-                                  log->warn("stopping at once");
-                                  runner->killJobsNow();
-                                  exitNow(verdo::ExitReason::stopped().code());
-                                });
-  const verdo::cli::SuspendWatch suspendWatch([runner] { runner->networkChanged(); }, kSuspendLook,
-                                              verdo::timeSuspended);
+  std::optional<verdo::cli::SuspendWatch> suspendWatch;
+  try {
+    verdo::cli::handleStopSignals([runner] { runner->stop(); },
+                                  [runner, log] {
+                                    log->warn("stopping at once");
+                                    runner->killJobsNow();
+                                    exitNow(verdo::ExitReason::stopped().code());
+                                  });
+    suspendWatch.emplace([runner] { runner->networkChanged(); }, kSuspendLook,
+                         verdo::timeSuspended);
+  } catch (const std::system_error& error) {
+    log->error(std::string("cannot start a thread: ") + error.what());
+    return verdo::ExitReason::serverUnreachable({}).code();  // as the run itself without threads
+  }
   const verdo::ExitReason reason = runner->run();
   if (reason.kind() == verdo::ExitReason::Kind::noExecutor && !isExecutorNamed) {
     log->warn(kExecutorAdvice);

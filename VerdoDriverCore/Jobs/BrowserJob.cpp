@@ -5,6 +5,7 @@
 #include "VerdoDriverCore/Values/Utf8.h"
 
 #include <algorithm>
+#include <thread>
 
 #include <fmt/format.h>
 #include <signal.h>
@@ -123,7 +124,9 @@ void BrowserJob::reportWhileRunning(ChildProcess& child, LineReader& reader) {
     auto wake = Clock::now() + timings().reportCycle;
     if (drainDeadline) wake = std::min(wake, *drainDeadline);
     if (reporter_.isCancelled()) {
-      reader.done().waitFor(wake - Clock::now());
+      // The child may have closed its output long before it ends.
+      const bool drained = reader.done().waitFor(wake - Clock::now());
+      if (drained) std::this_thread::sleep_for(timings().childPoll);
     } else {
       pending_.waitUntilFull(wake);
     }

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <system_error>
+#include <thread>
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -29,13 +30,18 @@ void makePrivateDirectory(const std::string& path) {
 }
 
 /// Held while a directory is made and locked, or examined and removed: between those two steps
-/// nobody else may look at it.
-UniqueFd lockCache(const std::string& cache) {
+/// nobody else may look at it. Waits for `patience` at most: a process that is stopped, or hangs in
+/// the disk, may hold it for ever.
+UniqueFd lockCache(const std::string& cache, std::chrono::milliseconds patience) {
+  constexpr std::chrono::milliseconds kLook{20};
   const std::string path = cache + "/.lock";
   UniqueFd file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
   if (!file) failWithErrno(path);
-  while (::flock(file.get(), LOCK_EX) != 0) {
-    if (errno != EINTR) failWithErrno(path);
+  const auto deadline = std::chrono::steady_clock::now() + patience;
+  while (::flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
+    if (errno == EINTR) continue;
+    if (errno != EWOULDBLOCK || std::chrono::steady_clock::now() >= deadline) failWithErrno(path);
+    std::this_thread::sleep_for(kLook);
   }
   return file;
 }
@@ -50,9 +56,9 @@ std::string StagingDirectory::defaultCache() {
   return DriverConstants::expandTilde("~/.cache/verdo");
 }
 
-StagingDirectory::StagingDirectory(const std::string& cache) {
+StagingDirectory::StagingDirectory(const std::string& cache, std::chrono::milliseconds patience) {
   makePrivateDirectory(cache);
-  const UniqueFd cacheLock = lockCache(cache);
+  const UniqueFd cacheLock = lockCache(cache, patience);
   std::string path = cache + "/" + kPrefix + "XXXXXX";
   if (!::mkdtemp(path.data())) {
     throw PyError("OSError",
@@ -72,7 +78,7 @@ StagingDirectory::~StagingDirectory() {
 void StagingDirectory::removeAbandoned(const std::string& cache) try {
   std::error_code missing;
   if (!fs::is_directory(cache, missing)) return;
-  const UniqueFd cacheLock = lockCache(cache);
+  const UniqueFd cacheLock = lockCache(cache, std::chrono::milliseconds::zero());
   for (const auto& entry : fs::directory_iterator(cache)) {
     if (!entry.path().filename().string().starts_with(kPrefix)) continue;
     const UniqueFd directory = openDirectory(entry.path());

@@ -2,6 +2,7 @@
 
 #include "VerdoDriverCore/System/UniqueFd.h"
 
+#include <chrono>
 #include <string>
 
 namespace verdo {
@@ -11,9 +12,14 @@ namespace verdo {
 /// told from those in use.
 class StagingDirectory {
  public:
+  /// Longer than another driver's look around takes, and short beside the lease of a job.
+  static constexpr std::chrono::seconds kPatience{5};
+
   /// Makes "{cache}/verdo-XXXXXX" (mode 0700) and the cache directory, which only the user may
-  /// enter. Throws PyError "OSError".
-  explicit StagingDirectory(const std::string& cache = defaultCache());
+  /// enter. Throws PyError "OSError", also when another process keeps the cache locked for longer
+  /// than `patience`.
+  explicit StagingDirectory(const std::string& cache = defaultCache(),
+                            std::chrono::milliseconds patience = kPatience);
   ~StagingDirectory();
   StagingDirectory(const StagingDirectory&) = delete;
   StagingDirectory& operator=(const StagingDirectory&) = delete;
@@ -22,8 +28,8 @@ class StagingDirectory {
 
   /// "~/.cache/verdo" of the user.
   static std::string defaultCache();
-  /// Removes the directories in the cache whose owners are gone. Never throws: what cannot be
-  /// removed now is left to the next start.
+  /// Removes the directories in the cache whose owners are gone. Never throws, nor waits for
+  /// another process: what cannot be removed now is left to the next start.
   static void removeAbandoned(const std::string& cache = defaultCache());
 
  private:

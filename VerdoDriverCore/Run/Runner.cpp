@@ -140,6 +140,10 @@ ExitReason DriverRunner::serve(const Hello& hello, std::shared_ptr<Api> api,
   StagingDirectory::removeAbandoned();
   if (!config_.noSweep) {
     driver->sweepSpaces(config_.sweepAll ? TaskSpaces::Sweep::everything : TaskSpaces::Sweep::own);
+    if (isStopRequested()) {
+      log_->warn("stopped");
+      return ExitReason::stopped();
+    }
   }
   log_->info(fmt::format("serving up to {} job(s) at once — ctrl-c to stop", hello.maxJobs));
   const auto idleExit =
@@ -158,12 +162,12 @@ std::shared_ptr<Api> DriverRunner::makeApi() {
   options.clientHeader = config_.clientHeader;
   options.scrub.add(config_.llmKey);
   options.timings = timings_;
-  // The key itself stays here.
+  // The key itself stays here, and so does a password in the provider's URL.
   const bool hasKey = !config_.llmKey.empty();
   options.llmInfo =
       JV::Object{{"present", hasKey},
                  {"last4", hasKey ? JV(DriverConstants::lastFour(config_.llmKey)) : JV()},
-                 {"base_url", config_.llmBase}};
+                 {"base_url", withoutUserInfo(config_.llmBase)}};
   return std::make_shared<Api>(std::move(options), std::make_shared<HttpSession>(session));
 }
 
@@ -315,7 +319,7 @@ void DriverRunner::killJobsNow() {
 
 std::string DriverRunner::hostname(const std::string& url) {
   const auto parsed = Url::parse(url);
-  return parsed ? parsed->host() : url;
+  return parsed ? parsed->host() : withoutUserInfo(url);
 }
 
 Environment DriverRunner::childEnvironment(const std::string& execPath,

@@ -2,12 +2,15 @@
 #include "tests/Support/Leaks.h"
 #include "tests/Support/Misbehaviour.h"
 
+#include <ctime>
+
 #include <signal.h>
 
 namespace verdo::test {
 namespace {
 
 using namespace std::chrono_literals;
+using local::FaultReply;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -110,6 +113,21 @@ TEST_F(Kill, StopBeforeTheChildExistsLetsTheJobRunOn) {
   EXPECT_LT(elapsed.count(), 5);
   EXPECT_EQ(service.jobs().find(1)->exitCode, -SIGTERM);
   EXPECT_THAT(closedSpaces(), ElementsAre("u1-a"));
+}
+
+TEST_F(Kill, ChildThatHasClosedItsOutputKeepsTheProcessorBusyUntilItEnds) {
+  timings.termination = {.step = 100ms, .steps = 15};
+  timings.reportCycle = 10s;  // the end of the run finds the worker waiting
+  config.noSweep = true;
+  config.pollWait = 1;
+  // The job, then a second in which its child becomes deaf, then the end.
+  service.faults().add(
+      {.endpoint = "poll", .after = 2, .reply = FaultReply{.status = 401, .body = ""}});
+  const auto id = addJob("closed deaf");
+  const auto before = std::clock();
+  EXPECT_EQ(run().kind(), ExitReason::Kind::tokenRevoked);
+  EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 2);
+  EXPECT_EQ(service.jobs().find(id)->exitCode, -SIGKILL);
 }
 
 TEST_F(Kill, ScriptThatIsNeverReadStopsHeartbeatsOrTheCancel) {

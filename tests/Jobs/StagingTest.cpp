@@ -8,9 +8,12 @@
 #include "tests/Support/TempDir.h"
 
 #include <filesystem>
+#include <future>
 #include <set>
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/file.h>
 
 namespace verdo {
 namespace {
@@ -136,6 +139,19 @@ TEST(StagingDirectory, IsPrivateAndGoesWithItsContent) {
   const auto file = home.write("file", "");
   EXPECT_EQ(failureOf([&] { StagingDirectory directory(file + "/cache"); }),
             "OSError: [Errno 20] Not a directory: '" + file + "/cache'");
+}
+
+TEST(StagingDirectory, WaitsForAProcessThatNeverGivesTheCacheBack) {
+  const TempDir cache;
+  UniqueFd held(::open((cache / ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  ASSERT_EQ(::flock(held.get(), LOCK_EX), 0);
+  auto waiting = std::async(std::launch::async, [&] {
+    StagingDirectory::removeAbandoned(cache.path());
+    return failureOf([&] { StagingDirectory(cache.path(), std::chrono::milliseconds(30)); });
+  });
+  EXPECT_EQ(waiting.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+  held.reset();
+  EXPECT_THAT(waiting.get(), testing::HasSubstr("Resource temporarily unavailable"));
 }
 
 TEST(StagingDirectory, OutlivesACrashOnlyUntilTheNextStart) {

@@ -52,6 +52,7 @@ TEST_F(Stop, HangingScriptHoldsUpAStop) {
     ASSERT_TRUE(hangs());
     EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
     EXPECT_LT(elapsed.count(), kSanitized ? 5 : 2);  // a script of ours has 45 s otherwise
+    EXPECT_EQ(log->has("serving up to 3 job(s) at once — ctrl-c to stop"), row.isReapers);
   }
 }
 

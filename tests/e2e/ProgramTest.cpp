@@ -54,6 +54,14 @@ TEST_F(TheProgram, HelpVersionOrUsageEndWithTheWrongStatus) {
   }
 }
 
+TEST_F(TheProgram, DumpsCoreWithoutAThreadToBeHad) {
+  if (kSanitized) GTEST_SKIP() << "sanitizers need a stack of the usual size";
+  // A thread's stack is as large as the limit says, and for this one there is no room.
+  Program program(arguments(), environment, {"/usr/bin/prlimit", "--stack=70368744177664"});
+  EXPECT_EQ(program.wait(), 1);
+  EXPECT_THAT(program.errors(), testing::StartsWith("✗ cannot start a thread: "));
+}
+
 TEST_F(TheProgram, EndsWithTheWrongStatusOrWithoutAWord) {
   const TempDir files;
   const std::string line = "VERDO_DRIVER_TOKEN=" + service.token() + "\n";
