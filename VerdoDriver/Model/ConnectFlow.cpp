@@ -76,13 +76,16 @@ using Stage = Commit::Stage;
 /// Puts a secret in the place of an earlier one, which it can bring back.
 class Replacement {
  public:
-  Replacement(SecretStore& secrets, SecretAccount account) : secrets_(secrets), account_(account) {}
+  Replacement(SecretStore& secrets, SecretAccount account, const Commit& commit)
+      : secrets_(secrets), account_(account), commit_(commit) {}
 
-  /// An empty value changes nothing.
+  /// An empty value changes nothing, nor does any once all is called off: the write could still ask
+  /// the user.
   SecretStore::Result<void> write(const std::string& value) {
     if (value.empty()) return {};
     const auto before = secrets_.read(account_);
     if (!before) return tl::make_unexpected(before.error());
+    if (commit_.isCalledOff()) return {};
     auto written = secrets_.write(value, account_);
     if (written) before_ = *before;
     return written;
@@ -96,6 +99,7 @@ class Replacement {
  private:
   SecretStore& secrets_;
   const SecretAccount account_;
+  const Commit& commit_;
   std::optional<std::optional<std::string>> before_;  ///< once it was replaced
 };
 
@@ -103,8 +107,8 @@ class Replacement {
 SecretStore::Result<void> writeSecrets(SecretStore& secrets, const ConnectDraft& draft,
                                        Commit& commit) {
   if (!commit.advance(Stage::open, Stage::atStore)) return {};
-  Replacement token(secrets, SecretAccount::driverToken);
-  Replacement key(secrets, SecretAccount::llmKey);
+  Replacement token(secrets, SecretAccount::driverToken, commit);
+  Replacement key(secrets, SecretAccount::llmKey, commit);
   auto written = token.write(draft.token);
   if (written) written = key.write(draft.llmKey);
   if (!written || !commit.advance(Stage::atStore, Stage::stored)) {
