@@ -84,10 +84,14 @@ class Replacement {
   SecretStore::Result<void> write(const std::string& value) {
     if (value.empty()) return {};
     const auto before = secrets_.read(account_);
-    if (!before) return tl::make_unexpected(before.error());
+    // Of a store that is out of reach the user may mean to make another one: that is for the
+    // write to tell.
+    if (!before && before.error().kind != SecretError::Kind::unavailable) {
+      return tl::make_unexpected(before.error());
+    }
     if (commit_.isCalledOff()) return {};
     auto written = secrets_.write(value, account_);
-    if (written) before_ = *before;
+    if (written) before_ = before.value_or(std::nullopt);
     return written;
   }
   /// A store that has just failed may fail again; nothing more can be done then.
@@ -100,7 +104,8 @@ class Replacement {
   SecretStore& secrets_;
   const SecretAccount account_;
   const Commit& commit_;
-  std::optional<std::optional<std::string>> before_;  ///< once it was replaced
+  /// Once it was replaced; an empty one, too, in the place of one that was out of reach.
+  std::optional<std::optional<std::string>> before_;
 };
 
 /// Stores what the draft has of secrets, all of it or nothing; nothing when it is called off.

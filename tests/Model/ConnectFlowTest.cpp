@@ -18,6 +18,7 @@ class FailingStore : public MemorySecretStore {
   Result<std::optional<std::string>> read(SecretAccount account) override {
     ++reads;
     reach(Call::read);
+    if (isGone) return tl::make_unexpected(SecretError{SecretError::Kind::unavailable, 0, "Gone."});
     return MemorySecretStore::read(account);
   }
   Result<void> write(const std::string& value, SecretAccount account) override {
@@ -36,6 +37,7 @@ class FailingStore : public MemorySecretStore {
   enum class Call { none, queued, read, writeToken, writeKey };
   std::optional<SecretAccount> failing;
   bool isRefused = false;
+  bool isGone = false;  ///< what was stored; there is room for something new
   std::atomic<int> reads = 0, writes = 0, unlocks = 0, cancelledPrompts = 0;
   std::atomic<Call> heldUp = Call::none;
   Event reached, goOn;
@@ -141,6 +143,19 @@ TEST_F(Connect, SavesWhatWasRefusedOrFailed) {
   EXPECT_TRUE(appLog.has("[ConnectFlow] refused before running: Enter the server URL."));
   EXPECT_TRUE(appLog.has("[ConnectFlow] dry run → exit 3"));
   EXPECT_TRUE(appLog.has("[ConnectFlow] keychain write failed: The keyring is locked."));
+}
+
+TEST_F(Connect, IsNoMoreToBeHadOnceTheKeyringIsGone) {
+  secrets->isGone = true;
+  secrets->failing = SecretAccount::llmKey;
+  EXPECT_FALSE(connect().saved);
+  secrets->isGone = false;
+  EXPECT_EQ(secrets->read(SecretAccount::driverToken).value(), std::nullopt) << "one without a key";
+  secrets->isGone = true;
+  secrets->failing.reset();
+  EXPECT_TRUE(connect().saved);
+  secrets->isGone = false;
+  EXPECT_THAT(saved(), ElementsAre("new-token", "new-key", "https://s.example"));
 }
 
 TEST_F(Connect, LosesWhatWasProven) {
