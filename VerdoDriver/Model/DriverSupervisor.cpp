@@ -103,6 +103,7 @@ void DriverSupervisor::start(ConfigProvider configProvider) {
 void DriverSupervisor::stop(Clock::Duration timeout, std::function<void()> completion) {
   MainThread::require("DriverSupervisor::stop");
   cancelWait();
+  ++stops_;
   if (!current_) {
     launchPending_ = false;
     question_.reset();
@@ -126,8 +127,8 @@ void DriverSupervisor::restart() {
   MainThread::require("DriverSupervisor::restart");
   if (!configProvider_) return;
   if (!current_) return start(configProvider_);
-  stop(kStopTimeout, [self = QPointer(this)] {
-    if (self) self->start(self->configProvider_);
+  stop(kStopTimeout, [self = QPointer(this), stop = stops_ + 1] {
+    if (self && self->stops_ == stop) self->start(self->configProvider_);
   });
 }
 

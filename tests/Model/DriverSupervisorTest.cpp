@@ -223,6 +223,17 @@ TEST_F(Supervisor, StopsARunTwiceOrForgetsWhoWaitsOrWithWhatToGoOn) {
   EXPECT_EQ(supervisor.retryMessage(), std::nullopt) << "of the run before";
 }
 
+TEST_F(Supervisor, StartsAgainAlthoughItWasStoppedAfterTheRestart) {
+  start();
+  supervisor.restart();
+  bool stopped = false;
+  supervisor.stop(75s, [&] { stopped = true; });
+  end(1, ExitReason::stopped());
+  EXPECT_TRUE(stopped);
+  EXPECT_EQ(state(), Kind::idle);
+  EXPECT_EQ(asked, 1);
+}
+
 TEST_F(Supervisor, LosesItsWayWhenARunWillNotStop) {
   start();
   report(1, connected);
