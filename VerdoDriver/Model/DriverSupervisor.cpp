@@ -175,8 +175,9 @@ void DriverSupervisor::launch() {
 void DriverSupervisor::askForConfig() {
   const auto question = ++lastQuestion_;
   question_ = question;
-  if (!configProvider_) return answered(std::nullopt);
-  configProvider_([self = QPointer(this), question](const ConfigAnswer& answer) {
+  const auto provider = configProvider_;  // a copy: its answer may lead to another one
+  if (!provider) return answered(std::nullopt);
+  provider([self = QPointer(this), question](const ConfigAnswer& answer) {
     if (self && self->question_ == question) self->answered(answer);
   });
   // Answered already, overtaken, or asked again by one that waits.
