@@ -34,7 +34,7 @@ std::string entryOf(std::string_view text) {
     const auto end = text.find('\n');
     auto line = text.substr(0, end);
     if (end != std::string_view::npos && line.ends_with('\r')) line.remove_suffix(1);
-    entry += withoutControls(line);
+    entry += forLog(line);
     if (end == std::string_view::npos) return entry;
     entry += '\n';
     entry += kIndent;
