@@ -104,6 +104,7 @@ TEST(FileLog, HoldsTheProgramUpOrLosesLinesUnnoticed) {
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
   EXPECT_FALSE(log.flush(std::chrono::milliseconds(0)));
   EXPECT_TRUE(log.flush(std::chrono::seconds(20)));
+  EXPECT_TRUE(linesOf(log.path()).back().starts_with("! ")) << "no line follows at the end";
   // The next turn of the other; what was written by now does not count as waiting.
   ASSERT_EQ(::flock(other.get(), LOCK_UN), 0);
   log.write("short");
