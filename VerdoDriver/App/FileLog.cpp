@@ -34,7 +34,7 @@ std::string entryOf(std::string_view text) {
     const auto end = text.find('\n');
     auto line = text.substr(0, end);
     if (end != std::string_view::npos && line.ends_with('\r')) line.remove_suffix(1);
-    entry += withoutControls(line);
+    entry += forLog(line);
     if (end == std::string_view::npos) return entry;
     entry += '\n';
     entry += kIndent;
@@ -56,9 +56,7 @@ class FileLog::Writer : public std::enable_shared_from_this<Writer> {
       ++lost_;
       return;
     }
-    if (const auto lost = std::exchange(lost_, 0)) {
-      push(fmt::format("! {} lines are missing here: the disk was too slow for them", lost));
-    }
+    tellLoss();
     push(text);
     startThread();
   }
@@ -66,6 +64,7 @@ class FileLog::Writer : public std::enable_shared_from_this<Writer> {
   bool flush(std::chrono::milliseconds timeout) EXCLUDES(lock_) {
     const auto deadline = SteadyClock::now() + timeout;
     MutexLock lock(lock_);
+    tellLoss();  // no line may follow that would
     const auto target = added_;
     while (written_ < target) {
       startThread();
@@ -82,6 +81,11 @@ class FileLog::Writer : public std::enable_shared_from_this<Writer> {
   }
 
  private:
+  void tellLoss() REQUIRES(lock_) {
+    if (const auto lost = std::exchange(lost_, 0)) {
+      push(fmt::format("! {} lines are missing here: the disk was too slow for them", lost));
+    }
+  }
   void push(const std::string& text) REQUIRES(lock_) {
     // Under the lock, so that the stamps are in order.
     const auto stamp = QDateTime::currentDateTime().toString(kStampFormat).toStdString();

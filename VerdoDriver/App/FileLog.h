@@ -14,7 +14,8 @@ namespace verdo {
 /// newest) and so on. Any thread may write, and so may a second instance of the app.
 ///
 /// Each line stands behind the local time. Further lines of a text are indented to where its first
-/// one begins, so that they cannot pass for lines of their own; control characters are written out.
+/// one begins, so that they cannot pass for lines of their own; control characters, and what else
+/// breaks a line or turns its direction around, are written out.
 /// What goes wrong is told to the system log once an hour for each kind of failure.
 ///
 /// A thread of its own writes the file, so that a slow disk, or a process that was stopped while it

@@ -22,12 +22,7 @@ Q_LOGGING_CATEGORY(lifecycleCategory, "verdo.lifecycle", QtInfoMsg)
 
 namespace {
 
-/// One line of the log, with nothing in it that a terminal would obey.
-QString lineOf(const std::string& text) {
-  QString line = QString::fromStdString(withoutControls(text));
-  line.replace('\n', "\\x0a");
-  return line;
-}
+QString lineOf(const std::string& text) { return QString::fromStdString(forLog(text)); }
 
 }  // namespace
 

@@ -76,15 +76,22 @@ using Stage = Commit::Stage;
 /// Puts a secret in the place of an earlier one, which it can bring back.
 class Replacement {
  public:
-  Replacement(SecretStore& secrets, SecretAccount account) : secrets_(secrets), account_(account) {}
+  Replacement(SecretStore& secrets, SecretAccount account, const Commit& commit)
+      : secrets_(secrets), account_(account), commit_(commit) {}
 
-  /// An empty value changes nothing.
+  /// An empty value changes nothing, nor does any once all is called off: the write could still ask
+  /// the user.
   SecretStore::Result<void> write(const std::string& value) {
     if (value.empty()) return {};
     const auto before = secrets_.read(account_);
-    if (!before) return tl::make_unexpected(before.error());
+    // Of a store that is out of reach the user may mean to make another one: that is for the
+    // write to tell.
+    if (!before && before.error().kind != SecretError::Kind::unavailable) {
+      return tl::make_unexpected(before.error());
+    }
+    if (commit_.isCalledOff()) return {};
     auto written = secrets_.write(value, account_);
-    if (written) before_ = *before;
+    if (written) before_ = before.value_or(std::nullopt);
     return written;
   }
   /// A store that has just failed may fail again; nothing more can be done then.
@@ -96,15 +103,17 @@ class Replacement {
  private:
   SecretStore& secrets_;
   const SecretAccount account_;
-  std::optional<std::optional<std::string>> before_;  ///< once it was replaced
+  const Commit& commit_;
+  /// Once it was replaced; an empty one, too, in the place of one that was out of reach.
+  std::optional<std::optional<std::string>> before_;
 };
 
 /// Stores what the draft has of secrets, all of it or nothing; nothing when it is called off.
 SecretStore::Result<void> writeSecrets(SecretStore& secrets, const ConnectDraft& draft,
                                        Commit& commit) {
   if (!commit.advance(Stage::open, Stage::atStore)) return {};
-  Replacement token(secrets, SecretAccount::driverToken);
-  Replacement key(secrets, SecretAccount::llmKey);
+  Replacement token(secrets, SecretAccount::driverToken, commit);
+  Replacement key(secrets, SecretAccount::llmKey, commit);
   auto written = token.write(draft.token);
   if (written) written = key.write(draft.llmKey);
   if (!written || !commit.advance(Stage::atStore, Stage::stored)) {

@@ -103,6 +103,7 @@ void DriverSupervisor::start(ConfigProvider configProvider) {
 void DriverSupervisor::stop(Clock::Duration timeout, std::function<void()> completion) {
   MainThread::require("DriverSupervisor::stop");
   cancelWait();
+  ++stops_;
   if (!current_) {
     launchPending_ = false;
     question_.reset();
@@ -126,8 +127,8 @@ void DriverSupervisor::restart() {
   MainThread::require("DriverSupervisor::restart");
   if (!configProvider_) return;
   if (!current_) return start(configProvider_);
-  stop(kStopTimeout, [self = QPointer(this)] {
-    if (self) self->start(self->configProvider_);
+  stop(kStopTimeout, [self = QPointer(this), stop = stops_ + 1] {
+    if (self && self->stops_ == stop) self->start(self->configProvider_);
   });
 }
 
@@ -174,8 +175,9 @@ void DriverSupervisor::launch() {
 void DriverSupervisor::askForConfig() {
   const auto question = ++lastQuestion_;
   question_ = question;
-  if (!configProvider_) return answered(std::nullopt);
-  configProvider_([self = QPointer(this), question](const ConfigAnswer& answer) {
+  const auto provider = configProvider_;  // a copy: its answer may lead to another one
+  if (!provider) return answered(std::nullopt);
+  provider([self = QPointer(this), question](const ConfigAnswer& answer) {
     if (self && self->question_ == question) self->answered(answer);
   });
   // Answered already, overtaken, or asked again by one that waits.

@@ -74,8 +74,8 @@ class DriverSupervisor : public QObject {
   /// call: when it has ended, or after `timeout`, when it is abandoned. Calls off whatever was
   /// scheduled.
   void stop(Clock::Duration timeout, std::function<void()> completion = {});
-  /// Starts again with the last provider, after a stop if a run is current. Nothing before the
-  /// first start.
+  /// Starts again with the last provider, after a stop if a run is current; not when another stop
+  /// comes meanwhile. Nothing before the first start.
   void restart();
   /// The network is back or the computer woke up: ends a back-off or a wait for the secret store
   /// now, and tells a current run, as networkChanged() does.
@@ -172,6 +172,7 @@ class DriverSupervisor : public QObject {
   std::optional<std::uint64_t> question_;  ///< whose answer is still to come, and counts
   std::shared_ptr<ClockToken> waitToken_;  ///< of a back-off or a wait for the secret store
   std::shared_ptr<ClockToken> stopTimeout_;
+  std::uint64_t stops_ = 0;  ///< ever; only what the last one was for comes after it
   std::vector<std::function<void()>> stopWaiters_;
 };
 

@@ -151,7 +151,10 @@ void PairFlow::endConnecting(const std::optional<std::string>& failure) {
 }
 
 void PairFlow::connectAgain(const std::string& username) {
-  if (std::holds_alternative<PairingFailed>(state_)) setState(PairingConnecting{username});
+  if (std::holds_alternative<PairingFailed>(state_) ||
+      std::holds_alternative<PairingIdle>(state_)) {
+    setState(PairingConnecting{username});
+  }
 }
 
 /// Ends the pairing in hand. The one who waits for the token goes: it holds the user's LLM key.

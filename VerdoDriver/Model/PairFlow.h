@@ -42,7 +42,8 @@ class PairFlow : public QObject {
   /// Nothing in any other state, as when the pairing was cancelled meanwhile.
   void endConnecting(const std::optional<std::string>& failure);
 
-  /// Goes back from `failed` to `connecting`: the token that this user approved is checked again.
+  /// Goes back to `connecting` from `failed`, or from `idle` after another connect had its turn:
+  /// the token that this user approved is checked again.
   void connectAgain(const std::string& username);
 
   const PairingState& state() const { return state_; }

@@ -81,11 +81,12 @@ TEST(FileLog, LetsATextPassForOtherLines) {
   const TempDir dir;
   {
     FileLog log(dir.path());
-    log.error("job 1: said\r\n2026-01-01 00:00:00 » token forgotten\x1b[2J\n");
+    log.error("job 1: said\r\n2026-01-01 00:00:00 » token forgotten\x1b[2J\u2028\u202e\n");
   }
   EXPECT_TRUE(eventually([] { return std::ranges::count(threadNames(), "verdo-file-log") == 0; }));
   EXPECT_EQ(contentOf(dir / "driver.log").substr(kAround - 1),
-            "✗ job 1: said\n                    2026-01-01 00:00:00 » token forgotten\\x1b[2J\n");
+            "✗ job 1: said\n                    2026-01-01 00:00:00 » token forgotten\\x1b[2J"
+            "\\u2028\\u202e\n");
 }
 
 TEST(FileLog, HoldsTheProgramUpOrLosesLinesUnnoticed) {
@@ -103,6 +104,7 @@ TEST(FileLog, HoldsTheProgramUpOrLosesLinesUnnoticed) {
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
   EXPECT_FALSE(log.flush(std::chrono::milliseconds(0)));
   EXPECT_TRUE(log.flush(std::chrono::seconds(20)));
+  EXPECT_TRUE(linesOf(log.path()).back().starts_with("! ")) << "no line follows at the end";
   // The next turn of the other; what was written by now does not count as waiting.
   ASSERT_EQ(::flock(other.get(), LOCK_UN), 0);
   log.write("short");

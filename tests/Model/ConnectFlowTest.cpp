@@ -18,6 +18,7 @@ class FailingStore : public MemorySecretStore {
   Result<std::optional<std::string>> read(SecretAccount account) override {
     ++reads;
     reach(Call::read);
+    if (isGone) return tl::make_unexpected(SecretError{SecretError::Kind::unavailable, 0, "Gone."});
     return MemorySecretStore::read(account);
   }
   Result<void> write(const std::string& value, SecretAccount account) override {
@@ -36,6 +37,7 @@ class FailingStore : public MemorySecretStore {
   enum class Call { none, queued, read, writeToken, writeKey };
   std::optional<SecretAccount> failing;
   bool isRefused = false;
+  bool isGone = false;  ///< what was stored; there is room for something new
   std::atomic<int> reads = 0, writes = 0, unlocks = 0, cancelledPrompts = 0;
   std::atomic<Call> heldUp = Call::none;
   Event reached, goOn;
@@ -143,6 +145,19 @@ TEST_F(Connect, SavesWhatWasRefusedOrFailed) {
   EXPECT_TRUE(appLog.has("[ConnectFlow] keychain write failed: The keyring is locked."));
 }
 
+TEST_F(Connect, IsNoMoreToBeHadOnceTheKeyringIsGone) {
+  secrets->isGone = true;
+  secrets->failing = SecretAccount::llmKey;
+  EXPECT_FALSE(connect().saved);
+  secrets->isGone = false;
+  EXPECT_EQ(secrets->read(SecretAccount::driverToken).value(), std::nullopt) << "one without a key";
+  secrets->isGone = true;
+  secrets->failing.reset();
+  EXPECT_TRUE(connect().saved);
+  secrets->isGone = false;
+  EXPECT_THAT(saved(), ElementsAre("new-token", "new-key", "https://s.example"));
+}
+
 TEST_F(Connect, LosesWhatWasProven) {
   draft.allowInsecure = true;
   begin();
@@ -186,20 +201,22 @@ TEST_F(Connect, SavesAlthoughItWasCancelled) {
     Call at;
     const char* llmKey;
     bool superseded;
-  } table[] = {{Call::none, "new-key", false},
-               {Call::queued, "new-key", false},
-               {Call::read, "", false},
-               {Call::writeToken, "", true},
-               {Call::writeToken, "new-key", false},
-               {Call::writeKey, "new-key", false},
-               {Call::writeKey, "new-key", true}};
-  for (const auto& [at, llmKey, superseded] : table) {
+    int writes;  ///< each of which may ask the user
+  } table[] = {{Call::none, "new-key", false, 0},
+               {Call::queued, "new-key", false, 0},
+               {Call::read, "", false, 0},
+               {Call::read, "new-key", false, 0},
+               {Call::writeToken, "", true, 2},
+               {Call::writeToken, "new-key", false, 2},
+               {Call::writeKey, "new-key", false, 4},
+               {Call::writeKey, "new-key", true, 4}};
+  for (const auto& [at, llmKey, superseded, writes] : table) {
     SCOPED_TRACE(static_cast<int>(at));
     putOldSecrets();
     draft.llmKey = llmKey;
     factory->runs.clear();
     factory->endsAtOnce.reset();
-    if (at != Call::none && at != Call::read) factory->endsAtOnce = ExitReason::clean();
+    if (at != Call::none) factory->endsAtOnce = ExitReason::clean();
     secrets->reached.clear();
     secrets->goOn.clear();
     secrets->heldUp = at;
@@ -225,7 +242,7 @@ TEST_F(Connect, SavesAlthoughItWasCancelled) {
     waitForTheStore();
     EXPECT_THAT(saved(), ElementsAre("old-token", "old-key", ""));
     EXPECT_EQ(secrets->cancelledPrompts, at > Call::queued ? 1 : 0);
-    EXPECT_TRUE(at > Call::queued || secrets->writes == 0) << "troubled the keyring";
+    EXPECT_EQ(secrets->writes, writes) << "troubled the keyring";
     EXPECT_TRUE(at != Call::none || factory->runs[0]->stops == 1);
     EXPECT_THAT(log->lines(), Each(Not(testing::HasSubstr("settings saved"))));
   }

@@ -223,6 +223,31 @@ TEST_F(Supervisor, StopsARunTwiceOrForgetsWhoWaitsOrWithWhatToGoOn) {
   EXPECT_EQ(supervisor.retryMessage(), std::nullopt) << "of the run before";
 }
 
+TEST_F(Supervisor, StartsAgainAlthoughItWasStoppedAfterTheRestart) {
+  start();
+  supervisor.restart();
+  bool stopped = false;
+  supervisor.stop(75s, [&] { stopped = true; });
+  end(1, ExitReason::stopped());
+  EXPECT_TRUE(stopped);
+  EXPECT_EQ(state(), Kind::idle);
+  EXPECT_EQ(asked, 1);
+}
+
+TEST_F(Supervisor, LetsGoOfAProviderThatIsAtWork) {
+  bool isAlive = false;
+  QObject::connect(&supervisor, &DriverSupervisor::stateChanged, [this] {
+    if (state() == Kind::stopped) start();
+  });
+  config.reset();
+  supervisor.start([&isAlive, own = std::make_shared<int>()](const ConfigReply& reply) {
+    const std::weak_ptr<int> watched = own;
+    reply(std::nullopt);  // whoever hears of it may start with another provider
+    isAlive = !watched.expired();
+  });
+  EXPECT_TRUE(isAlive);
+}
+
 TEST_F(Supervisor, LosesItsWayWhenARunWillNotStop) {
   start();
   report(1, connected);

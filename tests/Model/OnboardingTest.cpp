@@ -54,6 +54,17 @@ TEST_F(OnboardingTest, PairsAgainForAWrongKey) {
   EXPECT_EQ(factory->runs.size(), 2u);
 }
 
+TEST_F(OnboardingTest, HidesWhatCameOfARetryAfterAnotherConnectHadItsTurn) {
+  approve("key");
+  connecting.connect({"https://other.example", "other", "other", false}, {});
+  ASSERT_TRUE(spinUntil([&] { return result.has_value(); }));
+  factory->runs.back()->end(ExitReason::tokenRevoked(""));
+  ASSERT_TRUE(onboarding.hasApproval());
+  onboarding.retry("key", note());
+  EXPECT_EQ(pairing.state(), PairingState(PairingConnecting{"ann"}));
+  EXPECT_TRUE(end(ExitReason::serverUnreachable("gone")).starts_with("Server unreachable"));
+}
+
 TEST_F(OnboardingTest, KeepsATokenThatIsOfNoUse) {
   approve("key");
   EXPECT_TRUE(end(ExitReason::tokenRevoked("")).starts_with("Disconnected — "));

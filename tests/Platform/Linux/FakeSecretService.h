@@ -34,6 +34,7 @@ class FakeSecretService : public QDBusVirtualObject {
   int windows = 0;              ///< prompts that were shown
   int searchesWhileLocked = 0;  ///< which make some programs open a window
   std::set<QString> clients;    ///< connections that have asked anything
+  std::set<QString> sessions;   ///< that are open
 
   /// The user answers the prompt that is shown.
   void reply(bool allowed) {
@@ -68,7 +69,10 @@ class FakeSecretService : public QDBusVirtualObject {
     if (member == "OpenSession") {
       if (arguments[0] != "plain")
         return refuse(message, on, "org.freedesktop.DBus.Error.NotSupported");
-      give({QVariant::fromValue(QDBusVariant(QString())), path("/session/1")});
+      const auto opened = QString("/session/%1").arg(++opened_);
+      sessions.insert(opened);
+      give({QVariant::fromValue(QDBusVariant(QString())),
+            QVariant::fromValue(QDBusObjectPath(opened))});
     } else if (member == "ReadAlias") {
       give({path(hasDefault ? kCollection : "/")});
     } else if (member == "Get") {
@@ -82,10 +86,12 @@ class FakeSecretService : public QDBusVirtualObject {
       }
       give({QVariant::fromValue(found)});
     } else if (member == "GetSecret") {
+      if (!sessions.contains(arguments[0].value<QDBusObjectPath>().path()))
+        return refuse(message, on, "org.freedesktop.Secret.Error.NoSession");
       QDBusArgument secret;
       secret.beginStructure();
-      secret << QDBusObjectPath("/session/1") << QByteArray() << items_[message.path()].value
-             << QString("text/plain");
+      secret << arguments[0].value<QDBusObjectPath>() << QByteArray()
+             << items_[message.path()].value << QString("text/plain");
       secret.endStructure();
       give({QVariant::fromValue(secret)});
     } else if (member == "Unlock") {
@@ -143,7 +149,7 @@ class FakeSecretService : public QDBusVirtualObject {
   QDBusConnection connection_{"none"};
   std::map<QString, Item> items_;
   QString prompt_, asking_;
-  int prompts_ = 0;
+  int prompts_ = 0, opened_ = 0;
 };
 
 }  // namespace verdo::test

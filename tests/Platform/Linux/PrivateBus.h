@@ -23,7 +23,7 @@ class PrivateBus {
                     "</servicedir><policy context='default'><allow eavesdrop='true'/><allow "
                     "send_destination='*' eavesdrop='true'/><allow own='*'/></policy></busconfig>");
     startDaemon();
-    connection = QDBusConnection::connectToBus(address().c_str(), home().c_str());
+    connect();
   }
   ~PrivateBus() { QDBusConnection::disconnectFromBus(home().c_str()); }
 
@@ -33,6 +33,11 @@ class PrivateBus {
     daemon = start({"/usr/bin/dbus-daemon", "--config-file=" + home_ / "bus.conf", "--nofork",
                     "--print-address=1"});
     EXPECT_TRUE(CollectedLines(daemon->takeStdout()).start().waitForCount(1));
+  }
+  /// Also after a restart of the daemon.
+  void connect() {
+    QDBusConnection::disconnectFromBus(home().c_str());
+    connection = QDBusConnection::connectToBus(address().c_str(), home().c_str());
   }
   /// Starts a program on this bus with this input.
   std::unique_ptr<ChildProcess> start(const std::vector<std::string>& argv,

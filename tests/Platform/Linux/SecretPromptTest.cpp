@@ -72,6 +72,9 @@ TEST_F(SecretPromptTest, AsksTheUserForAReadOrTakesALostWriteForSaved) {
   service.losesWrites = true;
   EXPECT_EQ(errorOf(write(store, "new")).kind, Kind::failed);
   EXPECT_EQ(read(store).value(), "two");
+  service.sessions.clear();  // it was switched off and on again
+  EXPECT_EQ(errorOf(read(store)).kind, Kind::failed);
+  EXPECT_EQ(read(store).value(), "two") << "for good";
 }
 
 TEST_F(SecretPromptTest, PilesUpWindowsOrWaitsForEver) {

@@ -99,6 +99,21 @@ TEST_F(Keyring, HungServiceStopsTheAppOrLeaks) {
   EXPECT_TRUE(eventually([&] { return openDescriptors().size() <= descriptors; }));
 }
 
+TEST_F(Keyring, IsLostWithTheBusForGood) {
+  start(true);
+  ASSERT_TRUE(store_.write("secret-1234", kToken));
+  for (const bool isNoticed : {true, false}) {
+    bus_.daemon->release();
+    EXPECT_TRUE(!isNoticed || errorOf(store_.read(kToken)).kind == Kind::unavailable);
+    fs::remove(bus_.home() + "/bus");
+    bus_.startDaemon();
+    bus_.connect();
+    start(true);
+    EXPECT_EQ(store_.read(kToken).value(), "secret-1234");
+    EXPECT_TRUE(store_.write("secret-1234", kToken));
+  }
+}
+
 TEST(SecretStoreChoice, PutsSecretsWhereTheyAreNotFoundAgain) {
   const PrivateBus empty, hung;
   const PrivateBus activatable("[D-BUS Service]\nName=org.freedesktop.secrets\nExec=/bin/false\n");
