@@ -59,16 +59,11 @@ void RunningJobs::deliverReports() {
       MutexLock lock(lock_);
       if (delivering_) return;  // whoever is at it finds ours, too
       if (reports_.empty()) return;
-      if (!observer) {
-        reports_.clear();
-        delivered_.notifyAll();
-        return;
-      }
       report = std::move(reports_.front());
       reports_.pop_front();
       delivering_ = true;
     }
-    report(*observer);
+    if (observer) report(*observer);
     MutexLock lock(lock_);
     delivering_ = false;
     delivered_.notifyAll();

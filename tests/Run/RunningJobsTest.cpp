@@ -2,7 +2,6 @@
 #include "VerdoDriverCore/Run/RunningJobs.h"
 #include "tests/Support/RecordingObserver.h"
 
-#include <atomic>
 #include <thread>
 
 #include <fmt/format.h>
@@ -55,28 +54,6 @@ TEST(RunningJobs, ReportsOvertakeEachOther) {
   EXPECT_THAT(observer->events(),
               ElementsAre("started 1 a a", "lanes [a]", "started 2 b b", "lanes [a b]",
                           "finished 1 a 0 -", "lanes [b]", "finished 2 b 0 -", "lanes []"));
-}
-
-TEST(RunningJobs, EndOfARunWaitsForReportsThatNobodyWillHear) {
-  constexpr int kEnds = 20'000;  // the wait has to begin between a job's end and its report
-  RunningJobs jobs({});
-  const auto worker = workerInLane(1, "a");
-  std::atomic<int> begun = 0;
-  std::thread finishing([&] {
-    for (int i = 1; i <= kEnds; ++i) {
-      while (begun != i) std::this_thread::yield();
-      jobs.remove(*worker);
-    }
-  });
-  const auto begin = std::chrono::steady_clock::now();
-  for (int i = 1; i <= kEnds; ++i) {
-    jobs.add(worker);
-    begun = i;
-    while (jobs.lanesTaken() > 0) std::this_thread::yield();
-    jobs.waitForAll(10s);
-  }
-  finishing.join();
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, 10s);
 }
 
 TEST(PollWait, AsksAProxyForMoreThanItGives) {
