@@ -128,7 +128,7 @@ void DriverFixture::setSpaces(const std::vector<std::string>& names) {
 }
 
 void DriverFixture::hangOn(const std::string& script) {
-  std::ofstream(path("spaces.hang")) << script << "\n";
+  std::ofstream(path("spaces.hang"), std::ios::app) << script << "\n";
 }
 
 bool DriverFixture::hangs() const {
