@@ -129,6 +129,10 @@ Browser::Result Browser::run(const std::string& script, const Event* interrupt) 
     child->release();
     return {exit, collector.lines()};
   }
+  if (!interrupt || !interrupt->isSet()) {
+    MutexLock lock(lock_);
+    hasHungStopping_ = hasHungStopping_ || stoppingSince_.has_value();
+  }
   child->terminateGroup(grace());
   child->release();
   return {kTimedOut, collector.lines()};
@@ -167,6 +171,11 @@ TerminationTimings Browser::grace() {
 void Browser::beginStopping() {
   MutexLock lock(lock_);
   if (!stoppingSince_) stoppingSince_ = Clock::now();
+}
+
+bool Browser::hasHungStopping() {
+  MutexLock lock(lock_);
+  return hasHungStopping_;
 }
 
 void Browser::killNow() {

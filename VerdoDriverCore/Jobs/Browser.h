@@ -61,6 +61,8 @@ class Browser {
   /// The driver stops: from now on each script, those at work included, has
   /// Timings::scriptStopping.
   void beginStopping() EXCLUDES(lock_);
+  /// A script has given no answer in that time.
+  bool hasHungStopping() EXCLUDES(lock_);
   /// SIGKILL to the scripts at work, for a caller that is about to exit.
   void killNow() EXCLUDES(lock_);
 
@@ -83,6 +85,7 @@ class Browser {
   std::map<std::string, std::weak_ptr<Mutex>> spaceLocks_ GUARDED_BY(lock_);
   std::set<ChildProcess*> running_ GUARDED_BY(lock_);
   std::optional<Clock::time_point> stoppingSince_ GUARDED_BY(lock_);
+  bool hasHungStopping_ GUARDED_BY(lock_) = false;
 };
 
 }  // namespace verdo

@@ -56,6 +56,18 @@ TEST_F(Stop, HangingScriptHoldsUpAStop) {
   }
 }
 
+TEST_F(Stop, ExecutorThatHangsForAJobIsAskedAgain) {
+  setSpaces({"u1-a", "u1-b"});
+  for (const char* script : {"close", "list"}) hangOn(script);
+  config.noSweep = true;
+  timings.termination = TerminationTimings{};  // each hanging script costs a second
+  const auto id = addJob("sleep 100", {.taskSpace = "u1-a"});
+  start();
+  ASSERT_TRUE(service.jobs().waitForLine(id, "ready", kLong));
+  EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
+  EXPECT_LT(elapsed.count(), kSanitized ? 10 : 2.7);
+}
+
 TEST_F(Stop, CleanEndWaitsForTheReapersScript) {
   setSpaces({"u1-a"});
   hangOn("list");

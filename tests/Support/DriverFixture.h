@@ -82,7 +82,9 @@ class DriverFixture : public testing::Test {
   std::vector<std::string> spaces() const { return linesOf(path("spaces")); }
   std::vector<std::string> closedSpaces() const { return linesOf(path("spaces.closed")); }
   /// From now on the executor hangs in scripts of this kind, "list" or "close", deaf to SIGTERM.
-  void hangOn(const std::string& script) const { home_.write("spaces.hang", script); }
+  void hangOn(const std::string& script) const {
+    home_.write("spaces.hang", contentOf(path("spaces.hang")) + script + "\n");
+  }
   /// True once it does.
   bool hangs() const {
     return eventually([this] { return std::filesystem::exists(path("spaces.hanging")); }, kLong);
