@@ -184,7 +184,7 @@ TEST_F(RequestLimits, TimeoutEndsABodyThatIsTakenSlowly) {
     ssize_t got = 0;
     const auto take = [&] { return got = ::recv(connection.get(), piece.data(), piece.size(), 0); };
     for (; taken < size && take() > 0; taken += static_cast<std::size_t>(got)) {
-      ::poll(nullptr, 0, 30);  // the speed of the road
+      ::poll(nullptr, 0, 40);  // the speed of the road
     }
     EXPECT_EQ(writeAll(connection.get(), "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n").error, 0);
     ::shutdown(connection.get(), SHUT_WR);
@@ -195,9 +195,9 @@ TEST_F(RequestLimits, TimeoutEndsABodyThatIsTakenSlowly) {
   request.url = "http://127.0.0.1:" + std::to_string(listener.port());
   request.method = "POST";
   request.body = std::make_shared<const ByteBuffer>(std::string(size, 'x'));
-  request.timeout = 400ms;
+  request.timeout = 1000ms;
   EXPECT_EQ(outcomeOf(request), "200");
-  EXPECT_GE(took, 900ms);
+  EXPECT_GE(took, 1200ms);
   server.join();
 }
 
