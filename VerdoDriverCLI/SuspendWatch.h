@@ -13,7 +13,7 @@ class SuspendWatch {
  public:
   using Duration = std::chrono::steady_clock::duration;
 
-  /// Expiries every `interval` at `timeSuspended` (System/SuspendClock.h), and calls `onWakeUp`
+  /// Looks every `interval` at `timeSuspended` (System/SuspendClock.h), and calls `onWakeUp`
   /// when it has grown by a second or more. Throws std::system_error when there is no room for a
   /// thread.
   SuspendWatch(std::function<void()> onWakeUp, Duration interval,
