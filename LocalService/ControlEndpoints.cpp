@@ -14,7 +14,7 @@ namespace {
 using nlohmann::ordered_json;
 using std::chrono::milliseconds;
 
-constexpr std::string_view kPrefix = "/control/";
+constexpr std::string_view kControlPrefix = "/control/";
 
 double bodyNumber(const Exchange& exchange, const char* key) {
   const auto body = parseJson(exchange.request.body);
@@ -48,13 +48,13 @@ bool document(Exchange& exchange, JsonDocument& value) {
 }  // namespace
 
 std::optional<Route> ControlEndpoints::match(std::string_view, std::string_view path) {
-  if (!path.starts_with(kPrefix)) return std::nullopt;
+  if (!path.starts_with(kControlPrefix)) return std::nullopt;
   return Route{.endpoint = "control",
                .jobId = {},
                .handle =
                    [this](Exchange& exchange) {
                      Words words;
-                     std::istringstream rest(exchange.path.substr(kPrefix.size()));
+                     std::istringstream rest(exchange.path.substr(kControlPrefix.size()));
                      for (std::string word; std::getline(rest, word, '/');) words.push_back(word);
                      dispatch(exchange, words);
                    },

@@ -24,7 +24,7 @@ constexpr std::array<std::pair<Delivery, const char*>, 6> kDeliveries{{
     {Delivery::garbage, "garbage"},
 }};
 
-ordered_json milliseconds(std::optional<std::chrono::steady_clock::time_point> time) {
+ordered_json toMilliseconds(std::optional<std::chrono::steady_clock::time_point> time) {
   if (!time) return nullptr;
   using Double = std::chrono::duration<double, std::milli>;
   // Fixed once, so that differences between the times of a reply are exact.
@@ -219,12 +219,12 @@ ordered_json toJson(const JobSnapshot& job) {
                     {"complete_posts", job.completePosts}};
   json["exit_code"] = job.exitCode ? ordered_json(*job.exitCode) : ordered_json();
   json["error"] = job.error ? ordered_json(*job.error) : ordered_json();
-  json["created_ms"] = milliseconds(job.created);
-  json["leased_ms"] = milliseconds(job.leased);
-  json["acknowledged_ms"] = milliseconds(job.acknowledged);
-  json["first_line_ms"] = milliseconds(job.firstLine);
-  json["last_line_ms"] = milliseconds(job.lastLine);
-  json["finished_ms"] = milliseconds(job.finished);
+  json["created_ms"] = toMilliseconds(job.created);
+  json["leased_ms"] = toMilliseconds(job.leased);
+  json["acknowledged_ms"] = toMilliseconds(job.acknowledged);
+  json["first_line_ms"] = toMilliseconds(job.firstLine);
+  json["last_line_ms"] = toMilliseconds(job.lastLine);
+  json["finished_ms"] = toMilliseconds(job.finished);
   return json;
 }
 
@@ -277,10 +277,10 @@ ordered_json toJson(const RequestRecord& request) {
   if (request.jobId) json["job_id"] = *request.jobId;
   json["connection"] = request.connection;
   json["peer_port"] = request.peerPort;
-  json["arrived_ms"] = milliseconds(request.arrived);
-  json["replied_ms"] = milliseconds(request.replied);
+  json["arrived_ms"] = toMilliseconds(request.arrived);
+  json["replied_ms"] = toMilliseconds(request.replied);
   json["status"] = request.status;
-  json["hung_up_ms"] = milliseconds(request.hungUp);
+  json["hung_up_ms"] = toMilliseconds(request.hungUp);
   if (request.fault) json["fault"] = *request.fault;
   return json;
 }

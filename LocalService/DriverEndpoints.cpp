@@ -9,9 +9,8 @@
 namespace verdo::local {
 namespace {
 
-constexpr std::string_view kPrefix = "/api/driver/";
+constexpr std::string_view kApiPrefix = "/api/driver/";
 constexpr const char* kProtocol = "2";
-constexpr double kMaxWait = 600;  // seconds; drivers ask for 25
 
 std::set<std::string> splitLanes(const std::string& text) {
   std::set<std::string> lanes;
@@ -44,8 +43,8 @@ nlohmann::ordered_json DriverEndpoints::defaultHello() {
 }
 
 std::optional<Route> DriverEndpoints::match(std::string_view method, std::string_view path) {
-  if (!path.starts_with(kPrefix)) return std::nullopt;
-  path.remove_prefix(kPrefix.size());
+  if (!path.starts_with(kApiPrefix)) return std::nullopt;
+  path.remove_prefix(kApiPrefix.size());
   if (method == "GET" && path == "hello") {
     return route("hello", {}, [this](Exchange& exchange) { hello(exchange); });
   }
@@ -96,8 +95,7 @@ void DriverEndpoints::hello(Exchange& exchange) const {
 void DriverEndpoints::poll(Exchange& exchange) const {
   using Clock = std::chrono::steady_clock;
   const auto& connection = exchange.connection;
-  const std::chrono::duration<double> wait(queryNumber(exchange.request, "wait", 0, kMaxWait));
-  const auto deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(wait);
+  const auto deadline = Clock::now() + queryWait(exchange.request, "wait", 0);
   const auto busy = splitLanes(exchange.request.get_param_value("busy"));
   JobStore::Waiter waiter(jobs_, busy);
   while (true) {

@@ -3,19 +3,19 @@
 namespace verdo::local {
 namespace {
 
-constexpr std::string_view kPrefix = "/files/";
+constexpr std::string_view kFilesPrefix = "/files/";
 
 }  // namespace
 
 std::optional<Route> FileEndpoints::match(std::string_view method, std::string_view path) {
-  if (method != "GET" || !path.starts_with(kPrefix)) return std::nullopt;
+  if (method != "GET" || !path.starts_with(kFilesPrefix)) return std::nullopt;
   return Route{.endpoint = "files", .jobId = {}, .handle = [this](Exchange& exchange) {
                  download(exchange);
                }};
 }
 
 void FileEndpoints::download(Exchange& exchange) const {
-  const auto name = exchange.path.substr(kPrefix.size());
+  const auto name = exchange.path.substr(kFilesPrefix.size());
   const auto file = files_.find(name);
   if (!file) throw HttpError(404, "there is no file \"" + name + "\"");
   if (file->redirect) {

@@ -14,7 +14,7 @@
 namespace verdo {
 namespace {
 
-constexpr std::chrono::seconds kTimeout{20};
+constexpr std::chrono::seconds kPairingTimeout{20};
 /// Longer times are nonsense in a pairing, and would not fit dates and timers.
 constexpr std::int64_t kMaxSeconds = 7 * 24 * 3600;
 /// Of a text that the server puts into a message for the user, in characters.
@@ -107,7 +107,8 @@ void PairingClient::post(const std::string& server, bool allowInsecure, const st
   request.body = std::make_shared<const ByteBuffer>(PyJSON::text(payload));
   AppLog::connect.debug("[PairingClient] POST " + *url);
   http_.send(
-      std::move(request), kTimeout, [completion = std::move(completion)](const HttpResult& result) {
+      std::move(request), kPairingTimeout,
+      [completion = std::move(completion)](const HttpResult& result) {
         if (!result) {
           completion(tl::make_unexpected(PairingError::transport(result.error().description)));
         } else if (result->status < 200 || result->status > 299) {

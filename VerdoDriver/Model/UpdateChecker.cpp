@@ -14,7 +14,7 @@ namespace {
 
 using Kind = UpdateError::Kind;
 
-constexpr std::chrono::seconds kTimeout{15};
+constexpr std::chrono::seconds kManifestTimeout{15};
 
 UpdateChecker::Outcome failure(Kind kind, std::string description) {
   return tl::make_unexpected(UpdateError{kind, std::move(description)});
@@ -55,7 +55,7 @@ void UpdateChecker::check(const std::string& server, bool allowInsecure, Complet
   request.url = *url;
   request.headers = {{"Accept", "application/json"}};
   AppLog::update.debug("[UpdateChecker] GET " + *url);
-  http_.send(std::move(request), kTimeout,
+  http_.send(std::move(request), kManifestTimeout,
              [this, completion = std::move(completion)](const HttpResult& result) {
                finish(read(result), completion);
              });

@@ -1,8 +1,8 @@
 #include "VerdoDriverCore/Contract/Secrets.h"
 
 #include "VerdoDriverCore/Contract/DriverConstants.h"
+#include "VerdoDriverCore/Values/Utf8.h"
 
-#include <algorithm>
 #include <cstdlib>
 
 #include <fmt/format.h>
@@ -14,8 +14,6 @@ namespace verdo {
 namespace {
 
 constexpr std::string_view kWhiteSpace = " \t\r\n\v\f";
-
-bool isControl(char byte) { return static_cast<unsigned char>(byte) < 0x20 || byte == 0x7f; }
 
 /// The variable's first value, as getenv gives it.
 std::string eraseVariable(const std::string& name) {
@@ -46,7 +44,7 @@ std::string trimmedSecret(std::string_view secret) {
 }
 
 std::optional<std::string> secretRefusal(std::string_view name, std::string_view secret) {
-  if (std::none_of(secret.begin(), secret.end(), isControl)) return std::nullopt;
+  if (!hasControlByte(secret)) return std::nullopt;
   return fmt::format(
       "the {} holds a control character, such as a line end inside it; copy it again, as one line",
       name);

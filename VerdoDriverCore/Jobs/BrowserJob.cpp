@@ -13,7 +13,6 @@
 namespace verdo {
 namespace {
 
-constexpr std::int32_t kNotRun = 127;
 /// What a child ended by SIGTERM reports: a job that was cancelled before its start says the same.
 constexpr std::int32_t kTerminated = -SIGTERM;
 

@@ -11,6 +11,9 @@
 
 namespace verdo {
 
+/// The exit status of a job that was never run: a shell's for a command that is not there.
+inline constexpr std::int32_t kNotRun = 127;
+
 /// How a job ended, as the service will hear it.
 struct JobOutcome {
   std::optional<std::int32_t> exitCode;  ///< absent: none, and nothing failed; reported as 0

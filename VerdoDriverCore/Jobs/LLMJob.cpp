@@ -13,7 +13,6 @@
 namespace verdo {
 namespace {
 
-constexpr std::int32_t kNotRun = 127;
 constexpr std::int32_t kCallFailed = 1;
 /// What a process ended by SIGTERM reports: the service treats both kinds of job alike.
 constexpr std::int32_t kEndedByDriver = 143;

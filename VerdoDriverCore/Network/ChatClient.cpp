@@ -34,14 +34,6 @@ bool isBaseUrl(const std::string& text) {
   return url && !url->hasUserInfo() && !url->hasQueryOrFragment();
 }
 
-/// For a message: what may be a user's name and password is left out.
-std::string withoutUserInfo(const std::string& text) {
-  const auto at = text.rfind('@');
-  if (at == std::string::npos) return text;
-  const auto scheme = text.find("://");
-  return (scheme < at ? text.substr(0, scheme + 3) : "") + "…" + text.substr(at);
-}
-
 std::string checkedBase(const std::string& value) {
   std::string base = value.empty() ? DriverConstants::llmDefaultBase : value;
   if (!isBaseUrl(base)) {

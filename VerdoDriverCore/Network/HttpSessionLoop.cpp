@@ -13,7 +13,6 @@
 namespace verdo {
 namespace {
 
-constexpr std::chrono::milliseconds kMinWait{0};
 constexpr std::chrono::milliseconds kMaxWait{std::numeric_limits<int>::max()};
 
 }  // namespace
@@ -143,7 +142,8 @@ std::chrono::milliseconds HttpSessionLoop::untilNextLook() const {
     if (pool->due()) next = std::min(next, *pool->due());
   }
   // Rounded up, lest the loop spins through the last millisecond.
-  return std::clamp(std::chrono::ceil<std::chrono::milliseconds>(next - now), kMinWait, kMaxWait);
+  return std::clamp(std::chrono::ceil<std::chrono::milliseconds>(next - now),
+                    std::chrono::milliseconds::zero(), kMaxWait);
 }
 
 void HttpSessionLoop::dispatch(const Poller::Ready& ready) {

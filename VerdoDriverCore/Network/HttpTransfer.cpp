@@ -2,6 +2,7 @@
 
 #include "VerdoDriverCore/Network/SocketOptions.h"
 #include "VerdoDriverCore/Values/Url.h"
+#include "VerdoDriverCore/Values/Utf8.h"
 
 #include <algorithm>
 #include <new>
@@ -23,8 +24,6 @@ constexpr long kMaxRedirects = 20;
 constexpr std::size_t kMaxPingBody = 64 * 1024;
 /// libcurl copies a query byte by byte, more than once; the target that it is given, in one piece.
 constexpr std::size_t kLongQuery = 256;
-
-bool isControl(char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; }
 
 /// True for a URL of this very computer, which no proxy could reach, nor should hear of.
 bool isLoopback(const std::string& url) {
@@ -159,7 +158,7 @@ void HttpTransfer::setHeadersAndBody() {
 /// another one.
 void HttpTransfer::addHeader(const std::string& name, const std::string& rest) {
   const std::string line = name + rest;
-  if (std::any_of(line.begin(), line.end(), isControl)) {
+  if (hasControlByte(line)) {
     // Without the value, which may be a secret.
     refusal_ = {TransportError::Kind::other, "A header of the request holds a control character"};
     return;

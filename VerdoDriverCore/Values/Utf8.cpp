@@ -99,6 +99,12 @@ void appendUtf8(char32_t character, std::string& out) {
   }
 }
 
+bool hasControlByte(std::string_view bytes) {
+  return std::any_of(bytes.begin(), bytes.end(), [](char byte) {
+    return static_cast<unsigned char>(byte) < 0x20 || byte == 0x7F;
+  });
+}
+
 std::string repairUtf8(std::string_view bytes) { return firstCharacters(bytes, bytes.size()); }
 
 std::string withoutControls(std::string_view text) {

@@ -17,6 +17,10 @@ char32_t decodeUtf8(std::string_view text, std::size_t& at);
 /// Appends one character as UTF-8.
 void appendUtf8(char32_t character, std::string& out);
 
+/// True when a byte is an ASCII control character, a line end or a tab included: such bytes end the
+/// lines of a protocol.
+bool hasControlByte(std::string_view bytes);
+
 /// The text with everything that is not UTF-8 replaced by U+FFFD.
 std::string repairUtf8(std::string_view bytes);
 

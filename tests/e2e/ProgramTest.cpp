@@ -12,7 +12,7 @@ using testing::HasSubstr;
 using testing::Not;
 using Arguments = std::vector<std::string>;
 
-constexpr const char* kKey = "sk-key-of-the-provider";
+constexpr const char* kProviderKey = "sk-key-of-the-provider";
 
 /// The program itself, with its real time constants.
 class TheProgram : public DriverFixture {
@@ -130,7 +130,7 @@ TEST_F(TheProgram, LosesTheStatusOfEveryJobWhereSigchldWasIgnored) {
 }
 
 TEST_F(TheProgram, ShowsASecretToSomebody) {
-  environment["VERDO_LLM_API_KEY"] = kKey;
+  environment["VERDO_LLM_API_KEY"] = kProviderKey;
   const auto id = addJob("environment");
   const auto waiting = addJob("sleep 100");
   service.faults().add({.endpoint = "lines",
