@@ -1,3 +1,5 @@
+#include "VerdoDriverCore/Run/Hello.h"
+#include "VerdoDriverCore/Values/JsonReader.h"
 #include "tests/Support/DriverFixture.h"
 
 namespace verdo::test {
@@ -57,6 +59,14 @@ TEST_F(Hello, UnusableSettingStopsTheDriverOrClosesForeignSpaces) {
   EXPECT_THAT(spaces(), ElementsAre("mine"));
   EXPECT_TRUE(log->has("serving up to 1 job(s) at once"));
   EXPECT_THAT(texts('w'), Contains(StartsWith("space_pattern of the server is unusable (")));
+}
+
+TEST_F(Hello, TinyIntervalSpinsTheReaper) {
+  const JV reply =
+      parseJson(R"({"protocol": 2, "idle_close_seconds": 1e-9, "reap_interval_seconds": 1e-9})");
+  const auto hello = std::get<verdo::Hello>(verdo::Hello::from(reply, {}));
+  EXPECT_EQ(hello.idleClose, 1);
+  EXPECT_EQ(hello.reapInterval, 1);
 }
 
 TEST_F(Hello, LlmKeyItselfReachesTheServer) {
