@@ -64,7 +64,7 @@ class ChatClient {
   struct Completion {
     std::string text;
     std::string model;        ///< as the provider named it, else as the payload did
-    std::optional<JV> usage;  ///< the provider's "usage"
+    std::optional<JV> usage;  ///< the provider's "usage"; a number beyond the doubles is null in it
   };
 
   /// `baseURL` is http(s)://host[:port][/path]; empty means the default provider. `log` gets one

@@ -68,6 +68,8 @@ TEST(ChatRequest, MisjudgesAReply) {
       {200, R"({"choices": [{"message": {"content": "hi"}}], "model": "m", "usage": {"n": 1}})",
        R"(hi|m|{"n": 1})"},
       {200, R"({"choices": [{"message": {"content": "hi"}}]})", "hi|asked|none"},
+      {200, R"({"choices": [{"message": {"content": "hi"}}], "usage": {"n": -1e400, "m": 1}})",
+       R"(hi|asked|{"n": null, "m": 1})"},
       {401, "", "permission: provider rejected the key (HTTP 401)"},
       {429, longBody, "transient retryable: provider HTTP 429: " + cut},
       {500, "\xff", "transient retryable: provider HTTP 500: \xEF\xBF\xBD"},
