@@ -99,5 +99,14 @@ TEST_F(Hello, PasswordInTheProvidersUrlReachesTheServerOrTheLog) {
   }
 }
 
+TEST_F(Hello, QueryInTheProvidersUrlFailsEachJobOrIsRepeated) {
+  for (const char* base : {"https://provider/v1?key=s3cret", "https://provider/v1#/"}) {
+    config.llmBase = base;
+    EXPECT_EQ(run(), ExitReason::badConfig("an LLM base URL must not hold a query or fragment; "
+                                           "leave out what begins with ? or #"));
+  }
+  EXPECT_EQ(service.requests().count(), 0u);
+}
+
 }  // namespace
 }  // namespace verdo::test
