@@ -87,7 +87,7 @@ class ChatClient {
   using Clock = std::chrono::steady_clock;
 
   HttpResponse http(const char* method, const std::string& path,
-                    std::shared_ptr<const ByteBuffer> body, Duration timeout,
+                    std::shared_ptr<const HttpBodySource> body, Duration timeout,
                     const HttpHeartbeat& heartbeat) EXCLUDES(lock_);
   void throwIfCancelled() EXCLUDES(lock_);
   void say(const std::string& text) const;
