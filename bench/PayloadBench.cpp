@@ -28,6 +28,14 @@ std::string words(std::size_t size) {
   return text;
 }
 
+/// Letters that take two bytes as they are, and six when JSON escapes them.
+std::string letters(std::size_t size) {
+  std::string text;
+  text.reserve(size + 2);
+  while (text.size() < size) text += "ж";
+  return text;
+}
+
 /// Runs one job in a fresh driver and adds what the driver's memory grew by at its worst.
 void measure(std::vector<Row>& rows, const std::string& what, const local::JobSpec& job) {
   local::LocalService service;
@@ -59,10 +67,14 @@ void benchPayload(std::vector<Row>& rows) {
   measure(rows, "browser job with a 60 MiB script", job);
   job.kind = "llm";
   // The smaller one as well: allocators treat blocks of its size in another way.
-  for (const std::size_t size : {60u, 20u}) {
-    const nlohmann::json payload{{"v", 1}, {"model", "m"}, {"prompt", words(size * kMebibyte)}};
+  const std::pair<const char*, std::string> prompts[] = {
+      {"60 MiB prompt", words(60 * kMebibyte)},
+      {"20 MiB prompt", words(20 * kMebibyte)},
+      {"60 MiB prompt beyond ASCII", letters(60 * kMebibyte)}};
+  for (const auto& [what, prompt] : prompts) {
+    const nlohmann::json payload{{"v", 1}, {"model", "m"}, {"prompt", prompt}};
     job.payload = payload.dump();
-    measure(rows, fmt::format("LLM job with a {} MiB prompt", size), job);
+    measure(rows, fmt::format("LLM job with a {}", what), job);
   }
 }
 

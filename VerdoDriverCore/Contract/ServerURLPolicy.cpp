@@ -14,4 +14,9 @@ std::optional<std::string> refusal(const std::string& server, bool insecure) {
          "--insecure on a trusted network";
 }
 
+std::optional<std::string> providerRefusal(const std::string& base) {
+  if (base.find_first_of("?#") == std::string::npos) return std::nullopt;
+  return "an LLM base URL must not hold a query or fragment; leave out what begins with ? or #";
+}
+
 }  // namespace verdo::ServerURLPolicy

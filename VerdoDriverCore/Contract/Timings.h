@@ -44,8 +44,8 @@ struct Timings {
 
   // One-shot browser scripts.
   Duration childPoll = std::chrono::milliseconds(50);  ///< between two looks at the child
-  Duration scriptStopping = std::chrono::seconds(5);   ///< for a script while the driver stops
-  Duration sweepStopping = std::chrono::seconds(60);   ///< for all scripts of the last sweep
+  Duration scriptStopping = std::chrono::seconds(5);  ///< for a script, and its end, while stopping
+  Duration sweepStopping = std::chrono::seconds(60);  ///< for all scripts of the last sweep
 };
 
 }  // namespace verdo

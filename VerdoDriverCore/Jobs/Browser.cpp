@@ -156,15 +156,21 @@ Browser::Clock::time_point Browser::deadlineOf(Clock::time_point begin) {
   MutexLock lock(lock_);
   const auto usual = begin + timeout_;
   if (!stoppingSince_) return usual;
-  return std::min(usual, std::max(begin, *stoppingSince_) + timings_.scriptStopping);
+  return std::min(usual,
+                  std::max(begin, *stoppingSince_) + timings_.scriptStopping - graceStopping());
 }
+
+/// What a script's time while stopping leaves for ending it.
+Browser::Duration Browser::graceStopping() const { return timings_.scriptStopping / 5; }
 
 /// How a script whose time is up is ended: in haste, once the driver stops.
 TerminationTimings Browser::grace() {
-  constexpr int kStepsStopping = 5;
   MutexLock lock(lock_);
   TerminationTimings timings = timings_.termination;
-  if (stoppingSince_) timings.steps = std::min(timings.steps, kStepsStopping);
+  if (!stoppingSince_) return timings;
+  // One step less than there is time for: SIGKILL takes a moment, too.
+  const auto steps = static_cast<int>(graceStopping() / timings.step) - 1;
+  timings.steps = std::clamp(steps, 0, timings.steps);
   return timings;
 }
 

@@ -59,7 +59,7 @@ class Browser {
   std::vector<std::string> spaceNames(const Event* interrupt = nullptr);
 
   /// The driver stops: from now on each script, those at work included, has
-  /// Timings::scriptStopping.
+  /// Timings::scriptStopping, with the grace in which it is ended.
   void beginStopping() EXCLUDES(lock_);
   /// A script has given no answer in that time.
   bool hasHungStopping() EXCLUDES(lock_);
@@ -74,6 +74,7 @@ class Browser {
   /// Looks at `isDone` until it says so; false when the script's time is up before.
   bool await(const std::function<bool(Duration look)>& isDone, Clock::time_point begin,
              const Event* interrupt);
+  Duration graceStopping() const;
   TerminationTimings grace() EXCLUDES(lock_);
   std::shared_ptr<Mutex> lockOf(const std::string& space) EXCLUDES(lock_);
 

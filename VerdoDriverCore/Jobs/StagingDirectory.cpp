@@ -29,8 +29,8 @@ void makePrivateDirectory(const std::string& path) {
   if (::chmod(path.c_str(), 0700) != 0) failWithErrno(path);
 }
 
-/// Held while a directory is made and locked, or examined and removed: between those two steps
-/// nobody else may look at it. Waits for `patience` at most: a process that is stopped, or hangs in
+/// Held while a directory is made and locked: between those two steps nobody else may look whether
+/// it has an owner. Waits for `patience` at most: a process that is stopped, or hangs in
 /// the disk, may hold it for ever.
 UniqueFd lockCache(const std::string& cache, std::chrono::milliseconds patience) {
   constexpr std::chrono::milliseconds kLook{20};
@@ -48,6 +48,15 @@ UniqueFd lockCache(const std::string& cache, std::chrono::milliseconds patience)
 
 UniqueFd openDirectory(const std::string& path) {
   return UniqueFd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
+}
+
+/// Makes a directory whose owner is gone ours, so that nobody else touches it. Empty when it has an
+/// owner.
+UniqueFd takeAbandoned(const std::string& cache, const std::string& path) {
+  const UniqueFd cacheLock = lockCache(cache, std::chrono::milliseconds::zero());
+  UniqueFd directory = openDirectory(path);
+  if (directory && ::flock(directory.get(), LOCK_EX | LOCK_NB) != 0) directory.reset();
+  return directory;
 }
 
 }  // namespace
@@ -78,13 +87,12 @@ StagingDirectory::~StagingDirectory() {
 void StagingDirectory::removeAbandoned(const std::string& cache) try {
   std::error_code missing;
   if (!fs::is_directory(cache, missing)) return;
-  const UniqueFd cacheLock = lockCache(cache, std::chrono::milliseconds::zero());
   for (const auto& entry : fs::directory_iterator(cache)) {
     if (!entry.path().filename().string().starts_with(kPrefix)) continue;
-    const UniqueFd directory = openDirectory(entry.path());
-    if (!directory || ::flock(directory.get(), LOCK_EX | LOCK_NB) != 0) continue;
+    const UniqueFd directory = takeAbandoned(cache, entry.path());
+    if (!directory) continue;
     std::error_code ignored;
-    fs::remove_all(entry.path(), ignored);
+    fs::remove_all(entry.path(), ignored);  // may take long: the cache is free meanwhile
   }
 } catch (const std::exception&) {
   // Tidying up is a courtesy: it must not keep a driver from starting.

@@ -6,6 +6,7 @@
 #include "VerdoDriverCore/Values/Utf8.h"
 
 #include <algorithm>
+#include <system_error>
 #include <thread>
 
 #include <fmt/format.h>
@@ -39,11 +40,14 @@ Worker::Worker(std::shared_ptr<JobHost> host, Job job)
 
 Worker::~Worker() = default;
 
-void Worker::start() {
+void Worker::start() try {
   std::thread([self = shared_from_this()] {
     setThreadName(fmt::format("job-{}", self->job_.id));
     self->run();
   }).detach();
+} catch (const std::system_error& failure) {
+  fail(failure);
+  throw;
 }
 
 void Worker::run() {
@@ -210,12 +214,17 @@ void Worker::hear(const LinesReply& reply) {
   if (host_->stopping().isSet() && !isCancelled()) kill();
 }
 
-void Worker::reportFailure(const std::exception& failure) {
-  host_->log().error(prefixed(pyDescribe(failure)));
+/// Makes this the outcome of the job.
+void Worker::fail(const std::exception& failure) {
   outcome_.exitCode = kDriverFailed;
   if (outcome_.error.value_or("").empty()) {
     outcome_.error = "driver error: " + pyTypeName(failure);
   }
+}
+
+void Worker::reportFailure(const std::exception& failure) {
+  host_->log().error(prefixed(pyDescribe(failure)));
+  fail(failure);
   try {
     complete();
   } catch (const std::exception&) {

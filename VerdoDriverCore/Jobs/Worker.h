@@ -29,7 +29,7 @@ class Worker : public JobReporter, public std::enable_shared_from_this<Worker> {
   Worker& operator=(const Worker&) = delete;
 
   /// Starts the thread "job-{id}", which keeps the worker alive until it has ended. Called once.
-  /// Throws std::system_error.
+  /// Throws std::system_error when there is no room for one; the outcome says so, too.
   void start();
 
   // Ending the job. Any thread may call these, at any time, again and again.
@@ -67,6 +67,7 @@ class Worker : public JobReporter, public std::enable_shared_from_this<Worker> {
   bool acknowledge();
   void runBody();
   void loseServer(const ServerError& error);
+  void fail(const std::exception& failure);
   void reportFailure(const std::exception& failure);
   void complete();
   void completeAndReport();

@@ -3,7 +3,7 @@
 #include "VerdoDriverCore/Contract/DriverConstants.h"
 #include "VerdoDriverCore/Network/Api.h"
 #include "VerdoDriverCore/Network/ChatRequest.h"
-#include "VerdoDriverCore/Values/PyJSON.h"
+#include "VerdoDriverCore/Network/JsonBody.h"
 #include "VerdoDriverCore/Values/PyValue.h"
 #include "VerdoDriverCore/Values/Url.h"
 #include "VerdoDriverCore/Values/Utf8.h"
@@ -105,9 +105,8 @@ ChatClient::Completion ChatClient::complete(JV payload, const HttpHeartbeat& hea
   }
   const std::string model = pyStr(payload.find("model")).value_or("");
   const std::size_t promptSize = promptCharacters(payload);
-  // From here on the prompt is kept as the request's body alone.
-  const auto body = std::make_shared<ByteBuffer>();
-  PyJSON::write(ChatRequest::body(std::move(payload)), *body);
+  // The prompt is moved into it, and kept there alone.
+  const auto body = std::make_shared<const JsonBody>(ChatRequest::body(std::move(payload)));
   for (int attempt = 1;; ++attempt) {
     const auto begin = attempt == 1 ? start : Clock::now();
     const auto elapsed = [&] { return toSeconds(Clock::now() - begin); };
@@ -143,14 +142,14 @@ KeyCheck ChatClient::validate() try {
 }
 
 HttpResponse ChatClient::http(const char* method, const std::string& path,
-                              std::shared_ptr<const ByteBuffer> body, Duration timeout,
+                              std::shared_ptr<const HttpBodySource> body, Duration timeout,
                               const HttpHeartbeat& heartbeat) {
   HttpRequest request;
   request.method = method;
   request.url = base_ + path;
   request.headers = {{"Authorization", "Bearer " + key_}, {"Accept", "application/json"}};
   if (body) request.headers.emplace_back("Content-Type", "application/json");
-  request.body = std::move(body);
+  request.source = std::move(body);
   request.timeout = timeout;
   // Absolute as well: providers send blank lines to keep a connection alive.
   request.deadline = Clock::now() + timeout;

@@ -64,7 +64,7 @@ class ChatClient {
   struct Completion {
     std::string text;
     std::string model;        ///< as the provider named it, else as the payload did
-    std::optional<JV> usage;  ///< the provider's "usage"
+    std::optional<JV> usage;  ///< the provider's "usage"; a number beyond the doubles is null in it
   };
 
   /// `baseURL` is http(s)://host[:port][/path]; empty means the default provider. `log` gets one
@@ -87,7 +87,7 @@ class ChatClient {
   using Clock = std::chrono::steady_clock;
 
   HttpResponse http(const char* method, const std::string& path,
-                    std::shared_ptr<const ByteBuffer> body, Duration timeout,
+                    std::shared_ptr<const HttpBodySource> body, Duration timeout,
                     const HttpHeartbeat& heartbeat) EXCLUDES(lock_);
   void throwIfCancelled() EXCLUDES(lock_);
   void say(const std::string& text) const;

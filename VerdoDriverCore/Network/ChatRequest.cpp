@@ -49,7 +49,8 @@ JV messages(JV& payload) {
 JV parseReply(const std::string& body, const SecretScrub& scrub) {
   JV reply;
   try {
-    reply = parseJson(body);
+    // The answer holds no number, and the rest only accompanies it.
+    reply = parseJson(body, HugeNumber::isNull);
   } catch (const PyError& error) {
     throw LLMCallError(Category::transient,
                        fmt::format("unreadable provider reply: {}", scrub.scrubbed(error.what())),

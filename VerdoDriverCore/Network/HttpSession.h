@@ -28,6 +28,20 @@ class HttpBodySink {
   virtual bool onBytes(int status, std::string_view bytes) = 0;
 };
 
+/// The body of a request, made while it is sent instead of lying in memory. Any number of readings
+/// may go on at once.
+class HttpBodySource {
+ public:
+  /// Writes the next bytes to `out`, `room` of them at most; gives how many, 0 at the end. Called
+  /// on the session's thread: must not block, and must not throw.
+  using Read = std::function<std::size_t(char* out, std::size_t room)>;
+
+  virtual ~HttpBodySource() = default;
+  virtual std::size_t size() const = 0;
+  /// Begins a reading; this must outlive it.
+  virtual Read open() const = 0;
+};
+
 struct HttpRequest {
   using Clock = std::chrono::steady_clock;
 
@@ -35,6 +49,7 @@ struct HttpRequest {
   std::string url;
   std::vector<std::pair<std::string, std::string>> headers;  ///< sent in this order
   std::shared_ptr<const ByteBuffer> body;                    ///< null: none
+  std::shared_ptr<const HttpBodySource> source;              ///< a body in place of `body`, or null
   Clock::duration timeout = std::chrono::seconds(60);        ///< inactivity: restarts as data moves
   /// Absolute, whatever data moves; absent: the session's resource limit.
   std::optional<Clock::time_point> deadline;

@@ -5,6 +5,7 @@
 #include "VerdoDriverCore/Values/Utf8.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <new>
 #include <string_view>
 #include <utility>
@@ -139,19 +140,31 @@ void HttpTransfer::setUrl() {
 
 void HttpTransfer::setHeadersAndBody() {
   for (const auto& [name, value] : request.headers) addHeader(name, ": " + value);
-  if (request.body) {
-    set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body->size()));
+  if (request.body || request.source) setBody();
+  set(CURLOPT_HTTPHEADER, headers.get());
+}
+
+void HttpTransfer::setBody() {
+  const std::size_t size = request.source ? request.source->size() : request.body->size();
+  set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(size));
+  if (request.source) {
+    read_ = request.source->open();
+    set(CURLOPT_POST, 1L);
+    set(CURLOPT_READFUNCTION, &HttpTransfer::onRead);
+    set(CURLOPT_READDATA, this);
+    set(CURLOPT_SEEKFUNCTION, &HttpTransfer::onSeek);
+    set(CURLOPT_SEEKDATA, this);
+  } else {
     const char* const bytes = request.body->view().data();
     set(CURLOPT_POSTFIELDS, bytes);
-    // libcurl would otherwise name its own type, and ask before it sends a large body.
-    const bool hasType =
-        std::any_of(request.headers.begin(), request.headers.end(),
-                    [](const auto& header) { return header.first == "Content-Type"; });
-    if (!hasType) addHeader("Content-Type", ":");
-    addHeader("Expect", ":");
-    if (request.body->size() > kLargeBody) set(CURLOPT_UPLOAD_BUFFERSIZE, kUploadPiece);
   }
-  set(CURLOPT_HTTPHEADER, headers.get());
+  // libcurl would otherwise name its own type, and ask before it sends a large body.
+  const bool hasType =
+      std::any_of(request.headers.begin(), request.headers.end(),
+                  [](const auto& header) { return header.first == "Content-Type"; });
+  if (!hasType) addHeader("Content-Type", ":");
+  addHeader("Expect", ":");
+  if (size > kLargeBody) set(CURLOPT_UPLOAD_BUFFERSIZE, kUploadPiece);
 }
 
 /// `rest` is what follows the name. A control character in it could end the header and begin
@@ -218,6 +231,18 @@ std::size_t HttpTransfer::onBody(char* data, std::size_t size, std::size_t count
   }
   body.append(bytes);
   return bytes.size();
+}
+
+std::size_t HttpTransfer::onRead(char* out, std::size_t size, std::size_t count, void* self) {
+  return static_cast<HttpTransfer*>(self)->read_(out, size * count);
+}
+
+/// Called when libcurl sends the request anew because its connection had died.
+int HttpTransfer::onSeek(void* self, curl_off_t offset, int origin) {
+  if (offset != 0 || origin != SEEK_SET) return CURL_SEEKFUNC_CANTSEEK;
+  auto& transfer = *static_cast<HttpTransfer*>(self);
+  transfer.read_ = transfer.request.source->open();
+  return CURL_SEEKFUNC_OK;
 }
 
 int HttpTransfer::onProgress(void* self, curl_off_t, curl_off_t downNow, curl_off_t,

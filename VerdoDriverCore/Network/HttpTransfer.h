@@ -67,6 +67,8 @@ struct HttpTransfer {
 
  private:
   static std::size_t onBody(char* data, std::size_t size, std::size_t count, void* self);
+  static std::size_t onRead(char* out, std::size_t size, std::size_t count, void* self);
+  static int onSeek(void* self, curl_off_t offset, int origin);
   static int onProgress(void* self, curl_off_t downTotal, curl_off_t downNow, curl_off_t upTotal,
                         curl_off_t upNow);
   static int onSending(void* self, char* remoteIp, char* localIp, int remotePort, int localPort);
@@ -76,10 +78,12 @@ struct HttpTransfer {
   void setTrust(const std::string& caCertificates);
   void setUrl();
   void setHeadersAndBody();
+  void setBody();
   void addHeader(const std::string& name, const std::string& rest);
   int status() const;
 
   std::optional<TransportError> refusal_;
+  HttpBodySource::Read read_;
   HttpResponse response_;
   curl_off_t moved_ = 0;
   bool bodyTooLong_ = false;

@@ -22,10 +22,18 @@ constexpr double kCleanupTimeout = 45;  // seconds
 /// More than any computer serves; a guard against nonsense.
 constexpr std::int64_t kMaxLanes = 1000;
 
+/// The same for the time between two looks of the reaper, each of which starts the executor, and
+/// for that after which it closes a space.
+constexpr double kMinInterval = 1;  // seconds
+
 /// A positive number of seconds from the service, or the default.
 double secondsOr(const JV* value, double fallback) {
   const auto number = value ? value->number() : std::nullopt;
   return number && *number > 0 ? *number : fallback;
+}
+
+double intervalOr(const JV* value, double fallback) {
+  return std::max(secondsOr(value, fallback), kMinInterval);
 }
 
 std::string shown(const JV* value) { return pyStr(value).value_or("?"); }
@@ -61,9 +69,9 @@ std::variant<Hello, ExitReason> Hello::from(const JV& reply, const DriverConfig&
                       ? *config.maxJobs
                       : static_cast<int>(std::clamp<std::int64_t>(offered, 1, kMaxLanes));
   hello.idleClose =
-      config.idleClose.value_or(secondsOr(reply.find("idle_close_seconds"), kIdleClose));
+      config.idleClose.value_or(intervalOr(reply.find("idle_close_seconds"), kIdleClose));
   hello.reapInterval =
-      config.reapInterval.value_or(secondsOr(reply.find("reap_interval_seconds"), kReapInterval));
+      config.reapInterval.value_or(intervalOr(reply.find("reap_interval_seconds"), kReapInterval));
   hello.cleanupTimeout = secondsOr(reply.find("cleanup_timeout_seconds"), kCleanupTimeout);
   if (const auto pattern = pyStrIfTruthy(reply.find("space_pattern"))) {
     try {

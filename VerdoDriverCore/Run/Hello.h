@@ -21,7 +21,8 @@ struct Hello {
   std::string serverVersion;
   std::int64_t userId = 0;  ///< 0 when it was not said
 
-  int maxJobs = 1;            ///< lanes, at least 1
+  int maxJobs = 1;  ///< lanes, at least 1
+  // The service's are at least one second, whatever it says.
   double idleClose = 0;       ///< seconds after which an unused task space is closed
   double reapInterval = 0;    ///< seconds between two looks for unused task spaces
   double cleanupTimeout = 0;  ///< seconds that one script of the driver's own may take

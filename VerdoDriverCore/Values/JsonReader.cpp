@@ -55,7 +55,8 @@ void mergeRepeatedKeys(JV::Object& object) {
 /// or a surrogate that it refuses, and all but one keep a third copy of a long string.
 class Reader {
  public:
-  Reader(std::string_view text, bool isTolerant) : text_(text), isTolerant_(isTolerant) {}
+  Reader(std::string_view text, bool isTolerant, HugeNumber huge = HugeNumber::isDefect)
+      : text_(text), isTolerant_(isTolerant), huge_(huge) {}
 
   JsonReading read() {
     if (text_.starts_with("\xEF\xBB\xBF")) at_ = 3;
@@ -245,7 +246,7 @@ class Reader {
     }
     const double real = std::strtod(std::string(token).c_str(), nullptr);
     if (std::isfinite(real)) return real;
-    noteDefect("number out of range at position {}", begin);
+    if (huge_ == HugeNumber::isDefect) noteDefect("number out of range at position {}", begin);
     return {};
   }
 
@@ -363,6 +364,7 @@ class Reader {
 
   const std::string_view text_;
   const bool isTolerant_;
+  const HugeNumber huge_;
   std::size_t at_ = 0;
   std::size_t count_ = 0;
   std::vector<bool> levels_;  ///< all containers around the place; true: an object
@@ -373,7 +375,9 @@ class Reader {
 
 }  // namespace
 
-JV parseJson(std::string_view text) { return std::move(Reader(text, false).read().value); }
+JV parseJson(std::string_view text, HugeNumber huge) {
+  return std::move(Reader(text, false, huge).read().value);
+}
 
 JsonReading readJson(std::string_view text) { return Reader(text, true).read(); }
 

@@ -18,13 +18,16 @@ inline constexpr std::size_t kMaxJsonDepth = 512;
 /// hold one. A job has a dozen, and four for each of its files.
 inline constexpr std::size_t kMaxJsonValues = 500'000;
 
+/// What becomes of a number that no double can hold, such as 1e400.
+enum class HugeNumber { isDefect, isNull };
+
 /// Reads one JSON value of any kind; blanks around it are allowed. Integers beyond 64 bits become
 /// doubles; of a repeated key the last value counts, at the place of the first; half a surrogate
 /// pair ("\ud83d", as texts have that were cut in JavaScript) reads as U+FFFD. While it works it
 /// needs the text and the value, and nothing beside them that grows with either.
 /// Throws PyError "JSONDecodeError" with a one-line reason for what is no JSON, and for what
-/// readJson calls a defect.
-JV parseJson(std::string_view text);
+/// readJson calls a defect, but for huge numbers where they may be null.
+JV parseJson(std::string_view text, HugeNumber huge = HugeNumber::isDefect);
 
 /// What came of a tolerant reading.
 struct JsonReading {

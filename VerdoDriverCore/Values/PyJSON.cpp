@@ -5,6 +5,7 @@
 #include <array>
 #include <charconv>
 #include <cmath>
+#include <utility>
 
 namespace verdo::PyJSON {
 namespace {
@@ -31,6 +32,35 @@ void appendString(std::string_view text, Out& out) {
   out.append("\"");
 }
 
+/// Takes a JSON text without its long strings.
+class Outline {
+ public:
+  void append(std::string_view piece) { text() += piece; }
+  /// Where the text goes on.
+  std::string& text() {
+    if (parts_.empty() || !parts_.back().unescaped.empty()) parts_.emplace_back();
+    return parts_.back().text;
+  }
+  void appendLong(std::string_view string) {
+    append("\"");
+    parts_.back().unescaped = string;
+    append("\"");
+  }
+  std::vector<Part> take() { return std::move(parts_); }
+
+ private:
+  std::vector<Part> parts_;
+};
+
+template <class Out>
+void putString(std::string_view text, Out& out) {
+  writeString(text, out);
+}
+void putString(std::string_view text, Outline& out) {
+  if (text.size() > kJsonPiece) return out.appendLong(text);
+  appendString(text, out.text());
+}
+
 template <class Out>
 void appendValue(const JV& value, Out& out) {
   if (const auto* flag = value.asBool()) {
@@ -40,7 +70,7 @@ void appendValue(const JV& value, Out& out) {
   } else if (const auto* real = value.asDouble()) {
     out.append(pyFloat(*real));
   } else if (const auto* string = value.asString()) {
-    writeString(*string, out);
+    putString(*string, out);
   } else if (const auto* array = value.asArray()) {
     out.append("[");
     for (const char* separator = ""; const JV& item : *array) {
@@ -53,7 +83,7 @@ void appendValue(const JV& value, Out& out) {
     out.append("{");
     for (const char* separator = ""; const auto& [key, member] : *object) {
       out.append(separator);
-      writeString(key, out);
+      putString(key, out);
       out.append(": ");
       appendValue(member, out);
       separator = ", ";
@@ -97,13 +127,15 @@ std::string pyFloat(double value) {
   return fixed;
 }
 
-void write(const JV& value, ByteBuffer& out) { appendValue(value, out); }
-
-void write(const JV& value, std::string& out) { appendValue(value, out); }
+std::vector<Part> parts(const JV& value) {
+  Outline outline;
+  appendValue(value, outline);
+  return outline.take();
+}
 
 std::string text(const JV& value) {
   std::string out;
-  write(value, out);
+  appendValue(value, out);
   return out;
 }
 

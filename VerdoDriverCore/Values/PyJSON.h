@@ -5,18 +5,24 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 /// JSON and quoted texts laid out byte for byte as Python's json.dumps and repr lay them out: the
 /// service and its users compare such texts.
 namespace verdo::PyJSON {
 
-/// Appends the JSON text of a value: separators ", " and ": ", no line ends. For large values, a
-/// ByteBuffer: it grows without a second copy.
-void write(const JV& value, ByteBuffer& out);
-void write(const JV& value, std::string& out);
-
-/// The JSON text of a value.
+/// The JSON text of a value: separators ", " and ": ", no line ends.
 std::string text(const JV& value);
+
+/// A piece of a JSON text: `text`, and behind it what becomes of `unescaped` in escapeJson.
+struct Part {
+  std::string text;
+  std::string_view unescaped;
+};
+
+/// The JSON text of a value in pieces, in which long strings (beyond kJsonPiece) are not escaped
+/// yet. They point into the value.
+std::vector<Part> parts(const JV& value);
 
 /// Appends a JSON string in pure ASCII, quotes included. Bytes that are not UTF-8 come out as
 /// U+FFFD, so any bytes may be given.

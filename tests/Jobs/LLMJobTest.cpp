@@ -124,6 +124,17 @@ TEST_F(LLMJobs, RetryTooOftenOrNotAtAll) {
   EXPECT_THAT(texts('i'), Contains(HasSubstr("attempt=2")));
 }
 
+TEST_F(LLMJobs, DieWithAnIdleConnectionOfTheProvider) {
+  start();
+  doneJob(addLLM("a"));
+  service.faults().add({.endpoint = "chat", .count = 1, .delivery = local::Delivery::reset});
+  const auto id = addLLM("b");
+  lastLine(id);
+  EXPECT_EQ(reply(id), "echo: b");
+  EXPECT_EQ(service.requests().count("chat"), 3u);
+  EXPECT_FALSE(log->has("llm enrich: attempt 1 failed"));
+}
+
 TEST_F(LLMJobs, CallTheProviderWhenTheyCannot) {
   const struct {
     const char* key;
@@ -182,15 +193,14 @@ TEST_F(LLMJobs, KeepTheProviderCallOpen) {
   }
 }
 
-TEST_F(LLMJobs, LoseOrReorderPartsOfALongReply) {
+TEST_F(LLMJobs, LoseOrReorderPartsOfALongPromptOrReply) {
   std::string text;
   while (text.size() < 5'000'000)
     text += "line \"" + std::to_string(text.size()) + "\"\n\té€😀\x01";
-  rule({.content = text});
-  const auto id = addLLM("long");
+  const auto id = addLLM(text);
   start();
   EXPECT_THAT(lastLine(id), StartsWith(R"(__LLMEND__{"ok": true)"));
-  EXPECT_TRUE(reply(id) == text);
+  EXPECT_TRUE(reply(id) == "echo: " + text);
 }
 
 TEST_F(LLMJobs, TakeALaneOrWaitForOne) {

@@ -154,6 +154,24 @@ TEST(StagingDirectory, WaitsForAProcessThatNeverGivesTheCacheBack) {
   EXPECT_THAT(waiting.get(), testing::HasSubstr("Resource temporarily unavailable"));
 }
 
+TEST(StagingDirectory, WaitsUntilAnotherDriverHasTidiedUp) {
+  const TempDir cache;
+  const std::string left = cache / "verdo-left";
+  fs::create_directory(left);
+  for (int i = 0; i < 2'000; ++i) cache.write("verdo-left/" + std::to_string(i), "");
+  const auto written = fs::last_write_time(left);
+  const auto tidying =
+      std::async(std::launch::async, [&] { StagingDirectory::removeAbandoned(cache.path()); });
+  std::set<std::string> failures;  // of directories made while the other one is being removed
+  for (std::error_code gone; !gone;) {
+    if (fs::last_write_time(left, gone) == written) continue;
+    const auto failure =
+        failureOf([&] { StagingDirectory(cache.path(), std::chrono::milliseconds::zero()); });
+    if (fs::exists(left)) failures.insert(failure);
+  }
+  EXPECT_THAT(failures, testing::Contains(""));
+}
+
 TEST(StagingDirectory, OutlivesACrashOnlyUntilTheNextStart) {
   const TempDir cache, elsewhere;
   elsewhere.write("precious", "x");

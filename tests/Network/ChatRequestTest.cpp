@@ -1,5 +1,6 @@
 #include "VerdoDriverCore/Jobs/LLMLines.h"
 #include "VerdoDriverCore/Network/ChatRequest.h"
+#include "VerdoDriverCore/Network/JsonBody.h"
 #include "VerdoDriverCore/Values/JsonReader.h"
 #include "VerdoDriverCore/Values/PyJSON.h"
 #include "tests/Support/FailureOf.h"
@@ -57,6 +58,21 @@ TEST(ChatRequest, KeepsThePromptTwice) {
   EXPECT_EQ(message.find("content")->asString()->data(), text) << "copied";
 }
 
+TEST(JsonBody, SendsAnotherTextOrSize) {
+  std::string prompt;
+  while (prompt.size() < 200'000) prompt += "Öl, 油 \"";
+  const JV value = JV::Object{{"a", JV::Array{1, prompt, "é", prompt}}, {prompt, nullptr}};
+  const std::string text = PyJSON::text(value);
+  const JsonBody body(value);
+  EXPECT_EQ(body.size(), text.size());
+  for (const std::size_t room : {1'000u, 1'000'000u}) {
+    const auto read = body.open();
+    std::string sent, piece(room, '\0');
+    while (const auto size = read(piece.data(), room)) sent.append(piece, 0, size);
+    EXPECT_TRUE(sent == text) << room;
+  }
+}
+
 TEST(ChatRequest, MisjudgesAReply) {
   const std::string longBody(500, 'x');
   const std::string cut(200, 'x');
@@ -68,6 +84,8 @@ TEST(ChatRequest, MisjudgesAReply) {
       {200, R"({"choices": [{"message": {"content": "hi"}}], "model": "m", "usage": {"n": 1}})",
        R"(hi|m|{"n": 1})"},
       {200, R"({"choices": [{"message": {"content": "hi"}}]})", "hi|asked|none"},
+      {200, R"({"choices": [{"message": {"content": "hi"}}], "usage": {"n": -1e400, "m": 1}})",
+       R"(hi|asked|{"n": null, "m": 1})"},
       {401, "", "permission: provider rejected the key (HTTP 401)"},
       {429, longBody, "transient retryable: provider HTTP 429: " + cut},
       {500, "\xff", "transient retryable: provider HTTP 500: \xEF\xBF\xBD"},

@@ -1,3 +1,5 @@
+#include "VerdoDriverCore/Run/Hello.h"
+#include "VerdoDriverCore/Values/JsonReader.h"
 #include "tests/Support/DriverFixture.h"
 
 namespace verdo::test {
@@ -59,6 +61,14 @@ TEST_F(Hello, UnusableSettingStopsTheDriverOrClosesForeignSpaces) {
   EXPECT_THAT(texts('w'), Contains(StartsWith("space_pattern of the server is unusable (")));
 }
 
+TEST_F(Hello, TinyIntervalSpinsTheReaper) {
+  const JV reply =
+      parseJson(R"({"protocol": 2, "idle_close_seconds": 1e-9, "reap_interval_seconds": 1e-9})");
+  const auto hello = std::get<verdo::Hello>(verdo::Hello::from(reply, {}));
+  EXPECT_EQ(hello.idleClose, 1);
+  EXPECT_EQ(hello.reapInterval, 1);
+}
+
 TEST_F(Hello, LlmKeyItselfReachesTheServer) {
   config.llmKey = "sk-provider-key-7890";
   config.llmBase = "https://provider.example/base//";
@@ -87,6 +97,15 @@ TEST_F(Hello, PasswordInTheProvidersUrlReachesTheServerOrTheLog) {
     EXPECT_THAT(texts('w'), Contains(HasSubstr("could not validate the LLM key against")));
     EXPECT_THAT(texts('w'), Not(Contains(HasSubstr("s3cret"))));
   }
+}
+
+TEST_F(Hello, QueryInTheProvidersUrlFailsEachJobOrIsRepeated) {
+  for (const char* base : {"https://provider/v1?key=s3cret", "https://provider/v1#/"}) {
+    config.llmBase = base;
+    EXPECT_EQ(run(), ExitReason::badConfig("an LLM base URL must not hold a query or fragment; "
+                                           "leave out what begins with ? or #"));
+  }
+  EXPECT_EQ(service.requests().count(), 0u);
 }
 
 }  // namespace

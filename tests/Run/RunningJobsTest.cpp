@@ -1,5 +1,6 @@
 #include "VerdoDriverCore/Run/PollWait.h"
 #include "VerdoDriverCore/Run/RunningJobs.h"
+#include "tests/Support/NoThreads.h"
 #include "tests/Support/RecordingObserver.h"
 
 #include <thread>
@@ -54,6 +55,19 @@ TEST(RunningJobs, ReportsOvertakeEachOther) {
   EXPECT_THAT(observer->events(),
               ElementsAre("started 1 a a", "lanes [a]", "started 2 b b", "lanes [a b]",
                           "finished 1 a 0 -", "lanes [b]", "finished 2 b 0 -", "lanes []"));
+}
+
+TEST(RunningJobs, JobWithoutAThreadPassesForDone) {
+  const auto observer = std::make_shared<test::RecordingObserver>();
+  RunningJobs jobs(observer);
+  const auto worker = workerInLane(1, "a");
+  EXPECT_TRUE(jobs.add(worker));
+  {
+    const test::NoThreads now;
+    EXPECT_THROW(worker->start(), std::system_error);
+  }
+  jobs.remove(*worker);
+  EXPECT_TRUE(observer->waitFor("finished 1 a 127 driver error: system_error"));
 }
 
 TEST(PollWait, AsksAProxyForMoreThanItGives) {

@@ -33,8 +33,9 @@ TEST_F(ServeLoop, FailingPollsHammerTheServerOrComeTooLate) {
   }
   EXPECT_EQ(observer->events(), told);
   // After a success they begin anew.
+  doneJob(addJob("say a"));
   answerWith("poll", 500, "x", 1);
-  addJob("say a");
+  addJob("say b");  // lets the poll in flight return
   EXPECT_TRUE(observer->waitFor("retrying 0.02", 2));
 }
 

@@ -60,12 +60,13 @@ TEST_F(Stop, ExecutorThatHangsForAJobIsAskedAgain) {
   setSpaces({"u1-a", "u1-b"});
   for (const char* script : {"close", "list"}) hangOn(script);
   config.noSweep = true;
-  timings.termination = TerminationTimings{};  // each hanging script costs a second
+  timings.termination = TerminationTimings{};  // a grace of 5 s, were it not cut
+  timings.scriptStopping = 1500ms;             // what a hanging script costs
   const auto id = addJob("sleep 100", {.taskSpace = "u1-a"});
   start();
   ASSERT_TRUE(service.jobs().waitForLine(id, "ready", kLong));
   EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
-  EXPECT_LT(elapsed.count(), kSanitized ? 10 : 2.7);
+  EXPECT_LT(elapsed.count(), kSanitized ? 10 : 2.3);
 }
 
 TEST_F(Stop, CleanEndWaitsForTheReapersScript) {
