@@ -13,9 +13,9 @@ namespace verdo {
 namespace {
 
 /// One walk through the parts.
-class Reader {
+class PartsReader {
  public:
-  explicit Reader(const std::vector<PyJSON::Part>& parts) : parts_(parts) {
+  explicit PartsReader(const std::vector<PyJSON::Part>& parts) : parts_(parts) {
     if (parts.size() > 1) buffer_.room(kJsonExpansion * kJsonPiece + kJsonSlack);
   }
 
@@ -56,12 +56,12 @@ class Reader {
 }  // namespace
 
 JsonBody::JsonBody(JV value) : value_(std::move(value)), parts_(PyJSON::parts(value_)) {
-  Reader reader(parts_);
+  PartsReader reader(parts_);
   for (auto bytes = reader.next(); !bytes.empty(); bytes = reader.next()) size_ += bytes.size();
 }
 
 HttpBodySource::Read JsonBody::open() const {
-  return [reader = std::make_shared<Reader>(parts_)](char* out, std::size_t room) {
+  return [reader = std::make_shared<PartsReader>(parts_)](char* out, std::size_t room) {
     return reader->read(out, room);
   };
 }
