@@ -75,11 +75,11 @@ TEST_F(Acknowledge, JobThatIsNoLongerOursIsRunAllTheSame) {
 }
 
 TEST_F(Acknowledge, LongOutageOrAnOldDriverIsRetriedForOneJob) {
-  timings.retryFirst = 100ms;
-  timings.retryLongest = 200ms;
-  timings.acknowledgeDeadline = 800ms;
+  timings.retryFirst = 200ms;
+  timings.retryLongest = 400ms;
+  timings.acknowledgeDeadline = 1780ms;
   const std::pair<int, std::uint64_t> cases[] = {
-      {503, 6},  // at 0, 1, 3, 5, 7 and 9 units; the limit is at 8
+      {503, 6},  // at 0, 1, 3, 5, 7 and 9 units; the limit is just before 9
       {426, 1},
   };
   for (const auto& [status, posts] : cases) {

@@ -103,7 +103,6 @@ TEST_F(Kill, StopLeavesAJobUnreportedOrItsSpaceOpen) {
 }
 
 TEST_F(Kill, StopBeforeTheChildExistsLetsTheJobRunOn) {
-  timings.acknowledgeDeadline = 10s;
   service.faults().add({.endpoint = "lines", .count = 1, .delay = 60s});
   addJob("sleep 100", {.taskSpace = "u1-a"});
   start();

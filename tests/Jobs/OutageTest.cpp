@@ -92,6 +92,7 @@ TEST_F(Outage, StoppingDriverKeepsRetryingForTheWholeTimeOrWithoutPauses) {
   service.faults().add({.endpoint = "complete", .delivery = local::Delivery::reset});
   timings.retryLongest = timings.retryFirst;
   timings.postDeadline = 60s;
+  timings.postDeadlineStopping = 200ms;
   addJob("say a");
   start();
   ASSERT_TRUE(service.requests().waitFor("complete", 3, kLong));

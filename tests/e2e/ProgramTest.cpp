@@ -166,7 +166,7 @@ TEST_F(TheProgram, SignalDuringAPollIsNotHeard) {
     const auto begin = std::chrono::steady_clock::now();
     program.signal(number);
     EXPECT_EQ(program.wait(), 130);
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, 3s);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 10s);
     EXPECT_THAT(program.errors(), HasSubstr("! stopping — killing jobs and closing their tabs\n"));
   }
 }

@@ -24,7 +24,17 @@ TEST_F(Volume, FloodIsLostReorderedOrKeptInMemory) {
   Program program(
       {"--server", service.url(), "--exec", config.execCommand},
       {{"PATH", "/usr/bin:/bin"}, {"HOME", home()}, {"VERDO_DRIVER_TOKEN", service.token()}});
-  const auto job = doneJob(id);
+  // However long it takes, it goes on.
+  std::uint64_t seen = 0;
+  const auto growsOrEnds = [&](const local::JobSnapshot& job) {
+    return job.state == local::JobState::done || job.lineCount > seen;
+  };
+  auto job = *service.jobs().find(id);
+  while (job.state != local::JobState::done) {
+    ASSERT_TRUE(service.jobs().waitFor(id, growsOrEnds, kLong)) << "no line after " << seen;
+    job = *service.jobs().find(id);
+    seen = job.lineCount;
+  }
   EXPECT_EQ(job.exitCode, 0);
   EXPECT_EQ(job.lineCount, static_cast<std::uint64_t>(lines));
   EXPECT_EQ(job.linesSha256, shaOfNumbered(lines));
