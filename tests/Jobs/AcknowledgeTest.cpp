@@ -78,6 +78,7 @@ TEST_F(Acknowledge, LongOutageOrAnOldDriverIsRetriedForOneJob) {
   timings.retryFirst = 200ms;
   timings.retryLongest = 400ms;
   timings.acknowledgeDeadline = 1780ms;
+  timings.postDeadline = 5s;
   const std::pair<int, std::uint64_t> cases[] = {
       {503, 6},  // at 0, 1, 3, 5, 7 and 9 units; the limit is just before 9
       {426, 1},
