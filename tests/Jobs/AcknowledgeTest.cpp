@@ -8,7 +8,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 using Line = RecordingLog::Line;
 
@@ -42,7 +41,7 @@ TEST_F(Acknowledge, OneJobMakesExactlyTheRequestsAndTextsThatPeopleRelyOn) {
   EXPECT_EQ(requests.back().target, "/api/driver/jobs/1/complete");
   EXPECT_EQ(requests.back().body, R"({"exit_code": 0, "error": null})");
   EXPECT_THAT(service.jobs().lines(id), ElementsAre("a", "b"));
-  EXPECT_THAT(closedSpaces(), IsEmpty());
+  EXPECT_THAT(closedSpaces(), testing::IsEmpty());
 }
 
 TEST_F(Acknowledge, JobThatIsNoLongerOursIsRunAllTheSame) {

@@ -7,7 +7,6 @@ namespace verdo::test {
 namespace {
 
 using namespace std::chrono_literals;
-using local::JobState;
 using local::ProviderRule;
 using testing::Contains;
 using testing::ContainsRegex;
@@ -208,7 +207,7 @@ TEST_F(LLMJobs, TakeALaneOrWaitForOne) {
   EXPECT_EQ(service.requests().maxInFlight("chat"), 100u);
   EXPECT_EQ(doneJob(beside).exitCode, 0);
   for (auto id = held + 2; id < beside; ++id) EXPECT_EQ(doneJob(id).exitCode, 0);
-  EXPECT_EQ(service.jobs().find(held)->state, JobState::leased);
+  EXPECT_EQ(service.jobs().find(held)->state, local::JobState::leased);
 }
 
 TEST_F(LLMJobs, KeyCheckMisjudgesAKey) {

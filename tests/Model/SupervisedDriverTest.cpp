@@ -3,7 +3,6 @@
 #include "tests/Support/AppFixture.h"
 #include "tests/Support/Misbehaviour.h"
 #include "tests/Support/ScopedEnv.h"
-#include "tests/Support/StateKind.h"
 
 namespace verdo::test {
 namespace {

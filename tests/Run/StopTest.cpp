@@ -10,7 +10,6 @@ namespace verdo::test {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::Contains;
 
 constexpr double kSoon = 10;  // seconds; nothing that a stop must not wait for ends before 20
 
@@ -38,7 +37,7 @@ TEST_F(Stop, PollIsWaitedForOrRepeated) {
   EXPECT_LT(elapsed.count(), kSoon);
   EXPECT_TRUE(service.requests().waitForHangUps("poll", 1, kLong));
   EXPECT_EQ(service.requests().count("poll"), 1u);
-  EXPECT_THAT(texts('w'), Not(Contains(testing::HasSubstr("poll failed"))));
+  EXPECT_THAT(texts('w'), Not(testing::Contains(testing::HasSubstr("poll failed"))));
 }
 
 TEST_F(Stop, HangingScriptHoldsUpAStop) {

@@ -6,7 +6,6 @@ namespace verdo::test {
 namespace {
 
 using namespace std::chrono_literals;
-using local::FaultReply;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
@@ -133,10 +132,11 @@ TEST_F(TheProgram, ShowsASecretToSomebody) {
   environment["VERDO_LLM_API_KEY"] = kKey;
   const auto id = addJob("environment");
   const auto waiting = addJob("sleep 100");
-  service.faults().add({.endpoint = "lines",
-                        .after = 3,
-                        .count = 1,
-                        .reply = FaultReply{.status = 500, .body = "Bearer " + service.token()}});
+  service.faults().add(
+      {.endpoint = "lines",
+       .after = 3,
+       .count = 1,
+       .reply = local::FaultReply{.status = 500, .body = "Bearer " + service.token()}});
   Program program(arguments(), environment);
   EXPECT_EQ(doneJob(id).exitCode, 0);
   std::string seen;

@@ -43,17 +43,5 @@ TEST_F(Volume, FloodIsLostReorderedOrKeptInMemory) {
   EXPECT_EQ(program.wait(), 130);
 }
 
-TEST_F(Volume, OutputIsThrottledWhileTheServerIsAwayAndThenLost) {
-  // Memory stays bounded through an outage: the child has to wait.
-  service.faults().add(
-      {.endpoint = "lines", .after = 1, .count = 5, .reply = local::FaultReply{.status = 503}});
-  config.serveJobs = 1;
-  const int lines = kSanitized ? 100'000 : 500'000;
-  const auto id = addJob("number " + std::to_string(lines), {.keepLines = false});
-  EXPECT_EQ(run(), ExitReason::clean());
-  EXPECT_EQ(service.jobs().find(id)->linesSha256, shaOfNumbered(lines));
-  for (const auto& post : service.requests().list("lines")) EXPECT_LE(post.bodySize, 8u << 20);
-}
-
 }  // namespace
 }  // namespace verdo::test
