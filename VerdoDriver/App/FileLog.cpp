@@ -159,10 +159,11 @@ class FileLog::Writer : public std::enable_shared_from_this<Writer> {
 
 std::string FileLog::defaultDirectory() { return logDirectory(); }
 
-FileLog::FileLog(std::string directory, std::uint64_t maxBytes, int keep)
+FileLog::FileLog(std::string directory, std::uint64_t maxBytes, int keep,
+                 std::chrono::milliseconds patience)
     : path_(directory + "/driver.log"),
       writer_(std::make_shared<Writer>(
-          RotatingFile(std::move(directory), "driver.log", maxBytes, keep))) {}
+          RotatingFile(std::move(directory), "driver.log", maxBytes, keep, patience))) {}
 
 FileLog::~FileLog() {
   flush();

@@ -27,13 +27,17 @@ class FileLog : public DriverLog {
   /// How much text may wait for the disk; what comes then is lost, and the log says how many lines.
   static constexpr std::size_t kMaxWaiting = 1024 * 1024;
 
+  /// How long another instance may hold the file up. It needs microseconds, but may have been
+  /// stopped.
+  static constexpr std::chrono::milliseconds kPatience{200};
+
   /// logDirectory(), where this system's users look for the logs of programs.
   static std::string defaultDirectory();
 
   /// Touches nothing until the first line. `maxBytes` bounds the file, `keep` (at least 1) the
   /// number of older ones.
   explicit FileLog(std::string directory = defaultDirectory(), std::uint64_t maxBytes = kMaxBytes,
-                   int keep = kKeep);
+                   int keep = kKeep, std::chrono::milliseconds patience = kPatience);
   /// Flushes.
   ~FileLog() override;
 

@@ -20,8 +20,6 @@ namespace {
 
 using std::chrono::milliseconds;
 
-/// How long another process may hold the file up. It needs microseconds, but may have been stopped.
-constexpr milliseconds kPatience{200};
 /// How often in one append others may take the file away before that counts as a failure.
 constexpr int kMaxOpenings = 32;
 
@@ -82,11 +80,12 @@ void renameIfThere(const std::string& from, const std::string& to) {
 }  // namespace
 
 RotatingFile::RotatingFile(std::string directory, const std::string& name, std::uint64_t maxBytes,
-                           int keep)
+                           int keep, milliseconds patience)
     : directory_(std::move(directory)),
       path_(directory_ + "/" + name),
       maxBytes_(maxBytes),
-      keep_(std::max(keep, 1)) {}
+      keep_(std::max(keep, 1)),
+      patience_(patience) {}
 
 void RotatingFile::append(std::string_view piece) {
   try {
@@ -118,7 +117,7 @@ void RotatingFile::open() {
 }
 
 RotatingFile::Outcome RotatingFile::tryAppend(std::string_view piece, bool mayRotate) {
-  const Turn turn(file_.get(), isHeldUp_ ? milliseconds(0) : kPatience);
+  const Turn turn(file_.get(), isHeldUp_ ? milliseconds(0) : patience_);
   isHeldUp_ = turn.isOthers();
   // Only now: whoever had the turn before may have rotated.
   if (!isStillThere()) return Outcome::replaced;

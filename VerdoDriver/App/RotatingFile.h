@@ -2,6 +2,7 @@
 
 #include "VerdoDriverCore/System/UniqueFd.h"
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -11,13 +12,15 @@ namespace verdo {
 /// A text file that is only appended to and that moves aside, as "{name}.1", "{name}.2" and so on,
 /// before it grows beyond a size. Several processes may append to one file: what was appended in
 /// one piece stays in one piece, and they rotate it once. A file or directory that someone deleted
-/// or moved is made anew. A process that keeps its turn holds the others up once, for 200 ms; they
-/// then append without it until it is over. Not thread-safe.
+/// or moved is made anew. A process that keeps its turn holds the others up once; they then append
+/// without it until it is over. Not thread-safe.
 class RotatingFile {
  public:
   /// `maxBytes`: the size that the file keeps to, unless a single piece is larger. `keep`: how many
-  /// files that were moved aside stay, at least 1. Nothing is touched yet.
-  RotatingFile(std::string directory, const std::string& name, std::uint64_t maxBytes, int keep);
+  /// files that were moved aside stay, at least 1. `patience`: how long another process may keep
+  /// its turn. Nothing is touched yet.
+  RotatingFile(std::string directory, const std::string& name, std::uint64_t maxBytes, int keep,
+               std::chrono::milliseconds patience);
 
   const std::string& path() const { return path_; }
 
@@ -38,6 +41,7 @@ class RotatingFile {
   const std::string path_;
   const std::uint64_t maxBytes_;
   const int keep_;
+  const std::chrono::milliseconds patience_;
   UniqueFd file_;
   bool isHeldUp_ = false;  ///< the turn was another process's to the end of our patience
 };

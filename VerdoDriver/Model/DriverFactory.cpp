@@ -8,8 +8,8 @@ namespace {
 class RealDriver : public DriverHandle {
  public:
   RealDriver(const DriverConfig& config, std::shared_ptr<DriverLog> log,
-             std::weak_ptr<DriverObserver> observer)
-      : runner_(config, std::move(log), std::move(observer)) {}
+             std::weak_ptr<DriverObserver> observer, const Timings& timings)
+      : runner_(config, std::move(log), std::move(observer), timings) {}
   ExitReason run() override { return runner_.run(); }
   void stop() override { runner_.stop(); }
   void killJobsNow() override { runner_.killJobsNow(); }
@@ -24,7 +24,7 @@ class RealDriver : public DriverHandle {
 std::shared_ptr<DriverHandle> RealDriverFactory::makeDriver(
     const DriverConfig& config, std::shared_ptr<DriverLog> log,
     std::weak_ptr<DriverObserver> observer) {
-  return std::make_shared<RealDriver>(config, std::move(log), std::move(observer));
+  return std::make_shared<RealDriver>(config, std::move(log), std::move(observer), timings_);
 }
 
 }  // namespace verdo

@@ -4,6 +4,7 @@
 #include "VerdoDriverCore/Contract/DriverConfig.h"
 #include "VerdoDriverCore/Contract/DriverObserver.h"
 #include "VerdoDriverCore/Contract/ExitReason.h"
+#include "VerdoDriverCore/Contract/Timings.h"
 
 #include <memory>
 
@@ -40,9 +41,13 @@ class DriverFactory {
 /// Runs of the driver itself.
 class RealDriverFactory : public DriverFactory {
  public:
+  explicit RealDriverFactory(const Timings& timings = {}) : timings_(timings) {}
   std::shared_ptr<DriverHandle> makeDriver(const DriverConfig& config,
                                            std::shared_ptr<DriverLog> log,
                                            std::weak_ptr<DriverObserver> observer) override;
+
+ private:
+  const Timings timings_;
 };
 
 }  // namespace verdo

@@ -8,7 +8,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 using Line = RecordingLog::Line;
 
@@ -42,7 +41,7 @@ TEST_F(Acknowledge, OneJobMakesExactlyTheRequestsAndTextsThatPeopleRelyOn) {
   EXPECT_EQ(requests.back().target, "/api/driver/jobs/1/complete");
   EXPECT_EQ(requests.back().body, R"({"exit_code": 0, "error": null})");
   EXPECT_THAT(service.jobs().lines(id), ElementsAre("a", "b"));
-  EXPECT_THAT(closedSpaces(), IsEmpty());
+  EXPECT_THAT(closedSpaces(), testing::IsEmpty());
 }
 
 TEST_F(Acknowledge, JobThatIsNoLongerOursIsRunAllTheSame) {
@@ -75,11 +74,12 @@ TEST_F(Acknowledge, JobThatIsNoLongerOursIsRunAllTheSame) {
 }
 
 TEST_F(Acknowledge, LongOutageOrAnOldDriverIsRetriedForOneJob) {
-  timings.retryFirst = 100ms;
-  timings.retryLongest = 200ms;
-  timings.acknowledgeDeadline = 800ms;
+  timings.retryFirst = 200ms;
+  timings.retryLongest = 400ms;
+  timings.acknowledgeDeadline = 1780ms;
+  timings.postDeadline = 5s;
   const std::pair<int, std::uint64_t> cases[] = {
-      {503, 6},  // at 0, 1, 3, 5, 7 and 9 units; the limit is at 8
+      {503, 6},  // at 0, 1, 3, 5, 7 and 9 units; the limit is just before 9
       {426, 1},
   };
   for (const auto& [status, posts] : cases) {

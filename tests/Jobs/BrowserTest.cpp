@@ -12,7 +12,6 @@ namespace {
 using namespace test;
 using namespace std::chrono_literals;
 using testing::ElementsAre;
-using testing::IsEmpty;
 using Line = RecordingLog::Line;
 
 class BrowserTest : public testing::Test {
@@ -66,7 +65,7 @@ TEST_F(BrowserTest, ReadsTheFirstAnswerOnly) {
   }
   const std::string named = "__SPACES__[{\"name\": \"a\"}, {\"name\": \"\"}, {}, {\"name\": 7}]";
   EXPECT_THAT(printing(named).spaceNames(), ElementsAre("a", "7"));
-  EXPECT_THAT(log->lines(), IsEmpty());
+  EXPECT_THAT(log->lines(), testing::IsEmpty());
 }
 
 }  // namespace

@@ -10,11 +10,8 @@ namespace verdo::test {
 namespace {
 
 using namespace std::chrono_literals;
-using local::FaultReply;
 using testing::Contains;
 using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::UnorderedElementsAre;
 
 class Kill : public DriverFixture {};
 
@@ -84,8 +81,8 @@ TEST_F(Kill, StopLeavesAJobUnreportedOrItsSpaceOpen) {
   EXPECT_EQ(service.jobs().find(2)->exitCode, -SIGTERM);
   EXPECT_EQ(service.jobs().find(3)->exitCode, -SIGTERM);
   // The spaces of the jobs, and then whatever else is the driver's own.
-  EXPECT_THAT(closedSpaces(), UnorderedElementsAre("u1-a", "mine", "u1-b", "u1-other"));
-  EXPECT_THAT(spaces(), IsEmpty());
+  EXPECT_THAT(closedSpaces(), testing::UnorderedElementsAre("u1-a", "mine", "u1-b", "u1-other"));
+  EXPECT_THAT(spaces(), testing::IsEmpty());
   EXPECT_THAT(texts('i'), Contains("closed 2 leftover task space(s): u1-b, u1-other"));
   EXPECT_THAT(texts('w'), Contains("stopping — killing jobs and closing their tabs"));
   EXPECT_THAT(texts('w'), testing::Not(Contains(testing::HasSubstr("cancel requested"))));
@@ -103,7 +100,6 @@ TEST_F(Kill, StopLeavesAJobUnreportedOrItsSpaceOpen) {
 }
 
 TEST_F(Kill, StopBeforeTheChildExistsLetsTheJobRunOn) {
-  timings.acknowledgeDeadline = 10s;
   service.faults().add({.endpoint = "lines", .count = 1, .delay = 60s});
   addJob("sleep 100", {.taskSpace = "u1-a"});
   start();
@@ -122,7 +118,7 @@ TEST_F(Kill, ChildThatHasClosedItsOutputKeepsTheProcessorBusyUntilItEnds) {
   config.pollWait = 1;
   // The job, then a second in which its child becomes deaf, then the end.
   service.faults().add(
-      {.endpoint = "poll", .after = 2, .reply = FaultReply{.status = 401, .body = ""}});
+      {.endpoint = "poll", .after = 2, .reply = local::FaultReply{.status = 401, .body = ""}});
   const auto id = addJob("closed deaf");
   const auto before = std::clock();
   EXPECT_EQ(run().kind(), ExitReason::Kind::tokenRevoked);

@@ -7,9 +7,9 @@ namespace verdo::test {
 namespace {
 
 using namespace std::chrono_literals;
-using local::JobState;
 using local::ProviderRule;
 using testing::Contains;
+using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::StartsWith;
 
@@ -76,8 +76,8 @@ TEST_F(LLMJobs, SendOrReportSomethingElse) {
                         R"("content": "gr\u00fc\u00df"}], "stream": false})");
   EXPECT_TRUE(log->waitFor("job 1: finished with exit 0"));
   EXPECT_THAT(texts('i'), Contains("job 1 [llm] role=enrich model=m1 (6 bytes prompt)"));
-  EXPECT_THAT(texts('i'), Contains(StartsWith("job 1: llm enrich: model=m2 prompt_chars=4 "
-                                              "reply_chars=2 0.0s attempt=1")));
+  EXPECT_THAT(texts('i'), Contains(ContainsRegex("^job 1: llm enrich: model=m2 prompt_chars=4 "
+                                                 "reply_chars=2 [0-9]\\.[0-9]s attempt=1")));
 }
 
 TEST_F(LLMJobs, HideHowTheProviderFailedOrCarryASecretOn) {
@@ -119,8 +119,9 @@ TEST_F(LLMJobs, RetryTooOftenOrNotAtAll) {
   EXPECT_THAT(lastLine(once), StartsWith(R"(__LLMEND__{"ok": true)"));
   EXPECT_THAT(lastLine(twice), StartsWith(R"(__LLMEND__{"ok": false, "category": "transient")"));
   EXPECT_EQ(service.requests().count("chat"), 4u);
-  EXPECT_THAT(texts('i'), Contains(HasSubstr("llm enrich: attempt 1 failed after 0.0s (transient, "
-                                             "retryable): provider HTTP 500")));
+  EXPECT_THAT(texts('i'),
+              Contains(ContainsRegex("llm enrich: attempt 1 failed after [0-9]\\.[0-9]s "
+                                     "\\(transient, retryable\\): provider HTTP 500")));
   EXPECT_THAT(texts('i'), Contains(HasSubstr("attempt=2")));
 }
 
@@ -173,6 +174,7 @@ TEST_F(LLMJobs, KeepTheProviderCallOpen) {
   for (const auto& row : table) {
     SCOPED_TRACE(row.text);
     forget();
+    timings.reportCycle = &row == table ? 1000ms : 60ms;
     rule({.never = true});
     // The job shall learn of a revocation, not the next poll.
     service.faults().add({.endpoint = "poll", .after = 1, .delay = 60s});
@@ -185,7 +187,7 @@ TEST_F(LLMJobs, KeepTheProviderCallOpen) {
     if (&row == table) {
       const auto& requests = service.requests();
       const auto told = requests.waitForReply("lines", requests.count("lines"), kLong)->replied;
-      EXPECT_LT(*requests.list("chat")[0].hungUp - *told, kSanitized ? 1s : 50ms);
+      EXPECT_LT(*requests.list("chat")[0].hungUp - *told, 500ms) << "at the next heartbeat";
     }
     stopAndFinish();
     EXPECT_EQ(completion(id), row.record);
@@ -215,7 +217,7 @@ TEST_F(LLMJobs, TakeALaneOrWaitForOne) {
   EXPECT_EQ(service.requests().maxInFlight("chat"), 100u);
   EXPECT_EQ(doneJob(beside).exitCode, 0);
   for (auto id = held + 2; id < beside; ++id) EXPECT_EQ(doneJob(id).exitCode, 0);
-  EXPECT_EQ(service.jobs().find(held)->state, JobState::leased);
+  EXPECT_EQ(service.jobs().find(held)->state, local::JobState::leased);
 }
 
 TEST_F(LLMJobs, KeyCheckMisjudgesAKey) {

@@ -7,8 +7,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using testing::Contains;
-using testing::HasSubstr;
-using testing::Not;
 using testing::StartsWith;
 
 class Outage : public DriverFixture {};
@@ -92,6 +90,7 @@ TEST_F(Outage, StoppingDriverKeepsRetryingForTheWholeTimeOrWithoutPauses) {
   service.faults().add({.endpoint = "complete", .delivery = local::Delivery::reset});
   timings.retryLongest = timings.retryFirst;
   timings.postDeadline = 60s;
+  timings.postDeadlineStopping = 200ms;
   addJob("say a");
   start();
   ASSERT_TRUE(service.requests().waitFor("complete", 3, kLong));
@@ -115,7 +114,7 @@ TEST_F(Outage, ThrottledRequestIsTakenForDone) {
   EXPECT_EQ(service.requests().count("poll"), 3u);
   EXPECT_THAT(texts('w'), Contains("server unreachable, retrying: POST /api/driver/jobs/1/complete "
                                    "-> 429: slow down"));
-  EXPECT_THAT(texts('w'), Not(Contains(HasSubstr("poll failed"))));
+  EXPECT_THAT(texts('w'), testing::Not(Contains(testing::HasSubstr("poll failed"))));
   EXPECT_EQ(log->lines().back().text, "job 1: finished with exit 0");
 }
 

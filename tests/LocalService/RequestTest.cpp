@@ -1,11 +1,16 @@
 #include "LocalService/LocalService.h"
+#include "LocalService/ThreadCache.h"
 #include "VerdoDriverCore/System/Files.h"
+#include "VerdoDriverCore/System/Sync.h"
 #include "VerdoDriverCore/System/UniqueFd.h"
+#include "tests/Support/Leaks.h"
 
 #include <array>
 #include <cstdlib>
+#include <latch>
 #include <map>
 #include <string>
+#include <thread>
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
@@ -16,8 +21,6 @@
 namespace verdo::test {
 namespace {
 
-using testing::AllOf;
-using testing::HasSubstr;
 using testing::StartsWith;
 
 class LocalServiceRequest : public testing::Test {
@@ -132,11 +135,26 @@ TEST_F(LocalServiceRequest, TakesAValueThatItCannotKeep) {
       {"files", R"({"name": "a", "content_base64": "QQ"})", "base64"},
   };
   for (const auto& [path, body, complaint] : table) {
-    EXPECT_THAT(post(path, body, authorization), AllOf(StartsWith("400"), HasSubstr(complaint)));
+    EXPECT_THAT(post(path, body, authorization),
+                testing::AllOf(StartsWith("400"), testing::HasSubstr(complaint)));
   }
   EXPECT_THAT(post("files", R"({"name": "a", "content_base64": "QUI="})", authorization),
               StartsWith("200"));
   EXPECT_EQ(client.Get("/files/a")->body, "AB");
+}
+
+TEST(ThreadCache, KeepsTheThreadsOfABurst) {
+  std::thread([] {}).join();  // with it comes a sanitizer's own thread
+  const auto before = threadNames().size();
+  constexpr int kTasks = 20;
+  local::ThreadCache cache(std::chrono::milliseconds(50));
+  std::latch together(kTasks);
+  for (int i = 0; i < kTasks; ++i) cache.run([&] { together.arrive_and_wait(); });
+  EXPECT_TRUE(eventually([&] { return threadNames().size() <= before; }));
+
+  Event again;
+  cache.run([&] { again.set(); });
+  EXPECT_TRUE(again.waitFor(std::chrono::seconds(10)));
 }
 
 }  // namespace

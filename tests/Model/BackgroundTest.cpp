@@ -1,5 +1,4 @@
 #include "VerdoDriver/Model/SecretTask.h"
-#include "tests/Support/EarlyPost.h"
 #include "tests/Support/MainLoop.h"
 #include "tests/Support/NoThreads.h"
 

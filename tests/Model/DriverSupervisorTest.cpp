@@ -1,6 +1,5 @@
 #include "VerdoDriver/Model/DriverSupervisor.h"
 #include "tests/Support/AppFixture.h"
-#include "tests/Support/StateKind.h"
 
 #include <thread>
 

@@ -11,9 +11,7 @@ namespace verdo::test {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::Contains;
 using testing::Each;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -80,14 +78,14 @@ TEST_F(Pairing, IsNotApprovedInTheBrowser) {
             403);
   poll();
   EXPECT_TRUE(isWaiting());
-  EXPECT_THAT(press(opened, "Approve"), Contains(HasSubstr("Ann's <computer>")));
+  EXPECT_THAT(press(opened, "Approve"), testing::Contains(HasSubstr("Ann's <computer>")));
   poll();
   EXPECT_EQ(flow.state(), PairingState(PairingConnecting{"ann"}));
   EXPECT_EQ(received, "ann:" + service.token());
   const auto token = "····" + service.token().substr(service.token().size() - 4);
-  EXPECT_THAT(
-      log->lines(),
-      ElementsAre("» pairing with " + service.url() + " — asking for a code",
+  EXPECT_THAT(log->lines(),
+              testing::ElementsAre(
+                  "» pairing with " + service.url() + " — asking for a code",
                   "» pairing code " + code + " — approve it in the browser (" + opened + ")",
                   "» pairing approved as ann — token " + token + " received, checking it"));
   EXPECT_EQ(service.requests().list("pair-start").front().body, R"({"host": "Ann's <computer>"})");

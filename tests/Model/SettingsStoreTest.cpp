@@ -12,7 +12,6 @@
 namespace verdo::test {
 namespace {
 
-using testing::AllOf;
 using testing::HasSubstr;
 
 TEST(Settings, AreForgottenOrMisread) {
@@ -36,9 +35,9 @@ TEST(Settings, AreForgottenOrMisread) {
 
   // All is on the disk while the store lives; within one process Qt would show it in any case.
   EXPECT_THAT(contentOf(directory / "settings"),
-              AllOf(HasSubstr("keepAwakeMode=whileJobRuns"), HasSubstr("autoStart=false"),
-                    HasSubstr("launchAtLogin=true"), HasSubstr("allowInsecure=true"),
-                    HasSubstr("serverURL=\"https://")));
+              testing::AllOf(HasSubstr("keepAwakeMode=whileJobRuns"), HasSubstr("autoStart=false"),
+                             HasSubstr("launchAtLogin=true"), HasSubstr("allowInsecure=true"),
+                             HasSubstr("serverURL=\"https://")));
 
   const auto again = open();
   EXPECT_EQ(again->serverURL(), "https://ü.example/,;\"");

@@ -3,7 +3,6 @@
 #include "tests/Support/AppFixture.h"
 #include "tests/Support/Misbehaviour.h"
 #include "tests/Support/ScopedEnv.h"
-#include "tests/Support/StateKind.h"
 
 namespace verdo::test {
 namespace {
@@ -11,14 +10,18 @@ namespace {
 using namespace std::chrono_literals;
 using testing::HasSubstr;
 
-// The real driver with its real times, against the service; only the supervisor's clock is ours.
+// The real driver against the service, with a report ten times a second and half a second between
+// SIGTERM and SIGKILL; the supervisor's clock is ours.
 class SupervisedDriver : public AppFixture {};
 
 TEST_F(SupervisedDriver, GoesAstrayBetweenStartAndDrain) {
   const ScopedEnv homeVariable("HOME", home.path());
   local::LocalService service;
   service.start();
-  DriverSupervisor supervisor(std::make_shared<RealDriverFactory>(), log, clock);
+  Timings timings;
+  timings.reportCycle = 100ms;
+  timings.termination.step = 20ms;
+  DriverSupervisor supervisor(std::make_shared<RealDriverFactory>(timings), log, clock);
   const auto reaches = [&](Kind kind) {
     return spinUntil([&] { return kindOf(supervisor.state()) == kind; }, 20s);
   };

@@ -6,7 +6,6 @@ namespace {
 using namespace std::chrono_literals;
 using local::FaultReply;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::Pair;
 using testing::StartsWith;
 
@@ -133,7 +132,7 @@ TEST_F(ApiRequests, SecretThatTheServiceQuotesReachesAMessage) {
       const auto message = failureOf([&] { api->hello(); });
       EXPECT_THAT(message, StartsWith(status == 500 ? "GET /api/driver/hello -> 500: "
                                                     : "GET /api/driver/hello -> JSONDecodeError"));
-      EXPECT_THAT(message, Not(HasSubstr(secret.substr(0, 3)))) << body;
+      EXPECT_THAT(message, Not(testing::HasSubstr(secret.substr(0, 3)))) << body;
     }
   }
 }

@@ -11,9 +11,6 @@
 namespace verdo::test {
 namespace {
 
-using testing::HasSubstr;
-using testing::Not;
-
 const std::string kKey = "s3cret/";
 
 /// How the reading of a reply ends: "text|model|usage", or "category retryable?: message".
@@ -108,7 +105,7 @@ TEST(ChatRequest, MisjudgesAReply) {
   EXPECT_EQ(outcome(400, "wrong key s3cret%2f or " + kKey),
             "validation: provider HTTP 400: wrong key … or …");
   EXPECT_EQ(outcome(400, cutKey + kKey + "y"), "validation: provider HTTP 400: " + cutKey + "…y");
-  EXPECT_THAT(outcome(200, '"' + kKey), Not(HasSubstr("s3c")));
+  EXPECT_THAT(outcome(200, '"' + kKey), testing::Not(testing::HasSubstr("s3c")));
   EXPECT_EQ(outcome(200, R"({"choices": [{"finish_reason": ")" + kKey + longBody + R"("}]})"),
             "transient retryable: empty completion (finish_reason=…" + cut.substr(1) + ")");
   EXPECT_THAT(outcome(200, "{"),

@@ -12,7 +12,6 @@ namespace {
 
 using namespace test;
 using namespace std::chrono_literals;
-using testing::ElementsAre;
 
 /// The lines that come out when the text arrives in pieces of this size.
 Lines split(std::string_view text, std::size_t pieceSize) {
@@ -75,7 +74,7 @@ TEST(LineReader, FeedsAChildThatHasClosedItsOutput) {
   const auto child = launchRole({"closed", "swallow", directory / "input"});
   CollectedLines output(child->takeStdout());
   output.reader().feed(child->takeStdin(), script);
-  EXPECT_THAT(output.start().all(), ElementsAre());
+  EXPECT_THAT(output.start().all(), testing::ElementsAre());
   EXPECT_TRUE(eventually([&] { return std::filesystem::exists(directory / "input"); }));
   EXPECT_TRUE(contentOf(directory / "input") == script);
 }

@@ -6,9 +6,7 @@ namespace verdo::test {
 namespace {
 
 using testing::Contains;
-using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::StartsWith;
 
 constexpr const char* kHint =
     "driver out of date — re-run the install command from the Browser driver card";
@@ -56,9 +54,10 @@ TEST_F(Hello, UnusableSettingStopsTheDriverOrClosesForeignSpaces) {
   service.hello().patch({{"space_pattern", "("}, {"max_jobs", 0}});
   start();
   EXPECT_TRUE(service.requests().waitFor("poll", 1, kLong));
-  EXPECT_THAT(spaces(), ElementsAre("mine"));
+  EXPECT_THAT(spaces(), testing::ElementsAre("mine"));
   EXPECT_TRUE(log->has("serving up to 1 job(s) at once"));
-  EXPECT_THAT(texts('w'), Contains(StartsWith("space_pattern of the server is unusable (")));
+  EXPECT_THAT(texts('w'),
+              Contains(testing::StartsWith("space_pattern of the server is unusable (")));
 }
 
 TEST_F(Hello, TinyIntervalSpinsTheReaper) {

@@ -14,7 +14,6 @@ namespace verdo {
 namespace {
 
 using namespace test;
-using testing::ElementsAre;
 
 TEST(SpacePattern, SpeaksPerlAndPython) {
   const std::pair<const char*, const char*> found[] = {
@@ -50,8 +49,9 @@ TEST(StderrLogSink, PassesCommandsToTheTerminalOrForgesAnEntryOrHidesTheLevel) {
   StderrLogSink(true).error("a");
   ::dup2(before.get(), STDERR_FILENO);
   pipe.writeEnd.reset();
-  EXPECT_THAT(lines.all(), ElementsAre("! \\x1b[2J\tb", "  c\\x0dd\\x7f\\x08\\x9b\xef\xbf\xbd é",
-                                       "\x1b[31m✗ \x1b[0ma"));
+  EXPECT_THAT(lines.all(),
+              testing::ElementsAre("! \\x1b[2J\tb", "  c\\x0dd\\x7f\\x08\\x9b\xef\xbf\xbd é",
+                                   "\x1b[31m✗ \x1b[0ma"));
 }
 
 TEST(StderrLogSink, HoldsTheDriverUpForEverOrHidesThatLinesAreMissing) {

@@ -12,8 +12,6 @@ namespace verdo {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::ElementsAre;
-using testing::HasSubstr;
 
 std::shared_ptr<Worker> workerInLane(std::int64_t id, const std::string& lane) {
   Job job;
@@ -52,9 +50,10 @@ TEST(RunningJobs, ReportsOvertakeEachOther) {
   observer->mayGoOn.set();
   slow.join();
   EXPECT_TRUE(jobs.isQuiet());
-  EXPECT_THAT(observer->events(),
-              ElementsAre("started 1 a a", "lanes [a]", "started 2 b b", "lanes [a b]",
-                          "finished 1 a 0 -", "lanes [b]", "finished 2 b 0 -", "lanes []"));
+  EXPECT_THAT(
+      observer->events(),
+      testing::ElementsAre("started 1 a a", "lanes [a]", "started 2 b b", "lanes [a b]",
+                           "finished 1 a 0 -", "lanes [b]", "finished 2 b 0 -", "lanes []"));
 }
 
 TEST(RunningJobs, JobWithoutAThreadPassesForDone) {
@@ -83,7 +82,7 @@ TEST(PollWait, AsksAProxyForMoreThanItGives) {
     EXPECT_EQ(wait.seconds(), asked) << testing::PrintToString(ends);
     const auto news =
         fmt::format("after {:.0f} s; polling with a wait of {} s", ends.back(), asked);
-    EXPECT_THAT(told, asked == 50 ? testing::Matcher<std::string>("") : HasSubstr(news));
+    EXPECT_THAT(told, asked == 50 ? testing::Matcher<std::string>("") : testing::HasSubstr(news));
   }
 }
 

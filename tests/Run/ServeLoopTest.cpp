@@ -6,7 +6,6 @@ namespace verdo::test {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::Contains;
 
 class ServeLoop : public DriverFixture {
  protected:
@@ -76,7 +75,7 @@ TEST_F(ServeLoop, UnusableOrUnreadableJobStopsAllPolling) {
     refusals.push_back("job 9: unreadable (" + defect + ") — refusing");
   }
   EXPECT_THAT(texts('w'), testing::IsSupersetOf(refusals));
-  EXPECT_THAT(observer->events(), Contains("started 10 17 run"));
+  EXPECT_THAT(observer->events(), testing::Contains("started 10 17 run"));
   EXPECT_GE(gaps("poll").at(1), 48) << "asked again and again without a pause";
 }
 

@@ -13,9 +13,7 @@ namespace {
 using namespace std::chrono_literals;
 using testing::Contains;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
 using Names = std::vector<std::string>;
 
 class Sweep : public DriverFixture {};
@@ -64,7 +62,7 @@ TEST_F(Sweep, ReaperClosesUsedOrForeignSpacesOrNone) {
   // Its idle time began with the end of the job.
   EXPECT_GE(std::chrono::steady_clock::now() - ended, 200ms);
   EXPECT_THAT(spaces(), ElementsAre("mine"));
-  EXPECT_THAT(texts('i'), Not(Contains(HasSubstr("reaper closed 0"))));
+  EXPECT_THAT(texts('i'), testing::Not(Contains(testing::HasSubstr("reaper closed 0"))));
 }
 
 TEST_F(Sweep, ReaperClosesASpaceThatAJobHasJustTaken) {

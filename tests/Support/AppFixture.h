@@ -1,5 +1,6 @@
 #pragma once
 
+#include "VerdoDriver/Model/DriverState.h"
 #include "VerdoDriver/Model/SettingsStore.h"
 #include "tests/Support/AppLogCapture.h"
 #include "tests/Support/MainLoop.h"
@@ -13,6 +14,11 @@
 #include <gmock/gmock.h>
 
 namespace verdo::test {
+
+/// The alternatives of DriverState, for tables.
+enum class Kind { idle, waiting, starting, running, backoff, stopped };
+
+inline Kind kindOf(const DriverState& state) { return static_cast<Kind>(state.index()); }
 
 /// What the parts of the app are made with, the driver scripted, and time that passes when the test
 /// says so.

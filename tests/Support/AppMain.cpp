@@ -1,5 +1,5 @@
 #include "VerdoDriver/Model/MainThread.h"
-#include "tests/Support/EarlyPost.h"
+#include "tests/Support/MainLoop.h"
 #include "tests/Support/Misbehaviour.h"
 
 #include <QCoreApplication>

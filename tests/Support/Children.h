@@ -7,27 +7,16 @@
 #include "tests/Support/Recorder.h"
 
 #include <chrono>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <sys/types.h>
 
 namespace verdo::test {
 
 using Lines = std::vector<std::string>;
-
-/// True when the process has ended, whether or not somebody has reaped it.
-inline bool isGone(pid_t pid) {
-  std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-  std::string text;
-  std::getline(file, text);
-  const auto name = text.rfind(')');
-  return name == std::string::npos || text[name + 2] == 'Z' || text[name + 2] == 'X';
-}
 
 /// Starts this program as a child in one of its roles.
 inline std::unique_ptr<ChildProcess> launchRole(const Lines& role,
@@ -73,15 +62,5 @@ class CollectedLines {
   Recorder<std::string> lines_;
   LineReader reader_;
 };
-
-/// Waits for the line "grandchild PID" and gives the number.
-inline pid_t grandchildPid(CollectedLines& output) {
-  const std::string key = "grandchild ";
-  EXPECT_TRUE(output.waitFor(key));
-  for (const auto& line : output.now()) {
-    if (line.starts_with(key)) return static_cast<pid_t>(std::stol(line.substr(key.size())));
-  }
-  return -1;
-}
 
 }  // namespace verdo::test

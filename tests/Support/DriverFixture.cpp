@@ -61,10 +61,7 @@ Timings DriverFixture::scaledTimings() {
   scaled.retryFirst = 20ms;
   scaled.retryLongest = 300ms;
   scaled.postDeadline = 1800ms;
-  scaled.postDeadlineStopping = 200ms;
-  scaled.acknowledgeDeadline = 100ms;
   scaled.minAttemptStopping = 20ms;
-  scaled.scriptStopping = kSanitized ? 1500ms : 500ms;
   scaled.sweepStopping = 1200ms;
   scaled.termination.step = 4ms;
   scaled.drainAfterKill = 100ms;

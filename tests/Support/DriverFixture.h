@@ -85,9 +85,11 @@ class DriverFixture : public testing::Test {
   void hangOn(const std::string& script) const {
     home_.write("spaces.hang", contentOf(path("spaces.hang")) + script + "\n");
   }
-  /// True once it does.
+  /// The scripts that hung, in order.
+  std::vector<std::string> hanging() const { return linesOf(path("spaces.hanging")); }
+  /// True once one does.
   bool hangs() const {
-    return eventually([this] { return std::filesystem::exists(path("spaces.hanging")); }, kLong);
+    return eventually([this] { return !hanging().empty(); }, kLong);
   }
   /// The texts of the log lines of one level.
   std::vector<std::string> texts(char level) const;

@@ -29,7 +29,7 @@ void hangIfAsked(const std::string& stateFile, const std::string& script) {
   const auto told = linesOf(stateFile + ".hang");
   if (std::find(told.begin(), told.end(), script) == told.end()) return;
   ::signal(SIGTERM, SIG_IGN);
-  std::ofstream(stateFile + ".hanging") << script;
+  std::ofstream(stateFile + ".hanging", std::ios::app) << script << std::endl;
   for (;;) ::pause();
 }
 

@@ -8,6 +8,9 @@
 
 namespace verdo::test {
 
+/// Becomes true by a block that main() posts before the application object is there.
+inline bool earlyPostRan = false;
+
 /// Runs the main thread's events until `condition` holds; false when the time ran out first.
 inline bool spinUntil(const std::function<bool()>& condition,
                       std::chrono::milliseconds timeout = std::chrono::seconds(10)) {

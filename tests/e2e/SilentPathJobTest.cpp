@@ -5,10 +5,7 @@ namespace verdo::test {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::Contains;
-using testing::ContainsRegex;
 using testing::Not;
-using testing::StartsWith;
 
 /// A run that reaches the service by a road which can die without anybody being told.
 class SilentPathJob : public DriverFixture {
@@ -63,8 +60,9 @@ TEST_F(SilentPathJob, HearsOfAChangeOfTheNetwork) {
   EXPECT_TRUE(service.requests().waitFor("poll", polls + 1, 500ms));
   letGo();
   expectNumbered(id, 5000);
-  for (const auto& text : texts('w')) EXPECT_THAT(text, Not(ContainsRegex("failed|unreachable")));
-  EXPECT_THAT(observer->events(), Not(Contains(StartsWith("retrying"))));
+  for (const auto& text : texts('w'))
+    EXPECT_THAT(text, Not(testing::ContainsRegex("failed|unreachable")));
+  EXPECT_THAT(observer->events(), Not(testing::Contains(testing::StartsWith("retrying"))));
 }
 
 }  // namespace
