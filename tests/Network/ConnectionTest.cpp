@@ -37,10 +37,10 @@ class SilentPath : public ApiFixture {
   SilentPath() : front(std::make_unique<Front>(service.port(), &certificates)) {
     auto given = options();
     given.base = front->url();
-    given.timings.helloTimeout = 300ms;
-    given.timings.postTimeout = 300ms;
+    given.timings.helloTimeout = kTimeout;
+    given.timings.postTimeout = kTimeout;
     make(std::move(given), {.caCertificates = contentOf(certificates.authority()),
-                            .pingTimeout = 300ms,
+                            .pingTimeout = kTimeout,
                             .dropInterval = kDropInterval});
   }
   void TearDown() override {
@@ -58,6 +58,7 @@ class SilentPath : public ApiFixture {
     return poll;
   }
 
+  static constexpr auto kTimeout = 600ms;
   static constexpr auto kDropInterval = 1000ms;
 
   const Certificates certificates;
@@ -90,7 +91,7 @@ TEST_F(SilentPath, RequestIsEndedThoughItsConnectionAnswersThePing) {
   EXPECT_THAT(failureOf([&] { api->hello(); }), HasSubstr("Timeout was reached"));
   service.faults().clear(hang);
   // Twice the time that an unanswered ping would have been given.
-  EXPECT_EQ(poll.wait_for(600ms), std::future_status::timeout);
+  EXPECT_EQ(poll.wait_for(2 * kTimeout), std::future_status::timeout);
   addJob("");
   EXPECT_EQ(poll.get(), "");
   // The connection is done with what it had, and nothing new goes over it.

@@ -32,7 +32,7 @@ struct Question {
 
 TEST(BusLink, FreezesTheMainThreadWhenTheBusHangs) {
   const PrivateBus bus;
-  BusLink connected(bus.address(), {.callTimeout = 100ms});
+  BusLink connected(bus.address(), {.callTimeout = 500ms});
   EXPECT_TRUE(Question(connected).waitFor("ok"));
   auto patient = std::make_unique<BusLink>(bus.address());
   EXPECT_TRUE(Question(*patient).waitFor("ok"));
