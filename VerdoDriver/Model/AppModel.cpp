@@ -348,6 +348,12 @@ void AppModel::refreshManifest() {
                         });
 }
 
+void AppModel::prepareToEnd() {
+  onboarding_.cancel();
+  connectFlow_.cancel();
+  secrets_->cancelPrompt();
+}
+
 void AppModel::scheduleManifest() {
   if (manifestToken_) manifestToken_->cancel();
   manifestToken_ = clock_->after(kManifestDay, [self = QPointer(this)] {

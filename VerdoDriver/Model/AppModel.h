@@ -116,6 +116,8 @@ class AppModel : public QObject {
   /// `done` gets what could not be removed, a sentence each.
   void removeEverything(std::function<void(std::vector<std::string>)> done);
   void refreshManifest();
+  /// Ends whatever waits for the user, before the process does.
+  void prepareToEnd();
 
  Q_SIGNALS:
   /// Something of the above has changed; emitted once for changes that come together, after them.
