@@ -38,9 +38,9 @@ QuitSignals::QuitSignals(std::function<void()> onSignal)
           });
   signalEnd = pipe_.writeEnd.get();
   for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
-    struct sigaction now {};
+    struct sigaction now{};
     if (::sigaction(signal, nullptr, &now) == 0 && now.sa_handler == SIG_IGN) continue;
-    struct sigaction action {};
+    struct sigaction action{};
     action.sa_handler = onQuitSignal;
     action.sa_flags = SA_RESTART;
     ::sigaction(signal, &action, nullptr);

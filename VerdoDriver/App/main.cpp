@@ -64,8 +64,7 @@ void serveControl(ControlServer& control, AppModel& model, MenuBarController& me
     menuBar.showPopover();
     return std::string("shown");
   });
-  control.handle("status",
-                 [&] { return statusReport(model, menuBar.isPopoverVisible()); });
+  control.handle("status", [&] { return statusReport(model, menuBar.isPopoverVisible()); });
   control.handle("quit", [&delegate] {
     delegate.quit();
     return std::string("quitting");
@@ -134,6 +133,6 @@ int main(int argc, char** argv) {
     std::fputs("verdo-driver-app: there is no display; use verdo-driver on this machine\n", stderr);
     return 1;
   }
-  return run(argc, argv, {.importLegacy = has(arguments, "-VERDOImportLegacy"),
-                          .showPopover = isShown});
+  return run(argc, argv,
+             {.importLegacy = has(arguments, "-VERDOImportLegacy"), .showPopover = isShown});
 }

@@ -64,8 +64,7 @@ void MenuBarController::updateIcon() {
     statusItem_.setIcon(icon);
     window_->setWindowIcon(icon);
   }
-  auto tooltip =
-      tooltipOf(look.connection, model_.supervisor().busyLanes(), look.updateAvailable);
+  auto tooltip = tooltipOf(look.connection, model_.supervisor().busyLanes(), look.updateAvailable);
   if (tooltip == tooltip_) return;
   tooltip_ = std::move(tooltip);
   statusItem_.setToolTip(plainTooltip(tooltip_));
