@@ -87,7 +87,10 @@ void AppModel::wire() {
   QObject::connect(settings_.get(), &SettingsStore::allowInsecureChanged, this, &AppModel::touch);
   QObject::connect(settings_.get(), &SettingsStore::isWritableChanged, this, &AppModel::touch);
   QObject::connect(&storedSecrets_, &StoredSecrets::changed, this, &AppModel::touch);
-  QObject::connect(&pairFlow_, &PairFlow::stateChanged, this, &AppModel::touch);
+  QObject::connect(&pairFlow_, &PairFlow::stateChanged, this, [this] {
+    isAskingForCode_ = false;
+    touch();
+  });
   QObject::connect(&legacyImport_, &LegacyImport::changed, this, &AppModel::touch);
   secrets_->listen([this](SecretEvent event) { heard(event); });
 }
@@ -286,27 +289,46 @@ void AppModel::startPairing(const std::string& serverURL, bool allowInsecure,
     if (self) self->connected(result);
   };
   if (onboarding_.hasApproval()) return onboarding_.retry(llmKey, done);
+  cancelPairing();
+  isAskingForCode_ = true;
   onboarding_.start(lowerScheme(serverURL), allowInsecure, llmKey, done);
 }
 
-void AppModel::cancelPairing() { onboarding_.cancel(); }
+void AppModel::cancelPairing() {
+  onboarding_.cancel();
+  isAskingForCode_ = false;
+  touch();
+}
 
 void AppModel::saveKey(const std::string& llmKey) {
   beginConnect();
+  isCheckingKey_ = true;
+  const auto check = ++keyChecks_;
   const auto read = [secrets = secrets_]() -> SecretStore::Result<std::optional<std::string>> {
     const auto unlocked = secrets->unlock();
     if (!unlocked) return tl::make_unexpected(unlocked.error());
     return secrets->read(SecretAccount::driverToken);
   };
-  askSecretStore(read, [self = QPointer(this), llmKey](const auto& token) {
+  askSecretStore(read, [self = QPointer(this), llmKey, check](const auto& token) {
     if (!self) return;
-    if (!token) return self->secretFailed("Could not read the keyring", token.error());
+    if (!token) {
+      self->endKeyCheck(check);
+      return self->secretFailed("Could not read the keyring", token.error());
+    }
     self->connect({.serverURL = self->settings_->serverURL(),
                    .token = token->value_or(""),
                    .llmKey = llmKey,
                    .allowInsecure = self->settings_->allowInsecure()},
-                  {});
+                  [self, check](const ConnectResult&) {
+                    if (self) self->endKeyCheck(check);
+                  });
   });
+}
+
+void AppModel::endKeyCheck(std::uint64_t check) {
+  if (check != keyChecks_) return;
+  isCheckingKey_ = false;
+  touch();
 }
 
 void AppModel::beginConnect() {
@@ -332,6 +354,19 @@ void AppModel::setLaunchAtLogin(bool launch) { settings_->setLaunchAtLogin(launc
 void AppModel::openLog() {
   log_->write("» log opened from the popover");
   openURL_("file://" + logPath_);
+}
+
+void AppModel::openDownload() {
+  if (const auto link = downloadURL()) openURL_(*link);
+}
+
+void AppModel::openEgoInstall() {
+  if (const auto link = egoInstallURL()) openURL_(*link);
+}
+
+void AppModel::openVerifyURL() {
+  const auto* waiting = std::get_if<PairingWaiting>(&pairing());
+  if (waiting) openURL_(waiting->verifyURL);
 }
 
 void AppModel::refreshManifest() {

@@ -12,6 +12,7 @@
 #include "VerdoDriver/Model/UpdateChecker.h"
 
 #include <QObject>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -73,6 +74,10 @@ class AppModel : public QObject {
   const std::optional<AppManifest>& manifest() const { return manifest_; }
   bool updateAvailable() const { return updateAvailable_; }
   const PairingState& pairing() const { return pairFlow_.state(); }
+  /// A pairing was begun, and the server has not answered yet.
+  bool isAskingForCode() const { return isAskingForCode_; }
+  /// saveKey() is at work.
+  bool isCheckingKey() const { return isCheckingKey_; }
   /// A token was approved, and waits for a key with which it can be saved.
   bool hasApproval() const { return onboarding_.hasApproval(); }
   /// What came of the last connect that failed, until the next one.
@@ -109,12 +114,11 @@ class AppModel : public QObject {
   void saveKey(const std::string& llmKey);
   void setLaunchAtLogin(bool launch);
   void openLog();
+  /// These open downloadURL(), egoInstallURL() and the approve page of the pairing that waits; each
+  /// does nothing while there is none.
   void openDownload();
   void openEgoInstall();
   void openVerifyURL();
-  /// Stops the driver, forgets both secrets, and takes back the start at login and all settings.
-  /// `done` gets what could not be removed, a sentence each.
-  void removeEverything(std::function<void(std::vector<std::string>)> done);
   void refreshManifest();
   /// Ends whatever waits for the user, before the process does.
   void prepareToEnd();
@@ -135,6 +139,7 @@ class AppModel : public QObject {
   void evaluateKeepAwake();
   void secretFailed(const char* what, const SecretError& error);
   void beginConnect();
+  void endKeyCheck(std::uint64_t check);
   void provideConfig(const DriverSupervisor::ConfigReply& reply) const;
   std::optional<DriverConfig> configOf(const std::string& token, const std::string& key) const;
   DriverSupervisor::ConfigProvider configProvider();
@@ -174,6 +179,9 @@ class AppModel : public QObject {
   std::optional<StatusText> connectFailure_;
   std::optional<std::string> secretFailure_;
   bool isPromptOpen_ = false;
+  bool isAskingForCode_ = false;
+  bool isCheckingKey_ = false;
+  std::uint64_t keyChecks_ = 0;  ///< ever; only the last one says when none is at work
   bool isTouched_ = false;
 };
 

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <QPushButton>
+#include <functional>
+
+namespace verdo {
+
+/// A button of the popover, a row high.
+class Button : public QPushButton {
+  Q_OBJECT
+ public:
+  enum class Kind {
+    plain,
+    primary,  ///< in the accent colour: what helps now
+    quiet,    ///< without a frame
+  };
+
+  /// `action` runs on a click. The text is the accessible name, too.
+  Button(Kind kind, const QString& text, QWidget* parent, std::function<void()> action);
+
+ protected:
+  void initStyleOption(QStyleOptionButton* option) const override;
+
+ private:
+  const Kind kind_;
+};
+
+}  // namespace verdo
