@@ -4,6 +4,7 @@
 #include "VerdoDriver/App/ControlChannel.h"
 #include "VerdoDriver/App/EndProcess.h"
 #include "VerdoDriver/App/QuitSignals.h"
+#include "VerdoDriver/MenuBar/StatusItemIconRenderer.h"
 #include "VerdoDriver/Model/AppLog.h"
 #include "VerdoDriver/Model/SecretTask.h"
 #include "VerdoDriver/Model/StatusReport.h"
@@ -99,9 +100,18 @@ int run(int argc, char** argv, const AppDelegate::Options& options) {
   const auto log = std::make_shared<FileLog>();
   const auto model = makeAppModel(log, lowerScheme(llmBase ? llmBase : ""));
   AppDelegate* running = nullptr;
-  MenuBarController menuBar(
-      *model, std::make_unique<PopoverView>(
-                  *model, PopoverView::Callbacks{.quit = [&running] { running->quit(); }}));
+  MenuBarController* tray = nullptr;
+  const PopoverHost host{
+      .quit = [&running] { running->quit(); },
+      .hide = [&tray] { tray->hidePopover(); },
+      .shape =
+          [](Connection connection, int size, double scale) {
+            return StatusItemIconRenderer::pixmap(connection, false, size, scale);
+          },
+      .defaultServerURL = AppInfo::defaultServerURL(),
+  };
+  MenuBarController menuBar(*model, std::make_unique<PopoverView>(*model, host));
+  tray = &menuBar;
   AppDelegate delegate(*model, menuBar, [] { QCoreApplication::exit(0); });
   running = &delegate;
   serveControl(control, *model, menuBar, delegate);

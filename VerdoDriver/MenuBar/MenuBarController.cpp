@@ -9,6 +9,7 @@
 #include <QGuiApplication>
 #include <QKeyEvent>
 #include <QScreen>
+#include <QTextDocument>
 #include <QVBoxLayout>
 
 namespace verdo {
