@@ -74,7 +74,9 @@ PopoverView::PopoverView(AppModel& model, const PopoverHost& host, QWidget* pare
 }
 
 QSize PopoverView::sizeHint() const {
-  return {Look::kWidth, content_->layout()->totalHeightForWidth(Look::kWidth)};
+  const QLayout& rows = *content_->layout();
+  return {Look::kWidth, rows.hasHeightForWidth() ? rows.totalHeightForWidth(Look::kWidth)
+                                                 : rows.totalSizeHint().height()};
 }
 
 QSize PopoverView::minimumSizeHint() const { return {Look::kWidth, kMinHeight}; }
