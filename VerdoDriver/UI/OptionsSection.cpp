@@ -26,7 +26,6 @@ OptionsSection::OptionsSection(AppModel& model, QWidget* parent)
   autoStart_->setAccessibleDescription("Connects as soon as the app runs");
   for (const auto mode : kKeepAwakeModes) keepAwake_->addItem(wordsFor(mode));
   keepAwake_->setFixedHeight(Look::kRow);
-  keepAwake_->setAccessibleName("Keep awake");
   keepAwake_->setFocusPolicy(Qt::StrongFocus);
   auto* keepAwakeRow = Look::row();
   auto* caption = new QLabel("Keep awake", bodyWidget());

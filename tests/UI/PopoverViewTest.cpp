@@ -87,8 +87,10 @@ TEST_F(PopoverViewTest, WorksWhileHidden) {
   window.hide();
   EXPECT_FALSE(isTicking());
   app.clock->advance(60s);
+  bool told = false;
+  QObject::connect(&app.model, &AppModel::changed, &window, [&] { told = true; });
   app.observer()->driverBusyLanesChanged({"ada:crm", "ada:mail"});
-  spin();
+  ASSERT_TRUE(spinUntil([&] { return told; }));
   EXPECT_FALSE(isTicking());
   for (const auto* label : window.view->findChildren<QLabel*>()) EXPECT_NE(label->text(), "crm");
 
