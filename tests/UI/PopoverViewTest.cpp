@@ -30,6 +30,13 @@ TEST_F(PopoverViewTest, ConnectsWithoutAKeyOrNotWithOne) {
   EXPECT_TRUE(window.label("Type your DeepSeek key first"));
   window.type("DeepSeek key", "  ");
   EXPECT_FALSE(window.button("Connect to website")->isEnabled());
+  for (const char* loopback :
+       {"http://127.0.0.1:8080", "http://localhost", "https://verdo.local"}) {
+    window.type("Server URL", loopback);
+    EXPECT_FALSE(window.button("Allow plain http")) << loopback;
+  }
+  window.type("Server URL", "HTTP://verdo.local/");
+  EXPECT_TRUE(window.button("Allow plain http"));
   window.type("Server URL", "HTTPS://verdo.example/");
   window.type("DeepSeek key", " sk-1234 ");
   window.press("Connect to website");
