@@ -18,11 +18,15 @@ class Button : public QPushButton {
   /// `action` runs on a click. The text is the accessible name, too.
   Button(Kind kind, const QString& text, QWidget* parent, std::function<void()> action);
 
+  /// Whether it is what helps now, for a button that is not always.
+  void setPrimary(bool primary);
+  QSize sizeHint() const override;
+
  protected:
-  void initStyleOption(QStyleOptionButton* option) const override;
+  void paintEvent(QPaintEvent* event) override;
 
  private:
-  const Kind kind_;
+  Kind kind_;
 };
 
 }  // namespace verdo

@@ -10,11 +10,12 @@ namespace verdo {
 
 Confirm::Confirm(const QString& verb, QWidget* parent, std::function<void()> action)
     : QWidget(parent),
+      action_(std::move(action)),
       question_(new Label(Label::Style::text, Label::Fit::wrap, this)),
       agree_(new Button(Button::Kind::plain, verb, this,
-                        [this, action = std::move(action)] {
+                        [this] {
                           dismiss();
-                          action();
+                          action_();
                         })),
       cancel_(new Button(Button::Kind::plain, "Cancel", this, [this] { dismiss(); })) {
   auto* rows = new QVBoxLayout(this);

@@ -24,6 +24,7 @@ class Confirm : public QWidget {
   void turned(bool isAsking);
 
  private:
+  const std::function<void()> action_;
   Label* question_;
   Button* agree_;
   Button* cancel_;

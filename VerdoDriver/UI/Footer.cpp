@@ -24,6 +24,9 @@ Footer::Footer(AppModel& model, const PopoverHost& host, QWidget* parent)
   row->addStretch();
   row->addWidget(quit_);
   auto* rows = Look::column(this);
+  // A quiet button's text, not its edge, stands at the popover's margin.
+  rows->setContentsMargins(Look::kGrid, Look::kGrid, Look::kGrid, Look::kGrid);
+  confirm_->layout()->setContentsMargins(Look::kGrid, 0, Look::kGrid, 0);
   rows->addWidget(buttons_);
   rows->addWidget(confirm_);
   connect(confirm_, &Confirm::turned, this,

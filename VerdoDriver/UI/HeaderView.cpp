@@ -42,7 +42,7 @@ HeaderView::HeaderView(AppModel& model, const PopoverHost& host, QWidget* parent
       model_(model),
       host_(host),
       shape_(new QLabel(this)),
-      title_(new Label(Label::Style::headline, Label::Fit::elide, this)),
+      title_(new Label(Label::Style::headline, Label::Fit::wrap, this)),
       account_(new Label(Label::Style::fact, Label::Fit::elide, this)),
       detail_(new Label(Label::Style::text, Label::Fit::wrap, this)),
       advice_(new Label(Label::Style::text, Label::Fit::wrap, this)),
@@ -50,11 +50,13 @@ HeaderView::HeaderView(AppModel& model, const PopoverHost& host, QWidget* parent
       unwritable_(new Label(Label::Style::text, Label::Fit::wrap, this)),
       secretFailure_(new Label(Label::Style::text, Label::Fit::wrap, this)),
       prompt_(new Label(Label::Style::text, Label::Fit::wrap, this)),
-      help_(new Button(Button::Kind::primary, "", this, [this] { act(); })),
-      start_(new Button(Button::Kind::plain, "Start", this, [this] { model_.restartDriver(); })),
+      buttons_(new QWidget(this)),
+      help_(new Button(Button::Kind::primary, "", buttons_, [this] { act(); })),
+      start_(
+          new Button(Button::Kind::plain, "Start", buttons_, [this] { model_.restartDriver(); })),
       restart_(
-          new Button(Button::Kind::plain, "Restart", this, [this] { model_.restartDriver(); })),
-      stop_(new Button(Button::Kind::plain, "Stop", this, [this] { model_.stopDriver(); })) {
+          new Button(Button::Kind::plain, "Restart", buttons_, [this] { model_.restartDriver(); })),
+      stop_(new Button(Button::Kind::plain, "Stop", buttons_, [this] { model_.stopDriver(); })) {
   shape_->setFixedSize(Look::kShape, Look::kShape);
 
   auto* texts = new QVBoxLayout;
@@ -63,10 +65,11 @@ HeaderView::HeaderView(AppModel& model, const PopoverHost& host, QWidget* parent
   texts->addWidget(jobs_);
   for (Label* label : {unwritable_, secretFailure_, prompt_}) texts->addWidget(label);
   auto* buttons = Look::row();
+  buttons_->setLayout(buttons);
   buttons->setContentsMargins(0, Look::kGrid / 2, 0, 0);
   for (Button* button : {help_, start_, restart_, stop_}) buttons->addWidget(button);
   buttons->addStretch();
-  texts->addLayout(buttons);
+  texts->addWidget(buttons_);
 
   auto* layout = new QHBoxLayout(this);
   layout->setContentsMargins(Look::kMargin, Look::kMargin, Look::kMargin, Look::kMargin);
@@ -106,11 +109,15 @@ void HeaderView::refreshButtons(const Headline& headline, bool isSetupOpen) {
   action_ = headline.action;
   help_->setText(labelOf(action_));
   help_->setVisible(isPossible(action_, model_) && !(action_ == Action::setUp && isSetupOpen));
-  const bool hasRun = model_.supervisor().hasCurrentRun();
-  const bool hasEnded = std::holds_alternative<DriverStopped>(model_.supervisor().state());
+  const DriverState& state = model_.supervisor().state();
+  // A launch that still reads its secrets is as good as a run.
+  const bool hasRun =
+      model_.supervisor().hasCurrentRun() || std::holds_alternative<DriverStarting>(state);
+  const bool hasEnded = std::holds_alternative<DriverStopped>(state);
   start_->setVisible(model_.isConfigured() && hasEnded && !hasRun && action_ != Action::fixToken);
   restart_->setVisible(hasRun);
   stop_->setVisible(hasRun);
+  buttons_->setVisible(!help_->isHidden() || !start_->isHidden() || hasRun);
 }
 
 void HeaderView::act() {

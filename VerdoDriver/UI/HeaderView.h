@@ -47,6 +47,7 @@ class HeaderView : public QWidget {
   Label* unwritable_;
   Label* secretFailure_;
   Label* prompt_;
+  QWidget* buttons_;
   Button* help_;
   Button* start_;
   Button* restart_;

@@ -47,8 +47,7 @@ JobsView::Row JobsView::makeRow() {
   const Row row{new QWidget(this), new Label(Label::Style::text, Label::Fit::elide, this),
                 new Label(Label::Style::fact, Label::Fit::elide, this)};
   row.widget->setFixedHeight(Look::kRow);
-  row.time->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
-  row.time->setFixedWidth(Look::kCaption);
+  row.time->setColumn(Look::kCaption);
   auto* layout = Look::row();
   row.widget->setLayout(layout);
   layout->addWidget(row.name, 1);

@@ -37,9 +37,9 @@ Label::Label(Style style, Fit fit, QWidget* parent) : QLabel(parent), style_(sty
   setTextFormat(Qt::PlainText);
   if (style == Style::headline) setFont(Look::headlineFont(font()));
   if (style == Style::fact) setFont(Look::factFont(font()));
-  QSizePolicy policy(QSizePolicy::Ignored, QSizePolicy::Fixed);
-  policy.setHeightForWidth(fit == Fit::wrap);
-  setSizePolicy(policy);
+  setSizePolicy(QSizePolicy::Ignored,
+                fit == Fit::wrap ? QSizePolicy::Preferred : QSizePolicy::Fixed);
+  setWordWrap(fit == Fit::wrap);  // by which a label tells layouts that its height depends
 }
 
 void Label::tell(const QString& text) {
@@ -48,6 +48,12 @@ void Label::tell(const QString& text) {
 }
 
 void Label::tell(const std::string& text) { tell(Look::shown(text)); }
+
+void Label::setColumn(int width) {
+  setAlignment(Qt::AlignRight | Qt::AlignVCenter);
+  setFixedWidth(width);
+  setSizePolicy(QSizePolicy::Fixed, QSizePolicy::Fixed);
+}
 
 QSize Label::sizeHint() const {
   return {fontMetrics().horizontalAdvance(text()) + 1, heightForWidth(kUnbounded)};

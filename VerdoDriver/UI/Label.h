@@ -19,6 +19,9 @@ class Label : public QLabel {
   void tell(const QString& text);
   void tell(const std::string& text);
 
+  /// The text stands at the right, in a column of this width.
+  void setColumn(int width);
+
   QSize sizeHint() const override;
   QSize minimumSizeHint() const override;
   int heightForWidth(int width) const override;

@@ -1,9 +1,9 @@
 #include "VerdoDriver/UI/OptionsSection.h"
 
+#include "VerdoDriver/UI/CheckBox.h"
 #include "VerdoDriver/UI/Label.h"
 #include "VerdoDriver/UI/Look.h"
 
-#include <QCheckBox>
 #include <QComboBox>
 
 namespace verdo {
@@ -18,18 +18,14 @@ const char* wordsFor(KeepAwakeMode mode) {
 OptionsSection::OptionsSection(AppModel& model, QWidget* parent)
     : Fold("Options", parent),
       model_(model),
-      launchAtLogin_(new QCheckBox("Launch at login", bodyWidget())),
-      autoStart_(new QCheckBox("Start automatically", bodyWidget())),
+      launchAtLogin_(new CheckBox("Launch at login", bodyWidget())),
+      autoStart_(new CheckBox("Start automatically", bodyWidget())),
       keepAwake_(new QComboBox(bodyWidget())),
       secretPlace_(new Label(Label::Style::fact, Label::Fit::wrap, bodyWidget())) {
-  for (QCheckBox* box : {launchAtLogin_, autoStart_}) {
-    box->setFixedHeight(Look::kRow);
-    body()->addWidget(box);
-  }
+  for (CheckBox* box : {launchAtLogin_, autoStart_}) body()->addWidget(box);
   autoStart_->setAccessibleDescription("Connects as soon as the app runs");
   for (const auto mode : kKeepAwakeModes) keepAwake_->addItem(wordsFor(mode));
   keepAwake_->setFixedHeight(Look::kRow);
-  keepAwake_->setAccessibleName("Keep awake");
   keepAwake_->setFocusPolicy(Qt::StrongFocus);
   auto* keepAwakeRow = Look::row();
   auto* caption = new QLabel("Keep awake", bodyWidget());
@@ -37,8 +33,9 @@ OptionsSection::OptionsSection(AppModel& model, QWidget* parent)
   keepAwakeRow->addWidget(caption);
   keepAwakeRow->addWidget(keepAwake_, 1);
   body()->addLayout(keepAwakeRow);
-  body()->addWidget(secretPlace_);
   body()->setSpacing(0);
+  body()->addSpacing(Look::kGrid / 2);
+  body()->addWidget(secretPlace_);
 
   connect(launchAtLogin_, &QCheckBox::clicked, this, [this](bool launch) {
     model_.setLaunchAtLogin(launch);

@@ -3,11 +3,11 @@
 #include "VerdoDriver/Model/AppModel.h"
 #include "VerdoDriver/UI/Fold.h"
 
-class QCheckBox;
 class QComboBox;
 
 namespace verdo {
 
+class CheckBox;
 class Label;
 
 /// The user's choices that have nothing to do with the connection.
@@ -20,8 +20,8 @@ class OptionsSection : public Fold {
 
  private:
   AppModel& model_;
-  QCheckBox* launchAtLogin_;
-  QCheckBox* autoStart_;
+  CheckBox* launchAtLogin_;
+  CheckBox* autoStart_;
   QComboBox* keepAwake_;
   Label* secretPlace_;
 };

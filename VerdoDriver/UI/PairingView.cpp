@@ -42,8 +42,7 @@ PairingView::PairingView(AppModel& model, QWidget* parent)
   code_->setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
   code_->setFocusPolicy(Qt::StrongFocus);
   copy_->setAccessibleName("Copy the code");
-  left_->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
-  left_->setFixedWidth(Look::kCaption);
+  left_->setColumn(Look::kCaption);
 
   auto* codeRow = Look::row();
   codeRow_->setLayout(codeRow);

@@ -24,6 +24,7 @@ PopoverView::PopoverView(AppModel& model, const PopoverHost& host, QWidget* pare
     : QWidget(parent),
       model_(model),
       host_(host),
+      tick_(this),
       scroll_(new QScrollArea(this)),
       content_(new QWidget),
       migration_(new MigrationBanner(model, content_)),
@@ -82,7 +83,10 @@ QSize PopoverView::sizeHint() const {
 QSize PopoverView::minimumSizeHint() const { return {Look::kWidth, kMinHeight}; }
 
 bool PopoverView::eventFilter(QObject* watched, QEvent* event) {
-  if (event->type() == QEvent::LayoutRequest) updateGeometry();
+  if (event->type() == QEvent::LayoutRequest) {
+    updateGeometry();
+    chooseScrollBar();
+  }
   return QWidget::eventFilter(watched, event);
 }
 
@@ -94,6 +98,18 @@ void PopoverView::showEvent(QShowEvent* event) {
 void PopoverView::hideEvent(QHideEvent* event) {
   tick_.stop();
   QWidget::hideEvent(event);
+}
+
+void PopoverView::resizeEvent(QResizeEvent* event) {
+  QWidget::resizeEvent(event);
+  chooseScrollBar();
+}
+
+/// A scroll bar makes the content narrower and thereby higher. Left to itself the area keeps one
+/// that only its own width has made necessary.
+void PopoverView::chooseScrollBar() {
+  scroll_->setVerticalScrollBarPolicy(sizeHint().height() > height() ? Qt::ScrollBarAsNeeded
+                                                                     : Qt::ScrollBarAlwaysOff);
 }
 
 void PopoverView::keyPressEvent(QKeyEvent* event) {

@@ -35,11 +35,13 @@ class PopoverView : public QWidget {
   bool eventFilter(QObject* watched, QEvent* event) override;
   void showEvent(QShowEvent* event) override;
   void hideEvent(QHideEvent* event) override;
+  void resizeEvent(QResizeEvent* event) override;
   void keyPressEvent(QKeyEvent* event) override;
 
  private:
   void refresh();
   bool isCounting() const;
+  void chooseScrollBar();
 
   AppModel& model_;
   const PopoverHost host_;

@@ -2,13 +2,13 @@
 
 #include "VerdoDriver/Model/ServerURL.h"
 #include "VerdoDriver/UI/Button.h"
+#include "VerdoDriver/UI/CheckBox.h"
 #include "VerdoDriver/UI/Confirm.h"
 #include "VerdoDriver/UI/Label.h"
 #include "VerdoDriver/UI/Look.h"
 #include "VerdoDriver/UI/PairingView.h"
 #include "VerdoDriverCore/Values/Url.h"
 
-#include <QCheckBox>
 #include <QLineEdit>
 #include <utility>
 
@@ -27,6 +27,7 @@ QLineEdit* makeField(const QString& name, QWidget* parent) {
   field->setFixedHeight(Look::kRow);
   field->setAccessibleName(name);
   field->setMaxLength(2048);
+  field->setTextMargins(Look::kGrid / 2, 0, Look::kGrid / 2, 0);
   return field;
 }
 
@@ -43,7 +44,7 @@ SetupSection::SetupSection(AppModel& model, const std::string& defaultServerURL,
     : Fold("Setup", parent),
       model_(model),
       server_(makeField("Server URL", bodyWidget())),
-      insecure_(new QCheckBox("Allow plain http", bodyWidget())),
+      insecure_(new CheckBox("Allow plain http", bodyWidget())),
       keyRow_(new QWidget(bodyWidget())),
       key_(makeField("DeepSeek key", keyRow_)),
       removeKey_(
@@ -71,7 +72,6 @@ SetupSection::SetupSection(AppModel& model, const std::string& defaultServerURL,
   server_->setText(QString::fromStdString(chosen.empty() ? defaultServerURL : chosen));
   server_->setPlaceholderText("https://");
   insecure_->setChecked(model.settings().allowInsecure());
-  insecure_->setFixedHeight(Look::kRow);
   key_->setEchoMode(QLineEdit::Password);
   removeKey_->setAccessibleName("Remove the DeepSeek key");
   build();
@@ -185,6 +185,7 @@ void SetupSection::refreshKey(bool isBusy) {
 void SetupSection::refreshButtons(bool isBusy) {
   buttons_->setVisible(!isBusy);
   connect_->setEnabled(missing().isEmpty());
+  connect_->setPrimary(!model_.hasToken());
   connect_->setText(model_.hasApproval() ? "Try this key" : "Connect to website");
   saveKey_->setVisible(model_.hasToken() && !model_.hasApproval() && !key().empty());
   startOver_->setVisible(model_.hasApproval());

@@ -7,12 +7,12 @@
 #include <optional>
 #include <string>
 
-class QCheckBox;
 class QLineEdit;
 
 namespace verdo {
 
 class Button;
+class CheckBox;
 class Confirm;
 class Label;
 class PairingView;
@@ -52,7 +52,7 @@ class SetupSection : public Fold {
   bool wasBusy_ = false;
 
   QLineEdit* server_;
-  QCheckBox* insecure_;
+  CheckBox* insecure_;
   QWidget* keyRow_;
   QLineEdit* key_;
   Button* removeKey_;
