@@ -19,6 +19,8 @@ namespace {
 /// while the piece still fits the processor's second-level cache.
 constexpr long kUploadPiece = 256 * 1024;
 constexpr std::size_t kLargeBody = 1 << 20;
+/// A body up to this one is made at once: libcurl reads a source through a buffer of this size.
+constexpr std::size_t kSmallBody = 64 * 1024;
 /// What is read at once of a body that a sink takes, rather than libcurl's 16 KiB.
 constexpr long kDownloadPiece = 128 * 1024;
 constexpr long kMaxRedirects = 20;
@@ -30,6 +32,16 @@ constexpr std::size_t kLongQuery = 256;
 bool isLoopback(const std::string& url) {
   const auto parsed = Url::parse(url);
   return parsed && parsed->isLoopback();
+}
+
+std::shared_ptr<const ByteBuffer> readWhole(const HttpBodySource& source) {
+  const auto body = std::make_shared<ByteBuffer>();
+  char* end = body->room(source.size());
+  const char* const limit = end + source.size();
+  const auto read = source.open();
+  while (end != limit) end += read(end, static_cast<std::size_t>(limit - end));
+  body->commit(end);
+  return body;
 }
 
 TransportError::Kind kindOf(CURLcode code) {
@@ -145,6 +157,10 @@ void HttpTransfer::setHeadersAndBody() {
 }
 
 void HttpTransfer::setBody() {
+  if (request.source && request.source->size() <= kSmallBody) {
+    request.body = readWhole(*request.source);
+    request.source.reset();
+  }
   const std::size_t size = request.source ? request.source->size() : request.body->size();
   set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(size));
   if (request.source) {
