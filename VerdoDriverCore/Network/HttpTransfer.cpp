@@ -164,12 +164,10 @@ void HttpTransfer::setBody() {
   const std::size_t size = request.source ? request.source->size() : request.body->size();
   set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(size));
   if (request.source) {
-    read_ = request.source->open();
     set(CURLOPT_POST, 1L);
     set(CURLOPT_READFUNCTION, &HttpTransfer::onRead);
     set(CURLOPT_READDATA, this);
     set(CURLOPT_SEEKFUNCTION, &HttpTransfer::onSeek);
-    set(CURLOPT_SEEKDATA, this);
   } else {
     const char* const bytes = request.body->view().data();
     set(CURLOPT_POSTFIELDS, bytes);
@@ -217,7 +215,11 @@ HttpTransfer::Connection HttpTransfer::connection() const {
 /// Called when a connection is there for the request: more than once when libcurl sends it anew
 /// because the first one had died, or for a redirect.
 int HttpTransfer::onSending(void* self, char*, char*, int, int) {
-  static_cast<HttpTransfer*>(self)->lastActivity = Clock::now();
+  auto& transfer = *static_cast<HttpTransfer*>(self);
+  transfer.lastActivity = Clock::now();
+  // Not left to onSeek: libcurl seeks only when a part of the body was sent, not when it was read
+  // and then waited for the other side's room.
+  if (transfer.request.source) transfer.read_ = transfer.request.source->open();
   return CURL_PREREQFUNC_OK;
 }
 
@@ -253,12 +255,10 @@ std::size_t HttpTransfer::onRead(char* out, std::size_t size, std::size_t count,
   return static_cast<HttpTransfer*>(self)->read_(out, size * count);
 }
 
-/// Called when libcurl sends the request anew because its connection had died.
-int HttpTransfer::onSeek(void* self, curl_off_t offset, int origin) {
-  if (offset != 0 || origin != SEEK_SET) return CURL_SEEKFUNC_CANTSEEK;
-  auto& transfer = *static_cast<HttpTransfer*>(self);
-  transfer.read_ = transfer.request.source->open();
-  return CURL_SEEKFUNC_OK;
+/// Called when libcurl sends the request anew because its connection had died. onSending is called
+/// then, too, and begins the body again.
+int HttpTransfer::onSeek(void*, curl_off_t offset, int origin) {
+  return offset == 0 && origin == SEEK_SET ? CURL_SEEKFUNC_OK : CURL_SEEKFUNC_CANTSEEK;
 }
 
 int HttpTransfer::onProgress(void* self, curl_off_t, curl_off_t downNow, curl_off_t,
