@@ -252,7 +252,16 @@ std::size_t HttpTransfer::onBody(char* data, std::size_t size, std::size_t count
 }
 
 std::size_t HttpTransfer::onRead(char* out, std::size_t size, std::size_t count, void* self) {
-  return static_cast<HttpTransfer*>(self)->read_(out, size * count);
+  auto& read = static_cast<HttpTransfer*>(self)->read_;
+  const std::size_t room = size * count;
+  std::size_t filled = 0;
+  // Whole: each piece is a call of the kernel's.
+  while (filled < room) {
+    const std::size_t more = read(out + filled, room - filled);
+    if (more == 0) break;
+    filled += more;
+  }
+  return filled;
 }
 
 /// Called when libcurl sends the request anew because its connection had died. onSending is called
