@@ -5,6 +5,10 @@ target_include_directories(verdo_options INTERFACE ${CMAKE_SOURCE_DIR} ${VERDO_G
 target_compile_options(verdo_options INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wnon-virtual-dtor -Woverloaded-virtual
   -fstack-protector-strong)
+if(CMAKE_UNITY_BUILD AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  # It warns of headers, and takes each source that is compiled with others for one.
+  target_compile_options(verdo_options INTERFACE -Wno-subobject-linkage)
+endif()
 if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
   target_compile_options(verdo_options INTERFACE -Wthread-safety)
 endif()

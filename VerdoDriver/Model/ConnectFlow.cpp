@@ -2,13 +2,13 @@
 
 #include "VerdoDriver/Model/AppLog.h"
 #include "VerdoDriver/Model/Background.h"
+#include "VerdoDriver/Model/ConnectCommit.h"
 #include "VerdoDriver/Model/EgoLocator.h"
 #include "VerdoDriver/Model/Masked.h"
 #include "VerdoDriver/Model/SecretTask.h"
 #include "VerdoDriverCore/System/Sync.h"
 
 #include <QPointer>
-#include <atomic>
 #include <system_error>
 #include <utility>
 
@@ -51,32 +51,12 @@ ConnectResult checkTheSetup(const std::string& message) {
   return resultOf(reason, StatusText::describe(reason));
 }
 
-/// Decides between the main thread and the one at the secret store whether what is stored stands.
-class Commit {
- public:
-  enum class Stage { open, atStore, stored, calledOff };
-
-  /// False when it is at another stage than `from`, as after it was called off.
-  bool advance(Stage from, Stage to) { return stage_.compare_exchange_strong(from, to); }
-  /// Gives the stage before. After `stored` it is too late, and nothing is called off.
-  Stage callOff() {
-    Stage stage = stage_;
-    while (stage != Stage::stored && !stage_.compare_exchange_weak(stage, Stage::calledOff)) {
-    }
-    return stage;
-  }
-
-  bool isCalledOff() const { return stage_ == Stage::calledOff; }
-
- private:
-  std::atomic<Stage> stage_ = Stage::open;
-};
-using Stage = Commit::Stage;
+using Stage = ConnectCommit::Stage;
 
 /// Puts a secret in the place of an earlier one, which it can bring back.
 class Replacement {
  public:
-  Replacement(SecretStore& secrets, SecretAccount account, const Commit& commit)
+  Replacement(SecretStore& secrets, SecretAccount account, const ConnectCommit& commit)
       : secrets_(secrets), account_(account), commit_(commit) {}
 
   /// An empty value changes nothing, nor does any once all is called off: the write could still ask
@@ -103,14 +83,14 @@ class Replacement {
  private:
   SecretStore& secrets_;
   const SecretAccount account_;
-  const Commit& commit_;
+  const ConnectCommit& commit_;
   /// Once it was replaced; an empty one, too, in the place of one that was out of reach.
   std::optional<std::optional<std::string>> before_;
 };
 
 /// Stores what the draft has of secrets, all of it or nothing; nothing when it is called off.
 SecretStore::Result<void> writeSecrets(SecretStore& secrets, const ConnectDraft& draft,
-                                       Commit& commit) {
+                                       ConnectCommit& commit) {
   if (!commit.advance(Stage::open, Stage::atStore)) return {};
   Replacement token(secrets, SecretAccount::driverToken, commit);
   Replacement key(secrets, SecretAccount::llmKey, commit);
@@ -124,7 +104,8 @@ SecretStore::Result<void> writeSecrets(SecretStore& secrets, const ConnectDraft&
 }
 
 /// The stored key, for whose sake the user may have to unlock the store.
-SecretStore::Result<std::optional<std::string>> readKey(SecretStore& secrets, Commit& commit) {
+SecretStore::Result<std::optional<std::string>> readKey(SecretStore& secrets,
+                                                        ConnectCommit& commit) {
   if (!commit.advance(Stage::open, Stage::atStore)) return std::nullopt;
   const auto unlocked = secrets.unlock();
   auto key = unlocked ? secrets.read(SecretAccount::llmKey) : tl::make_unexpected(unlocked.error());
@@ -139,7 +120,7 @@ struct ConnectFlow::Attempt {
   bool isToBeSaved = false;
   Completion completion;                 ///< until it was called
   std::shared_ptr<DriverHandle> handle;  ///< of the dry run
-  const std::shared_ptr<Commit> commit = std::make_shared<Commit>();
+  const std::shared_ptr<ConnectCommit> commit = std::make_shared<ConnectCommit>();
 };
 
 ConnectFlow::ConnectFlow(std::shared_ptr<DriverFactory> factory,

@@ -19,6 +19,8 @@ namespace {
 /// while the piece still fits the processor's second-level cache.
 constexpr long kUploadPiece = 256 * 1024;
 constexpr std::size_t kLargeBody = 1 << 20;
+/// A body up to this one is made at once: libcurl reads a source through a buffer of this size.
+constexpr std::size_t kSmallBody = 64 * 1024;
 /// What is read at once of a body that a sink takes, rather than libcurl's 16 KiB.
 constexpr long kDownloadPiece = 128 * 1024;
 constexpr long kMaxRedirects = 20;
@@ -30,6 +32,16 @@ constexpr std::size_t kLongQuery = 256;
 bool isLoopback(const std::string& url) {
   const auto parsed = Url::parse(url);
   return parsed && parsed->isLoopback();
+}
+
+std::shared_ptr<const ByteBuffer> readWhole(const HttpBodySource& source) {
+  const auto body = std::make_shared<ByteBuffer>();
+  char* end = body->room(source.size());
+  const char* const limit = end + source.size();
+  const auto read = source.open();
+  while (end != limit) end += read(end, static_cast<std::size_t>(limit - end));
+  body->commit(end);
+  return body;
 }
 
 TransportError::Kind kindOf(CURLcode code) {
@@ -145,15 +157,17 @@ void HttpTransfer::setHeadersAndBody() {
 }
 
 void HttpTransfer::setBody() {
+  if (request.source && request.source->size() <= kSmallBody) {
+    request.body = readWhole(*request.source);
+    request.source.reset();
+  }
   const std::size_t size = request.source ? request.source->size() : request.body->size();
   set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(size));
   if (request.source) {
-    read_ = request.source->open();
     set(CURLOPT_POST, 1L);
     set(CURLOPT_READFUNCTION, &HttpTransfer::onRead);
     set(CURLOPT_READDATA, this);
     set(CURLOPT_SEEKFUNCTION, &HttpTransfer::onSeek);
-    set(CURLOPT_SEEKDATA, this);
   } else {
     const char* const bytes = request.body->view().data();
     set(CURLOPT_POSTFIELDS, bytes);
@@ -201,7 +215,11 @@ HttpTransfer::Connection HttpTransfer::connection() const {
 /// Called when a connection is there for the request: more than once when libcurl sends it anew
 /// because the first one had died, or for a redirect.
 int HttpTransfer::onSending(void* self, char*, char*, int, int) {
-  static_cast<HttpTransfer*>(self)->lastActivity = Clock::now();
+  auto& transfer = *static_cast<HttpTransfer*>(self);
+  transfer.lastActivity = Clock::now();
+  // Not left to onSeek: libcurl seeks only when a part of the body was sent, not when it was read
+  // and then waited for the other side's room.
+  if (transfer.request.source) transfer.read_ = transfer.request.source->open();
   return CURL_PREREQFUNC_OK;
 }
 
@@ -234,15 +252,22 @@ std::size_t HttpTransfer::onBody(char* data, std::size_t size, std::size_t count
 }
 
 std::size_t HttpTransfer::onRead(char* out, std::size_t size, std::size_t count, void* self) {
-  return static_cast<HttpTransfer*>(self)->read_(out, size * count);
+  auto& read = static_cast<HttpTransfer*>(self)->read_;
+  const std::size_t room = size * count;
+  std::size_t filled = 0;
+  // Whole: each piece is a call of the kernel's.
+  while (filled < room) {
+    const std::size_t more = read(out + filled, room - filled);
+    if (more == 0) break;
+    filled += more;
+  }
+  return filled;
 }
 
-/// Called when libcurl sends the request anew because its connection had died.
-int HttpTransfer::onSeek(void* self, curl_off_t offset, int origin) {
-  if (offset != 0 || origin != SEEK_SET) return CURL_SEEKFUNC_CANTSEEK;
-  auto& transfer = *static_cast<HttpTransfer*>(self);
-  transfer.read_ = transfer.request.source->open();
-  return CURL_SEEKFUNC_OK;
+/// Called when libcurl sends the request anew because its connection had died. onSending is called
+/// then, too, and begins the body again.
+int HttpTransfer::onSeek(void*, curl_off_t offset, int origin) {
+  return offset == 0 && origin == SEEK_SET ? CURL_SEEKFUNC_OK : CURL_SEEKFUNC_CANTSEEK;
 }
 
 int HttpTransfer::onProgress(void* self, curl_off_t, curl_off_t downNow, curl_off_t,

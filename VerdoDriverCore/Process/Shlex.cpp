@@ -5,7 +5,7 @@
 namespace verdo::Shlex {
 namespace {
 
-constexpr std::string_view kBlanks = " \t\n\r";
+constexpr std::string_view kSeparators = " \t\n\r";
 constexpr std::string_view kEscapableInDoubleQuotes = "\"\\$`";
 
 class Splitter {
@@ -51,7 +51,7 @@ class Splitter {
   }
 
   void unquoted(char c) {
-    if (kBlanks.find(c) != std::string_view::npos) {
+    if (kSeparators.find(c) != std::string_view::npos) {
       endWord();
     } else if (c == '\\') {
       const char escaped = nextEscaped();

@@ -1,3 +1,4 @@
+#include "VerdoDriverCore/Network/JsonBody.h"
 #include "tests/Support/ApiFixture.h"
 #include "tests/Support/Front.h"
 
@@ -97,6 +98,24 @@ TEST_F(SilentPath, RequestIsEndedThoughItsConnectionAnswersThePing) {
   // The connection is done with what it had, and nothing new goes over it.
   EXPECT_EQ(failureOf([&] { api->hello(); }), "");
   EXPECT_EQ(front->connections(), 2);
+}
+
+TEST_F(SilentPath, BodySentAnewLacksWhatWasReadBefore) {
+  HttpRequest request;
+  request.method = "POST";
+  request.url = front->url() + "/llm/v1/chat/completions";
+  const auto body = std::make_shared<const JsonBody>(JV(std::string(300'000, 'x')));
+  request.source = body;
+  EXPECT_EQ(failureOf([&] { api->hello(); }), "");
+  EXPECT_EQ(front->refuse(), 1);
+  // By its reply the connection knows that it has no room.
+  EXPECT_EQ(failureOf([&] { api->hello(); }), "");
+  const auto result = session->perform(request);
+  EXPECT_TRUE(result) << result.error().description;
+  const auto came = service.requests().waitFor("chat", 1, kLong);
+  ASSERT_TRUE(came);
+  EXPECT_EQ(came->bodySize, body->size());
+  EXPECT_EQ(came->body.front(), '"');
 }
 
 TEST_F(SilentPath, ChangeOfTheNetworkIsTakenForAFailure) {

@@ -28,6 +28,8 @@ class Front {
   const std::string& url() const { return url_; }
   /// Lets nothing pass over the connections that are open now; gives how many they are.
   int swallow() { return ask("swallow"); }
+  /// Turns the next body on each connection that is open now away unread; gives how many they are.
+  int refuse() { return ask("refuse"); }
   /// How many connections there have been.
   int connections() { return ask("count"); }
 

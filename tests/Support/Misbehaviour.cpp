@@ -44,8 +44,13 @@ int flood(long long bytes) {
 Role rest(const Role& role) { return {role.begin() + 1, role.end()}; }
 
 int withGrandchild(const Role& role, bool stay) {
+  const pid_t parent = ::getpid();
   const pid_t child = ::fork();
-  if (child == 0) _exit(misbehave(rest(role)));
+  if (child == 0) {
+    // What the grandchild says then also says that its parent has gone.
+    while (!stay && ::getppid() == parent) ::usleep(1000);
+    _exit(misbehave(rest(role)));
+  }
   std::cout << "grandchild " << child << std::endl;
   if (!stay) return 0;
   return sleepReady(std::to_string(kLongest));

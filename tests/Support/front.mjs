@@ -8,6 +8,8 @@
 //
 //   swallow   the connections open now go on acknowledging, but nothing passes any more: "swallowed N"
 //   count     "connections N": how many there have been
+//   refuse    HTTP/2: no connection open now has room for a body until one came and was turned away
+//             unread, as when a proxy restarts: "refusing N"
 //
 // It ends with its input.
 import { readFileSync } from 'node:fs'
@@ -63,11 +65,23 @@ async function startProxy() {
     cert: readFileSync(options.certificate),
     key: readFileSync(options.key),
   })
-  proxy.on('stream', (stream, headers) => passOn(agent, stream, headers))
+  proxy.on('session', (session) => {
+    sessions.add(session)
+    session.on('close', () => sessions.delete(session))
+  })
+  proxy.on('stream', (stream, headers) => {
+    if (!refusing.has(stream.session) || stream.endAfterHeaders) return passOn(agent, stream, headers)
+    refusing.delete(stream.session)
+    stream.on('error', () => {})
+    stream.session.settings({ initialWindowSize: 65535 })
+    stream.close(http2.constants.NGHTTP2_REFUSED_STREAM)
+  })
   proxy.on('sessionError', () => {})
   return listen(proxy, LOOPBACK)
 }
 
+const sessions = new Set()
+const refusing = new Set()
 const target = options.certificate ? await startProxy() : Number(options.to)
 const roads = new Set()
 let count = 0
@@ -104,6 +118,12 @@ for await (const command of readline.createInterface({ input: process.stdin })) 
     const open = [...roads].filter((road) => !road.dead)
     for (const road of open) road.dead = true
     console.log(`swallowed ${open.length}`)
+  } else if (command === 'refuse') {
+    for (const session of sessions) {
+      session.settings({ initialWindowSize: 0 })
+      refusing.add(session)
+    }
+    console.log(`refusing ${refusing.size}`)
   } else if (command === 'count') {
     console.log(`connections ${count}`)
   } else {

@@ -91,9 +91,9 @@ void DesktopInhibitor::inhibit(std::size_t desktop, const std::string& owner,
               .replyType = "(u)"},
              [self = QPointer(this), desktop, owner, reason, request](const BusResult& result) {
                if (!self) return;
-               const Desktop& asked = kDesktops[desktop];
+               const Desktop& answering = kDesktops[desktop];
                if (!result) {
-                 self->logFailure(fmt::format("{}: {}", asked.service, result.error()));
+                 self->logFailure(fmt::format("{}: {}", answering.service, result.error()));
                  if (request == self->request_) self->ask(desktop + 1, reason, request);
                  return;
                }
@@ -103,7 +103,7 @@ void DesktopInhibitor::inhibit(std::size_t desktop, const std::string& owner,
                self->isAsking_ = false;
                self->agreed_ = agreed;
                AppLog::keepAwake.info(
-                   fmt::format("[KeepAwake] {} keeps awake ({})", asked.service, reason));
+                   fmt::format("[KeepAwake] {} keeps awake ({})", answering.service, reason));
              });
 }
 
