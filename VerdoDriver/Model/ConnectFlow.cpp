@@ -125,12 +125,13 @@ struct ConnectFlow::Attempt {
 
 ConnectFlow::ConnectFlow(std::shared_ptr<DriverFactory> factory,
                          std::shared_ptr<SecretStore> secrets, SettingsStore& settings,
-                         std::shared_ptr<DriverLog> log, EgoPath egoPath)
+                         std::shared_ptr<DriverLog> log, EgoPath egoPath, std::string llmBase)
     : factory_(std::move(factory)),
       secrets_(std::move(secrets)),
       settings_(settings),
       log_(std::move(log)),
-      egoPath_(std::move(egoPath)) {}
+      egoPath_(std::move(egoPath)),
+      llmBase_(std::move(llmBase)) {}
 
 ConnectFlow::~ConnectFlow() { cancel(); }
 
@@ -145,6 +146,7 @@ tl::expected<DriverConfig, Refusal> ConnectFlow::buildConfig(const ConnectDraft&
   config.execCommand = EgoLocator::command();
   config.extraPathDirs = EgoLocator::extraPathDirs();
   config.llmKey = draft.llmKey;
+  if (!llmBase_.empty()) config.llmBase = llmBase_;
   config.insecure = draft.allowInsecure;
   config.dryRun = dryRun;
   config.checkLLM = checkLLM;

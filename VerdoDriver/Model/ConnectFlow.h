@@ -51,9 +51,10 @@ class ConnectFlow : public QObject {
   /// The path of the browser tool; absent when it is not installed.
   using EgoPath = std::function<std::optional<std::string>()>;
 
-  /// `settings` outlives the flow.
+  /// `settings` outlives the flow. `llmBase`: base URL of the LLM provider; empty: the default one.
   ConnectFlow(std::shared_ptr<DriverFactory> factory, std::shared_ptr<SecretStore> secrets,
-              SettingsStore& settings, std::shared_ptr<DriverLog> log, EgoPath egoPath);
+              SettingsStore& settings, std::shared_ptr<DriverLog> log, EgoPath egoPath,
+              std::string llmBase = {});
   ~ConnectFlow() override;
 
   [[nodiscard]] tl::expected<DriverConfig, Refusal> buildConfig(const ConnectDraft& draft,
@@ -87,6 +88,7 @@ class ConnectFlow : public QObject {
   SettingsStore& settings_;
   const std::shared_ptr<DriverLog> log_;
   const EgoPath egoPath_;
+  const std::string llmBase_;
   AttemptPtr attempt_;  ///< that is under way
 };
 

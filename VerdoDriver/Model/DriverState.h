@@ -44,6 +44,13 @@ struct DriverStopped {
 using DriverState = std::variant<DriverIdle, DriverWaiting, DriverStarting, DriverRunning,
                                  DriverBackoff, DriverStopped>;
 
+/// A connected run has lost the server for a while and will ask it again.
+struct DriverRetry {
+  std::string message;     ///< what went wrong
+  Clock::TimePoint until;  ///< when it asks again
+  bool operator==(const DriverRetry&) const = default;
+};
+
 /// For the log.
 std::string toText(const DriverState& state);
 

@@ -214,6 +214,7 @@ void DriverSupervisor::launchWith(const DriverConfig& config) {
   const auto bridge = std::make_shared<ObserverBridge>(QPointer(this), generation);
   const auto handle = factory_->makeDriver(config, log_, bridge);
   current_ = std::make_shared<Run>(Run{generation, handle, clock_->now()});
+  retry_.reset();
   assign(retryMessage_, std::nullopt, &DriverSupervisor::retryMessageChanged);
   transition(DriverStarting{});
   log_->write(fmt::format("» driver run #{} starting (server {}, token {}, key {})", generation,
@@ -343,6 +344,7 @@ bool DriverSupervisor::isCurrent(Generation generation) const {
 void DriverSupervisor::connected(const std::string& username, const std::string& serverVersion) {
   assign(username_, username, &DriverSupervisor::usernameChanged);
   assign(serverVersion_, serverVersion, &DriverSupervisor::serverVersionChanged);
+  retry_.reset();
   assign(retryMessage_, std::nullopt, &DriverSupervisor::retryMessageChanged);
   assign(lastError_, std::nullopt, &DriverSupervisor::lastErrorChanged);
   transition(DriverRunning{});
@@ -350,6 +352,9 @@ void DriverSupervisor::connected(const std::string& username, const std::string&
 }
 
 void DriverSupervisor::retrying(const std::string& message, double retryIn) {
+  retry_ =
+      DriverRetry{message, clock_->now() + std::chrono::duration_cast<Clock::TimePoint::duration>(
+                                               std::chrono::duration<double>(retryIn))};
   assign(retryMessage_, fmt::format("{} — retrying in {} s", message, std::lround(retryIn)),
          &DriverSupervisor::retryMessageChanged);
 }

@@ -96,6 +96,8 @@ class DriverSupervisor : public QObject {
   const std::optional<std::string>& lastJob() const { return lastJob_; }
   const std::optional<std::string>& lastError() const { return lastError_; }
   const std::optional<std::string>& retryMessage() const { return retryMessage_; }
+  /// What the retry message says, for who counts the seconds down. Changes with it.
+  const std::optional<DriverRetry>& retry() const { return retry_; }
   bool updateAvailable() const { return updateAvailable_; }
   /// A run is being supervised; an abandoned one is not.
   bool hasCurrentRun() const { return current_ != nullptr; }
@@ -161,6 +163,7 @@ class DriverSupervisor : public QObject {
   std::optional<std::string> lastJob_;
   std::optional<std::string> lastError_;
   std::optional<std::string> retryMessage_;
+  std::optional<DriverRetry> retry_;
   bool updateAvailable_ = false;
 
   std::shared_ptr<Run> current_;

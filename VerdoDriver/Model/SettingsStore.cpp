@@ -4,6 +4,7 @@
 #include "VerdoDriverCore/Values/Url.h"
 
 #include <QSettings>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -16,6 +17,8 @@ constexpr const char* kKeepAwakeMode = "keepAwakeMode";
 constexpr const char* kAutoStart = "autoStart";
 constexpr const char* kAllowInsecure = "allowInsecure";
 constexpr const char* kSecretPlace = "secretPlace";
+constexpr const char* kHadToken = "hadToken";
+constexpr const char* kHadKey = "hadKey";
 
 std::unique_ptr<QSettings> ofTheUserAlone(std::unique_ptr<QSettings> defaults) {
   defaults->setFallbacksEnabled(false);
@@ -31,7 +34,9 @@ SettingsStore::SettingsStore(std::unique_ptr<QSettings> defaults)
       keepAwakeMode_(keepAwakeModeOf(defaults_->value(kKeepAwakeMode).toString().toStdString())),
       autoStart_(defaults_->value(kAutoStart, true).toBool()),
       allowInsecure_(defaults_->value(kAllowInsecure, false).toBool()),
-      secretPlace_(secretPlaceOf(defaults_->value(kSecretPlace).toString().toStdString())) {}
+      secretPlace_(secretPlaceOf(defaults_->value(kSecretPlace).toString().toStdString())),
+      hadToken_(defaults_->value(kHadToken, false).toBool()),
+      hadKey_(defaults_->value(kHadKey, false).toBool()) {}
 
 SettingsStore::~SettingsStore() = default;
 
@@ -64,6 +69,16 @@ void SettingsStore::setSecretPlace(const SecretPlace& place) {
   store(kSecretPlace, QString::fromStdString(toText(place)));
 }
 
+void SettingsStore::setHadToken(bool had) {
+  hadToken_ = had;
+  store(kHadToken, had);
+}
+
+void SettingsStore::setHadKey(bool had) {
+  hadKey_ = had;
+  store(kHadKey, had);
+}
+
 void SettingsStore::setFlag(bool& flag, const char* key, bool value,
                             void (SettingsStore::*changed)(bool)) {
   flag = value;
@@ -76,11 +91,12 @@ void SettingsStore::store(const char* key, const QVariant& value) {
   defaults_->sync();  // at once: a crash later must not undo the choice
   AppLog::settings.debug(
       fmt::format("[SettingsStore] {} = {}", key, withoutUserInfo(value.toString().toStdString())));
-  if (defaults_->status() != QSettings::NoError) {
-    // The choice holds until the app ends; more cannot be done about it here.
+  const bool isWritten = defaults_->status() == QSettings::NoError;
+  if (!isWritten) {
     AppLog::settings.error(
         fmt::format("[SettingsStore] cannot write {}", defaults_->fileName().toStdString()));
   }
+  if (std::exchange(isWritable_, isWritten) != isWritten) Q_EMIT isWritableChanged(isWritten);
 }
 
 }  // namespace verdo

@@ -43,12 +43,21 @@ class SettingsStore : public QObject {
   /// Where the secrets are kept (SecretPlace.h); none before the first one was stored.
   const std::optional<SecretPlace>& secretPlace() const { return secretPlace_; }
 
+  /// A secret was stored when the store last answered. What is locked today may still be there.
+  bool hadToken() const { return hadToken_; }
+  bool hadKey() const { return hadKey_; }
+
+  /// The last choice could be written; false as on a full disk, when it holds until the app ends.
+  bool isWritable() const { return isWritable_; }
+
   void setServerURL(const std::string& url);
   void setLaunchAtLogin(bool launch);
   void setKeepAwakeMode(KeepAwakeMode mode);
   void setAutoStart(bool start);
   void setAllowInsecure(bool allow);
   void setSecretPlace(const SecretPlace& place);
+  void setHadToken(bool had);
+  void setHadKey(bool had);
 
  Q_SIGNALS:
   void serverURLChanged(const std::string& url);
@@ -56,6 +65,7 @@ class SettingsStore : public QObject {
   void keepAwakeModeChanged(KeepAwakeMode mode);
   void autoStartChanged(bool start);
   void allowInsecureChanged(bool allow);
+  void isWritableChanged(bool writable);
 
  private:
   void setFlag(bool& flag, const char* key, bool value, void (SettingsStore::*changed)(bool));
@@ -68,6 +78,9 @@ class SettingsStore : public QObject {
   bool autoStart_;
   bool allowInsecure_;
   std::optional<SecretPlace> secretPlace_;
+  bool hadToken_;
+  bool hadKey_;
+  bool isWritable_ = true;
 };
 
 }  // namespace verdo

@@ -21,6 +21,7 @@ struct DriverConfig {
   std::vector<std::string> extraPathDirs;  ///< searched before PATH for the executor
   double pollWait = 25.0;                  ///< long-poll wait, seconds
   std::optional<int> maxJobs;              ///< lanes; absent: the server decides
+  std::optional<int> maxJobsCeiling;       ///< lanes that the server may ask for at most
   std::optional<int> serveJobs;            ///< end after this many jobs
   std::optional<double> idleExit;          ///< end after this long without a job, seconds
   std::optional<double> idleClose;         ///< overrides the server's idle_close_seconds, seconds

@@ -65,9 +65,11 @@ std::variant<Hello, ExitReason> Hello::from(const JV& reply, const DriverConfig&
   hello.serverVersion = shown(reply.find("driver_version"));
 
   const auto offered = pyInt(reply.find("max_jobs")).value_or(kLanes);
+  const std::int64_t ceiling =
+      std::min<std::int64_t>(config.maxJobsCeiling.value_or(kMaxLanes), kMaxLanes);
   hello.maxJobs = config.maxJobs.value_or(0) != 0
                       ? *config.maxJobs
-                      : static_cast<int>(std::clamp<std::int64_t>(offered, 1, kMaxLanes));
+                      : static_cast<int>(std::clamp<std::int64_t>(offered, 1, ceiling));
   hello.idleClose =
       config.idleClose.value_or(intervalOr(reply.find("idle_close_seconds"), kIdleClose));
   hello.reapInterval =

@@ -2,7 +2,8 @@
 #include "tests/Support/MainLoop.h"
 #include "tests/Support/Misbehaviour.h"
 
-#include <QCoreApplication>
+#include <QApplication>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,7 @@ int main(int argc, char** argv) {
   ::signal(SIGPIPE, SIG_IGN);
   testing::InitGoogleMock(&argc, argv);
   verdo::MainThread::post([] { verdo::test::earlyPostRan = true; });
-  const QCoreApplication application(argc, argv);
+  ::setenv("QT_QPA_PLATFORM", "offscreen", 1);
+  const QApplication application(argc, argv);
   return RUN_ALL_TESTS();
 }

@@ -1,0 +1,42 @@
+#pragma once
+
+#include "VerdoDriver/MenuBar/MenuBarController.h"
+#include "VerdoDriver/Model/AppModel.h"
+
+#include <QObject>
+#include <functional>
+#include <memory>
+
+namespace verdo {
+
+/// Leads the app through its life: launch, the wish to quit, and the end of the session. Main
+/// thread only.
+class AppDelegate : public QObject {
+ public:
+  /// What stays of a stop when the session ends: the system does not wait for long.
+  static constexpr std::chrono::seconds kSessionEndLimit{5};
+
+  struct Options {
+    bool importLegacy = false;  ///< without a user (-VERDOImportLegacy)
+    bool showPopover = false;
+  };
+  /// `end` is called once, when the driver has stopped or its time is up.
+  AppDelegate(AppModel& model, MenuBarController& menuBar, std::function<void()> end);
+
+  void didFinishLaunching(const Options& options);
+  /// Stops the driver, for 75 s at most, and ends. Asking again changes nothing.
+  void quit();
+  /// Stops the driver and ends within kSessionEndLimit; jobs that go on are killed.
+  void sessionEnds();
+
+ private:
+  void stopWithin(std::chrono::seconds limit);
+  void driverStopped();
+
+  AppModel& model_;
+  MenuBarController& menuBar_;
+  std::function<void()> end_;  ///< until it was called
+  bool isStopping_ = false;
+};
+
+}  // namespace verdo

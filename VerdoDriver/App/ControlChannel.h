@@ -1,0 +1,49 @@
+#pragma once
+
+#include <QObject>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+class QLocalServer;
+
+namespace verdo {
+
+/// How a second start of the app, or a script, speaks to the one that runs: one line with a command
+/// to a local socket that only this user can reach, and one line back.
+
+/// The socket's path: in the user's runtime directory, else in the temporary one under a name with
+/// the user's id.
+std::string controlSocketPath();
+
+/// Asks the running app. Absent when none runs, or none answers within the time. Needs no
+/// application object, and no display.
+std::optional<std::string> askRunningApp(const std::string& socketPath, const std::string& command,
+                                         int timeoutMilliseconds = 3000);
+
+/// The running app's end. Main thread only.
+class ControlServer : public QObject {
+ public:
+  using Handler = std::function<std::string()>;
+
+  ControlServer();
+  ~ControlServer() override;
+
+  /// Answers `command` with what the handler gives, one line without its end.
+  void handle(const std::string& command, Handler handler);
+  /// Listens at the path. False when another app does already, or `error()` says why not.
+  bool listen(const std::string& socketPath);
+  const std::string& error() const { return error_; }
+
+ private:
+  void accept();
+  std::string answer(const std::string& command) const;
+
+  const std::unique_ptr<QLocalServer> server_;
+  std::map<std::string, Handler> handlers_;
+  std::string error_;
+};
+
+}  // namespace verdo

@@ -1,0 +1,148 @@
+#include "VerdoDriver/App/AppDelegate.h"
+#include "VerdoDriver/App/AppInfo.h"
+#include "VerdoDriver/App/Composition.h"
+#include "VerdoDriver/App/ControlChannel.h"
+#include "VerdoDriver/App/EndProcess.h"
+#include "VerdoDriver/App/QuitSignals.h"
+#include "VerdoDriver/MenuBar/StatusItemIconRenderer.h"
+#include "VerdoDriver/Model/AppLog.h"
+#include "VerdoDriver/Model/SecretTask.h"
+#include "VerdoDriver/Model/StatusReport.h"
+#include "VerdoDriver/Platform/Display.h"
+#include "VerdoDriver/Platform/NativeSettings.h"
+#include "VerdoDriver/UI/PopoverView.h"
+#include "VerdoDriverCore/Contract/DriverConstants.h"
+#include "VerdoDriverCore/Contract/Secrets.h"
+#include "VerdoDriverCore/Process/ChildProcess.h"
+#include "VerdoDriverCore/System/LargeBlocks.h"
+#include "VerdoDriverCore/Values/Url.h"
+
+#include <QApplication>
+#include <QSettings>
+#include <algorithm>
+#include <clocale>
+#include <cstdio>
+#include <cstdlib>
+#include <span>
+#include <string_view>
+
+namespace {
+
+using namespace verdo;
+
+constexpr int kNotRunning = 3;
+constexpr const char* kUsage =
+    "Usage: verdo-driver-app [--show | --status | --quit | --version | --help]\n"
+    "\n"
+    "Runs the Verdo Driver in the tray. With an app that runs already:\n"
+    "  --show     opens its window (as a second start without an option does)\n"
+    "  --status   prints its state as JSON; exit status 3 when none runs\n"
+    "  --quit     ends it, once the driver has stopped; exit status 3 when none runs\n";
+
+/// For the secret queue before the process ends.
+constexpr std::chrono::milliseconds kSecretLimit{500};
+
+bool has(std::span<char*> arguments, std::string_view option) {
+  return std::any_of(arguments.begin(), arguments.end(),
+                     [&](const char* argument) { return option == argument; });
+}
+
+/// What a command to a running app prints and ends with.
+int command(const char* name, bool isPrinted) {
+  const auto reply = askRunningApp(controlSocketPath(), name);
+  if (!reply) {
+    std::fputs("verdo-driver-app: no app is running\n", stderr);
+    return kNotRunning;
+  }
+  if (isPrinted) std::printf("%s\n", reply->c_str());
+  return 0;
+}
+
+void serveControl(ControlServer& control, AppModel& model, MenuBarController& menuBar,
+                  AppDelegate& delegate) {
+  control.handle("ping", [] { return std::string("pong"); });
+  control.handle("show", [&menuBar] {
+    menuBar.showPopover();
+    return std::string("shown");
+  });
+  control.handle("status", [&] { return statusReport(model, menuBar.isPopoverVisible()); });
+  control.handle("quit", [&delegate] {
+    delegate.quit();
+    return std::string("quitting");
+  });
+}
+
+int run(int argc, char** argv, const AppDelegate::Options& options) {
+  QCoreApplication::setAttribute(Qt::AA_DisableSessionManager, false);
+  QGuiApplication::setDesktopFileName(QStringLiteral("verdo-driver-app"));
+  QApplication app(argc, argv);
+  QApplication::setQuitOnLastWindowClosed(false);
+  QApplication::setApplicationName(QStringLiteral("verdo-driver"));
+  QApplication::setApplicationDisplayName(QStringLiteral("Verdo Driver"));
+  // English, left to right, whatever the locale: numbers and texts are read by programs, too.
+  std::setlocale(LC_NUMERIC, "C");
+  std::setlocale(LC_MESSAGES, "C");
+  QLocale::setDefault(QLocale::c());
+  QGuiApplication::setLayoutDirection(Qt::LeftToRight);
+
+  ControlServer control;
+  if (!control.listen(controlSocketPath())) {
+    if (askRunningApp(controlSocketPath(), "show")) {
+      AppLog::lifecycle.info("[AppDelegate] another instance is running — terminating this one");
+      return 0;
+    }
+    std::fprintf(stderr, "verdo-driver-app: cannot listen at %s: %s\n", controlSocketPath().c_str(),
+                 control.error().c_str());
+    return 1;
+  }
+
+  const char* const llmBase = std::getenv(DriverConstants::llmBaseEnv);
+  const auto log = std::make_shared<FileLog>();
+  const auto model = makeAppModel(log, lowerScheme(llmBase ? llmBase : ""));
+  AppDelegate* running = nullptr;
+  MenuBarController* tray = nullptr;
+  const PopoverHost host{
+      .quit = [&running] { running->quit(); },
+      .hide = [&tray] { tray->hidePopover(); },
+      .shape =
+          [](Connection connection, int size, double scale) {
+            return StatusItemIconRenderer::pixmap(connection, false, size, scale);
+          },
+      .defaultServerURL = AppInfo::defaultServerURL(),
+  };
+  MenuBarController menuBar(*model, std::make_unique<PopoverView>(*model, host));
+  tray = &menuBar;
+  AppDelegate delegate(*model, menuBar, [] { QCoreApplication::exit(0); });
+  running = &delegate;
+  serveControl(control, *model, menuBar, delegate);
+  const QuitSignals signals_([&delegate] { delegate.quit(); });
+  QObject::connect(&app, &QGuiApplication::commitDataRequest, &delegate,
+                   [&delegate] { delegate.sessionEnds(); });
+  delegate.didFinishLaunching(options);
+
+  const int status = QApplication::exec();
+  AppLog::lifecycle.info("[AppDelegate] terminated");
+  endSecretWork(kSecretLimit);
+  endProcess(status, *log, *nativeSettings());
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  giveBackLargeBlocks();
+  keepEndedChildren();
+  eraseSecretsFromEnvironment();
+  const std::span<char*> arguments(argv + 1, argv + argc);
+  if (has(arguments, "--help")) return std::fputs(kUsage, stdout) < 0 ? 1 : 0;
+  if (has(arguments, "--version")) return std::printf("%s\n", AppInfo::version().c_str()) < 0;
+  if (has(arguments, "--status")) return command("status", true);
+  if (has(arguments, "--quit")) return command("quit", false);
+  const bool isShown = has(arguments, "--show");
+  if (isShown && askRunningApp(controlSocketPath(), "show")) return 0;
+  if (!hasDisplay()) {
+    std::fputs("verdo-driver-app: there is no display; use verdo-driver on this machine\n", stderr);
+    return 1;
+  }
+  return run(argc, argv,
+             {.importLegacy = has(arguments, "-VERDOImportLegacy"), .showPopover = isShown});
+}

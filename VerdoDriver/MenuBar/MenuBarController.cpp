@@ -1,0 +1,123 @@
+#include "VerdoDriver/MenuBar/MenuBarController.h"
+
+#include "VerdoDriver/MenuBar/PopoverPlacement.h"
+#include "VerdoDriver/MenuBar/StatusItemIconRenderer.h"
+#include "VerdoDriver/Model/AppLog.h"
+
+#include <QCursor>
+#include <QDateTime>
+#include <QGuiApplication>
+#include <QKeyEvent>
+#include <QScreen>
+#include <QTextDocument>
+#include <QVBoxLayout>
+
+namespace verdo {
+namespace {
+
+/// A click on the icon takes the focus from the popover first, which hides it: so soon after that,
+/// the click was meant to hide it, too.
+constexpr qint64 kSameClick = 300;  // ms
+/// A tooltip is one line beside the pointer.
+constexpr qsizetype kMaxTooltip = 200;
+
+/// Windows can be put at a place: everywhere but on Wayland.
+bool canPlaceWindows() {
+  return !QGuiApplication::platformName().startsWith(QLatin1String("wayland"));
+}
+
+/// Trays take what looks like markup for markup.
+QString plainTooltip(const std::string& text) {
+  QString shown = QString::fromStdString(text).left(kMaxTooltip);
+  return Qt::mightBeRichText(shown) ? shown.toHtmlEscaped() : shown;
+}
+
+}  // namespace
+
+MenuBarController::MenuBarController(AppModel& model, std::unique_ptr<QWidget> popover)
+    : model_(model),
+      window_(std::make_unique<QWidget>()),
+      popover_(popover.release()),
+      isPlaced_(QSystemTrayIcon::isSystemTrayAvailable() && canPlaceWindows()) {
+  auto* layout = new QVBoxLayout(window_.get());
+  layout->setContentsMargins(0, 0, 0, 0);
+  layout->setSizeConstraint(QLayout::SetFixedSize);  // the window follows its content
+  layout->addWidget(popover_);
+  window_->setWindowTitle(QStringLiteral("Verdo Driver"));
+  window_->setAttribute(Qt::WA_QuitOnClose, false);
+  if (isPlaced_) window_->setWindowFlags(Qt::Tool | Qt::FramelessWindowHint);
+  window_->installEventFilter(this);
+  popover_->installEventFilter(this);
+
+  connect(&statusItem_, &QSystemTrayIcon::activated, this, &MenuBarController::statusItemClicked);
+  connect(&model_, &AppModel::changed, this, &MenuBarController::updateIcon);
+  updateIcon();
+  statusItem_.show();
+}
+
+MenuBarController::~MenuBarController() = default;
+
+void MenuBarController::updateIcon() {
+  const Look look{model_.connection(), model_.updateAvailable()};
+  if (look_ != look) {
+    look_ = look;
+    const QIcon icon = StatusItemIconRenderer::icon(look.connection, look.updateAvailable);
+    statusItem_.setIcon(icon);
+    window_->setWindowIcon(icon);
+  }
+  auto tooltip = tooltipOf(look.connection, model_.supervisor().busyLanes(), look.updateAvailable);
+  if (tooltip == tooltip_) return;
+  tooltip_ = std::move(tooltip);
+  statusItem_.setToolTip(plainTooltip(tooltip_));
+}
+
+void MenuBarController::statusItemClicked(QSystemTrayIcon::ActivationReason reason) {
+  if (reason == QSystemTrayIcon::Unknown || reason == QSystemTrayIcon::DoubleClick) return;
+  const bool wasJustHidden = QDateTime::currentMSecsSinceEpoch() - hiddenAt_ < kSameClick;
+  if (window_->isVisible()) return hidePopover();
+  if (!wasJustHidden) showPopover();
+}
+
+void MenuBarController::showPopover() {
+  model_.popoverOpened();
+  window_->adjustSize();
+  if (isPlaced_) position();
+  window_->show();
+  window_->raise();
+  window_->activateWindow();
+  AppLog::menuBar.debug("[MenuBar] popover shown");
+}
+
+void MenuBarController::hidePopover() {
+  if (!window_->isVisible()) return;
+  hiddenAt_ = QDateTime::currentMSecsSinceEpoch();
+  window_->hide();
+  AppLog::menuBar.debug("[MenuBar] popover hidden");
+}
+
+bool MenuBarController::isPopoverVisible() const { return window_->isVisible(); }
+
+void MenuBarController::position() {
+  const QRect icon = statusItem_.geometry();
+  const QPoint anchor = icon.isEmpty() ? QCursor::pos() : icon.center();
+  const QScreen* screen = QGuiApplication::screenAt(anchor);
+  if (!screen) screen = QGuiApplication::primaryScreen();
+  if (!screen) return;
+  window_->move(popoverPosition(icon, QCursor::pos(), screen->geometry(),
+                                screen->availableGeometry(), window_->sizeHint()));
+}
+
+bool MenuBarController::eventFilter(QObject* watched, QEvent* event) {
+  if (watched == window_.get()) {
+    if (event->type() == QEvent::WindowDeactivate && isPlaced_) hidePopover();
+    if (event->type() == QEvent::KeyPress && window_->isVisible() &&
+        static_cast<QKeyEvent*>(event)->key() == Qt::Key_Escape) {
+      hidePopover();
+      return true;
+    }
+    if (event->type() == QEvent::Resize && isPlaced_ && window_->isVisible()) position();
+  }
+  return QObject::eventFilter(watched, event);
+}
+
+}  // namespace verdo

@@ -1,0 +1,55 @@
+#pragma once
+
+#include "VerdoDriver/Model/AppModel.h"
+
+#include <QObject>
+#include <QSystemTrayIcon>
+#include <QWidget>
+#include <memory>
+#include <optional>
+
+namespace verdo {
+
+/// Owns the tray icon and the popover's window. Draws icon and tooltip from the model, and only
+/// what has changed of them; a click on the icon shows the popover beside it, or hides it. Where
+/// there is no tray, or the window cannot be put anywhere (Wayland), the popover is an ordinary
+/// window. Main thread only.
+class MenuBarController : public QObject {
+  Q_OBJECT
+ public:
+  /// `popover` is what the window shows; the controller takes it. `model` outlives it.
+  MenuBarController(AppModel& model, std::unique_ptr<QWidget> popover);
+  ~MenuBarController() override;
+
+  void showPopover();
+  void hidePopover();
+  bool isPopoverVisible() const;
+  /// What the icon says when it is pointed at.
+  const std::string& tooltip() const { return tooltip_; }
+
+ protected:
+  bool eventFilter(QObject* watched, QEvent* event) override;
+
+ private:
+  /// Everything that the icon's looks depend on.
+  struct Look {
+    Connection connection;
+    bool updateAvailable;
+    bool operator==(const Look&) const = default;
+  };
+
+  void updateIcon();
+  void statusItemClicked(QSystemTrayIcon::ActivationReason reason);
+  void position();
+
+  AppModel& model_;
+  QSystemTrayIcon statusItem_;
+  std::unique_ptr<QWidget> window_;
+  QWidget* popover_ = nullptr;  ///< inside the window
+  bool isPlaced_ = false;       ///< the window has its place beside the icon
+  std::optional<Look> look_;    ///< as last drawn
+  std::string tooltip_;
+  qint64 hiddenAt_ = 0;  ///< when a click outside has hidden it, ms of the steady clock
+};
+
+}  // namespace verdo

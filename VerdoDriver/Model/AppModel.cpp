@@ -1,0 +1,414 @@
+#include "VerdoDriver/Model/AppModel.h"
+
+#include "VerdoDriver/Model/AppLog.h"
+#include "VerdoDriver/Model/EgoLocator.h"
+#include "VerdoDriver/Model/MainThread.h"
+#include "VerdoDriver/Model/SafeLink.h"
+#include "VerdoDriver/Model/SecretTask.h"
+#include "VerdoDriverCore/Values/Url.h"
+
+#include <QPointer>
+#include <utility>
+
+#include <fmt/format.h>
+
+namespace verdo {
+
+AppModel::AppModel(Parts parts)
+    : clock_(parts.clock),
+      log_(parts.log),
+      settings_(std::move(parts.settings)),
+      secrets_(parts.secrets),
+      loginItems_(std::move(parts.loginItems)),
+      updateChecker_(std::move(parts.updateChecker)),
+      wakeMonitor_(std::move(parts.wakeMonitor)),
+      pathMonitor_(std::move(parts.pathMonitor)),
+      findEgo_(parts.egoPath),
+      openURL_(parts.openURL),
+      logPath_(std::move(parts.logPath)),
+      llmBase_(parts.llmBase),
+      clientHeader_(std::move(parts.clientHeader)),
+      manifestInterval_(parts.manifestInterval),
+      storedSecrets_(parts.secrets, *settings_),
+      supervisor_(parts.factory, log_, clock_),
+      keepAwake_(std::move(parts.powerAssertion), clock_, settings_->keepAwakeMode()),
+      connectFlow_(parts.factory, secrets_, *settings_, log_, parts.egoPath, parts.llmBase),
+      pairFlow_(std::move(parts.pairingService), parts.openURL, std::move(parts.hostName), log_,
+                clock_),
+      onboarding_(pairFlow_, connectFlow_),
+      legacyImport_(
+          {.migration = std::move(parts.migration),
+           .secrets = secrets_,
+           .settings = settings_.get(),
+           .log = log_,
+           .connect = [this](const ConnectDraft& draft,
+                             auto done) { connectFlow_.connect(draft, std::move(done)); },
+           .refreshManifest = [this] { refreshManifest(); },
+           .restartDriver = [this] { storedSecrets_.refresh([this] { restartDriver(); }); }}),
+      egoPath_(findEgo_()) {
+  wire();
+}
+
+AppModel::~AppModel() { secrets_->listen({}); }
+
+void AppModel::wire() {
+  const auto supervised = [this] {
+    evaluateKeepAwake();
+    touch();
+  };
+  QObject::connect(&supervisor_, &DriverSupervisor::stateChanged, this, supervised);
+  QObject::connect(&supervisor_, &DriverSupervisor::busyLanesChanged, this, supervised);
+  using Changed = void (DriverSupervisor::*)();
+  for (const Changed signal :
+       {&DriverSupervisor::usernameChanged, &DriverSupervisor::servedCountChanged,
+        &DriverSupervisor::lastJobChanged, &DriverSupervisor::lastErrorChanged,
+        &DriverSupervisor::retryMessageChanged}) {
+    QObject::connect(&supervisor_, signal, this, &AppModel::touch);
+  }
+  QObject::connect(&supervisor_, &DriverSupervisor::updateAvailableChanged, this, [this] {
+    updateAvailable_ = updateAvailable_ || supervisor_.updateAvailable();
+    touch();
+  });
+  QObject::connect(&supervisor_, &DriverSupervisor::exited, this, [this](const ExitReason& reason) {
+    if (reason.kind() == ExitReason::Kind::outOfDate) refreshManifest();
+  });
+  QObject::connect(settings_.get(), &SettingsStore::keepAwakeModeChanged, this,
+                   [this](KeepAwakeMode mode) {
+                     keepAwake_.setMode(mode);
+                     touch();
+                   });
+  QObject::connect(settings_.get(), &SettingsStore::launchAtLoginChanged, this,
+                   [this](bool launch) {
+                     loginItems_->setEnabled(launch);
+                     touch();
+                   });
+  QObject::connect(settings_.get(), &SettingsStore::serverURLChanged, this, &AppModel::touch);
+  QObject::connect(settings_.get(), &SettingsStore::autoStartChanged, this, &AppModel::touch);
+  QObject::connect(settings_.get(), &SettingsStore::allowInsecureChanged, this, &AppModel::touch);
+  QObject::connect(settings_.get(), &SettingsStore::isWritableChanged, this, &AppModel::touch);
+  QObject::connect(&storedSecrets_, &StoredSecrets::changed, this, &AppModel::touch);
+  QObject::connect(&pairFlow_, &PairFlow::stateChanged, this, [this] {
+    isAskingForCode_ = false;
+    touch();
+  });
+  QObject::connect(&legacyImport_, &LegacyImport::changed, this, &AppModel::touch);
+  secrets_->listen([this](SecretEvent event) { heard(event); });
+}
+
+/// Tells of a change once the event that made it is over, so that changes which come together show
+/// as one.
+void AppModel::touch() {
+  if (std::exchange(isTouched_, true)) return;
+  MainThread::post([self = QPointer(this)] {
+    if (!self) return;
+    self->isTouched_ = false;
+    Q_EMIT self->changed();
+  });
+}
+
+void AppModel::heard(SecretEvent event) {
+  switch (event) {
+    case SecretEvent::changed:
+      return storedSecrets_.refresh([this] {
+        if (launchDone_) launched();
+        supervisor_.secretsChanged();
+      });
+    case SecretEvent::placeChanged:
+      if (const auto place = secrets_->place()) settings_->setSecretPlace(*place);
+      break;
+    case SecretEvent::promptOpened:
+    case SecretEvent::promptClosed:
+      isPromptOpen_ = event == SecretEvent::promptOpened;
+      break;
+  }
+  touch();
+}
+
+void AppModel::evaluateKeepAwake() {
+  const DriverState& state = supervisor_.state();
+  keepAwake_.setDriverRunning(std::holds_alternative<DriverStarting>(state) ||
+                              std::holds_alternative<DriverRunning>(state));
+  keepAwake_.setBusy(!supervisor_.busyLanes().empty());
+  keepAwake_.evaluate();
+}
+
+void AppModel::didLaunch(std::function<void(bool)> done) {
+  MainThread::require("AppModel::didLaunch");
+  launchDone_ = std::move(done);
+  startMonitors();
+  loginItems_->refresh();
+  legacyImport_.detect();
+  storedSecrets_.refresh([this] { launched(); });
+}
+
+/// The store has told what it can. What it cannot tell yet is no reason to ask the user to pair.
+void AppModel::launched() {
+  const bool isWaiting = !storedSecrets_.isKnown() && !settings_->serverURL().empty();
+  if (!isConfigured()) {
+    if (isWaiting) return;
+    if (const auto done = std::exchange(launchDone_, nullptr)) done(true);
+    return;
+  }
+  const auto done = std::exchange(launchDone_, nullptr);
+  refreshManifest();
+  if (settings_->autoStart()) {
+    AppLog::lifecycle.info("[AppModel] configured + autoStart — starting the driver");
+    supervisor_.start(configProvider());
+  }
+  if (done) done(false);
+}
+
+void AppModel::startMonitors() {
+  if (wakeMonitor_) {
+    QObject::connect(wakeMonitor_.get(), &WakeMonitor::woke, this, [this] {
+      AppLog::lifecycle.info("[AppModel] system woke — kick");
+      supervisor_.kick();
+    });
+  }
+  if (!pathMonitor_) return;
+  QObject::connect(pathMonitor_.get(), &PathMonitor::reported, this, &AppModel::pathReported);
+  pathMonitor_->start();
+}
+
+void AppModel::pathReported(bool satisfied) {
+  const auto before = std::exchange(lastPathSatisfied_, satisfied);
+  if (!satisfied || !before) return;
+  if (*before) return supervisor_.networkChanged();  // another path: the old connections are dead
+  AppLog::lifecycle.info("[AppModel] network back — kick");
+  supervisor_.kick();
+}
+
+void AppModel::popoverOpened() {
+  storedSecrets_.refresh();
+  egoPath_ = findEgo_();
+  legacyImport_.detect();
+  if (!lastManifest_ || clock_->now() - *lastManifest_ >= manifestInterval_) refreshManifest();
+  touch();
+}
+
+Connection AppModel::connection() const {
+  return connectionOf(isConfigured(), supervisor_.state(), !supervisor_.busyLanes().empty());
+}
+
+DriverSupervisor::ConfigProvider AppModel::configProvider() {
+  return [self = QPointer(this)](const DriverSupervisor::ConfigReply& reply) {
+    if (self) {
+      self->provideConfig(reply);
+    } else {
+      reply(std::nullopt);
+    }
+  };
+}
+
+void AppModel::provideConfig(const DriverSupervisor::ConfigReply& reply) const {
+  if (settings_->serverURL().empty()) return reply(std::nullopt);
+  using Pair = std::pair<std::string, std::string>;
+  const auto read = [secrets = secrets_]() -> SecretStore::Result<Pair> {
+    const auto token = secrets->read(SecretAccount::driverToken);
+    if (!token) return tl::make_unexpected(token.error());
+    const auto key = secrets->read(SecretAccount::llmKey);
+    if (!key) return tl::make_unexpected(key.error());
+    return Pair{token->value_or(""), key->value_or("")};
+  };
+  askSecretStore(read, [self = QPointer(this), reply](const SecretStore::Result<Pair>& pair) {
+    if (!self) return;
+    if (!pair) return reply(tl::make_unexpected(pair.error()));
+    reply(self->configOf(pair->first, pair->second));
+  });
+}
+
+std::optional<DriverConfig> AppModel::configOf(const std::string& token,
+                                               const std::string& key) const {
+  if (settings_->serverURL().empty() || token.empty()) return std::nullopt;
+  DriverConfig config(settings_->serverURL(), token);
+  config.execCommand = EgoLocator::command();
+  config.extraPathDirs = EgoLocator::extraPathDirs();
+  config.llmKey = key;
+  if (!llmBase_.empty()) config.llmBase = llmBase_;
+  config.insecure = settings_->allowInsecure();
+  config.maxJobsCeiling = DriverConstants::maxJobsCeiling;
+  config.clientHeader = clientHeader_;
+  return config;
+}
+
+void AppModel::restartDriver() {
+  if (supervisor_.hasCurrentRun() || std::holds_alternative<DriverBackoff>(supervisor_.state())) {
+    return supervisor_.restart();
+  }
+  supervisor_.start(configProvider());
+}
+
+void AppModel::stopDriver() { supervisor_.stop(DriverSupervisor::kStopTimeout); }
+
+void AppModel::forgetToken() {
+  supervisor_.stop(DriverSupervisor::kStopTimeout);
+  secretFailure_.reset();
+  storedSecrets_.remove(SecretAccount::driverToken, [this](const auto& removed) {
+    if (removed) return log_->write("» token forgotten");
+    secretFailed("The token could not be forgotten", removed.error());
+  });
+}
+
+void AppModel::removeKey() {
+  secretFailure_.reset();
+  storedSecrets_.remove(SecretAccount::llmKey, [this](const auto& removed) {
+    if (!removed) return secretFailed("The key could not be removed", removed.error());
+    log_->write("» DeepSeek key removed");
+    if (supervisor_.hasCurrentRun()) supervisor_.restart();
+  });
+}
+
+void AppModel::unlockSecrets() {
+  secretFailure_.reset();
+  storedSecrets_.unlock([this](const auto& unlocked) {
+    if (!unlocked) return secretFailed("Could not unlock the keyring", unlocked.error());
+    if (launchDone_) launched();
+    supervisor_.secretsChanged();
+  });
+}
+
+void AppModel::secretFailed(const char* what, const SecretError& error) {
+  secretFailure_ = fmt::format("{}: {}", what, error.description);
+  log_->write("✗ " + *secretFailure_);
+  touch();
+}
+
+void AppModel::connect(const ConnectDraft& draft, ConnectFlow::Completion completion) {
+  beginConnect();
+  connectFlow_.connect(draft, [self = QPointer(this),
+                               completion = std::move(completion)](const ConnectResult& result) {
+    if (self) self->connected(result);
+    if (completion) completion(result);
+  });
+}
+
+void AppModel::startPairing(const std::string& serverURL, bool allowInsecure,
+                            const std::string& llmKey) {
+  beginConnect();
+  const auto done = [self = QPointer(this)](const ConnectResult& result) {
+    if (self) self->connected(result);
+  };
+  if (onboarding_.hasApproval()) return onboarding_.retry(llmKey, done);
+  cancelPairing();
+  isAskingForCode_ = true;
+  onboarding_.start(lowerScheme(serverURL), allowInsecure, llmKey, done);
+}
+
+void AppModel::cancelPairing() {
+  onboarding_.cancel();
+  isAskingForCode_ = false;
+  touch();
+}
+
+void AppModel::saveKey(const std::string& llmKey) {
+  beginConnect();
+  isCheckingKey_ = true;
+  const auto check = ++keyChecks_;
+  const auto read = [secrets = secrets_]() -> SecretStore::Result<std::optional<std::string>> {
+    const auto unlocked = secrets->unlock();
+    if (!unlocked) return tl::make_unexpected(unlocked.error());
+    return secrets->read(SecretAccount::driverToken);
+  };
+  askSecretStore(read, [self = QPointer(this), llmKey, check](const auto& token) {
+    if (!self) return;
+    if (!token) {
+      self->endKeyCheck(check);
+      return self->secretFailed("Could not read the keyring", token.error());
+    }
+    self->connect({.serverURL = self->settings_->serverURL(),
+                   .token = token->value_or(""),
+                   .llmKey = llmKey,
+                   .allowInsecure = self->settings_->allowInsecure()},
+                  [self, check](const ConnectResult&) {
+                    if (self) self->endKeyCheck(check);
+                  });
+  });
+}
+
+void AppModel::endKeyCheck(std::uint64_t check) {
+  if (check != keyChecks_) return;
+  isCheckingKey_ = false;
+  touch();
+}
+
+void AppModel::beginConnect() {
+  connectFailure_.reset();
+  secretFailure_.reset();
+  touch();
+}
+
+void AppModel::connected(const ConnectResult& result) {
+  if (result.reason.kind() != ExitReason::Kind::stopped && !result.saved) {
+    connectFailure_ = result.text;
+  }
+  touch();
+  if (!result.saved) return;
+  storedSecrets_.refresh([this] {
+    restartDriver();
+    refreshManifest();
+  });
+}
+
+void AppModel::setLaunchAtLogin(bool launch) { settings_->setLaunchAtLogin(launch); }
+
+void AppModel::openLog() {
+  log_->write("» log opened from the popover");
+  openURL_("file://" + logPath_);
+}
+
+void AppModel::openDownload() {
+  if (const auto link = downloadURL()) openURL_(*link);
+}
+
+void AppModel::openEgoInstall() {
+  if (const auto link = egoInstallURL()) openURL_(*link);
+}
+
+void AppModel::openVerifyURL() {
+  const auto* waiting = std::get_if<PairingWaiting>(&pairing());
+  if (waiting) openURL_(waiting->verifyURL);
+}
+
+void AppModel::refreshManifest() {
+  if (settings_->serverURL().empty()) return;
+  lastManifest_ = clock_->now();
+  scheduleManifest();
+  updateChecker_->check(settings_->serverURL(), settings_->allowInsecure(),
+                        [self = QPointer(this)](const UpdateChecker::Outcome& outcome) {
+                          if (!self || !outcome) return;
+                          self->manifest_ = *outcome;
+                          self->updateAvailable_ =
+                              self->updateAvailable_ || self->updateChecker_->isNewer(*outcome);
+                          self->touch();
+                        });
+}
+
+void AppModel::prepareToEnd() {
+  onboarding_.cancel();
+  connectFlow_.cancel();
+  secrets_->cancelPrompt();
+}
+
+void AppModel::scheduleManifest() {
+  if (manifestToken_) manifestToken_->cancel();
+  manifestToken_ = clock_->after(kManifestDay, [self = QPointer(this)] {
+    if (self) self->refreshManifest();
+  });
+}
+
+std::optional<std::string> AppModel::downloadURL() const {
+  if (!manifest_ || !manifest_->dmgURL) return std::nullopt;
+  auto link = SafeLink::allowed(manifest_->dmgURL, settings_->serverURL());
+  if (!link) {
+    AppLog::update.info("[AppModel] dmg_url refused (not https / same-origin): " +
+                        *manifest_->dmgURL);
+  }
+  return link;
+}
+
+std::optional<std::string> AppModel::egoInstallURL() const {
+  if (!manifest_) return std::nullopt;
+  return SafeLink::allowed(manifest_->egoInstallURL, settings_->serverURL());
+}
+
+}  // namespace verdo

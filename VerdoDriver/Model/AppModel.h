@@ -1,0 +1,188 @@
+#pragma once
+
+#include "VerdoDriver/Model/Connection.h"
+#include "VerdoDriver/Model/DriverSupervisor.h"
+#include "VerdoDriver/Model/KeepAwakeController.h"
+#include "VerdoDriver/Model/LegacyImport.h"
+#include "VerdoDriver/Model/LoginItem.h"
+#include "VerdoDriver/Model/Onboarding.h"
+#include "VerdoDriver/Model/PowerAssertion.h"
+#include "VerdoDriver/Model/StoredSecrets.h"
+#include "VerdoDriver/Model/SystemEvents.h"
+#include "VerdoDriver/Model/UpdateChecker.h"
+
+#include <QObject>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace verdo {
+
+/// The one object behind the user interface: owns the app's services, wires them to each other,
+/// derives what the interface shows, and does what the user asks for. Main thread only; made once,
+/// and there until the process ends.
+class AppModel : public QObject {
+  Q_OBJECT
+ public:
+  /// Between two questions for the manifest that nobody asked for.
+  static constexpr std::chrono::hours kManifestInterval{1};
+  /// While the app runs, the manifest is asked for at least so often.
+  static constexpr std::chrono::hours kManifestDay{24};
+
+  /// What the model is made of; all are there, but for what is said to be optional.
+  struct Parts {
+    std::unique_ptr<SettingsStore> settings;
+    std::shared_ptr<SecretStore> secrets;
+    std::shared_ptr<DriverFactory> factory;
+    std::shared_ptr<DriverLog> log;
+    std::shared_ptr<LoginItemManaging> loginItems;
+    LegacyDriverMigration migration;
+    std::unique_ptr<UpdateChecker> updateChecker;
+    std::shared_ptr<Clock> clock;
+    std::shared_ptr<PowerAssertion> powerAssertion;
+    std::shared_ptr<PairingService> pairingService;
+    std::unique_ptr<WakeMonitor> wakeMonitor;  ///< optional
+    std::unique_ptr<PathMonitor> pathMonitor;  ///< optional
+    ConnectFlow::EgoPath egoPath;
+    PairFlow::HostName hostName;
+    PairFlow::OpenURL openURL;  ///< also of a file
+    std::string logPath;        ///< of what openLog() opens
+    std::string llmBase;        ///< of the provider; empty: the default one
+    std::string clientHeader;   ///< how the app presents itself to the service
+    Clock::Duration manifestInterval = kManifestInterval;
+  };
+  explicit AppModel(Parts parts);
+  ~AppModel() override;
+
+  /// Starts what is to run from the launch on: the monitors and, once the secret store has told
+  /// that a token is stored, the driver if the user wants it started. `done` comes later, once,
+  /// with whether the app is not set up; while the store cannot tell, it is not called.
+  void didLaunch(std::function<void(bool isNotSetUp)> done);
+  /// The popover is about to be shown: what may have changed behind the app's back is read anew.
+  void popoverOpened();
+
+  // What the interface shows. changed() tells of all of it.
+  Connection connection() const;
+  bool isConfigured() const { return hasToken() && !settings().serverURL().empty(); }
+  bool hasToken() const { return storedSecrets_.hasToken(); }
+  bool hasKey() const { return storedSecrets_.hasKey(); }
+  const StoredSecrets& storedSecrets() const { return storedSecrets_; }
+  /// The path of the browser tool, as last looked for; absent when there is none.
+  const std::optional<std::string>& egoPath() const { return egoPath_; }
+  const std::optional<AppManifest>& manifest() const { return manifest_; }
+  bool updateAvailable() const { return updateAvailable_; }
+  const PairingState& pairing() const { return pairFlow_.state(); }
+  /// A pairing was begun, and the server has not answered yet.
+  bool isAskingForCode() const { return isAskingForCode_; }
+  /// saveKey() is at work.
+  bool isCheckingKey() const { return isCheckingKey_; }
+  /// A token was approved, and waits for a key with which it can be saved.
+  bool hasApproval() const { return onboarding_.hasApproval(); }
+  /// What came of the last connect that failed, until the next one.
+  const std::optional<StatusText>& connectFailure() const { return connectFailure_; }
+  /// What the store said when a secret could not be forgotten or unlocked, until the next try.
+  const std::optional<std::string>& secretFailure() const { return secretFailure_; }
+  /// A window of the system's waits for the user.
+  bool isPromptOpen() const { return isPromptOpen_; }
+  std::optional<SecretPlace> secretPlace() const { return settings().secretPlace(); }
+  bool launchesAtLogin() const { return loginItems_->isEnabled(); }
+  /// Where the newest release can be had, and the browser tool; absent when the manifest names
+  /// none, or one that must not be opened.
+  std::optional<std::string> downloadURL() const;
+  std::optional<std::string> egoInstallURL() const;
+
+  const SettingsStore& settings() const { return *settings_; }
+  SettingsStore& settings() { return *settings_; }
+  const DriverSupervisor& supervisor() const { return supervisor_; }
+  DriverSupervisor& supervisor() { return supervisor_; }
+  LegacyImport& legacyImport() { return legacyImport_; }
+  Clock& clock() const { return *clock_; }
+
+  // What the user can do.
+  void restartDriver();
+  void stopDriver();
+  void forgetToken();
+  void removeKey();
+  void unlockSecrets();
+  void connect(const ConnectDraft& draft, ConnectFlow::Completion completion);
+  /// Connects to the website: pairs, or goes on with the token that was approved.
+  void startPairing(const std::string& serverURL, bool allowInsecure, const std::string& llmKey);
+  void cancelPairing();
+  /// Saves another key beside the stored token.
+  void saveKey(const std::string& llmKey);
+  void setLaunchAtLogin(bool launch);
+  void openLog();
+  /// These open downloadURL(), egoInstallURL() and the approve page of the pairing that waits; each
+  /// does nothing while there is none.
+  void openDownload();
+  void openEgoInstall();
+  void openVerifyURL();
+  void refreshManifest();
+  /// Ends whatever waits for the user, before the process does.
+  void prepareToEnd();
+
+ Q_SIGNALS:
+  /// Something of the above has changed; emitted once for changes that come together, after them.
+  void changed();
+  /// The user has to be shown the setup: a token was refused, say.
+  void setupNeeded();
+
+ private:
+  void wire();
+  void touch();
+  void startMonitors();
+  void pathReported(bool satisfied);
+  void launched();
+  void heard(SecretEvent event);
+  void evaluateKeepAwake();
+  void secretFailed(const char* what, const SecretError& error);
+  void beginConnect();
+  void endKeyCheck(std::uint64_t check);
+  void provideConfig(const DriverSupervisor::ConfigReply& reply) const;
+  std::optional<DriverConfig> configOf(const std::string& token, const std::string& key) const;
+  DriverSupervisor::ConfigProvider configProvider();
+  void connected(const ConnectResult& result);
+  void scheduleManifest();
+
+  const std::shared_ptr<Clock> clock_;
+  const std::shared_ptr<DriverLog> log_;
+  const std::unique_ptr<SettingsStore> settings_;
+  const std::shared_ptr<SecretStore> secrets_;
+  const std::shared_ptr<LoginItemManaging> loginItems_;
+  const std::unique_ptr<UpdateChecker> updateChecker_;
+  const std::unique_ptr<WakeMonitor> wakeMonitor_;
+  const std::unique_ptr<PathMonitor> pathMonitor_;
+  const ConnectFlow::EgoPath findEgo_;
+  const PairFlow::OpenURL openURL_;
+  const std::string logPath_;
+  const std::string llmBase_;
+  const std::string clientHeader_;
+  const Clock::Duration manifestInterval_;
+
+  StoredSecrets storedSecrets_;
+  DriverSupervisor supervisor_;
+  KeepAwakeController keepAwake_;
+  ConnectFlow connectFlow_;
+  PairFlow pairFlow_;
+  Onboarding onboarding_;
+  LegacyImport legacyImport_;
+
+  std::function<void(bool)> launchDone_;  ///< until it was called
+  std::optional<bool> lastPathSatisfied_;
+  std::optional<std::string> egoPath_;
+  std::optional<AppManifest> manifest_;
+  bool updateAvailable_ = false;
+  std::optional<Clock::TimePoint> lastManifest_;  ///< when it was asked for
+  std::shared_ptr<ClockToken> manifestToken_;
+  std::optional<StatusText> connectFailure_;
+  std::optional<std::string> secretFailure_;
+  bool isPromptOpen_ = false;
+  bool isAskingForCode_ = false;
+  bool isCheckingKey_ = false;
+  std::uint64_t keyChecks_ = 0;  ///< ever; only the last one says when none is at work
+  bool isTouched_ = false;
+};
+
+}  // namespace verdo

@@ -1,0 +1,57 @@
+#include "VerdoDriver/Platform/PlatformParts.h"
+
+#include "VerdoDriver/Model/PowerAssertionGroup.h"
+#include "VerdoDriver/Model/SystemClock.h"
+#include "VerdoDriver/Platform/BootTime.h"
+#include "VerdoDriver/Platform/Linux/AutostartEntry.h"
+#include "VerdoDriver/Platform/Linux/DesktopInhibitor.h"
+#include "VerdoDriver/Platform/Linux/LogindInhibitor.h"
+#include "VerdoDriver/Platform/Linux/LogindWakeMonitor.h"
+#include "VerdoDriver/Platform/Linux/RouteMonitor.h"
+#include "VerdoDriver/Platform/Linux/SecretStoreChoice.h"
+
+#include <QCoreApplication>
+#include <QStandardPaths>
+#include <QSysInfo>
+
+namespace verdo {
+namespace {
+
+/// Secrets that no keyring takes lie beside the user's data, apart from what the removal of an old
+/// driver deletes.
+std::string secretDirectory() {
+  return (QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation) +
+          "/verdo-driver/secrets")
+      .toStdString();
+}
+
+}  // namespace
+
+PlatformParts makePlatformParts(const std::string& appId,
+                                const std::optional<SecretPlace>& usedBefore) {
+  const auto systemBus = std::make_shared<BusLink>(BusLink::systemAddress());
+  const auto sessionBus = std::make_shared<BusLink>(BusLink::sessionAddress());
+  const auto clock = std::make_shared<SystemClock>(bootTime);
+  PlatformParts parts;
+  parts.clock = clock;
+  parts.secrets = std::make_shared<SecretStoreChoice>(SecretStoreOptions{
+      .service = appId,
+      .fileDirectory = secretDirectory(),
+      .limits = {},
+      .usedBefore = usedBefore,
+  });
+  parts.powerAssertion = std::make_shared<PowerAssertionGroup>(
+      std::vector<std::shared_ptr<PowerAssertion>>{std::make_shared<LogindInhibitor>(systemBus),
+                                                   std::make_shared<DesktopInhibitor>(sessionBus)});
+  parts.loginItems = std::make_shared<AutostartEntry>(
+      AutostartEntry::programFor(QCoreApplication::applicationFilePath().toStdString()));
+  parts.wakeMonitor = std::make_unique<LogindWakeMonitor>(systemBus);
+  QObject::connect(parts.wakeMonitor.get(), &WakeMonitor::woke, parts.wakeMonitor.get(),
+                   [clock] { clock->catchUp(); });
+  parts.pathMonitor = std::make_unique<RouteMonitor>();
+  return parts;
+}
+
+std::string hostName() { return QSysInfo::machineHostName().toStdString(); }
+
+}  // namespace verdo

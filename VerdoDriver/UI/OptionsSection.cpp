@@ -1,0 +1,59 @@
+#include "VerdoDriver/UI/OptionsSection.h"
+
+#include "VerdoDriver/UI/CheckBox.h"
+#include "VerdoDriver/UI/Label.h"
+#include "VerdoDriver/UI/Look.h"
+
+#include <QComboBox>
+
+namespace verdo {
+namespace {
+
+const char* wordsFor(KeepAwakeMode mode) {
+  return mode == KeepAwakeMode::always ? "While connected" : "While a job runs";
+}
+
+}  // namespace
+
+OptionsSection::OptionsSection(AppModel& model, QWidget* parent)
+    : Fold("Options", parent),
+      model_(model),
+      launchAtLogin_(new CheckBox("Launch at login", bodyWidget())),
+      autoStart_(new CheckBox("Start automatically", bodyWidget())),
+      keepAwake_(new QComboBox(bodyWidget())),
+      secretPlace_(new Label(Label::Style::fact, Label::Fit::wrap, bodyWidget())) {
+  for (CheckBox* box : {launchAtLogin_, autoStart_}) body()->addWidget(box);
+  autoStart_->setAccessibleDescription("Connects as soon as the app runs");
+  for (const auto mode : kKeepAwakeModes) keepAwake_->addItem(wordsFor(mode));
+  keepAwake_->setFixedHeight(Look::kRow);
+  keepAwake_->setFocusPolicy(Qt::StrongFocus);
+  auto* keepAwakeRow = Look::row();
+  auto* caption = new QLabel("Keep awake", bodyWidget());
+  caption->setBuddy(keepAwake_);
+  keepAwakeRow->addWidget(caption);
+  keepAwakeRow->addWidget(keepAwake_, 1);
+  body()->addLayout(keepAwakeRow);
+  body()->setSpacing(0);
+  body()->addSpacing(Look::kGrid / 2);
+  body()->addWidget(secretPlace_);
+
+  connect(launchAtLogin_, &QCheckBox::clicked, this, [this](bool launch) {
+    model_.setLaunchAtLogin(launch);
+    refresh();  // the system may have refused
+  });
+  connect(autoStart_, &QCheckBox::clicked, this,
+          [this](bool start) { model_.settings().setAutoStart(start); });
+  connect(keepAwake_, &QComboBox::activated, this,
+          [this](int index) { model_.settings().setKeepAwakeMode(kKeepAwakeModes[index]); });
+}
+
+void OptionsSection::refresh() {
+  launchAtLogin_->setChecked(model_.launchesAtLogin());
+  autoStart_->setChecked(model_.settings().autoStart());
+  keepAwake_->setCurrentIndex(model_.settings().keepAwakeMode() == KeepAwakeMode::always ? 0 : 1);
+  const auto place = model_.secretPlace();
+  const bool isInFiles = place && place->kind == SecretPlace::Kind::files;
+  secretPlace_->tell(QString(isInFiles ? "Secrets are kept in files that only you can read." : ""));
+}
+
+}  // namespace verdo

@@ -1,0 +1,33 @@
+#include "VerdoDriver/UI/UpdateLine.h"
+
+#include "VerdoDriver/UI/Button.h"
+#include "VerdoDriver/UI/Label.h"
+#include "VerdoDriver/UI/Look.h"
+
+namespace verdo {
+
+UpdateLine::UpdateLine(AppModel& model, QWidget* parent)
+    : QWidget(parent),
+      model_(model),
+      text_(new Label(Label::Style::text, Label::Fit::elide, this)),
+      download_(
+          new Button(Button::Kind::plain, "Download", this, [this] { model_.openDownload(); })) {
+  auto* layout = Look::row();
+  setLayout(layout);
+  layout->setContentsMargins(Look::kMargin, Look::kGrid, Look::kMargin, Look::kGrid);
+  layout->addWidget(text_, 1);
+  layout->addWidget(download_);
+}
+
+void UpdateLine::refresh() {
+  setVisible(model_.updateAvailable());
+  if (!model_.updateAvailable()) return;
+  const auto& manifest = model_.manifest();
+  const QString version = manifest && manifest->appVersion
+                              ? "Version " + Look::shown(*manifest->appVersion, 24)
+                              : QString("A new version");
+  text_->tell(version + " is available");
+  download_->setVisible(model_.downloadURL().has_value());
+}
+
+}  // namespace verdo

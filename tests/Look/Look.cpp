@@ -1,0 +1,288 @@
+#include "LocalService/LocalService.h"
+#include "tests/Support/PopoverWindow.h"
+
+#include <QApplication>
+#include <QDir>
+#include <QPalette>
+#include <QTimerEvent>
+#include <functional>
+
+#include <fmt/format.h>
+
+// Draws the popover in every state it can be in, for people to look at.
+namespace verdo::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr const char* kLong =
+    "poll failed (GET /api/driver/poll?wait=25): Failed to connect to "
+    "a-rather-long-name-of-a-computer.internal.verdo.example port 443 after 30001 ms: Couldn't "
+    "connect to server";
+
+struct Scene {
+  const char* name;
+  std::function<void(ScriptedModel&, PopoverWindow&)> play;
+};
+
+void stopped(ScriptedModel& app, const ExitReason& reason) {
+  app.setUp();
+  app.goOnline();
+  app.end(reason);
+}
+
+void busy(ScriptedModel& app, const std::vector<std::string>& lanes) {
+  app.setUp();
+  app.goOnline();
+  for (int i = 0; i < 1204; ++i) app.observer()->driverJobFinished(i + 1, "mail", 0, {});
+  app.observer()->driverBusyLanesChanged({lanes.front()});
+  spin();
+  app.clock->advance(125s);
+  app.observer()->driverBusyLanesChanged(lanes);
+  spin();
+  app.clock->advance(9s);
+}
+
+void legacy(ScriptedModel& app) {
+  const auto put = [&](const std::string& name, const std::string& content) {
+    std::filesystem::create_directories(std::filesystem::path(app.home / name).parent_path());
+    app.home.write(name, content);
+  };
+  put("Library/LaunchAgents/com.verdo.driver.plist", "");
+  put(".config/verdo/driver.env",
+      "VERDO_SERVER_URL=https://verdo.example\nVERDO_DRIVER_TOKEN=token-1234\n"
+      "VERDO_LLM_API_KEY=key-5678\n");
+  app.model.legacyImport().detect();
+}
+
+const std::vector<Scene>& scenes() {
+  static const std::vector<Scene> all{
+      {"not-set-up", [](auto& app, auto&) { app.askStore(); }},
+      {"key-typed",
+       [](auto& app, auto& window) {
+         app.askStore();
+         window.type("DeepSeek key", "sk-012345678");
+       }},
+      {"plain-http",
+       [](auto& app, auto& window) {
+         app.askStore();
+         window.type("Server URL", "http://verdo.local:8080");
+       }},
+      {"asking-for-code",
+       [](auto& app, auto&) {
+         app.askStore();
+         app.model.startPairing(ScriptedModel::kServer, false, "sk-typed");
+       }},
+      {"pairing-code",
+       [](auto& app, auto&) {
+         app.askStore();
+         app.pair();
+       }},
+      {"pairing-connecting",
+       [](auto& app, auto&) {
+         app.askStore();
+         app.pair();
+         app.approve();
+       }},
+      {"pairing-failed",
+       [](auto& app, auto&) {
+         app.askStore();
+         app.pair();
+         app.clock->advance(5s);
+         app.pairing->polls.back().answer(PairingPoll{PairingPoll::Status::denied, "", ""});
+       }},
+      {"key-rejected-try-again",
+       [](auto& app, auto& window) {
+         app.askStore();
+         app.pair();
+         app.approve();
+         EXPECT_TRUE(spinUntil([&] { return !app.factory->runs.empty(); }));
+         app.factory->runs.back()->end(ExitReason::llmKeyRejected(""));
+         EXPECT_TRUE(spinUntil([&] { return app.model.connectFailure().has_value(); }));
+         window.type("DeepSeek key", "sk-another");
+       }},
+      {"connecting",
+       [](auto& app, auto&) {
+         app.setUp();
+         app.launch();
+       }},
+      {"online",
+       [](auto& app, auto&) {
+         app.setUp();
+         app.goOnline();
+       }},
+      {"online-setup-open",
+       [](auto& app, auto& window) {
+         app.setUp();
+         app.goOnline();
+         window.press("Setup");
+         window.type("DeepSeek key", "sk-another");
+       }},
+      {"online-forget",
+       [](auto& app, auto& window) {
+         app.setUp();
+         app.goOnline();
+         window.press("Setup");
+         window.press("Forget token");
+       }},
+      {"online-options",
+       [](auto& app, auto& window) {
+         app.setUp();
+         app.goOnline();
+         app.model.settings().setSecretPlace({SecretPlace::Kind::files, ""});
+         window.press("Options");
+       }},
+      {"busy-one", [](auto& app, auto&) { busy(app, {"ada:mail"}); }},
+      {"busy-three",
+       [](auto& app, auto&) {
+         busy(app, {"ada:mail", "ada:crm",
+                    "ada:a-lane-with-a-name-that-nobody-would-give-it:but-somebody-did-all-the-"
+                    "same"});
+         app.observer()->driverJobFinished(1205, "ada:mail", 1,
+                                           "the page did not answer within 60 s");
+       }},
+      {"busy-quit",
+       [](auto& app, auto& window) {
+         busy(app, {"ada:mail", "ada:crm"});
+         window.press("Quit");
+       }},
+      {"online-retrying",
+       [](auto& app, auto&) {
+         app.setUp();
+         app.goOnline();
+         app.observer()->driverRetrying(kLong, 15);
+       }},
+      {"offline-countdown",
+       [](auto& app, auto&) {
+         stopped(app, ExitReason::serverUnreachable(kLong));
+         app.clock->advance(8s);
+       }},
+      {"idle", [](auto& app, auto&) { app.setUp(); }},
+      {"stopped-bad-config", [](auto& app, auto&) { stopped(app, ExitReason::badConfig("")); }},
+      {"stopped-token-revoked",
+       [](auto& app, auto&) { stopped(app, ExitReason::tokenRevoked("")); }},
+      {"stopped-out-of-date", [](auto& app, auto&) { stopped(app, ExitReason::outOfDate("")); }},
+      {"stopped-key-rejected",
+       [](auto& app, auto&) { stopped(app, ExitReason::llmKeyRejected("")); }},
+      {"stopped-no-executor", [](auto& app, auto&) { stopped(app, ExitReason::noExecutor("")); }},
+      {"stopped-done", [](auto& app, auto&) { stopped(app, ExitReason::clean()); }},
+      {"keyring-waiting",
+       [](auto& app, auto&) {
+         app.setUp();
+         app.secrets->isLocked = true;
+         app.askStore();
+         app.model.restartDriver();
+         EXPECT_TRUE(spinUntil([&] {
+           return std::holds_alternative<DriverWaiting>(app.model.supervisor().state());
+         }));
+       }},
+      {"keyring-prompt",
+       [](auto& app, auto&) {
+         app.setUp();
+         app.secrets->isLocked = true;
+         app.secrets->tell(SecretEvent::promptOpened);
+         app.askStore();
+       }},
+      {"migration",
+       [](auto& app, auto&) {
+         app.askStore();
+         legacy(app);
+       }},
+      {"migration-armed",
+       [](auto& app, auto& window) {
+         app.setUp();
+         legacy(app);
+         spin();
+         window.press("Import and remove");
+         EXPECT_TRUE(
+             spinUntil([&] { return app.model.legacyImport().migrationMessage().has_value(); }));
+       }},
+      {"update",
+       [](auto& app, auto&) {
+         local::LocalService service;
+         service.start();
+         service.manifest().patch(
+             {{"app_version", "2026.10.01"}, {"dmg_url", "https://verdo.example/driver"}});
+         app.setUp(service.url());
+         app.model.refreshManifest();
+         EXPECT_TRUE(spinUntil([&] { return app.model.updateAvailable(); }));
+         app.model.settings().setServerURL(ScriptedModel::kServer);
+         app.goOnline();
+       }},
+      {"right-to-left",
+       [](auto& app, auto&) {
+         app.setUp();
+         app.goOnline("מרים כהן");
+         app.observer()->driverBusyLanesChanged({"u:דואר נכנס", "u:مهام طويلة جدا"});
+         app.observer()->driverJobFinished(7, "u:דואר נכנס", 1,
+                                           "הדף לא ענה בתוך 60 שניות, ולכן העבודה הופסקה");
+       }},
+      {"markup",
+       [](auto& app, auto&) {
+         app.setUp();
+         app.goOnline("<b>ada</b><img src=x>");
+         app.observer()->driverJobFinished(
+             7, "<h1>lane</h1>", 1, "<table><tr><td>" + std::string(2000, 'x') + "</td></tr>");
+       }},
+  };
+  return all;
+}
+
+QPalette dark() {
+  QPalette palette;
+  palette.setColor(QPalette::Window, QColor(0x24, 0x24, 0x24));
+  palette.setColor(QPalette::Base, QColor(0x1b, 0x1b, 0x1b));
+  palette.setColor(QPalette::Button, QColor(0x36, 0x36, 0x36));
+  for (const auto role : {QPalette::WindowText, QPalette::Text, QPalette::ButtonText}) {
+    palette.setColor(role, QColor(0xee, 0xee, 0xee));
+    palette.setColor(QPalette::Disabled, role, QColor(0x80, 0x80, 0x80));
+  }
+  palette.setColor(QPalette::PlaceholderText, QColor(0x9a, 0x9a, 0x9a));
+  palette.setColor(QPalette::Highlight, QColor(0x2f, 0x78, 0xd0));
+  palette.setColor(QPalette::HighlightedText, Qt::white);
+  return palette;
+}
+
+void draw(const Scene& scene, const QString& path) {
+  ScriptedModel app;
+  PopoverWindow window(app.model);
+  window.show();
+  spin();
+  scene.play(app, window);
+  for (int i = 0; i < 5; ++i) spin();  // what is posted posts more
+  // As when the next second comes.
+  auto* tick = window.view->findChild<QTimer*>({}, Qt::FindDirectChildrenOnly);
+  if (tick->isActive()) {
+    QTimerEvent due(tick->timerId());
+    QCoreApplication::sendEvent(tick, &due);
+  }
+  for (int i = 0; i < 3; ++i) spin();
+  window.grab().save(path);
+}
+
+int drawAll(const QString& folder, double scale) {
+  QDir().mkpath(folder);
+  const std::pair<const char*, QPalette> palettes[] = {{"light", QApplication::palette()},
+                                                       {"dark", dark()}};
+  for (const auto& [name, palette] : palettes) {
+    QApplication::setPalette(palette);
+    for (const auto& scene : scenes()) {
+      draw(scene, QString("%1/%2-%3-%4x.png").arg(folder, scene.name, name).arg(scale));
+    }
+  }
+  return testing::Test::HasFailure() ? 1 : 0;
+}
+
+}  // namespace
+}  // namespace verdo::test
+
+/// Usage: verdo-app-look DIRECTORY
+int main(int argc, char** argv) {
+  testing::InitGoogleMock(&argc, argv);
+  const QApplication application(argc, argv);
+  if (argc != 2) {
+    fmt::print(stderr, "Usage: verdo-app-look DIRECTORY\n");
+    return 2;
+  }
+  return verdo::test::drawAll(QString::fromLocal8Bit(argv[1]), application.devicePixelRatio());
+}

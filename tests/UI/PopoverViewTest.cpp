@@ -1,0 +1,192 @@
+#include "tests/Support/PopoverWindow.h"
+
+#include <QAccessible>
+#include <QTimer>
+
+namespace verdo::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+class PopoverViewTest : public testing::Test {
+ protected:
+  bool isTicking() const {
+    return window.view->findChild<QTimer*>({}, Qt::FindDirectChildrenOnly)->isActive();
+  }
+  void show() {
+    window.show();
+    spin();
+  }
+
+  const AppLogCapture appLog;
+  ScriptedModel app;
+  PopoverWindow window{app.model};
+};
+
+TEST_F(PopoverViewTest, ConnectsWithoutAKeyOrNotWithOne) {
+  app.askStore();
+  show();
+  EXPECT_FALSE(window.button("Connect to website")->isEnabled());
+  EXPECT_TRUE(window.label("Type your DeepSeek key first"));
+  window.type("DeepSeek key", "  ");
+  EXPECT_FALSE(window.button("Connect to website")->isEnabled());
+  for (const char* loopback :
+       {"http://127.0.0.1:8080", "http://localhost", "https://verdo.local"}) {
+    window.type("Server URL", loopback);
+    EXPECT_FALSE(window.button("Allow plain http")) << loopback;
+  }
+  window.type("Server URL", "HTTP://verdo.local/");
+  EXPECT_TRUE(window.button("Allow plain http"));
+  window.type("Server URL", "HTTPS://verdo.example/");
+  window.type("DeepSeek key", " sk-1234 ");
+  window.press("Connect to website");
+  EXPECT_TRUE(window.label("Asking the website for a code…"));
+  ASSERT_EQ(app.pairing->starts.size(), 1u);
+
+  app.pairing->starts.back().answer(PairingStart{"code", "AB-CD", "/pair", 600s, 5s});
+  spin();
+  EXPECT_TRUE(window.label("AB-CD") && window.label("10:00"));
+  app.opened.clear();
+  window.press("Open the approve page");
+  EXPECT_EQ(app.opened, std::vector<std::string>{"https://verdo.example/pair"});
+  app.approve();
+  EXPECT_TRUE(window.label("Checking the connection…"));
+  ASSERT_TRUE(spinUntil([&] { return !app.factory->runs.empty(); }));
+  EXPECT_EQ(app.factory->runs.back()->config.llmKey, "sk-1234");
+
+  // A wrong key costs another key, which the same button takes.
+  app.factory->runs.back()->end(ExitReason::llmKeyRejected(""));
+  ASSERT_TRUE(spinUntil([&] { return window.button("Try this key") != nullptr; }));
+  EXPECT_TRUE(window.label("DeepSeek rejected the key ····1234 — Nothing saved"));
+  EXPECT_EQ(window.field("DeepSeek key")->text(), " sk-1234 ");
+  window.press("Try this key");
+  ASSERT_TRUE(spinUntil([&] { return app.factory->runs.size() == 2; }));
+  EXPECT_EQ(app.pairing->starts.size(), 1u);
+}
+
+TEST_F(PopoverViewTest, SavesNoKeyBesideTheTokenOrSaysNothingOfIt) {
+  app.setUp();
+  show();
+  EXPECT_FALSE(window.field("DeepSeek key")->isVisible());
+  window.press("Setup");
+  EXPECT_TRUE(window.button("Connect to website")->isEnabled());
+  EXPECT_FALSE(window.button("Save key"));
+  window.type("DeepSeek key", "sk-other");
+  window.press("Save key");
+  EXPECT_TRUE(window.label("Checking the key…"));
+  ASSERT_TRUE(spinUntil([&] { return !app.factory->runs.empty(); }));
+  EXPECT_EQ(app.factory->runs.back()->config.token, "token-5a1c");
+  app.factory->runs.back()->end(ExitReason::llmKeyRejected(""));
+  ASSERT_TRUE(spinUntil([&] { return window.label("DeepSeek rejected the key") != nullptr; }));
+  EXPECT_FALSE(window.label("Checking the key…"));
+  EXPECT_EQ(window.field("DeepSeek key")->text(), "sk-other");
+}
+
+TEST_F(PopoverViewTest, WorksWhileHidden) {
+  app.setUp();
+  show();
+  app.goOnline();
+  EXPECT_FALSE(isTicking());
+  app.observer()->driverBusyLanesChanged({"ada:mail"});
+  ASSERT_TRUE(spinUntil([&] { return window.label("mail") != nullptr; }));
+  EXPECT_TRUE(isTicking());
+
+  window.hide();
+  EXPECT_FALSE(isTicking());
+  app.clock->advance(60s);
+  bool told = false;
+  QObject::connect(&app.model, &AppModel::changed, &window, [&] { told = true; });
+  app.observer()->driverBusyLanesChanged({"ada:crm", "ada:mail"});
+  ASSERT_TRUE(spinUntil([&] { return told; }));
+  EXPECT_FALSE(isTicking());
+  for (const auto* label : window.view->findChildren<QLabel*>()) EXPECT_NE(label->text(), "crm");
+
+  // What it shows then is right nevertheless: the lane's time began while nobody looked.
+  app.clock->advance(5s);
+  show();
+  EXPECT_TRUE(window.label("crm") && window.label("00:05") && window.label("01:05"));
+  app.observer()->driverBusyLanesChanged({});
+  ASSERT_TRUE(spinUntil([&] { return !isTicking(); }));
+}
+
+TEST_F(PopoverViewTest, TakesTextsOfTheServerForMarkup) {
+  const std::string evil = "<b>x</b><img src='file:///etc/passwd'>\n\x1b[1m\u202e";
+  app.setUp();
+  show();
+  app.goOnline(evil);
+  app.observer()->driverBusyLanesChanged({"ada:" + evil});
+  app.observer()->driverJobFinished(1, evil, 1, evil + std::string(100'000, 'x'));
+  ASSERT_TRUE(spinUntil([&] { return window.label("Last error") != nullptr; }));
+  app.pair(evil);
+  int shown = 0;
+  for (const auto* label : window.view->findChildren<QLabel*>()) {
+    if (!label->pixmap().isNull() || label->text().isEmpty()) continue;
+    shown += label->text().contains("<b>") ? 1 : 0;
+    EXPECT_LT(label->text().size(), 1000);
+    EXPECT_FALSE(label->text().contains(QChar(0x202e)) || label->text().contains('\x1b'));
+    if (label->text().contains('<')) {
+      EXPECT_EQ(label->textFormat(), Qt::PlainText) << label->text().toStdString();
+    }
+    EXPECT_EQ(label->toolTip(), "");
+  }
+  EXPECT_GE(shown, 4);
+}
+
+TEST_F(PopoverViewTest, HasAControlWithoutNameOrOutOfTheReachOfKeys) {
+  app.setUp();
+  show();
+  window.press("Setup");
+  window.press("Options");
+  window.type("DeepSeek key", "sk-other");
+  app.goOnline();
+  int controls = 0;
+  for (const auto* control : window.view->findChildren<QWidget*>()) {
+    if (!control->isVisible() || !(control->focusPolicy() & Qt::TabFocus)) {
+      const auto* button = qobject_cast<const QAbstractButton*>(control);
+      EXPECT_FALSE(button && button->isVisible()) << button->text().toStdString();
+      continue;
+    }
+    ++controls;
+    const auto* iface = QAccessible::queryAccessibleInterface(const_cast<QWidget*>(control));
+    ASSERT_TRUE(iface) << control->metaObject()->className();
+    EXPECT_FALSE(iface->text(QAccessible::Name).isEmpty()) << control->metaObject()->className();
+  }
+  EXPECT_GE(controls, 14);
+
+  // The tab key goes down the screen.
+  QPoint last(-1, -1);
+  const QWidget* const first = window.button("Restart");
+  const QWidget* control = first;
+  do {
+    if (control->isVisible() && (control->focusPolicy() & Qt::TabFocus)) {
+      const QPoint place = control->mapTo(&window, control->rect().center());
+      EXPECT_TRUE(place.y() > last.y() || (place.y() == last.y() && place.x() > last.x()))
+          << control->accessibleName().toStdString() << control->metaObject()->className();
+      last = place;
+    }
+    control = control->nextInFocusChain();
+  } while (control != first);
+}
+
+TEST_F(PopoverViewTest, QuitsWhileBusyWithoutAskingOrAsksTwice) {
+  app.setUp();
+  show();
+  app.goOnline();
+  app.observer()->driverBusyLanesChanged({"ada:crm", "ada:mail"});
+  spin();
+  window.press("Quit");
+  EXPECT_TRUE(window.label("2 jobs are running. Quit anyway?"));
+  EXPECT_EQ(window.quits, 0);
+  window.press("Cancel");
+  window.press("Quit");
+  window.press("Quit");
+  EXPECT_EQ(window.quits, 1);
+
+  app.observer()->driverBusyLanesChanged({});
+  spin();
+  window.press("Quit");
+  EXPECT_EQ(window.quits, 2);
+}
+
+}  // namespace
+}  // namespace verdo::test
