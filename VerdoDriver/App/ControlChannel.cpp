@@ -4,8 +4,12 @@
 #include <QLocalServer>
 #include <QLocalSocket>
 #include <QTimer>
+#include <cerrno>
+#include <system_error>
 
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 namespace verdo {
@@ -53,14 +57,15 @@ void ControlServer::handle(const std::string& command, Handler handler) {
 }
 
 bool ControlServer::listen(const std::string& socketPath) {
-  const QString path = QString::fromStdString(socketPath);
-  if (server_->listen(path)) return true;
-  // What an app left behind that was killed: nobody listens there.
-  if (server_->serverError() == QAbstractSocket::AddressInUseError &&
-      !askRunningApp(socketPath, "ping")) {
-    QLocalServer::removeServer(path);
-    if (server_->listen(path)) return true;
+  const std::string lockPath = socketPath + ".lock";
+  lock_ = UniqueFd(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+  if (!lock_ || ::flock(lock_.get(), LOCK_EX | LOCK_NB) != 0) {
+    error_ = fmt::format("{}: {}", lockPath, std::generic_category().message(errno));
+    return false;
   }
+  const QString path = QString::fromStdString(socketPath);
+  QLocalServer::removeServer(path);
+  if (server_->listen(path)) return true;
   error_ = server_->errorString().toStdString();
   return false;
 }

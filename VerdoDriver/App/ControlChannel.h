@@ -1,5 +1,7 @@
 #pragma once
 
+#include "VerdoDriverCore/System/UniqueFd.h"
+
 #include <QObject>
 #include <functional>
 #include <map>
@@ -33,7 +35,9 @@ class ControlServer : public QObject {
 
   /// Answers `command` with what the handler gives, one line without its end.
   void handle(const std::string& command, Handler handler);
-  /// Listens at the path. False when another app does already, or `error()` says why not.
+  /// Listens at the path, for which it holds a lock beside it: the first of two apps that start at
+  /// once has it, and one that was killed leaves nothing in the way. False when another app listens
+  /// there, or `error()` says why not.
   bool listen(const std::string& socketPath);
   const std::string& error() const { return error_; }
 
@@ -41,6 +45,7 @@ class ControlServer : public QObject {
   void accept();
   std::string answer(const std::string& command) const;
 
+  UniqueFd lock_;
   const std::unique_ptr<QLocalServer> server_;
   std::map<std::string, Handler> handlers_;
   std::string error_;
