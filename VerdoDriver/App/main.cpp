@@ -60,7 +60,6 @@ int command(const char* name, bool isPrinted) {
 
 void serveControl(ControlServer& control, AppModel& model, MenuBarController& menuBar,
                   AppDelegate& delegate) {
-  control.handle("ping", [] { return std::string("pong"); });
   control.handle("show", [&menuBar] {
     menuBar.showPopover();
     return std::string("shown");
@@ -73,7 +72,6 @@ void serveControl(ControlServer& control, AppModel& model, MenuBarController& me
 }
 
 int run(int argc, char** argv, const AppDelegate::Options& options) {
-  QCoreApplication::setAttribute(Qt::AA_DisableSessionManager, false);
   QGuiApplication::setDesktopFileName(QStringLiteral("verdo-driver-app"));
   QApplication app(argc, argv);
   QApplication::setQuitOnLastWindowClosed(false);
@@ -115,7 +113,7 @@ int run(int argc, char** argv, const AppDelegate::Options& options) {
   AppDelegate delegate(*model, menuBar, [] { QCoreApplication::exit(0); });
   running = &delegate;
   serveControl(control, *model, menuBar, delegate);
-  const QuitSignals signals_([&delegate] { delegate.quit(); });
+  const QuitSignals quitSignals([&delegate] { delegate.quit(); });
   QObject::connect(&app, &QGuiApplication::commitDataRequest, &delegate,
                    [&delegate] { delegate.sessionEnds(); });
   delegate.didFinishLaunching(options);

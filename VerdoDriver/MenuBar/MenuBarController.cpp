@@ -5,7 +5,6 @@
 #include "VerdoDriver/Model/AppLog.h"
 
 #include <QCursor>
-#include <QDateTime>
 #include <QGuiApplication>
 #include <QKeyEvent>
 #include <QScreen>
@@ -17,7 +16,7 @@ namespace {
 
 /// A click on the icon takes the focus from the popover first, which hides it: so soon after that,
 /// the click was meant to hide it, too.
-constexpr qint64 kSameClick = 300;  // ms
+constexpr std::chrono::milliseconds kSameClick{300};
 /// A tooltip is one line beside the pointer.
 constexpr qsizetype kMaxTooltip = 200;
 
@@ -37,17 +36,15 @@ QString plainTooltip(const std::string& text) {
 MenuBarController::MenuBarController(AppModel& model, std::unique_ptr<QWidget> popover)
     : model_(model),
       window_(std::make_unique<QWidget>()),
-      popover_(popover.release()),
       isPlaced_(QSystemTrayIcon::isSystemTrayAvailable() && canPlaceWindows()) {
   auto* layout = new QVBoxLayout(window_.get());
   layout->setContentsMargins(0, 0, 0, 0);
   layout->setSizeConstraint(QLayout::SetFixedSize);  // the window follows its content
-  layout->addWidget(popover_);
+  layout->addWidget(popover.release());
   window_->setWindowTitle(QStringLiteral("Verdo Driver"));
   window_->setAttribute(Qt::WA_QuitOnClose, false);
   if (isPlaced_) window_->setWindowFlags(Qt::Tool | Qt::FramelessWindowHint);
   window_->installEventFilter(this);
-  popover_->installEventFilter(this);
 
   connect(&statusItem_, &QSystemTrayIcon::activated, this, &MenuBarController::statusItemClicked);
   connect(&model_, &AppModel::changed, this, &MenuBarController::updateIcon);
@@ -73,7 +70,7 @@ void MenuBarController::updateIcon() {
 
 void MenuBarController::statusItemClicked(QSystemTrayIcon::ActivationReason reason) {
   if (reason == QSystemTrayIcon::Unknown || reason == QSystemTrayIcon::DoubleClick) return;
-  const bool wasJustHidden = QDateTime::currentMSecsSinceEpoch() - hiddenAt_ < kSameClick;
+  const bool wasJustHidden = std::chrono::steady_clock::now() - hiddenAt_ < kSameClick;
   if (window_->isVisible()) return hidePopover();
   if (!wasJustHidden) showPopover();
 }
@@ -90,7 +87,7 @@ void MenuBarController::showPopover() {
 
 void MenuBarController::hidePopover() {
   if (!window_->isVisible()) return;
-  hiddenAt_ = QDateTime::currentMSecsSinceEpoch();
+  hiddenAt_ = std::chrono::steady_clock::now();
   window_->hide();
   AppLog::menuBar.debug("[MenuBar] popover hidden");
 }

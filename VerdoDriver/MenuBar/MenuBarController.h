@@ -5,6 +5,7 @@
 #include <QObject>
 #include <QSystemTrayIcon>
 #include <QWidget>
+#include <chrono>
 #include <memory>
 #include <optional>
 
@@ -45,11 +46,10 @@ class MenuBarController : public QObject {
   AppModel& model_;
   QSystemTrayIcon statusItem_;
   std::unique_ptr<QWidget> window_;
-  QWidget* popover_ = nullptr;  ///< inside the window
-  bool isPlaced_ = false;       ///< the window has its place beside the icon
-  std::optional<Look> look_;    ///< as last drawn
+  bool isPlaced_ = false;     ///< the window has its place beside the icon
+  std::optional<Look> look_;  ///< as last drawn
   std::string tooltip_;
-  qint64 hiddenAt_ = 0;  ///< when a click outside has hidden it, ms of the steady clock
+  std::chrono::steady_clock::time_point hiddenAt_;  ///< when it was hidden last
 };
 
 }  // namespace verdo

@@ -126,8 +126,6 @@ class AppModel : public QObject {
  Q_SIGNALS:
   /// Something of the above has changed; emitted once for changes that come together, after them.
   void changed();
-  /// The user has to be shown the setup: a token was refused, say.
-  void setupNeeded();
 
  private:
   void wire();

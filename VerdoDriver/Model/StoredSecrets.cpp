@@ -1,7 +1,6 @@
 #include "VerdoDriver/Model/StoredSecrets.h"
 
 #include "VerdoDriver/Model/MainThread.h"
-#include "VerdoDriver/Model/Masked.h"
 #include "VerdoDriver/Model/SecretTask.h"
 
 #include <QPointer>
@@ -11,14 +10,8 @@ namespace verdo {
 namespace {
 
 StoredSecrets::Fact factOf(SecretStore& store, SecretAccount account) {
-  const auto secret = store.read(account);
-  if (!secret) {
-    return {secret.error().kind == SecretError::Kind::locked ? SecretState::locked
-                                                             : SecretState::unavailable,
-            std::nullopt};
-  }
-  if (secret->value_or("").empty()) return {SecretState::absent, std::nullopt};
-  return {SecretState::found, masked(**secret)};
+  const auto state = store.state(account);
+  return {state, state == SecretState::found ? store.last4(account) : std::nullopt};
 }
 
 /// What is not known now counts as it was when it was last known.

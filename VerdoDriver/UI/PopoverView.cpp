@@ -69,7 +69,6 @@ PopoverView::PopoverView(AppModel& model, const PopoverHost& host, QWidget* pare
   connect(&model, &AppModel::changed, this, [this] {
     if (isVisible()) refresh();
   });
-  connect(&model, &AppModel::setupNeeded, setup_, [this] { setup_->setOpen(true); });
   connect(header_, &HeaderView::setupWanted, setup_, &SetupSection::lead);
   connect(setup_, &SetupSection::turned, this, [this] { header_->refresh(setup_->isOpen()); });
 }
