@@ -1,8 +1,9 @@
 """Runs clang's warnings, its thread-safety analysis and clang-tidy over the sources.
 
-Each source is compiled once for what only a single file can tell: clang's warnings, and includes
-and declarations that nothing uses. All other checks look at sources of one folder together,
-since most of their time goes into the headers that these share.
+Most of the time goes into the headers that sources share. So only sources of the product are
+compiled one by one, for what a single file alone can tell: clang's warnings, and includes and
+declarations that nothing uses. Tests and benchmarks are looked at a few at a time, which misses an
+include that a neighbour needs. All other checks look at the product's sources of one folder together.
 
 What was found clean is remembered by content: the sources, every header that they read, the
 command, the configuration and the version of clang-tidy. Only what differs is looked at again.
@@ -28,9 +29,10 @@ CACHE = os.path.join(os.environ.get('XDG_CACHE_HOME') or os.path.expanduser('~/.
 MAX_AGE = 30 * 24 * 3600  # seconds after which an unused record is forgotten
 MAX_ENTRIES = 6           # states of one piece of work that are remembered
 GROUP_SIZE = 16
+TEST_GROUP_SIZE = 4
 
 # In tests and benchmarks the other checks judge the frameworks' macros instead of our code.
-ALONE_ONLY = ('tests/', 'bench/')
+TESTS = ('tests/', 'bench/')
 ALONE = '-*,clang-diagnostic-*,misc-include-cleaner,misc-unused-*,-misc-unused-using-decls'
 TOGETHER = '-clang-diagnostic-*,-misc-include-cleaner,-misc-unused-*,-bugprone-suspicious-include'
 # The analyzer's limit for one function. By default it is three times this, and the analyzer then
@@ -66,12 +68,12 @@ class Contents:
 class Work:
     """Sources that are looked at in one go, and what was found when they were before."""
 
-    def __init__(self, sources, arguments, together, contents):
+    def __init__(self, sources, arguments, checks, contents):
         self.sources = sources
-        self.together = together
+        self._checks = checks
         self._arguments = arguments
         self._contents = contents
-        identity = json.dumps([IDENTITY, sources, arguments, together]).replace(ROOT, '@')
+        identity = json.dumps([IDENTITY, sources, arguments, checks]).replace(ROOT, '@')
         self._record = os.path.join(CACHE, hashlib.sha256(identity.encode()).hexdigest())
 
     def is_clean_already(self):
@@ -100,20 +102,20 @@ class Work:
     def look(self, directory):
         """The findings, as text; empty when there are none."""
         name = hashlib.sha256(self._record.encode()).hexdigest()[:16] + '.cpp'
-        unit = self.sources[0]
-        if self.together:
+        unit = self.sources[0]  # alone: only then its own header is known for that
+        is_joined = self._checks == TOGETHER or len(self.sources) > 1
+        if is_joined:
             unit = os.path.join(ROOT, directory, name)
             begins = join_sources(self.sources, unit)
-        checks = TOGETHER if self.together else ALONE
-        # -H tells the headers; a group's warnings are told by its sources alone.
-        extra = ['-H', *(['-w', *ANALYZER] if self.together else [])]
+        # -H tells the headers; what the compiler warns of is told by the sources alone.
+        extra = ['-H', *(['-w', *ANALYZER] if self._checks == TOGETHER else [])]
         run = subprocess.run(
-            [TIDY, '--quiet', '--warnings-as-errors=*', f'--checks={checks}',
+            [TIDY, '--quiet', '--warnings-as-errors=*', f'--checks={self._checks}',
              *[f'--extra-arg={argument}' for argument in extra], unit, '--', *self._arguments],
             check=False, capture_output=True, text=True, errors='replace')
         findings = [text for text in DIAGNOSTIC.split(run.stdout)
                     if text.strip() and not NOT_OURS.search(text)]
-        if self.together:
+        if is_joined:
             findings = [in_source(text, unit, begins) for text in findings]
         if run.returncode not in (0, 1) and not findings:
             findings = [f'{TIDY} failed on {" ".join(self.sources)}:\n{run.stderr}']
@@ -125,7 +127,7 @@ class Work:
     def halves(self):
         """The same sources as smaller pieces of work; none when they cannot be parted."""
         middle = len(self.sources) // 2
-        return [Work(part, self._arguments, True, self._contents)
+        return [Work(part, self._arguments, self._checks, self._contents)
                 for part in (self.sources[:middle], self.sources[middle:])] if middle else []
 
 
@@ -183,19 +185,22 @@ def pieces_of_work(build, wanted):
     for path, arguments in sorted(sources_of(build)):
         if wanted and path not in wanted:
             continue
-        yield Work([path], arguments, False, contents)
-        if not path.startswith(ALONE_ONLY):
-            groups.setdefault((os.path.dirname(path), tuple(arguments)), []).append(path)
-    for (_, arguments), sources in groups.items():
-        count = -(-len(sources) // GROUP_SIZE)
+        place = (os.path.dirname(path), tuple(arguments))
+        if path.startswith(TESTS):
+            groups.setdefault((ALONE, TEST_GROUP_SIZE, place), []).append(path)
+        else:
+            yield Work([path], arguments, ALONE, contents)
+            groups.setdefault((TOGETHER, GROUP_SIZE, place), []).append(path)
+    for (checks, size, (_, arguments)), sources in groups.items():
+        count = -(-len(sources) // size)
         for i in range(count):
-            yield Work(sources[i::count], list(arguments), True, contents)
+            yield Work(sources[i::count], list(arguments), checks, contents)
 
 
 def look_at(work, directory):
     """Findings of a piece of work. Sources that do not compile as one are looked at in halves."""
     found = work.look(directory)
-    if work.together and BROKEN in found:
+    if BROKEN in found:
         parts = work.halves()
         if parts:
             return ''.join(look_at(part, directory) for part in parts if not part.is_clean_already())
