@@ -14,6 +14,7 @@ class RecordingDriverLog : public DriverLog {
   void warn(const std::string& text) override { write(text); }
   void error(const std::string& text) override { write(text); }
 
+  void clear() { lines_.clear(); }
   std::vector<std::string> lines() const { return lines_.all(); }
   bool has(const std::string& text) const { return lines_.waitFor(holding(text), {}); }
 
