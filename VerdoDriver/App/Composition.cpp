@@ -3,6 +3,7 @@
 #include "VerdoDriver/App/AppInfo.h"
 #include "VerdoDriver/Model/EgoLocator.h"
 #include "VerdoDriver/Model/PairingClient.h"
+#include "VerdoDriver/Platform/DesktopProxy.h"
 #include "VerdoDriver/Platform/NativeSettings.h"
 #include "VerdoDriver/Platform/PlatformParts.h"
 
@@ -19,14 +20,14 @@ std::unique_ptr<AppModel> makeAppModel(std::shared_ptr<FileLog> log, std::string
   AppModel::Parts parts;
   parts.settings = std::move(settings);
   parts.secrets = std::move(platform.secrets);
-  parts.factory = std::make_shared<RealDriverFactory>();
+  parts.factory = std::make_shared<RealDriverFactory>(desktopProxyFor);
   parts.logPath = log->path();
   parts.log = std::move(log);
   parts.loginItems = std::move(platform.loginItems);
-  parts.updateChecker = std::make_unique<UpdateChecker>(AppInfo::version());
+  parts.updateChecker = std::make_unique<UpdateChecker>(AppInfo::version(), desktopProxyFor);
   parts.clock = std::move(platform.clock);
   parts.powerAssertion = std::move(platform.powerAssertion);
-  parts.pairingService = std::make_shared<PairingClient>(AppInfo::clientHeader());
+  parts.pairingService = std::make_shared<PairingClient>(AppInfo::clientHeader(), desktopProxyFor);
   parts.wakeMonitor = std::move(platform.wakeMonitor);
   parts.pathMonitor = std::move(platform.pathMonitor);
   parts.egoPath = EgoLocator::path;

@@ -24,7 +24,9 @@ class RealDriver : public DriverHandle {
 std::shared_ptr<DriverHandle> RealDriverFactory::makeDriver(
     const DriverConfig& config, std::shared_ptr<DriverLog> log,
     std::weak_ptr<DriverObserver> observer) {
-  return std::make_shared<RealDriver>(config, std::move(log), std::move(observer), timings_);
+  DriverConfig proxied = config;
+  proxied.proxyFor = proxyFor_;
+  return std::make_shared<RealDriver>(proxied, std::move(log), std::move(observer), timings_);
 }
 
 }  // namespace verdo

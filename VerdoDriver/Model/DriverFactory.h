@@ -1,12 +1,14 @@
 #pragma once
 
 #include "VerdoDriver/Model/DriverLog.h"
+#include "VerdoDriver/Model/ModelHttp.h"
 #include "VerdoDriverCore/Contract/DriverConfig.h"
 #include "VerdoDriverCore/Contract/DriverObserver.h"
 #include "VerdoDriverCore/Contract/ExitReason.h"
 #include "VerdoDriverCore/Contract/Timings.h"
 
 #include <memory>
+#include <utility>
 
 namespace verdo {
 
@@ -41,12 +43,15 @@ class DriverFactory {
 /// Runs of the driver itself.
 class RealDriverFactory : public DriverFactory {
  public:
-  explicit RealDriverFactory(const Timings& timings = {}) : timings_(timings) {}
+  /// `proxyFor`: as in the configuration; null: what the environment says.
+  explicit RealDriverFactory(ProxyFor proxyFor = {}, const Timings& timings = {})
+      : proxyFor_(std::move(proxyFor)), timings_(timings) {}
   std::shared_ptr<DriverHandle> makeDriver(const DriverConfig& config,
                                            std::shared_ptr<DriverLog> log,
                                            std::weak_ptr<DriverObserver> observer) override;
 
  private:
+  const ProxyFor proxyFor_;
   const Timings timings_;
 };
 

@@ -1,5 +1,6 @@
 #include "VerdoDriver/Model/ModelHttp.h"
 
+#include "VerdoDriver/Model/Background.h"
 #include "VerdoDriver/Model/MainThread.h"
 
 #include <QPointer>
@@ -16,11 +17,26 @@ constexpr std::size_t kMaxReply = 1 << 20;
 
 void ModelHttp::send(HttpRequest request, std::chrono::seconds timeout, Completion completion) {
   request.timeout = timeout;
-  request.deadline = HttpRequest::Clock::now() + kMaxRequest;
   request.followRedirects = false;
   request.maxBody = kMaxReply;
+  if (!proxyFor_) return sendThrough({}, std::move(request), std::move(completion));
+  const std::string url = request.url;
+  runInBackground(
+      "verdo.proxy", [proxyFor = proxyFor_, url] { return proxyFor(url); },
+      [self = QPointer(this), request = std::move(request),
+       completion = std::move(completion)](const std::string& proxy) {
+        if (self) self->sendThrough(proxy, request, completion);
+      });
+}
+
+void ModelHttp::sendThrough(const std::string& proxy, HttpRequest request, Completion completion) {
+  request.deadline = HttpRequest::Clock::now() + kMaxRequest;
   try {
-    if (!session_) session_ = std::make_unique<HttpSession>();
+    if (!session_ || proxy_ != proxy) {
+      HttpSession::Options options;
+      options.proxy = proxy_ = proxy;
+      session_ = std::make_unique<HttpSession>(options);
+    }
   } catch (const std::exception& error) {
     later([completion = std::move(completion), text = std::string(error.what())] {
       completion(tl::make_unexpected(TransportError{TransportError::Kind::other, text}));

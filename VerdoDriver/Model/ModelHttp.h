@@ -6,8 +6,13 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <string>
+#include <utility>
 
 namespace verdo {
+
+/// The proxy for a URL; empty: what the environment says. Any thread; may block for some seconds.
+using ProxyFor = std::function<std::string(const std::string& url)>;
 
 /// Short requests of the model, answered on the main thread. Redirects are not followed, a reply
 /// longer than 1 MiB is an error, and so is one that takes more than a minute, however steadily it
@@ -19,6 +24,9 @@ class ModelHttp : public QObject {
  public:
   using Completion = std::function<void(const HttpResult&)>;
 
+  /// `proxyFor` may be null.
+  explicit ModelHttp(ProxyFor proxyFor = {}) : proxyFor_(std::move(proxyFor)) {}
+
   /// Sends the request with this limit of inactivity. The network thread starts with the first
   /// request, and ends, cancelling what is in flight, with this object.
   void send(HttpRequest request, std::chrono::seconds timeout, Completion completion);
@@ -26,6 +34,10 @@ class ModelHttp : public QObject {
   void later(std::function<void()> block);
 
  private:
+  void sendThrough(const std::string& proxy, HttpRequest request, Completion completion);
+
+  const ProxyFor proxyFor_;
+  std::string proxy_;  ///< of the session
   std::unique_ptr<HttpSession> session_;
 };
 

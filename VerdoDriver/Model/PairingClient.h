@@ -12,7 +12,8 @@ namespace verdo {
 class PairingClient : public PairingService {
  public:
   /// `clientHeader` names the app and its version to the server: "app/1.2.3".
-  explicit PairingClient(std::string clientHeader) : clientHeader_(std::move(clientHeader)) {}
+  explicit PairingClient(std::string clientHeader, ProxyFor proxyFor = {})
+      : clientHeader_(std::move(clientHeader)), http_(std::move(proxyFor)) {}
 
   void start(const std::string& server, bool allowInsecure, const std::string& host,
              StartCompletion completion) override;

@@ -35,7 +35,8 @@ class UpdateChecker : public QObject {
   using Completion = std::function<void(const Outcome&)>;
 
   /// `currentVersion` is that of the running app.
-  explicit UpdateChecker(std::string currentVersion) : currentVersion_(std::move(currentVersion)) {}
+  explicit UpdateChecker(std::string currentVersion, ProxyFor proxyFor = {})
+      : currentVersion_(std::move(currentVersion)), http_(std::move(proxyFor)) {}
 
   /// Where a server keeps its manifest; absent when its URL is not one.
   [[nodiscard]] static std::optional<std::string> manifestURL(const std::string& server);

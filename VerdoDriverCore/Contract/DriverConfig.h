@@ -2,6 +2,7 @@
 
 #include "VerdoDriverCore/Contract/DriverConstants.h"
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -36,6 +37,9 @@ struct DriverConfig {
   std::string llmBase = DriverConstants::llmDefaultBase;  ///< base URL of the provider
   std::optional<std::string> clientHeader;  ///< value of the X-VERDO-Driver-Client header
   std::optional<std::string> envFilePath;   ///< absent: DriverConstants::envFile()
+  /// The proxy for a URL; none, or an empty text: what the environment says. Called on the run's
+  /// thread; may block for some seconds.
+  std::function<std::string(const std::string& url)> proxyFor;
 
   /// One line for logs; secrets show as "…" and their last four characters.
   std::string description() const;

@@ -70,7 +70,11 @@ HttpTransfer::HttpTransfer(HttpRequest req, HttpSession::Completion done,
   set(CURLOPT_PROTOCOLS_STR, "http,https");
   // A download that began encrypted does not go on in clear.
   set(CURLOPT_REDIR_PROTOCOLS_STR, request.url.starts_with("https:") ? "https" : "http,https");
-  if (isLoopback(request.url)) set(CURLOPT_PROXY, "");
+  if (isLoopback(request.url)) {
+    set(CURLOPT_PROXY, "");
+  } else if (!options.proxy.empty()) {
+    set(CURLOPT_PROXY, options.proxy.c_str());
+  }
   set(CURLOPT_NOSIGNAL, 1L);
   set(CURLOPT_QUICK_EXIT, 1L);  // cancelling must not wait for a name resolution
   set(CURLOPT_ERRORBUFFER, errorText);

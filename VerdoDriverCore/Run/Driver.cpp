@@ -198,7 +198,9 @@ void Driver::workerDone(Worker& worker) {
 
 std::shared_ptr<HttpSession> Driver::providerSession() {
   MutexLock lock(providerLock_);
-  if (!providerSession_) providerSession_ = std::make_shared<HttpSession>();
+  if (!providerSession_) {
+    providerSession_ = std::make_shared<HttpSession>(options_.providerSession);
+  }
   return providerSession_;
 }
 

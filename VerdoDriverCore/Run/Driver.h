@@ -24,6 +24,7 @@ class Driver : public JobHost, public std::enable_shared_from_this<Driver> {
     double pollWait = 25.0;  ///< long-poll wait, seconds
     std::string llmKey;      ///< empty: none
     std::string llmBase;     ///< provider base URL
+    HttpSession::Options providerSession;
     TaskSpaces::Options spaces;
     Timings timings;
   };

@@ -155,9 +155,15 @@ ExitReason DriverRunner::serve(const Hello& hello, std::shared_ptr<Api> api,
   return driver->serve(config_.serveJobs, idleExit);
 }
 
-std::shared_ptr<Api> DriverRunner::makeApi() {
+HttpSession::Options DriverRunner::sessionFor(const std::string& url) const {
   HttpSession::Options session;
   session.pingTimeout = timings_.pingTimeout;
+  if (config_.proxyFor) session.proxy = config_.proxyFor(url);
+  return session;
+}
+
+std::shared_ptr<Api> DriverRunner::makeApi() {
+  auto session = sessionFor(server_);
   if (config_.caCertPath) session.caCertificates = loadCertificates(*config_.caCertPath);
   Api::Options options;
   options.base = server_;
@@ -226,8 +232,8 @@ std::optional<ExitReason> DriverRunner::validateKey() {
   KeyCheck check;
   try {
     const auto client = std::make_shared<ChatClient>(
-        config_.llmKey, config_.llmBase, [](const std::string&) {}, std::make_shared<HttpSession>(),
-        SecretScrub{config_.token});
+        config_.llmKey, config_.llmBase, [](const std::string&) {},
+        std::make_shared<HttpSession>(sessionFor(config_.llmBase)), SecretScrub{config_.token});
     {
       MutexLock lock(lock_);
       keyCheck_ = client;
@@ -264,6 +270,7 @@ std::shared_ptr<Driver> DriverRunner::makeDriver(const Hello& hello, std::shared
   options.pollWait = config_.pollWait;
   options.llmKey = config_.llmKey;
   options.llmBase = config_.llmBase;
+  if (!config_.llmKey.empty()) options.providerSession = sessionFor(config_.llmBase);
   options.spaces = {fromSeconds(hello.idleClose), fromSeconds(hello.reapInterval),
                     hello.spacePattern, timings_};
   options.timings = timings_;

@@ -6,6 +6,7 @@
 #include "VerdoDriverCore/Contract/LogSink.h"
 #include "VerdoDriverCore/Contract/Timings.h"
 #include "VerdoDriverCore/Jobs/Browser.h"
+#include "VerdoDriverCore/Network/HttpSession.h"
 #include "VerdoDriverCore/Process/Spawn.h"
 #include "VerdoDriverCore/Run/Hello.h"
 #include "VerdoDriverCore/System/Sync.h"
@@ -64,6 +65,7 @@ class DriverRunner {
   std::optional<ExitReason> checkKey(const std::string& envFile);
   std::optional<ExitReason> validateKey() EXCLUDES(lock_);
   std::shared_ptr<Api> makeApi();
+  HttpSession::Options sessionFor(const std::string& url) const;
   std::shared_ptr<Driver> makeDriver(const Hello& hello, std::shared_ptr<Api> api,
                                      ExecutorCommand executor);
   ExitReason serve(const Hello& hello, std::shared_ptr<Api> api, ExecutorCommand executor)

@@ -129,6 +129,18 @@ TEST_F(ModelHttpTest, UnusableServerIsAsked) {
   EXPECT_THAT(ask("poll", service.url()), HasSubstr("onnect"));
 }
 
+TEST_F(ModelHttpTest, PassesTheProxyBy) {
+  PairingClient through("app/1", [this](const std::string& url) {
+    return url == "http://verdo.invalid/api/driver/pair/start" ? service.url() : "";
+  });
+  std::string told;
+  through.start("http://verdo.invalid", true, "box",
+                [&](const auto& reply) { told = text(reply.error()); });
+  EXPECT_TRUE(spinUntil([&] { return !told.empty(); }));
+  // The service, in the proxy's place, refuses to be another host.
+  EXPECT_EQ(told, "HTTP 421");
+}
+
 TEST_F(ModelHttpTest, RequestOutlivesTheClient) {
   service.faults().add({.delay = std::chrono::seconds(30)});
   bool told = false;

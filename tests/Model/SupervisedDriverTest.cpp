@@ -21,7 +21,7 @@ TEST_F(SupervisedDriver, GoesAstrayBetweenStartAndDrain) {
   Timings timings;
   timings.reportCycle = 100ms;
   timings.termination.step = 20ms;
-  DriverSupervisor supervisor(std::make_shared<RealDriverFactory>(timings), log, clock);
+  DriverSupervisor supervisor(std::make_shared<RealDriverFactory>(nullptr, timings), log, clock);
   const auto reaches = [&](Kind kind) {
     return spinUntil([&] { return kindOf(supervisor.state()) == kind; }, 20s);
   };

@@ -68,6 +68,16 @@ TEST_F(Hello, TinyIntervalSpinsTheReaper) {
   EXPECT_EQ(hello.reapInterval, 1);
 }
 
+TEST_F(Hello, PassesTheProxyBy) {
+  config.server = "http://verdo.invalid/";
+  config.insecure = true;
+  config.proxyFor = [this](const std::string& url) {
+    return url == "http://verdo.invalid" ? service.url() : "";
+  };
+  // The service, in the proxy's place, refuses to be another host.
+  EXPECT_THAT(run().message(), HasSubstr("GET /api/driver/hello -> 421"));
+}
+
 TEST_F(Hello, LlmKeyItselfReachesTheServer) {
   config.llmKey = "sk-provider-key-7890";
   config.llmBase = "https://provider.example/base//";

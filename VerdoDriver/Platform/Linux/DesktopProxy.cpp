@@ -1,0 +1,50 @@
+#include "VerdoDriver/Platform/DesktopProxy.h"
+
+#include "VerdoDriver/Model/AppLog.h"
+#include "VerdoDriver/Platform/Linux/GLibHandles.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <string_view>
+
+namespace verdo {
+namespace {
+
+constexpr std::chrono::seconds kLimit{5};
+
+/// What libcurl reads; http_proxy in capitals it ignores on purpose.
+bool isInEnvironment() {
+  constexpr std::array kNames = {"https_proxy", "HTTPS_PROXY", "http_proxy", "all_proxy",
+                                 "ALL_PROXY"};
+  return std::any_of(kNames.begin(), kNames.end(), [](const char* name) {
+    const char* const value = std::getenv(name);
+    return value && *value;
+  });
+}
+
+/// GLib says "socks" for a proxy of version 5 that also looks up names, and "direct" for none.
+std::string asLibcurlNamesIt(std::string_view proxy) {
+  constexpr std::string_view kSocks = "socks://";
+  if (proxy.starts_with("direct:")) return {};
+  if (proxy.starts_with(kSocks)) return "socks5h://" + std::string(proxy.substr(kSocks.size()));
+  return std::string(proxy);
+}
+
+}  // namespace
+
+std::string desktopProxyFor(const std::string& url) {
+  if (isInEnvironment()) return {};
+  const BoundedGLibCalls calls(kLimit);
+  GLibPtr<GError> error;
+  const std::unique_ptr<gchar*, decltype(&g_strfreev)> proxies(
+      g_proxy_resolver_lookup(g_proxy_resolver_get_default(), url.c_str(), calls.cancellable(),
+                              OutError(error)),
+      &g_strfreev);
+  if (proxies && *proxies) return asLibcurlNamesIt(*proxies.get());
+  AppLog::settings.info(std::string("[DesktopProxy] the desktop does not tell its proxy: ") +
+                        (error ? error->message : "no reason given"));
+  return {};
+}
+
+}  // namespace verdo
