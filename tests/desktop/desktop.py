@@ -30,7 +30,7 @@ def wait_for(condition, what, seconds=WAIT):
 
 class Desktop:
     def __init__(self, display=True):
-        self.home = tempfile.mkdtemp(prefix="verdo-interop-")
+        self.home = tempfile.mkdtemp(prefix="verdo-desktop-")
         self.children = []
         self.env = {
             "PATH": "/usr/bin:/bin",
@@ -42,6 +42,8 @@ class Desktop:
             "LC_ALL": "C.UTF-8",
             "QT_LOGGING_RULES": "*.debug=false",
         }
+        # How a program that was built with sanitizers goes on.
+        self.env.update({k: v for k, v in os.environ.items() if k.endswith("SAN_OPTIONS")})
         try:
             if display:
                 self.start_display()
@@ -62,7 +64,7 @@ class Desktop:
     def start_display(self):
         read, write = os.pipe()
         self.start("Xvfb", "-displayfd", str(write), "-screen", "0", "1024x768x24", "-nolisten",
-                   "tcp", pass_fds=[write])
+                   "tcp", "-fbdir", self.home, pass_fds=[write])
         os.close(write)
         with os.fdopen(read) as number:
             self.env["DISPLAY"] = ":" + number.readline().strip()
