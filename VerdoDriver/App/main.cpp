@@ -10,6 +10,7 @@
 #include "VerdoDriver/Model/SecretTask.h"
 #include "VerdoDriver/Model/StatusReport.h"
 #include "VerdoDriver/Platform/NativeSettings.h"
+#include "VerdoDriver/Platform/TrayWatch.h"
 #include "VerdoDriver/UI/PopoverView.h"
 #include "VerdoDriverCore/Contract/DriverConstants.h"
 #include "VerdoDriverCore/Contract/Secrets.h"
@@ -105,10 +106,8 @@ int run(int argc, char** argv, const AppDelegate::Options& options) {
   const auto log = std::make_shared<FileLog>();
   const auto model = makeAppModel(log, lowerScheme(llmBase ? llmBase : ""));
   AppDelegate* running = nullptr;
-  MenuBarController* tray = nullptr;
   const PopoverHost host{
       .quit = [&running] { running->quit(); },
-      .hide = [&tray] { tray->hidePopover(); },
       .shape =
           [](Connection connection, int size, double scale) {
             return StatusItemIconRenderer::pixmap(connection, false, size, scale);
@@ -116,7 +115,7 @@ int run(int argc, char** argv, const AppDelegate::Options& options) {
       .defaultServerURL = AppInfo::defaultServerURL(),
   };
   MenuBarController menuBar(*model, std::make_unique<PopoverView>(*model, host));
-  tray = &menuBar;
+  whenTrayIsKnown(&menuBar, [&menuBar] { menuBar.makeStatusItem(); });
   AppDelegate delegate(*model, menuBar, [] { QCoreApplication::exit(0); });
   running = &delegate;
   serveControl(control, *model, menuBar, delegate);
@@ -144,5 +143,6 @@ int main(int argc, char** argv) {
   if (has(arguments, "--quit")) return command("quit", false);
   if (hasShownAnother()) return 0;
   return run(argc, argv,
-             {.importLegacy = has(arguments, "-VERDOImportLegacy"), .showPopover = has(arguments, "--show")});
+             {.importLegacy = has(arguments, "-VERDOImportLegacy"),
+              .showPopover = has(arguments, "--show")});
 }

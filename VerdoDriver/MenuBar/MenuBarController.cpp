@@ -34,38 +34,40 @@ QString plainTooltip(const std::string& text) {
 }  // namespace
 
 MenuBarController::MenuBarController(AppModel& model, std::unique_ptr<QWidget> popover)
-    : model_(model),
-      window_(std::make_unique<QWidget>()),
-      isPlaced_(QSystemTrayIcon::isSystemTrayAvailable() && canPlaceWindows()) {
+    : model_(model), window_(std::make_unique<QWidget>()) {
   auto* layout = new QVBoxLayout(window_.get());
   layout->setContentsMargins(0, 0, 0, 0);
   layout->setSizeConstraint(QLayout::SetFixedSize);  // the window follows its content
   layout->addWidget(popover.release());
   window_->setWindowTitle(QStringLiteral("Verdo Driver"));
   window_->setAttribute(Qt::WA_QuitOnClose, false);
-  if (isPlaced_) window_->setWindowFlags(Qt::Tool | Qt::FramelessWindowHint);
   window_->installEventFilter(this);
-
-  connect(&statusItem_, &QSystemTrayIcon::activated, this, &MenuBarController::statusItemClicked);
   connect(&model_, &AppModel::changed, this, &MenuBarController::updateIcon);
   updateIcon();
-  statusItem_.show();
 }
 
 MenuBarController::~MenuBarController() = default;
+
+void MenuBarController::makeStatusItem() {
+  statusItem_ = std::make_unique<QSystemTrayIcon>(window_->windowIcon());
+  statusItem_->setToolTip(plainTooltip(tooltip_));
+  connect(statusItem_.get(), &QSystemTrayIcon::activated, this,
+          &MenuBarController::statusItemClicked);
+  statusItem_->show();
+}
 
 void MenuBarController::updateIcon() {
   const Look look{model_.connection(), model_.updateAvailable()};
   if (look_ != look) {
     look_ = look;
     const QIcon icon = StatusItemIconRenderer::icon(look.connection, look.updateAvailable);
-    statusItem_.setIcon(icon);
     window_->setWindowIcon(icon);
+    if (statusItem_) statusItem_->setIcon(icon);
   }
   auto tooltip = tooltipOf(look.connection, model_.supervisor().busyLanes(), look.updateAvailable);
   if (tooltip == tooltip_) return;
   tooltip_ = std::move(tooltip);
-  statusItem_.setToolTip(plainTooltip(tooltip_));
+  if (statusItem_) statusItem_->setToolTip(plainTooltip(tooltip_));
 }
 
 void MenuBarController::statusItemClicked(QSystemTrayIcon::ActivationReason reason) {
@@ -77,6 +79,7 @@ void MenuBarController::statusItemClicked(QSystemTrayIcon::ActivationReason reas
 
 void MenuBarController::showPopover() {
   model_.popoverOpened();
+  if (!window_->isVisible()) chooseKind();
   window_->adjustSize();
   if (isPlaced_) position();
   window_->show();
@@ -94,8 +97,17 @@ void MenuBarController::hidePopover() {
 
 bool MenuBarController::isPopoverVisible() const { return window_->isVisible(); }
 
+/// Trays come and go while the app runs.
+void MenuBarController::chooseKind() {
+  const bool isPlaced =
+      statusItem_ && canPlaceWindows() && QSystemTrayIcon::isSystemTrayAvailable();
+  if (isPlaced == isPlaced_) return;
+  isPlaced_ = isPlaced;
+  window_->setWindowFlags(isPlaced ? Qt::Tool | Qt::FramelessWindowHint : Qt::Window);
+}
+
 void MenuBarController::position() {
-  const QRect icon = statusItem_.geometry();
+  const QRect icon = statusItem_->geometry();
   const QPoint anchor = icon.isEmpty() ? QCursor::pos() : icon.center();
   const QScreen* screen = QGuiApplication::screenAt(anchor);
   if (!screen) screen = QGuiApplication::primaryScreen();

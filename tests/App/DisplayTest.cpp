@@ -71,7 +71,8 @@ TEST(Display, ThatCannotBeOpenedAbortsOrLeavesTheUserGuessing) {
   for (const auto& [environment, line] : cases) {
     AppProcess app(home.path(), {"--show"}, environment);
     EXPECT_EQ(app.wait(), 1) << line;
-    EXPECT_THAT(app.errors(), ElementsAre(AllOf(StartsWith("verdo-driver-app: "), HasSubstr(line))));
+    EXPECT_THAT(app.errors(),
+                ElementsAre(AllOf(StartsWith("verdo-driver-app: "), HasSubstr(line))));
   }
 }
 
