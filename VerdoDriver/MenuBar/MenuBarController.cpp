@@ -70,9 +70,8 @@ void MenuBarController::updateIcon() {
 
 void MenuBarController::statusItemClicked(QSystemTrayIcon::ActivationReason reason) {
   if (reason == QSystemTrayIcon::Unknown || reason == QSystemTrayIcon::DoubleClick) return;
-  const bool wasJustHidden = std::chrono::steady_clock::now() - hiddenAt_ < kSameClick;
   if (window_->isVisible()) return hidePopover();
-  if (!wasJustHidden) showPopover();
+  if (std::chrono::steady_clock::now() - lostFocusAt_ >= kSameClick) showPopover();
 }
 
 void MenuBarController::showPopover() {
@@ -87,8 +86,8 @@ void MenuBarController::showPopover() {
 
 void MenuBarController::hidePopover() {
   if (!window_->isVisible()) return;
-  hiddenAt_ = std::chrono::steady_clock::now();
   window_->hide();
+  lostFocusAt_ = {};  // which it did only because it was hidden
   AppLog::menuBar.debug("[MenuBar] popover hidden");
 }
 
@@ -106,7 +105,10 @@ void MenuBarController::position() {
 
 bool MenuBarController::eventFilter(QObject* watched, QEvent* event) {
   if (watched == window_.get()) {
-    if (event->type() == QEvent::WindowDeactivate && isPlaced_) hidePopover();
+    if (event->type() == QEvent::WindowDeactivate && isPlaced_ && window_->isVisible()) {
+      hidePopover();
+      lostFocusAt_ = std::chrono::steady_clock::now();
+    }
     if (event->type() == QEvent::KeyPress && window_->isVisible() &&
         static_cast<QKeyEvent*>(event)->key() == Qt::Key_Escape) {
       hidePopover();
