@@ -5,6 +5,7 @@
 #include "VerdoDriver/Model/AppLog.h"
 
 #include <QCursor>
+#include <QDialog>
 #include <QGuiApplication>
 #include <QKeyEvent>
 #include <QScreen>
@@ -35,7 +36,7 @@ QString plainTooltip(const std::string& text) {
 
 MenuBarController::MenuBarController(AppModel& model, std::unique_ptr<QWidget> popover)
     : model_(model),
-      window_(std::make_unique<QWidget>()),
+      window_(std::make_unique<QDialog>()),  // which screen readers take for a window
       isPlaced_(QSystemTrayIcon::isSystemTrayAvailable() && canPlaceWindows()) {
   auto* layout = new QVBoxLayout(window_.get());
   layout->setContentsMargins(0, 0, 0, 0);
@@ -43,7 +44,7 @@ MenuBarController::MenuBarController(AppModel& model, std::unique_ptr<QWidget> p
   layout->addWidget(popover.release());
   window_->setWindowTitle(QStringLiteral("Verdo Driver"));
   window_->setAttribute(Qt::WA_QuitOnClose, false);
-  if (isPlaced_) window_->setWindowFlags(Qt::Tool | Qt::FramelessWindowHint);
+  window_->setWindowFlags(isPlaced_ ? Qt::Tool | Qt::FramelessWindowHint : Qt::Window);
   window_->installEventFilter(this);
 
   connect(&statusItem_, &QSystemTrayIcon::activated, this, &MenuBarController::statusItemClicked);
