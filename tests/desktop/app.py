@@ -14,6 +14,7 @@ from screen import picture
 HERE = os.path.dirname(os.path.abspath(__file__))
 NAME = "verdo-driver"
 KEY = "provider-key"
+UNTIL_TOLD = "until [ -e $HOME/go ]; do sleep 0.05; done"  # a job
 # Runs a job's payload as a shell script.
 EXECUTOR = """#!/bin/sh
 script=$(cat)
@@ -57,6 +58,23 @@ class Service:
             return json.load(reply)
 
 
+def write_script(desktop, path, text):
+    """Into the home directory."""
+    desktop.make(os.path.dirname(path))
+    with open(os.path.join(desktop.home, path), "w", encoding="utf-8") as file:
+        file.write(text)
+    os.chmod(file.name, 0o755)
+
+
+def serve(desktop, programs):
+    """Starts the service and makes the app run its jobs, and ask its provider."""
+    desktop.env["PATH"] = f"{desktop.make('bin')}:{desktop.env['PATH']}"
+    write_script(desktop, "bin/ego-browser", EXECUTOR)
+    service = Service(desktop, f"{programs}/verdo-local-service")
+    desktop.env["VERDO_LLM_BASE_URL"] = f"{service.url}/llm"
+    return service
+
+
 class App:
     """A desktop with a window manager, a screen reader and the service; the app is not started."""
 
@@ -65,24 +83,17 @@ class App:
         try:
             self.program = f"{programs}/verdo-driver-app"
             self.child = None
-            env = self.desktop.env
-            env["PATH"] = f"{self.desktop.make('bin')}:{env['PATH']}"
-            env["DBUS_SYSTEM_BUS_ADDRESS"] = f"unix:path={self.desktop.home}/none"
-            self.script("bin/ego-browser", EXECUTOR)
+            self.desktop.env["DBUS_SYSTEM_BUS_ADDRESS"] = f"unix:path={self.desktop.home}/none"
+            self.service = serve(self.desktop, programs)
             self.script("bin/xdg-open", '#!/bin/sh\necho "$1" >>"$HOME/opened"\n')
             self.panel = Panel(self.desktop)
             self.reader = ScreenReader(self.desktop)
-            self.service = Service(self.desktop, f"{programs}/verdo-local-service")
-            env["VERDO_LLM_BASE_URL"] = f"{self.service.url}/llm"
         except BaseException:
             self.desktop.close()
             raise
 
     def script(self, path, text):
-        self.desktop.make(os.path.dirname(path))
-        with open(os.path.join(self.desktop.home, path), "w", encoding="utf-8") as file:
-            file.write(text)
-        os.chmod(file.name, 0o755)
+        write_script(self.desktop, path, text)
 
     def text(self, path):
         """Of a file in the home directory; empty when there is none."""
@@ -137,6 +148,11 @@ class App:
         for key in keys:
             how = ["key", key.strip("<>")] if key.startswith("<") else ["type", "--delay", "2", key]
             self.desktop.run("xdotool", *how)
+
+    def set_up(self):
+        self.click("Server URL")
+        self.type(self.service.url, "<Tab>", KEY)
+        self.click("Connect to website")
 
     def icon_place(self):
         return wait_for(lambda: self.panel.icon(NAME), "the icon in the tray")

@@ -4,13 +4,11 @@ the last quit, with a real browser, a real keyring, and a service that comes and
 import os
 import unittest
 
-from app import KEY, App, approve
+from app import KEY, UNTIL_TOLD, App, approve
 from desktop import wait_for
 from inspection import complaints
 from keyring import PASSWORD, GnomeKeyring
 from notifier import NotifierTray
-
-UNTIL_TOLD = "until [ -e $HOME/go ]; do sleep 0.05; done"
 
 
 class Embedded:
@@ -85,9 +83,7 @@ class LifeTest(unittest.TestCase):
         self.see("notSetUp", "Not set up", "setUp", popoverVisible=True, word="not set up",
                  tooltip="Verdo Driver — not set up", secretStore={
                      "kind": None, "locked": False, "unavailable": False})
-        app.click("Server URL")
-        app.type(self.service.url, "<Tab>", KEY)
-        app.click("Connect to website")
+        app.set_up()
 
     def pair(self, times=1):
         """The address of the approve page, which the app has opened in the browser."""
