@@ -5,6 +5,7 @@
 #include "VerdoDriver/Model/AppLog.h"
 
 #include <QCursor>
+#include <QDialog>
 #include <QGuiApplication>
 #include <QKeyEvent>
 #include <QScreen>
@@ -34,13 +35,15 @@ QString plainTooltip(const std::string& text) {
 }  // namespace
 
 MenuBarController::MenuBarController(AppModel& model, std::unique_ptr<QWidget> popover)
-    : model_(model), window_(std::make_unique<QWidget>()) {
+    : model_(model), window_(std::make_unique<QDialog>()) {
   auto* layout = new QVBoxLayout(window_.get());
   layout->setContentsMargins(0, 0, 0, 0);
   layout->setSizeConstraint(QLayout::SetFixedSize);  // the window follows its content
   layout->addWidget(popover.release());
   window_->setWindowTitle(QStringLiteral("Verdo Driver"));
   window_->setAttribute(Qt::WA_QuitOnClose, false);
+  window_->setWindowFlags(
+      Qt::Window);  // a dialog nevertheless: screen readers take it for a window
   window_->installEventFilter(this);
   connect(&model_, &AppModel::changed, this, &MenuBarController::updateIcon);
   updateIcon();
@@ -72,9 +75,8 @@ void MenuBarController::updateIcon() {
 
 void MenuBarController::statusItemClicked(QSystemTrayIcon::ActivationReason reason) {
   if (reason == QSystemTrayIcon::Unknown || reason == QSystemTrayIcon::DoubleClick) return;
-  const bool wasJustHidden = std::chrono::steady_clock::now() - hiddenAt_ < kSameClick;
   if (window_->isVisible()) return hidePopover();
-  if (!wasJustHidden) showPopover();
+  if (std::chrono::steady_clock::now() - lostFocusAt_ >= kSameClick) showPopover();
 }
 
 void MenuBarController::showPopover() {
@@ -90,8 +92,8 @@ void MenuBarController::showPopover() {
 
 void MenuBarController::hidePopover() {
   if (!window_->isVisible()) return;
-  hiddenAt_ = std::chrono::steady_clock::now();
   window_->hide();
+  lostFocusAt_ = {};  // which it did only because it was hidden
   AppLog::menuBar.debug("[MenuBar] popover hidden");
 }
 
@@ -118,7 +120,10 @@ void MenuBarController::position() {
 
 bool MenuBarController::eventFilter(QObject* watched, QEvent* event) {
   if (watched == window_.get()) {
-    if (event->type() == QEvent::WindowDeactivate && isPlaced_) hidePopover();
+    if (event->type() == QEvent::WindowDeactivate && isPlaced_ && window_->isVisible()) {
+      hidePopover();
+      lostFocusAt_ = std::chrono::steady_clock::now();
+    }
     if (event->type() == QEvent::KeyPress && window_->isVisible() &&
         static_cast<QKeyEvent*>(event)->key() == Qt::Key_Escape) {
       hidePopover();

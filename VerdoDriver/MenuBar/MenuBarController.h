@@ -52,7 +52,7 @@ class MenuBarController : public QObject {
   bool isPlaced_ = false;  ///< the window has its place beside the icon; changes while it is hidden
   std::optional<Look> look_;  ///< as last drawn
   std::string tooltip_;
-  std::chrono::steady_clock::time_point hiddenAt_;  ///< when it was hidden last
+  std::chrono::steady_clock::time_point lostFocusAt_;  ///< when that has hidden the window, at last
 };
 
 }  // namespace verdo

@@ -11,8 +11,14 @@ STATES = {4: "checked", 7: "editable", 8: "enabled", 11: "focusable", 12: "focus
 
 
 class Node:
+    """As it was when it was looked at."""
+
     def __init__(self, bus, name, path):
         self.bus, self.owner, self.path = bus, name, path
+        low, high = self.ask("Accessible", "GetState")
+        self.states = {name for bit, name in STATES.items() if (low | high << 32) >> bit & 1}
+        self.role = self.ask("Accessible", "GetRoleName")
+        self.name = self.fact("Name")
 
     def ask(self, interface, method, arguments=None):
         return self.bus.call(self.owner, self.path, A11Y + interface, method, arguments)[0]
@@ -21,40 +27,35 @@ class Node:
         return self.bus.get(self.owner, self.path, A11Y + "Accessible", name)
 
     @property
-    def name(self):
-        return self.fact("Name")
-
-    @property
     def description(self):
         return self.fact("Description")
-
-    @property
-    def role(self):
-        return self.ask("Accessible", "GetRoleName")
-
-    @property
-    def states(self):
-        low, high = self.ask("Accessible", "GetState")
-        bits = low | high << 32
-        return {name for bit, name in STATES.items() if bits >> bit & 1}
 
     @property
     def place(self):
         """On the screen: x, y, width, height."""
         return self.ask("Component", "GetExtents", GLib.Variant("(u)", (0,)))
 
-    def do(self, action=0):
-        return self.ask("Action", "DoAction", GLib.Variant("(i)", (action,)))
+    @property
+    def text(self):
+        """Of a field, as far as it is told."""
+        return self.ask("Text", "GetText", GLib.Variant("(ii)", (0, -1)))
 
-    def children(self):
-        return [Node(self.bus, *child) for child in self.ask("Accessible", "GetChildren")]
+    @property
+    def labels(self):
+        """What stands beside it to name it."""
+        return [Node(self.bus, *label).name for kind, labels in
+                self.ask("Accessible", "GetRelationSet") if kind == 2 for label in labels]
 
     def shown(self):
-        """Itself and all that is seen within, from the top."""
-        if "showing" in self.states:
-            yield self
-            for child in self.children():
-                yield from child.shown()
+        """All that is seen within, from the top."""
+        for name, path in self.ask("Accessible", "GetChildren"):
+            try:
+                child = Node(self.bus, name, path)
+                if "showing" in child.states:
+                    yield child
+                    yield from child.shown()
+            except GLib.Error:  # it is gone meanwhile
+                pass
 
 
 class ScreenReader:
@@ -68,4 +69,4 @@ class ScreenReader:
     def shown(self):
         """Everything that is seen, of all programs."""
         root = Node(self.bus, "org.a11y.atspi.Registry", "/org/a11y/atspi/accessible/root")
-        return [node for program in root.children() for node in program.shown()]
+        return list(root.shown())

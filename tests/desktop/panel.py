@@ -28,10 +28,10 @@ class Panel:
     def start(self, edge="bottom"):
         """Puts the panel there, in the place of one at another edge."""
         self.stop()
-        direction = "vertical" if edge in ("left", "right") else "horizontal"
+        place = f"center {edge} vertical" if edge in ("left", "right") else f"{edge} center horizontal"
         settings = os.path.join(self.desktop.home, "tint2rc")
         with open(settings, "w", encoding="utf-8") as file:
-            file.write(f"panel_items = TSC\npanel_position = {edge} center {direction}\n"
+            file.write(f"panel_items = TSC\npanel_position = {place}\n"
                        f"panel_size = 100% {self.SIZE}\nstrut_policy = follow_size\n")
         self.child = self.desktop.start("tint2", "-c", settings)
         wait_for(self.has_tray, "the panel's tray")
