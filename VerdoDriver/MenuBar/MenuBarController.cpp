@@ -9,7 +9,6 @@
 #include <QGuiApplication>
 #include <QKeyEvent>
 #include <QScreen>
-#include <QTextDocument>
 #include <QVBoxLayout>
 
 namespace verdo {
@@ -26,10 +25,13 @@ bool canPlaceWindows() {
   return !QGuiApplication::platformName().startsWith(QLatin1String("wayland"));
 }
 
-/// Trays take what looks like markup for markup.
+/// Some trays take these characters for markup, others would show what they are written as there.
 QString plainTooltip(const std::string& text) {
-  QString shown = QString::fromStdString(text).left(kMaxTooltip);
-  return Qt::mightBeRichText(shown) ? shown.toHtmlEscaped() : shown;
+  return QString::fromStdString(text)
+      .left(kMaxTooltip)
+      .replace('<', QStringLiteral("‹"))
+      .replace('>', QStringLiteral("›"))
+      .replace('&', '+');
 }
 
 }  // namespace

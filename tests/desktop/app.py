@@ -103,6 +103,15 @@ class App:
         except FileNotFoundError:
             return ""
 
+    def configure(self):
+        """As after a pairing, with the secrets in files."""
+        settings = f"[General]\nserverURL={self.service.url}\nsecretPlace=files\n"
+        for path, text in ((".config/verdo-driver/settings.ini", settings),
+                           (".local/share/verdo-driver/secrets/driver-token", self.service.token),
+                           (".local/share/verdo-driver/secrets/llm-key", KEY)):
+            self.script(path, text)
+            os.chmod(os.path.join(self.desktop.home, path), 0o600)
+
     # As a program.
 
     def start(self, *arguments, through=()):
