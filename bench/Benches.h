@@ -23,5 +23,7 @@ void benchLLM(std::vector<Row>& rows);
 void benchPayload(std::vector<Row>& rows);
 /// Writing JSON strings.
 void benchJson(std::vector<Row>& rows);
+/// The tray app on a desktop of its own.
+void benchApp(std::vector<Row>& rows);
 
 }  // namespace verdo::bench

@@ -1,8 +1,11 @@
 #include "bench/MeasuredProcess.h"
 
+#include "VerdoDriverCore/System/Files.h"
+
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <stdexcept>
 #include <thread>
 
 #include <signal.h>
@@ -40,6 +43,7 @@ MeasuredProcess::MeasuredProcess(const std::string& program, std::vector<std::st
   child_ = Spawn::launch(program, arguments, environment, true);
   out_ = std::make_unique<LineReader>(child_->takeStdout(), [](auto) {});
   out_->start();
+  in_ = child_->takeStdin();
 }
 
 MeasuredProcess::~MeasuredProcess() { stop(); }
@@ -61,9 +65,20 @@ Usage MeasuredProcess::usage() const {
   }
   usage.cpu = ticks / static_cast<double>(::sysconf(_SC_CLK_TCK));
   for (const auto& task : fs::directory_iterator(process / "task")) {
-    usage.switches += statusValue(task.path() / "status", "voluntary_ctxt_switches");
+    const auto switches = statusValue(task.path() / "status", "voluntary_ctxt_switches");
+    usage.threadSwitches[std::stoi(task.path().filename())] = switches;
+    usage.switches += switches;
   }
   return usage;
+}
+
+void MeasuredProcess::send(const std::string& line) {
+  if (writeAll(in_.get(), line + "\n").error != 0) throw std::runtime_error("nobody reads");
+}
+
+double MeasuredProcess::waitForEnd() {
+  child_->wait();
+  return secondsBetween(startedAt_, Clock::now());
 }
 
 double MeasuredProcess::stop() {

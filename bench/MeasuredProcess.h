@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -18,6 +19,8 @@ struct Usage {
   double rss = 0;              ///< resident now, MB (10^6 bytes)
   double peakRss = 0;          ///< the highest resident size, MB
   std::uint64_t switches = 0;  ///< context switches of all threads: one for each wake-up
+  /// Those of each thread by its id; the main thread's is the process's.
+  std::map<pid_t, std::uint64_t> threadSwitches;
 };
 
 /// A running program whose output is read and dropped.
@@ -33,13 +36,19 @@ class MeasuredProcess {
   MeasuredProcess& operator=(const MeasuredProcess&) = delete;
 
   Clock::time_point startedAt() const { return startedAt_; }
+  pid_t pid() const { return child_->pid(); }
   Usage usage() const;
+  /// Gives it a line on its standard input.
+  void send(const std::string& line);
+  /// Waits until it has ended by itself; gives the seconds since its start.
+  double waitForEnd();
   /// SIGTERM; gives the seconds until it has ended.
   double stop();
 
  private:
   Clock::time_point startedAt_;
   std::unique_ptr<ChildProcess> child_;
+  UniqueFd in_;
   std::unique_ptr<LineReader> out_;
 };
 

@@ -15,7 +15,7 @@ int main(int argc, char** argv) {
   const std::vector<std::pair<std::string, void (*)(std::vector<Row>&)>> benches{
       {"run", benchRun},           {"jobs", benchJobs}, {"output", benchOutput},
       {"download", benchDownload}, {"llm", benchLLM},   {"payload", benchPayload},
-      {"json", benchJson}};
+      {"json", benchJson},         {"app", benchApp}};
   const std::vector<std::string> wanted(argv + 1, argv + argc);
   ::signal(SIGPIPE, SIG_IGN);
   std::vector<Row> rows;
@@ -31,9 +31,9 @@ int main(int argc, char** argv) {
     return 1;
   }
   if (rows.empty()) {
-    fmt::print(
-        stderr,
-        "bench: name any of run, jobs, output, download, llm, payload and json, or none for all\n");
+    fmt::print(stderr,
+               "bench: name any of run, jobs, output, download, llm, payload, json and app, or "
+               "none for all\n");
     return 2;
   }
   fmt::print("{}", format(rows));

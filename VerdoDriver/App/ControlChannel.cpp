@@ -1,26 +1,96 @@
 #include "VerdoDriver/App/ControlChannel.h"
 
 #include <QDir>
-#include <QLocalServer>
-#include <QLocalSocket>
+#include <QSocketNotifier>
 #include <QTimer>
 #include <cerrno>
+#include <cstring>
 #include <system_error>
 
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 namespace verdo {
 namespace {
 
 /// Longer than any command.
-constexpr qint64 kMaxCommand = 64;
+constexpr std::size_t kMaxCommand = 64;
 /// How long a caller may take for its command, so that none stays for ever.
-constexpr int kCommandTimeout = 5000;  // milliseconds
+constexpr std::chrono::seconds kCommandTimeout{5};
+/// That have not been accepted yet.
+constexpr int kMaxCallers = 16;
+
+/// A local socket, and the address of this path; no socket when the system refuses, with errno.
+struct LocalSocket {
+  explicit LocalSocket(const std::string& path) {
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path) {
+      errno = ENAMETOOLONG;
+      return;
+    }
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    fd = UniqueFd(::socket(AF_UNIX, SOCK_STREAM, 0));
+    if (fd) ::fcntl(fd.get(), F_SETFD, FD_CLOEXEC);
+  }
+  const sockaddr* generic() const { return reinterpret_cast<const sockaddr*>(&address); }
+
+  sockaddr_un address{};
+  UniqueFd fd;
+};
+
+/// One line, small enough to go out at once. False also when nobody reads any more.
+bool sendLine(int fd, const std::string& line) {
+  const std::string bytes = line + "\n";
+  return ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+}
 
 }  // namespace
+
+/// One caller, until it has its answer.
+class ControlServer::Caller : public QObject {
+ public:
+  Caller(UniqueFd fd, ControlServer* server)
+      : QObject(server),
+        server_(*server),
+        fd_(std::move(fd)),
+        notifier_(fd_.get(), QSocketNotifier::Read) {
+    connect(&notifier_, &QSocketNotifier::activated, this, &Caller::read);
+    connect(&timer_, &QTimer::timeout, this, &Caller::end);
+    timer_.start(kCommandTimeout);
+  }
+
+ private:
+  void read() {
+    char bytes[kMaxCommand];
+    const ssize_t size = ::read(fd_.get(), bytes, sizeof bytes);
+    if (size < 0 && (errno == EAGAIN || errno == EINTR)) return;
+    if (size <= 0) return end();
+    command_.append(bytes, static_cast<std::size_t>(size));
+    const auto lineEnd = command_.find('\n');
+    if (lineEnd != command_.npos) {
+      sendLine(fd_.get(), server_.answer(command_.substr(0, lineEnd)));
+    } else if (command_.size() <= kMaxCommand) {
+      return;
+    }
+    end();
+  }
+  void end() {
+    notifier_.setEnabled(false);
+    timer_.stop();
+    deleteLater();
+  }
+
+  ControlServer& server_;
+  const UniqueFd fd_;
+  QSocketNotifier notifier_;
+  QTimer timer_;
+  std::string command_;
+};
 
 std::string controlSocketPath() {
   const QString runtime = qEnvironmentVariable("XDG_RUNTIME_DIR");
@@ -31,25 +101,31 @@ std::string controlSocketPath() {
 }
 
 std::optional<std::string> askRunningApp(const std::string& socketPath, const std::string& command,
-                                         int timeoutMilliseconds) {
-  QLocalSocket socket;
-  socket.connectToServer(QString::fromStdString(socketPath));
-  if (!socket.waitForConnected(timeoutMilliseconds)) return std::nullopt;
-  socket.write(QByteArray::fromStdString(command + "\n"));
-  QByteArray reply;
-  while (!reply.endsWith('\n')) {
-    if (!socket.waitForReadyRead(timeoutMilliseconds)) return std::nullopt;
-    reply += socket.readAll();
+                                         std::chrono::milliseconds timeout) {
+  const LocalSocket socket(socketPath);
+  if (!socket.fd) return std::nullopt;
+  const timeval limit{static_cast<time_t>(timeout.count() / 1000),
+                      static_cast<suseconds_t>(timeout.count() % 1000 * 1000)};
+  for (const int option : {SO_SNDTIMEO, SO_RCVTIMEO}) {
+    ::setsockopt(socket.fd.get(), SOL_SOCKET, option, &limit, sizeof limit);
   }
-  reply.chop(1);
-  return reply.toStdString();
+  if (::connect(socket.fd.get(), socket.generic(), sizeof socket.address) != 0 ||
+      !sendLine(socket.fd.get(), command)) {
+    return std::nullopt;
+  }
+  std::string reply;
+  while (!reply.ends_with('\n')) {
+    char bytes[4096];
+    const ssize_t size = ::read(socket.fd.get(), bytes, sizeof bytes);
+    if (size < 0 && errno == EINTR) continue;
+    if (size <= 0) return std::nullopt;
+    reply.append(bytes, static_cast<std::size_t>(size));
+  }
+  reply.pop_back();
+  return reply;
 }
 
-ControlServer::ControlServer() : server_(std::make_unique<QLocalServer>()) {
-  server_->setSocketOptions(QLocalServer::UserAccessOption);
-  connect(server_.get(), &QLocalServer::newConnection, this, &ControlServer::accept);
-}
-
+ControlServer::ControlServer() = default;
 ControlServer::~ControlServer() = default;
 
 void ControlServer::handle(const std::string& command, Handler handler) {
@@ -57,33 +133,32 @@ void ControlServer::handle(const std::string& command, Handler handler) {
 }
 
 bool ControlServer::listen(const std::string& socketPath) {
+  const auto failed = [this](const std::string& path) {
+    error_ = fmt::format("{}: {}", path, std::generic_category().message(errno));
+    return false;
+  };
   const std::string lockPath = socketPath + ".lock";
   lock_ = UniqueFd(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
-  if (!lock_ || ::flock(lock_.get(), LOCK_EX | LOCK_NB) != 0) {
-    error_ = fmt::format("{}: {}", lockPath, std::generic_category().message(errno));
-    return false;
-  }
-  const QString path = QString::fromStdString(socketPath);
-  QLocalServer::removeServer(path);
-  if (server_->listen(path)) return true;
-  error_ = server_->errorString().toStdString();
-  return false;
+  if (!lock_ || ::flock(lock_.get(), LOCK_EX | LOCK_NB) != 0) return failed(lockPath);
+  ::unlink(socketPath.c_str());
+  LocalSocket socket(socketPath);
+  if (!socket.fd) return failed(socketPath);
+  const mode_t before = ::umask(0177);  // only this user may connect
+  const bool isBound = ::bind(socket.fd.get(), socket.generic(), sizeof socket.address) == 0;
+  ::umask(before);
+  if (!isBound || ::listen(socket.fd.get(), kMaxCallers) != 0) return failed(socketPath);
+  setNonBlocking(socket.fd.get());
+  socket_ = std::move(socket.fd);
+  notifier_ = std::make_unique<QSocketNotifier>(socket_.get(), QSocketNotifier::Read);
+  connect(notifier_.get(), &QSocketNotifier::activated, this, &ControlServer::accept);
+  return true;
 }
 
 void ControlServer::accept() {
-  while (QLocalSocket* socket = server_->nextPendingConnection()) {
-    connect(socket, &QLocalSocket::disconnected, socket, &QObject::deleteLater);
-    QTimer::singleShot(kCommandTimeout, socket, [socket] { socket->abort(); });
-    connect(socket, &QLocalSocket::readyRead, this, [this, socket] {
-      if (!socket->canReadLine()) {
-        if (socket->bytesAvailable() > kMaxCommand) socket->abort();
-        return;
-      }
-      const auto command = socket->readLine(kMaxCommand).trimmed().toStdString();
-      socket->write(QByteArray::fromStdString(answer(command) + "\n"));
-      socket->flush();
-      socket->disconnectFromServer();
-    });
+  while (UniqueFd caller{::accept(socket_.get(), nullptr, nullptr)}) {
+    ::fcntl(caller.get(), F_SETFD, FD_CLOEXEC);
+    setNonBlocking(caller.get());
+    new Caller(std::move(caller), this);
   }
 }
 

@@ -3,13 +3,14 @@
 #include "VerdoDriverCore/System/UniqueFd.h"
 
 #include <QObject>
+#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
 
-class QLocalServer;
+class QSocketNotifier;
 
 namespace verdo {
 
@@ -20,10 +21,12 @@ namespace verdo {
 /// the user's id.
 std::string controlSocketPath();
 
+constexpr std::chrono::seconds kAnswerTimeout{3};
+
 /// Asks the running app. Absent when none runs, or none answers within the time. Needs no
 /// application object, and no display.
 std::optional<std::string> askRunningApp(const std::string& socketPath, const std::string& command,
-                                         int timeoutMilliseconds = 3000);
+                                         std::chrono::milliseconds timeout = kAnswerTimeout);
 
 /// The running app's end. Main thread only.
 class ControlServer : public QObject {
@@ -42,11 +45,14 @@ class ControlServer : public QObject {
   const std::string& error() const { return error_; }
 
  private:
+  class Caller;
+
   void accept();
   std::string answer(const std::string& command) const;
 
   UniqueFd lock_;
-  const std::unique_ptr<QLocalServer> server_;
+  UniqueFd socket_;
+  std::unique_ptr<QSocketNotifier> notifier_;
   std::map<std::string, Handler> handlers_;
   std::string error_;
 };

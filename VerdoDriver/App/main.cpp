@@ -2,14 +2,15 @@
 #include "VerdoDriver/App/AppInfo.h"
 #include "VerdoDriver/App/Composition.h"
 #include "VerdoDriver/App/ControlChannel.h"
+#include "VerdoDriver/App/DisplayGuard.h"
 #include "VerdoDriver/App/EndProcess.h"
 #include "VerdoDriver/App/QuitSignals.h"
 #include "VerdoDriver/MenuBar/StatusItemIconRenderer.h"
 #include "VerdoDriver/Model/AppLog.h"
 #include "VerdoDriver/Model/SecretTask.h"
 #include "VerdoDriver/Model/StatusReport.h"
-#include "VerdoDriver/Platform/Display.h"
 #include "VerdoDriver/Platform/NativeSettings.h"
+#include "VerdoDriver/Platform/TrayWatch.h"
 #include "VerdoDriver/UI/PopoverView.h"
 #include "VerdoDriverCore/Contract/DriverConstants.h"
 #include "VerdoDriverCore/Contract/Secrets.h"
@@ -23,6 +24,7 @@
 #include <clocale>
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 #include <span>
 #include <string_view>
 
@@ -45,6 +47,13 @@ constexpr std::chrono::milliseconds kSecretLimit{500};
 bool has(std::span<char*> arguments, std::string_view option) {
   return std::any_of(arguments.begin(), arguments.end(),
                      [&](const char* argument) { return option == argument; });
+}
+
+/// Another app runs, and shows itself now.
+bool hasShownAnother() {
+  if (!askRunningApp(controlSocketPath(), "show")) return false;
+  AppLog::lifecycle.info("[AppDelegate] another instance is running — terminating this one");
+  return true;
 }
 
 /// What a command to a running app prints and ends with.
@@ -73,7 +82,9 @@ void serveControl(ControlServer& control, AppModel& model, MenuBarController& me
 
 int run(int argc, char** argv, const AppDelegate::Options& options) {
   QGuiApplication::setDesktopFileName(QStringLiteral("verdo-driver-app"));
+  std::optional<DisplayGuard> guard(std::in_place);
   QApplication app(argc, argv);
+  guard.reset();
   QApplication::setQuitOnLastWindowClosed(false);
   QApplication::setApplicationName(QStringLiteral("verdo-driver"));
   QApplication::setApplicationDisplayName(QStringLiteral("Verdo Driver"));
@@ -85,10 +96,7 @@ int run(int argc, char** argv, const AppDelegate::Options& options) {
 
   ControlServer control;
   if (!control.listen(controlSocketPath())) {
-    if (askRunningApp(controlSocketPath(), "show")) {
-      AppLog::lifecycle.info("[AppDelegate] another instance is running — terminating this one");
-      return 0;
-    }
+    if (hasShownAnother()) return 0;
     std::fprintf(stderr, "verdo-driver-app: cannot listen at %s: %s\n", controlSocketPath().c_str(),
                  control.error().c_str());
     return 1;
@@ -98,10 +106,8 @@ int run(int argc, char** argv, const AppDelegate::Options& options) {
   const auto log = std::make_shared<FileLog>();
   const auto model = makeAppModel(log, lowerScheme(llmBase ? llmBase : ""));
   AppDelegate* running = nullptr;
-  MenuBarController* tray = nullptr;
   const PopoverHost host{
       .quit = [&running] { running->quit(); },
-      .hide = [&tray] { tray->hidePopover(); },
       .shape =
           [](Connection connection, int size, double scale) {
             return StatusItemIconRenderer::pixmap(connection, false, size, scale);
@@ -109,7 +115,7 @@ int run(int argc, char** argv, const AppDelegate::Options& options) {
       .defaultServerURL = AppInfo::defaultServerURL(),
   };
   MenuBarController menuBar(*model, std::make_unique<PopoverView>(*model, host));
-  tray = &menuBar;
+  whenTrayIsKnown(&menuBar, [&menuBar] { menuBar.makeStatusItem(); });
   AppDelegate delegate(*model, menuBar, [] { QCoreApplication::exit(0); });
   running = &delegate;
   serveControl(control, *model, menuBar, delegate);
@@ -135,12 +141,8 @@ int main(int argc, char** argv) {
   if (has(arguments, "--version")) return std::printf("%s\n", AppInfo::version().c_str()) < 0;
   if (has(arguments, "--status")) return command("status", true);
   if (has(arguments, "--quit")) return command("quit", false);
-  const bool isShown = has(arguments, "--show");
-  if (isShown && askRunningApp(controlSocketPath(), "show")) return 0;
-  if (!hasDisplay()) {
-    std::fputs("verdo-driver-app: there is no display; use verdo-driver on this machine\n", stderr);
-    return 1;
-  }
+  if (hasShownAnother()) return 0;
   return run(argc, argv,
-             {.importLegacy = has(arguments, "-VERDOImportLegacy"), .showPopover = isShown});
+             {.importLegacy = has(arguments, "-VERDOImportLegacy"),
+              .showPopover = has(arguments, "--show")});
 }

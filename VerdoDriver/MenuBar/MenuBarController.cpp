@@ -5,10 +5,10 @@
 #include "VerdoDriver/Model/AppLog.h"
 
 #include <QCursor>
+#include <QDialog>
 #include <QGuiApplication>
 #include <QKeyEvent>
 #include <QScreen>
-#include <QTextDocument>
 #include <QVBoxLayout>
 
 namespace verdo {
@@ -25,58 +25,65 @@ bool canPlaceWindows() {
   return !QGuiApplication::platformName().startsWith(QLatin1String("wayland"));
 }
 
-/// Trays take what looks like markup for markup.
+/// Some trays take these characters for markup, others would show what they are written as there.
 QString plainTooltip(const std::string& text) {
-  QString shown = QString::fromStdString(text).left(kMaxTooltip);
-  return Qt::mightBeRichText(shown) ? shown.toHtmlEscaped() : shown;
+  return QString::fromStdString(text)
+      .left(kMaxTooltip)
+      .replace('<', QStringLiteral("‹"))
+      .replace('>', QStringLiteral("›"))
+      .replace('&', '+');
 }
 
 }  // namespace
 
 MenuBarController::MenuBarController(AppModel& model, std::unique_ptr<QWidget> popover)
-    : model_(model),
-      window_(std::make_unique<QWidget>()),
-      isPlaced_(QSystemTrayIcon::isSystemTrayAvailable() && canPlaceWindows()) {
+    : model_(model), window_(std::make_unique<QDialog>()) {
   auto* layout = new QVBoxLayout(window_.get());
   layout->setContentsMargins(0, 0, 0, 0);
   layout->setSizeConstraint(QLayout::SetFixedSize);  // the window follows its content
   layout->addWidget(popover.release());
   window_->setWindowTitle(QStringLiteral("Verdo Driver"));
   window_->setAttribute(Qt::WA_QuitOnClose, false);
-  if (isPlaced_) window_->setWindowFlags(Qt::Tool | Qt::FramelessWindowHint);
+  window_->setWindowFlags(
+      Qt::Window);  // a dialog nevertheless: screen readers take it for a window
   window_->installEventFilter(this);
-
-  connect(&statusItem_, &QSystemTrayIcon::activated, this, &MenuBarController::statusItemClicked);
   connect(&model_, &AppModel::changed, this, &MenuBarController::updateIcon);
   updateIcon();
-  statusItem_.show();
 }
 
 MenuBarController::~MenuBarController() = default;
+
+void MenuBarController::makeStatusItem() {
+  statusItem_ = std::make_unique<QSystemTrayIcon>(window_->windowIcon());
+  statusItem_->setToolTip(plainTooltip(tooltip_));
+  connect(statusItem_.get(), &QSystemTrayIcon::activated, this,
+          &MenuBarController::statusItemClicked);
+  statusItem_->show();
+}
 
 void MenuBarController::updateIcon() {
   const Look look{model_.connection(), model_.updateAvailable()};
   if (look_ != look) {
     look_ = look;
     const QIcon icon = StatusItemIconRenderer::icon(look.connection, look.updateAvailable);
-    statusItem_.setIcon(icon);
     window_->setWindowIcon(icon);
+    if (statusItem_) statusItem_->setIcon(icon);
   }
   auto tooltip = tooltipOf(look.connection, model_.supervisor().busyLanes(), look.updateAvailable);
   if (tooltip == tooltip_) return;
   tooltip_ = std::move(tooltip);
-  statusItem_.setToolTip(plainTooltip(tooltip_));
+  if (statusItem_) statusItem_->setToolTip(plainTooltip(tooltip_));
 }
 
 void MenuBarController::statusItemClicked(QSystemTrayIcon::ActivationReason reason) {
   if (reason == QSystemTrayIcon::Unknown || reason == QSystemTrayIcon::DoubleClick) return;
-  const bool wasJustHidden = std::chrono::steady_clock::now() - hiddenAt_ < kSameClick;
   if (window_->isVisible()) return hidePopover();
-  if (!wasJustHidden) showPopover();
+  if (std::chrono::steady_clock::now() - lostFocusAt_ >= kSameClick) showPopover();
 }
 
 void MenuBarController::showPopover() {
   model_.popoverOpened();
+  if (!window_->isVisible()) chooseKind();
   window_->adjustSize();
   if (isPlaced_) position();
   window_->show();
@@ -87,15 +94,24 @@ void MenuBarController::showPopover() {
 
 void MenuBarController::hidePopover() {
   if (!window_->isVisible()) return;
-  hiddenAt_ = std::chrono::steady_clock::now();
   window_->hide();
+  lostFocusAt_ = {};  // which it did only because it was hidden
   AppLog::menuBar.debug("[MenuBar] popover hidden");
 }
 
 bool MenuBarController::isPopoverVisible() const { return window_->isVisible(); }
 
+/// Trays come and go while the app runs.
+void MenuBarController::chooseKind() {
+  const bool isPlaced =
+      statusItem_ && canPlaceWindows() && QSystemTrayIcon::isSystemTrayAvailable();
+  if (isPlaced == isPlaced_) return;
+  isPlaced_ = isPlaced;
+  window_->setWindowFlags(isPlaced ? Qt::Tool | Qt::FramelessWindowHint : Qt::Window);
+}
+
 void MenuBarController::position() {
-  const QRect icon = statusItem_.geometry();
+  const QRect icon = statusItem_->geometry();
   const QPoint anchor = icon.isEmpty() ? QCursor::pos() : icon.center();
   const QScreen* screen = QGuiApplication::screenAt(anchor);
   if (!screen) screen = QGuiApplication::primaryScreen();
@@ -106,7 +122,10 @@ void MenuBarController::position() {
 
 bool MenuBarController::eventFilter(QObject* watched, QEvent* event) {
   if (watched == window_.get()) {
-    if (event->type() == QEvent::WindowDeactivate && isPlaced_) hidePopover();
+    if (event->type() == QEvent::WindowDeactivate && isPlaced_ && window_->isVisible()) {
+      hidePopover();
+      lostFocusAt_ = std::chrono::steady_clock::now();
+    }
     if (event->type() == QEvent::KeyPress && window_->isVisible() &&
         static_cast<QKeyEvent*>(event)->key() == Qt::Key_Escape) {
       hidePopover();

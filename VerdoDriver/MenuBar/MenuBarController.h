@@ -12,9 +12,9 @@
 namespace verdo {
 
 /// Owns the tray icon and the popover's window. Draws icon and tooltip from the model, and only
-/// what has changed of them; a click on the icon shows the popover beside it, or hides it. Where
-/// there is no tray, or the window cannot be put anywhere (Wayland), the popover is an ordinary
-/// window. Main thread only.
+/// what has changed of them; a click on the icon shows the popover beside it, or hides it. While
+/// there is no tray, or where the window cannot be put anywhere (Wayland), the popover is an
+/// ordinary window. Main thread only.
 class MenuBarController : public QObject {
   Q_OBJECT
  public:
@@ -22,6 +22,8 @@ class MenuBarController : public QObject {
   MenuBarController(AppModel& model, std::unique_ptr<QWidget> popover);
   ~MenuBarController() override;
 
+  /// A tray icon may be made now: until then none is. To be called once.
+  void makeStatusItem();
   void showPopover();
   void hidePopover();
   bool isPopoverVisible() const;
@@ -41,15 +43,16 @@ class MenuBarController : public QObject {
 
   void updateIcon();
   void statusItemClicked(QSystemTrayIcon::ActivationReason reason);
+  void chooseKind();
   void position();
 
   AppModel& model_;
-  QSystemTrayIcon statusItem_;
   std::unique_ptr<QWidget> window_;
-  bool isPlaced_ = false;     ///< the window has its place beside the icon
+  std::unique_ptr<QSystemTrayIcon> statusItem_;  ///< null until it may be made
+  bool isPlaced_ = false;  ///< the window has its place beside the icon; changes while it is hidden
   std::optional<Look> look_;  ///< as last drawn
   std::string tooltip_;
-  std::chrono::steady_clock::time_point hiddenAt_;  ///< when it was hidden last
+  std::chrono::steady_clock::time_point lostFocusAt_;  ///< when that has hidden the window, at last
 };
 
 }  // namespace verdo

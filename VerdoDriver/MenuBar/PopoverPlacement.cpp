@@ -8,13 +8,14 @@ namespace {
 
 enum class Edge { top, bottom, left, right };
 
-/// The edge of the screen at which a panel with this icon lies.
-Edge edgeOf(const QPoint& place, const QRect& screen) {
+/// The edge of the screen at which a panel with this icon lies: in a corner of the screen, that
+/// where the panel leaves nothing free.
+Edge edgeOf(const QPoint& place, const QRect& available) {
   const std::array<std::pair<int, Edge>, 4> distances{{
-      {place.y() - screen.top(), Edge::top},
-      {screen.bottom() - place.y(), Edge::bottom},
-      {place.x() - screen.left(), Edge::left},
-      {screen.right() - place.x(), Edge::right},
+      {place.y() - available.top(), Edge::top},
+      {available.bottom() - place.y(), Edge::bottom},
+      {place.x() - available.left(), Edge::left},
+      {available.right() - place.x(), Edge::right},
   }};
   return std::min_element(distances.begin(), distances.end(),
                           [](const auto& a, const auto& b) { return a.first < b.first; })
@@ -52,7 +53,7 @@ QPoint popoverPosition(const QRect& icon, const QPoint& cursor, const QRect& scr
     const QPoint place = screen.contains(cursor) ? cursor : screen.topRight();
     anchor = QRect(place, QSize(1, 1));
   }
-  const QPoint wished = beside(anchor, edgeOf(anchor.center(), screen), size);
+  const QPoint wished = beside(anchor, edgeOf(anchor.center(), available), size);
   return {within(wished.x(), size.width(), available.x(), available.width()),
           within(wished.y(), size.height(), available.y(), available.height())};
 }

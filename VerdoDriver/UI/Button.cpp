@@ -2,6 +2,7 @@
 
 #include "VerdoDriver/UI/Look.h"
 
+#include <QKeyEvent>
 #include <QPainter>
 #include <algorithm>
 #include <cmath>
@@ -71,6 +72,11 @@ void Button::paintEvent(QPaintEvent* event) {
   painter.setBrush(Qt::NoBrush);
   painter.setPen(QPen(palette().highlightedText().color(), 1));
   painter.drawRoundedRect(QRectF(rect()).adjusted(2.5, 2.5, -2.5, -2.5), kRadius - 2, kRadius - 2);
+}
+
+void Button::keyPressEvent(QKeyEvent* event) {
+  if (event->key() == Qt::Key_Return || event->key() == Qt::Key_Enter) return click();
+  QPushButton::keyPressEvent(event);
 }
 
 }  // namespace verdo

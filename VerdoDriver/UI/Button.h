@@ -24,6 +24,8 @@ class Button : public QPushButton {
 
  protected:
   void paintEvent(QPaintEvent* event) override;
+  /// The return key presses it, as the space bar does.
+  void keyPressEvent(QKeyEvent* event) override;
 
  private:
   Kind kind_;

@@ -5,6 +5,7 @@
 #include <QPainter>
 #include <QStyleOptionButton>
 #include <QStyleOptionFocusRect>
+#include <utility>
 
 namespace verdo {
 namespace {
@@ -13,15 +14,17 @@ constexpr int kArrow = 12;
 
 }  // namespace
 
-FoldButton::FoldButton(const QString& title, QWidget* parent) : QPushButton(title, parent) {
-  setFixedHeight(Look::kRow);
-  setCheckable(true);
-  setAutoDefault(false);
-  setFocusPolicy(Qt::StrongFocus);
+FoldButton::FoldButton(const QString& title, QWidget* parent)
+    : Button(Kind::quiet, title, parent, [this] { setOpen(!isOpen_); }) {
   setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Fixed);
   setAccessibleDescription("Folded");
-  connect(this, &QPushButton::toggled, this,
-          [this](bool open) { setAccessibleDescription(open ? "Open" : "Folded"); });
+}
+
+void FoldButton::setOpen(bool open) {
+  if (std::exchange(isOpen_, open) == open) return;
+  setAccessibleDescription(open ? "Open" : "Folded");
+  update();
+  Q_EMIT turned(open);
 }
 
 void FoldButton::setFact(const QString& fact) {
@@ -37,12 +40,11 @@ void FoldButton::paintEvent(QPaintEvent*) {
   QStyleOption arrow;
   arrow.initFrom(this);
   arrow.rect = QRect(Look::kMargin, (height() - kArrow) / 2, kArrow, kArrow);
-  style()->drawPrimitive(
-      isChecked() ? QStyle::PE_IndicatorArrowDown : QStyle::PE_IndicatorArrowRight, &arrow,
-      &painter, this);
+  style()->drawPrimitive(isOpen_ ? QStyle::PE_IndicatorArrowDown : QStyle::PE_IndicatorArrowRight,
+                         &arrow, &painter, this);
   const QRect line = rect().adjusted(Look::kMargin + kArrow + Look::kGrid, 0, -Look::kMargin, 0);
   painter.drawText(line, Qt::AlignVCenter | Qt::AlignLeft | Qt::TextSingleLine, text());
-  if (!isChecked()) {
+  if (!isOpen_) {
     const int room = line.width() - fontMetrics().horizontalAdvance(text()) - Look::kMargin;
     painter.setFont(Look::factFont(font()));
     painter.setPen(Look::factColor(palette()));
@@ -66,7 +68,7 @@ Fold::Fold(const QString& title, QWidget* parent)
   rows_ = Look::column(body_);
   rows_->setContentsMargins(Look::kMargin, 0, Look::kMargin, Look::kMargin);
   body_->hide();
-  connect(heading_, &QPushButton::toggled, this, [this](bool open) {
+  connect(heading_, &FoldButton::turned, this, [this](bool open) {
     body_->setVisible(open);
     Q_EMIT turned(open);
   });

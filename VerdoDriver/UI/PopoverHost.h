@@ -11,7 +11,6 @@ namespace verdo {
 /// What the popover needs of the program around it. All of it is there.
 struct PopoverHost {
   std::function<void()> quit;  ///< ends the app; the user has agreed
-  std::function<void()> hide;  ///< takes the popover away
   /// Draws the connection's shape, `size` logical pixels high and wide, for a screen of this scale.
   std::function<QPixmap(Connection connection, int size, double scale)> shape;
   std::string defaultServerURL;  ///< offered until the user has chosen one; may be empty

@@ -10,7 +10,6 @@
 #include "VerdoDriver/UI/SetupSection.h"
 #include "VerdoDriver/UI/UpdateLine.h"
 
-#include <QKeyEvent>
 #include <QScrollArea>
 
 namespace verdo {
@@ -23,7 +22,6 @@ constexpr int kMinHeight = 160;
 PopoverView::PopoverView(AppModel& model, const PopoverHost& host, QWidget* parent)
     : QWidget(parent),
       model_(model),
-      host_(host),
       tick_(this),
       scroll_(new QScrollArea(this)),
       content_(new QWidget),
@@ -109,11 +107,6 @@ void PopoverView::resizeEvent(QResizeEvent* event) {
 void PopoverView::chooseScrollBar() {
   scroll_->setVerticalScrollBarPolicy(sizeHint().height() > height() ? Qt::ScrollBarAsNeeded
                                                                      : Qt::ScrollBarAlwaysOff);
-}
-
-void PopoverView::keyPressEvent(QKeyEvent* event) {
-  if (event->key() == Qt::Key_Escape) return host_.hide();
-  QWidget::keyPressEvent(event);
 }
 
 void PopoverView::refresh() {

@@ -36,7 +36,6 @@ class PopoverView : public QWidget {
   void showEvent(QShowEvent* event) override;
   void hideEvent(QHideEvent* event) override;
   void resizeEvent(QResizeEvent* event) override;
-  void keyPressEvent(QKeyEvent* event) override;
 
  private:
   void refresh();
@@ -44,7 +43,6 @@ class PopoverView : public QWidget {
   void chooseScrollBar();
 
   AppModel& model_;
-  const PopoverHost host_;
   QTimer tick_;
 
   QScrollArea* scroll_;

@@ -17,7 +17,6 @@ class PopoverWindow : public QWidget {
   explicit PopoverWindow(AppModel& model)
       : view(new PopoverView(model,
                              {.quit = [this] { ++quits; },
-                              .hide = [this] { hide(); },
                               .shape =
                                   [](Connection connection, int size, double scale) {
                                     return StatusItemIconRenderer::pixmap(connection, false, size,

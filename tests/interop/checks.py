@@ -5,7 +5,8 @@ import signal
 import sys
 
 from desktop import Desktop, Failed, Probe, wait_for
-from programs import SECRETS, GnomeKeyring, KeePassXC, KWallet
+from keyring import SECRETS, GnomeKeyring
+from programs import KeePassXC, KWallet
 
 TOKEN = "driver-token"
 failures = 0

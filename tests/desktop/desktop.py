@@ -30,18 +30,15 @@ def wait_for(condition, what, seconds=WAIT):
 
 class Desktop:
     def __init__(self, display=True):
-        self.home = tempfile.mkdtemp(prefix="verdo-interop-")
-        self.children = []
+        self.make_home()
         self.env = {
             "PATH": "/usr/bin:/bin",
-            "HOME": self.home,
-            "XDG_RUNTIME_DIR": self.make("run"),
-            "XDG_CONFIG_HOME": self.make(".config"),
-            "XDG_DATA_HOME": self.make(".local/share"),
-            "XDG_CACHE_HOME": self.make(".cache"),
             "LC_ALL": "C.UTF-8",
             "QT_LOGGING_RULES": "*.debug=false",
+            **self.places(),
         }
+        # How a program that was built with sanitizers goes on.
+        self.env.update({k: v for k, v in os.environ.items() if k.endswith("SAN_OPTIONS")})
         try:
             if display:
                 self.start_display()
@@ -54,6 +51,21 @@ class Desktop:
             self.close()
             raise
 
+    def make_home(self):
+        self.home = tempfile.mkdtemp(prefix="verdo-desktop-")
+        self.children = []
+
+    def places(self):
+        """The environment variables by which programs find their files."""
+        return {
+            "HOME": self.home,
+            "XDG_RUNTIME_DIR": self.make("run"),
+            "XDG_CONFIG_HOME": self.make(".config"),
+            "XDG_DATA_HOME": self.make(".local/share"),
+            "XDG_STATE_HOME": self.make(".local/state"),
+            "XDG_CACHE_HOME": self.make(".cache"),
+        }
+
     def make(self, path):
         full = os.path.join(self.home, path)
         os.makedirs(full, mode=0o700, exist_ok=True)
@@ -62,7 +74,7 @@ class Desktop:
     def start_display(self):
         read, write = os.pipe()
         self.start("Xvfb", "-displayfd", str(write), "-screen", "0", "1024x768x24", "-nolisten",
-                   "tcp", pass_fds=[write])
+                   "tcp", "-fbdir", self.home, pass_fds=[write])
         os.close(write)
         with os.fdopen(read) as number:
             self.env["DISPLAY"] = ":" + number.readline().strip()
@@ -70,7 +82,9 @@ class Desktop:
 
     def start(self, *command, text=None, pass_fds=()):
         log = open(os.path.join(self.home, os.path.basename(command[0]) + ".log"), "ab")
-        child = subprocess.Popen(command, env=self.env, stdin=subprocess.PIPE, stdout=log,
+        # Nothing outlives a program that was killed.
+        tied = ("setpriv", "--pdeathsig", "KILL", *command)
+        child = subprocess.Popen(tied, env=self.env, stdin=subprocess.PIPE, stdout=log,
                                  stderr=log, start_new_session=True, pass_fds=pass_fds)
         log.close()
         self.children.append(child)

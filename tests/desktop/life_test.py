@@ -1,0 +1,210 @@
+"""The life of the tray app as a person sees it, with both kinds of tray: from the first start to
+the last quit, with a real browser, a real keyring, and a service that comes and goes."""
+
+import os
+import unittest
+
+from app import KEY, UNTIL_TOLD, App, approve
+from desktop import wait_for
+from inspection import complaints
+from keyring import PASSWORD, GnomeKeyring
+from notifier import NotifierTray
+
+
+class Embedded:
+    """The icon in tint2's panel, a window of the app's."""
+
+    def __init__(self, app):
+        self.app, self.places = app, 0
+        app.panel.start()
+
+    def icon(self):
+        return b"".join(self.app.icon())
+
+    def tooltip(self):
+        x, y = self.app.icon_place()[:2]
+        self.places += 1  # pointed at where it was left, Qt shows none
+        self.app.desktop.run("xdotool", "mousemove", str(x + 4 + self.places), str(y + 9))
+        text = self.app.find("Verdo Driver —.*", "tool tip").name
+        self.app.desktop.run("xdotool", "mousemove", "1", "1")
+        wait_for(lambda: not [node for node in self.app.reader.shown() if node.role == "tool tip"],
+                 "the end of the tool tip")
+        return text
+
+    def click(self):
+        self.app.click_at(self.app.icon_place())
+
+
+class OnTheBus:
+    """The icon as an object on the bus."""
+
+    def __init__(self, app):
+        self.tray = NotifierTray(app.desktop)
+        self.click = self.tray.click
+
+    def icon(self):
+        return bytes(max(self.tray.read("IconPixmap"))[2])
+
+    def tooltip(self):
+        return self.tray.read("ToolTip")[2]
+
+
+class LifeTest(unittest.TestCase):
+    def setUp(self):
+        self.app = App(os.environ["VERDO_PROGRAMS"])
+        self.addCleanup(self.app.close)
+        self.service, self.icons = self.app.service, {}
+
+    def see(self, connection, title, action="none", **wanted):
+        """Waits for this state, and looks whether everything tells it: the status, the icon in the
+        tray, its tool tip, and the popover where it is open."""
+        app = self.app
+        status = app.wait(connection=connection, title=title, action=action, **wanted)
+        looks = (status["icon"], status["updateAvailable"])
+
+        def is_drawn():
+            icon = self.tray.icon()
+            if looks in self.icons:
+                return icon == self.icons[looks]
+            if icon in self.icons.values() or icon != self.tray.icon():
+                return False
+            self.icons[looks] = icon
+            return True
+        wait_for(is_drawn, f"an icon that tells {looks} from {list(self.icons)}")
+        self.assertEqual(self.tray.tooltip(), status["tooltip"])
+        if status["popoverVisible"]:
+            app.find(title, "label")
+            app.find(status["word"], "graphic")
+            self.assertEqual(complaints(app.reader.shown()), [])
+        return status
+
+    def type_setup(self):
+        app = self.app
+        self.see("notSetUp", "Not set up", "setUp", popoverVisible=True, word="not set up",
+                 tooltip="Verdo Driver — not set up", secretStore={
+                     "kind": None, "locked": False, "unavailable": False})
+        app.set_up()
+
+    def pair(self, times=1):
+        """The address of the approve page, which the app has opened in the browser."""
+        wait_for(lambda: self.app.text("opened").count("\n") == times, "the browser's start")
+        pairing = self.app.status()["pairing"]
+        self.assertEqual(pairing["state"], "waiting")
+        self.assertEqual(self.app.text("opened").split()[-1], pairing["verifyURL"])
+        self.app.find("Code " + pairing["userCode"])
+        self.assertEqual(complaints(self.app.reader.shown()), [])
+        return pairing
+
+    def queue(self, *lanes):
+        for lane in lanes:
+            self.service.ask("jobs", {"label": lane, "payload": UNTIL_TOLD})
+
+    def is_ended(self):
+        self.assertEqual(self.app.child.wait(20), 0)
+        self.assertEqual(self.app.status(), {})
+
+    def test_with_a_panel(self):
+        app, service = self.app, self.service
+        self.tray = Embedded(app)
+        keyring = GnomeKeyring(app.desktop)
+        keyring.start()
+        app.start()
+        self.type_setup()
+        service.ask("faults", {"endpoint": "hello", "delay_ms": 2500, "after": 1, "count": 1})
+        self.assertIn("Approved", approve(self.pair()["verifyURL"]))
+        self.see("connecting", "Connecting…", detail=service.url)
+        self.see("online", "Online", user="local", hasToken=True, hasKey=True, secretStore={
+            "kind": "secretService", "locked": False, "unavailable": False})
+
+        self.queue("ada:mail", "ada:crm")
+        self.see("busy", "Online · busy", busyLanes=["ada:crm", "ada:mail"],
+                 tooltip="Verdo Driver — online · busy: crm, mail")
+        for lane in ("mail", "crm"):
+            app.find(lane, "label")
+        app.script("go", "")
+        app.find("2 jobs served · job . · ada:.* · exit 0", "label")
+        self.see("online", "Online", servedCount=2)
+
+        service.kill()
+        app.find("poll failed .* — retrying in . s", "label")
+        app.click("Restart")
+        self.see("offline", "Server unreachable", "retryNow")
+        service.start()
+        app.click("Try now")
+        self.see("online", "Online")
+
+        service.ask("token", {"token": None})
+        self.queue("ada:news")
+        self.see("stopped", "Disconnected", "fixToken")
+        service.token = "another-token-9876"
+        service.ask("token", {"token": service.token})
+        service.ask("manifest", {"app_version": "2099.1.0"}, "PATCH")
+        app.click("Connect to website")
+        approve(self.pair(2)["verifyURL"])
+        self.see("online", "Online", updateAvailable=True, tokenLast4="····9876",
+                 tooltip="Verdo Driver — online · update available")
+        app.find("Version 2099.1.0 is available")
+
+        keyring.lock()
+        app.desktop.run(app.program, "--quit")
+        self.is_ended()
+        app.start()
+        self.see("offline", "Waiting for the keyring", "unlock", popoverVisible=False, secretStore={
+            "kind": "secretService", "locked": True, "unavailable": False})
+        self.tray.click()
+        app.click("Unlock…")
+        app.desktop.press(keyring.WINDOW, PASSWORD, "<Return>")
+        self.see("online", "Online", tokenLast4="····9876")
+
+        os.remove(os.path.join(app.desktop.home, "go"))
+        self.queue("ada:mail")
+        self.see("busy", "Online · busy")
+        if not app.popover():
+            self.tray.click()
+        app.click("Quit")
+        app.find(r"A job is running\. Quit anyway\?")
+        self.assertEqual(complaints(app.reader.shown()), [])
+        app.click("Cancel")
+        app.click("Quit")
+        app.find(r"A job is running\. Quit anyway\?")
+        app.click("Quit")
+        self.is_ended()
+        self.assertEqual({shape for shape, _ in self.icons},
+                         {"notSetUp", "connecting", "online", "busy", "offline", "stopped"})
+        for secret in (KEY, service.token, "token-12345678"):
+            for text in ("verdo-driver-app.log", ".local/state/verdo-driver/driver.log",
+                         ".config/verdo-driver/settings.ini"):
+                self.assertNotIn(secret, app.text(text))
+        self.assertIn("» connected as local", app.text(".local/state/verdo-driver/driver.log"))
+
+    def test_with_icons_on_the_bus(self):
+        app, service = self.app, self.service
+        self.tray = OnTheBus(app)
+        app.start()
+        self.type_setup()
+        service.ask("faults", {"endpoint": "hello", "delay_ms": 1000, "after": 1, "count": 1})
+        service.ask(f"pairings/{self.pair()['userCode']}/approve", method="POST")
+        self.see("connecting", "Connecting…")
+        self.see("online", "Online")
+        self.tray.click()
+        app.wait(popoverVisible=False)
+
+        def is_shown():  # not at once: what follows that soon belongs to the same click
+            self.tray.click()
+            return app.status()["popoverVisible"]
+        wait_for(is_shown, "the popover after another click")
+        service.kill()
+        app.click("Restart")
+        self.see("offline", "Server unreachable", "retryNow")
+        service.start()
+        app.click("Try now")
+        self.see("online", "Online")
+        self.queue("ada:mail")
+        self.see("busy", "Online · busy", tooltip="Verdo Driver — online · busy: mail")
+        app.desktop.run(app.program, "--quit")
+        self.is_ended()
+        self.assertEqual(service.ask("jobs/1")["state"], "done")
+
+
+if __name__ == "__main__":
+    unittest.main()
