@@ -9,7 +9,7 @@ from app import KEY, UNTIL_TOLD, App, approve
 from desktop import wait_for
 from keyring import PASSWORD, GnomeKeyring
 from notifier import NotifierTray
-from screen import picture
+from screen import picture, save
 
 WORDS = {"notSetUp": "not set up", "busy": "online · busy"}
 
@@ -56,7 +56,7 @@ class LifeTest(unittest.TestCase):
     def setUp(self):
         self.app = App(os.environ["VERDO_PROGRAMS"])
         self.addCleanup(self.app.close)
-        self.service, self.icons = self.app.service, {}
+        self.service, self.icons, self.pictures = self.app.service, {}, 0
 
     def see(self, connection, title, action="none", **wanted):
         """Waits for this state, and looks whether everything tells it: the status, the icon in the
@@ -80,8 +80,16 @@ class LifeTest(unittest.TestCase):
         if status["popoverVisible"]:
             app.find(title, "label")
             app.find(status["word"], "graphic")
-            self.assertEqual(complaints(app.reader.shown()), [])
+            self.inspect(connection)
         return status
+
+    def inspect(self, what):
+        """Looks at the popover as it is. VERDO_PICTURES names a directory for pictures of it."""
+        self.assertEqual(complaints(self.app.reader.shown()), [])
+        self.pictures += 1
+        if directory := os.environ.get("VERDO_PICTURES"):
+            os.makedirs(directory, exist_ok=True)
+            save(picture(self.app.desktop), f"{directory}/{self.pictures:02}-{what}.png")
 
     def type_setup(self):
         app = self.app
@@ -97,7 +105,7 @@ class LifeTest(unittest.TestCase):
         self.assertEqual(pairing["state"], "waiting")
         self.assertEqual(self.app.text("opened").split()[-1], pairing["verifyURL"])
         self.app.find("Code " + pairing["userCode"])
-        self.assertEqual(complaints(self.app.reader.shown()), [])
+        self.inspect("pairing")
         return pairing
 
     def queue(self, *lanes):
@@ -172,6 +180,8 @@ class LifeTest(unittest.TestCase):
                  updateAvailable=True, secretStore={
                      "kind": "secretService", "locked": True, "unavailable": False})
         self.tray.click()
+        app.find("Unlock…")
+        self.inspect("locked")
         app.click("Unlock…")
         app.desktop.press(keyring.WINDOW, PASSWORD, "<Return>")
         self.see("online", "Online", tokenLast4="····9876")
@@ -183,7 +193,7 @@ class LifeTest(unittest.TestCase):
             self.tray.click()
         app.click("Quit")
         app.find(r"A job is running\. Quit anyway\?")
-        self.assertEqual(complaints(app.reader.shown()), [])
+        self.inspect("quit")
         app.click("Cancel")
         app.click("Quit")
         app.find(r"A job is running\. Quit anyway\?")
