@@ -1,17 +1,14 @@
-"""Shows the tray app at work against the local service: on the user's display, or, where there is
-none, on a virtual one of which it leaves pictures.
+"""Opens the tray app against the local service, on the user's display.
 
-Usage: tray.py PROGRAM_DIRECTORY PICTURE_DIRECTORY"""
+Usage: tray.py PROGRAM_DIRECTORY"""
 
 import os
 import shlex
 import signal
 import sys
 
-from app import KEY, UNTIL_TOLD, App, approve, serve, write_script
+from app import KEY, serve, write_script
 from desktop import Desktop
-from keyring import GnomeKeyring
-from screen import picture, save
 
 JOB = "echo at work; sleep 15"
 
@@ -56,62 +53,7 @@ def show(programs):
         desktop.close()
 
 
-def draw(programs, directory):
-    app = App(programs)
-    os.makedirs(directory, exist_ok=True)
-    drawn = []
-
-    def draw(what):
-        drawn.append(what)
-        save(picture(app.desktop), f"{directory}/{len(drawn)}-{what}.png")
-    try:
-        keyring = GnomeKeyring(app.desktop)
-        keyring.start()
-        app.panel.start()
-        app.start()
-        app.find("Not set up")
-        draw("not-set-up")
-        app.set_up()
-        app.find("Code .*")
-        draw("pairing")
-        approve(app.status()["pairing"]["verifyURL"])
-        app.find("Online")
-        draw("online")
-        for lane in ("demo:mail", "demo:crm"):
-            app.service.ask("jobs", {"label": lane, "payload": UNTIL_TOLD})
-        for lane in ("mail", "crm", "00:02"):
-            app.find(lane)
-        draw("busy")
-        app.click("Quit")
-        app.find("2 jobs are running.*")
-        draw("quit")
-        app.click("Cancel")
-        write_script(app.desktop, "go", "")
-        app.wait(connection="online")
-        app.service.kill()
-        app.click("Restart")
-        app.find("Server unreachable")
-        draw("offline")
-        app.service.start()
-        app.service.ask("token", {"token": None})
-        app.click("Try now")
-        app.find("Disconnected")
-        draw("disconnected")
-        keyring.lock()
-        app.desktop.run(app.program, "--quit")
-        app.child.wait(20)
-        app.start("--show")
-        app.find("Waiting for the keyring")
-        draw("keyring-locked")
-    finally:
-        app.close()
-    print(f"== {len(drawn)} pictures in {directory}")
-
-
 if __name__ == "__main__":
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
     signal.signal(signal.SIGINT, lambda *_: sys.exit(1))
-    if os.environ.get("DISPLAY") or os.environ.get("WAYLAND_DISPLAY"):
-        show(sys.argv[1])
-    else:
-        draw(*sys.argv[1:])
+    show(sys.argv[1])

@@ -6,8 +6,8 @@ from gi.repository import GLib
 from bus import PROPERTIES, Bus
 
 A11Y = "org.a11y.atspi."
-STATES = {4: "checked", 7: "editable", 8: "enabled", 11: "focusable", 12: "focused",
-          20: "pressed", 25: "showing", 30: "visible"}
+STATES = {8: "enabled", 11: "focusable", 12: "focused", 25: "showing"}
+CONTROLS = {"push button", "check box", "text", "combo box", "label"}  # that can have the focus
 
 
 class Node:
@@ -40,6 +40,9 @@ class Node:
         """Of a field, as far as it is told."""
         return self.ask("Text", "GetText", GLib.Variant("(ii)", (0, -1)))
 
+    def press(self):
+        self.ask("Action", "DoAction", GLib.Variant("(i)", (0,)))
+
     @property
     def labels(self):
         """What stands beside it to name it."""
@@ -70,3 +73,18 @@ class ScreenReader:
         """Everything that is seen, of all programs."""
         root = Node(self.bus, "org.a11y.atspi.Registry", "/org/a11y/atspi/accessible/root")
         return list(root.shown())
+
+
+def complaints(nodes):
+    """What someone who cannot see these nodes would miss."""
+    found = [] if "dialog" in [node.role for node in nodes] else ["no window"]
+    for node in nodes:
+        is_control = "focusable" in node.states
+        if is_control and node.role not in CONTROLS:
+            found.append(f"'{node.name}' is a {node.role}")
+        if (is_control or node.role in ("label", "graphic")) and not node.name:
+            found.append(f"a {node.role} without a name at {node.place}")
+        # Qt tells a combo box's value for its name.
+        if node.role == "combo box" and not node.labels:
+            found.append(f"nothing names the choice '{node.name}'")
+    return found

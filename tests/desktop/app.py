@@ -1,4 +1,4 @@
-"""The tray app on a desktop of its own, with the local service, and with a person's hands and eyes."""
+"""The tray app on a desktop of its own, with the service, and with a person's hands and eyes."""
 
 import json
 import os
@@ -9,7 +9,6 @@ import urllib.request
 from accessible import ScreenReader
 from desktop import Desktop, wait_for
 from panel import Panel, window_places
-from screen import picture
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 NAME = "verdo-driver"
@@ -30,7 +29,8 @@ class Service:
     """One port and one token for life, over all its starts."""
 
     def __init__(self, desktop, program, token="token-12345678"):
-        self.desktop, self.program, self.token, self.port, self.starts = desktop, program, token, 0, 0
+        self.desktop, self.program, self.token = desktop, program, token
+        self.port = self.starts = 0
         self.start()
 
     def start(self):
@@ -165,9 +165,6 @@ class App:
 
     def icon_place(self):
         return wait_for(lambda: self.panel.icon(NAME), "the icon in the tray")
-
-    def icon(self):
-        return picture(self.desktop, self.icon_place())
 
     def close(self):
         self.desktop.close()

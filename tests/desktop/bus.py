@@ -1,4 +1,4 @@
-"""This program's own connections to a desktop's buses. Calls that come in are answered on a thread."""
+"""Connections to a desktop's buses. Calls that come in are answered on a thread."""
 
 import threading
 

@@ -3,9 +3,9 @@
 import os
 import unittest
 
+from accessible import complaints
 from app import KEY, App
 from desktop import wait_for
-from inspection import complaints
 
 PLIST = "Library/LaunchAgents/com.verdo.driver.plist"
 ENV_FILE = ".config/verdo/driver.env"
@@ -19,7 +19,7 @@ echo "$@" >>calls
 """
 # The app looks for launchctl in /bin: it sees another one there than everybody else.
 WITH_LAUNCHCTL = ("unshare", "--mount", "sh", "-c",
-                  'mount -t overlay overlay -o "lowerdir=$HOME/sbin:/usr/bin" /usr/bin && exec "$@"',
+                  'mount -t overlay overlay -o "lowerdir=$HOME/sbin:/usr/bin" /usr/bin; exec "$@"',
                   "sh")
 
 
@@ -92,7 +92,3 @@ class LegacyTest(unittest.TestCase):
         app.click("Delete env file")
         app.find(r"Env file deleted\.")
         self.assertEqual(self.there(), [PLIST, DATA, "loaded"])
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -4,11 +4,14 @@ the last quit, with a real browser, a real keyring, and a service that comes and
 import os
 import unittest
 
+from accessible import complaints
 from app import KEY, UNTIL_TOLD, App, approve
 from desktop import wait_for
-from inspection import complaints
 from keyring import PASSWORD, GnomeKeyring
 from notifier import NotifierTray
+from screen import picture, save
+
+WORDS = {"notSetUp": "not set up", "busy": "online · busy"}
 
 
 class Embedded:
@@ -19,7 +22,7 @@ class Embedded:
         app.panel.start()
 
     def icon(self):
-        return b"".join(self.app.icon())
+        return b"".join(picture(self.app.desktop, self.app.icon_place()))
 
     def tooltip(self):
         x, y = self.app.icon_place()[:2]
@@ -53,13 +56,15 @@ class LifeTest(unittest.TestCase):
     def setUp(self):
         self.app = App(os.environ["VERDO_PROGRAMS"])
         self.addCleanup(self.app.close)
-        self.service, self.icons = self.app.service, {}
+        self.service, self.icons, self.pictures = self.app.service, {}, 0
 
     def see(self, connection, title, action="none", **wanted):
         """Waits for this state, and looks whether everything tells it: the status, the icon in the
         tray, its tool tip, and the popover where it is open."""
         app = self.app
-        status = app.wait(connection=connection, title=title, action=action, **wanted)
+        status = app.wait(connection=connection, title=title, action=action, icon=connection,
+                          word=WORDS.get(connection, connection), **wanted)
+        self.assertTrue(status["tooltip"].startswith("Verdo Driver — " + status["word"]))
         looks = (status["icon"], status["updateAvailable"])
 
         def is_drawn():
@@ -75,33 +80,58 @@ class LifeTest(unittest.TestCase):
         if status["popoverVisible"]:
             app.find(title, "label")
             app.find(status["word"], "graphic")
-            self.assertEqual(complaints(app.reader.shown()), [])
+            self.inspect(connection)
         return status
+
+    def inspect(self, what):
+        """Looks at the popover as it is. VERDO_PICTURES names a directory for pictures of it."""
+        self.assertEqual(complaints(self.app.reader.shown()), [])
+        self.pictures += 1
+        if directory := os.environ.get("VERDO_PICTURES"):
+            os.makedirs(directory, exist_ok=True)
+            save(picture(self.app.desktop), f"{directory}/{self.pictures:02}-{what}.png")
 
     def type_setup(self):
         app = self.app
-        self.see("notSetUp", "Not set up", "setUp", popoverVisible=True, word="not set up",
+        self.see("notSetUp", "Not set up", "setUp", popoverVisible=True,
                  tooltip="Verdo Driver — not set up", secretStore={
                      "kind": None, "locked": False, "unavailable": False})
         app.set_up()
 
     def pair(self, times=1):
-        """The address of the approve page, which the app has opened in the browser."""
+        """The pairing whose approve page the app has opened in the browser."""
         wait_for(lambda: self.app.text("opened").count("\n") == times, "the browser's start")
         pairing = self.app.status()["pairing"]
         self.assertEqual(pairing["state"], "waiting")
         self.assertEqual(self.app.text("opened").split()[-1], pairing["verifyURL"])
         self.app.find("Code " + pairing["userCode"])
-        self.assertEqual(complaints(self.app.reader.shown()), [])
+        self.inspect("pairing")
         return pairing
 
     def queue(self, *lanes):
         for lane in lanes:
             self.service.ask("jobs", {"label": lane, "payload": UNTIL_TOLD})
 
+    def restart(self):
+        self.service.ask("outage", {"kind": "hang", "seconds": 60})
+        self.app.click("Restart")
+        self.see("connecting", "Connecting…", detail=self.service.url)
+        self.service.ask("outage", method="DELETE")
+        self.see("online", "Online")
+
+    def revoke(self):
+        """The driver hears of it at the next job."""
+        self.service.ask("token", {"token": None})
+        self.queue("ada:news")
+        self.see("stopped", "Disconnected", "fixToken")
+
     def is_ended(self):
         self.assertEqual(self.app.child.wait(20), 0)
         self.assertEqual(self.app.status(), {})
+
+    def has_seen_all_shapes(self):
+        self.assertEqual({shape for shape, _ in self.icons},
+                         {"notSetUp", "connecting", "online", "busy", "offline", "stopped"})
 
     def test_with_a_panel(self):
         app, service = self.app, self.service
@@ -110,11 +140,10 @@ class LifeTest(unittest.TestCase):
         keyring.start()
         app.start()
         self.type_setup()
-        service.ask("faults", {"endpoint": "hello", "delay_ms": 2500, "after": 1, "count": 1})
         self.assertIn("Approved", approve(self.pair()["verifyURL"]))
-        self.see("connecting", "Connecting…", detail=service.url)
         self.see("online", "Online", user="local", hasToken=True, hasKey=True, secretStore={
             "kind": "secretService", "locked": False, "unavailable": False})
+        self.restart()
 
         self.queue("ada:mail", "ada:crm")
         self.see("busy", "Online · busy", busyLanes=["ada:crm", "ada:mail"],
@@ -133,9 +162,7 @@ class LifeTest(unittest.TestCase):
         app.click("Try now")
         self.see("online", "Online")
 
-        service.ask("token", {"token": None})
-        self.queue("ada:news")
-        self.see("stopped", "Disconnected", "fixToken")
+        self.revoke()
         service.token = "another-token-9876"
         service.ask("token", {"token": service.token})
         service.ask("manifest", {"app_version": "2099.1.0"}, "PATCH")
@@ -149,9 +176,12 @@ class LifeTest(unittest.TestCase):
         app.desktop.run(app.program, "--quit")
         self.is_ended()
         app.start()
-        self.see("offline", "Waiting for the keyring", "unlock", popoverVisible=False, secretStore={
-            "kind": "secretService", "locked": True, "unavailable": False})
+        self.see("offline", "Waiting for the keyring", "unlock", popoverVisible=False,
+                 updateAvailable=True, secretStore={
+                     "kind": "secretService", "locked": True, "unavailable": False})
         self.tray.click()
+        app.find("Unlock…")
+        self.inspect("locked")
         app.click("Unlock…")
         app.desktop.press(keyring.WINDOW, PASSWORD, "<Return>")
         self.see("online", "Online", tokenLast4="····9876")
@@ -163,14 +193,13 @@ class LifeTest(unittest.TestCase):
             self.tray.click()
         app.click("Quit")
         app.find(r"A job is running\. Quit anyway\?")
-        self.assertEqual(complaints(app.reader.shown()), [])
+        self.inspect("quit")
         app.click("Cancel")
         app.click("Quit")
         app.find(r"A job is running\. Quit anyway\?")
         app.click("Quit")
         self.is_ended()
-        self.assertEqual({shape for shape, _ in self.icons},
-                         {"notSetUp", "connecting", "online", "busy", "offline", "stopped"})
+        self.has_seen_all_shapes()
         for secret in (KEY, service.token, "token-12345678"):
             for text in ("verdo-driver-app.log", ".local/state/verdo-driver/driver.log",
                          ".config/verdo-driver/settings.ini"):
@@ -182,10 +211,9 @@ class LifeTest(unittest.TestCase):
         self.tray = OnTheBus(app)
         app.start()
         self.type_setup()
-        service.ask("faults", {"endpoint": "hello", "delay_ms": 1000, "after": 1, "count": 1})
         service.ask(f"pairings/{self.pair()['userCode']}/approve", method="POST")
-        self.see("connecting", "Connecting…")
         self.see("online", "Online")
+        self.restart()
         self.tray.click()
         app.wait(popoverVisible=False)
 
@@ -199,12 +227,14 @@ class LifeTest(unittest.TestCase):
         service.start()
         app.click("Try now")
         self.see("online", "Online")
+        self.revoke()
+        service.ask("token", {"token": service.token})
+        app.click("Connect to website")
+        service.ask(f"pairings/{self.pair(2)['userCode']}/approve", method="POST")
+        self.see("online", "Online")
         self.queue("ada:mail")
         self.see("busy", "Online · busy", tooltip="Verdo Driver — online · busy: mail")
         app.desktop.run(app.program, "--quit")
         self.is_ended()
-        self.assertEqual(service.ask("jobs/1")["state"], "done")
-
-
-if __name__ == "__main__":
-    unittest.main()
+        self.has_seen_all_shapes()
+        self.assertEqual(service.ask("jobs/2")["state"], "done")

@@ -10,12 +10,9 @@ WATCHER = "org.kde.StatusNotifierWatcher"
 ITEM = "org.kde.StatusNotifierItem"
 INTERFACE = f"""<node><interface name="{WATCHER}">
   <method name="RegisterStatusNotifierItem"><arg type="s" direction="in"/></method>
-  <method name="RegisterStatusNotifierHost"><arg type="s" direction="in"/></method>
   <property name="RegisteredStatusNotifierItems" type="as" access="read"/>
   <property name="IsStatusNotifierHostRegistered" type="b" access="read"/>
   <property name="ProtocolVersion" type="i" access="read"/>
-  <signal name="StatusNotifierItemRegistered"><arg type="s"/></signal>
-  <signal name="StatusNotifierHostRegistered"/>
 </interface></node>"""
 
 
@@ -31,11 +28,7 @@ class NotifierTray:
         self.bus.own(WATCHER)
 
     def called(self, connection, sender, path, interface, method, arguments, invocation):
-        if method == "RegisterStatusNotifierItem":
-            name = arguments.unpack()[0]
-            self.items.append(sender if name.startswith("/") else name)
-            connection.emit_signal(None, path, interface, "StatusNotifierItemRegistered",
-                                   GLib.Variant("(s)", (name,)))
+        self.items.append(sender)
         invocation.return_value(None)
 
     def asked(self, connection, sender, path, interface, name):

@@ -28,7 +28,8 @@ class Panel:
     def start(self, edge="bottom"):
         """Puts the panel there, in the place of one at another edge."""
         self.stop()
-        place = f"center {edge} vertical" if edge in ("left", "right") else f"{edge} center horizontal"
+        place = (f"center {edge} vertical" if edge in ("left", "right")
+                 else f"{edge} center horizontal")
         settings = os.path.join(self.desktop.home, "tint2rc")
         with open(settings, "w", encoding="utf-8") as file:
             file.write(f"panel_items = TSC\npanel_position = {place}\n"

@@ -1,11 +1,11 @@
-"""The popover as a window: where it comes up, what takes it away, and how far the keyboard leads."""
+"""The popover as a window: where it comes up, what takes it away, where the keyboard leads."""
 
 import os
 import unittest
 
+from accessible import complaints
 from app import KEY, App
 from desktop import wait_for
-from inspection import complaints
 
 SCREEN = (1024, 768)
 GAP, MARGIN = 5, 4  # px
@@ -34,8 +34,9 @@ class PopoverTest(unittest.TestCase):
     def show(self, visible=True):
         """Waits until it is shown, or hidden, and says where it is."""
         self.app.wait(popoverVisible=visible)
-        return wait_for(lambda: [self.app.popover()] if visible == bool(self.app.popover()) else None,
-                        "the popover's window")[0]
+        if visible:
+            return wait_for(self.app.popover, "the popover's window")
+        return wait_for(lambda: not self.app.popover(), "the end of the popover's window")
 
     def test_its_place_and_its_end(self):
         app = self.app
@@ -53,7 +54,8 @@ class PopoverTest(unittest.TestCase):
                 place = wait_for(lambda: app.popover() if app.popover() != place else None,
                                  "another height")
                 self.assertEqual(place[:2], expected_place(icon, edge, place[2:]))
-                app.click("Options")
+                app.find("Options").press()
+                wait_for(lambda: app.popover() != place, "the old height")
                 app.click_at(icon)
                 self.show(False)
                 for end in (lambda: app.click_at((500, 60, 1, 1)),  # where nothing is
@@ -120,7 +122,8 @@ class PopoverTest(unittest.TestCase):
             wait_for(lambda: self.focused().description == "Open", "an open fold")
         self.check_walk("Restart", "Stop", "Setup", "Server URL", "DeepSeek key",
                         "Remove the DeepSeek key", "Connect to website", "Forget token", "Options",
-                        "Launch at login", "Start automatically", "While connected", "Open log", "Quit")
+                        "Launch at login", "Start automatically", "While connected", "Open log",
+                        "Quit")
         self.go("Launch at login")
         app.type("<space>")
         wait_for(lambda: os.listdir(app.desktop.make(".config/autostart")), "the autostart entry")
