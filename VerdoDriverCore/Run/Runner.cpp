@@ -106,6 +106,9 @@ std::optional<ExitReason> DriverRunner::settleConfig(const std::string& envFile)
   if (const auto refusal = ServerURLPolicy::refusal(server_, config_.insecure)) {
     return ExitReason::badConfig(*refusal);
   }
+  if (const auto refusal = ServerURLPolicy::pathRefusal(server_)) {
+    return ExitReason::badConfig(*refusal);
+  }
   if (const auto refusal = ServerURLPolicy::providerRefusal(config_.llmBase)) {
     return ExitReason::badConfig(*refusal);
   }

@@ -98,7 +98,11 @@ TEST_F(Hello, PasswordInTheProvidersUrlReachesTheServerOrTheLog) {
   }
 }
 
-TEST_F(Hello, QueryInTheProvidersUrlFailsEachJobOrIsRepeated) {
+TEST_F(Hello, QueryInAUrlFailsTheHelloOrEachJobOrIsRepeated) {
+  const std::string server = std::exchange(config.server, "https://verdo.example/?key=s3cret");
+  EXPECT_EQ(run(), ExitReason::badConfig("a server URL must not hold a query or fragment; "
+                                         "leave out what begins with ? or #"));
+  config.server = server;
   for (const char* base : {"https://provider/v1?key=s3cret", "https://provider/v1#/"}) {
     config.llmBase = base;
     EXPECT_EQ(run(), ExitReason::badConfig("an LLM base URL must not hold a query or fragment; "
