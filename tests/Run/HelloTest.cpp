@@ -60,12 +60,13 @@ TEST_F(Hello, UnusableSettingStopsTheDriverOrClosesForeignSpaces) {
               Contains(testing::StartsWith("space_pattern of the server is unusable (")));
 }
 
-TEST_F(Hello, TinyIntervalSpinsTheReaper) {
-  const JV reply =
-      parseJson(R"({"protocol": 2, "idle_close_seconds": 1e-9, "reap_interval_seconds": 1e-9})");
+TEST_F(Hello, TinyIntervalSpinsTheReaperOrLetsNoSpaceBeClosed) {
+  const JV reply = parseJson(R"({"protocol": 2, "idle_close_seconds": 1e-9,
+                                 "reap_interval_seconds": 1e-9, "cleanup_timeout_seconds": 1e-9})");
   const auto hello = std::get<verdo::Hello>(verdo::Hello::from(reply, {}));
   EXPECT_EQ(hello.idleClose, 1);
   EXPECT_EQ(hello.reapInterval, 1);
+  EXPECT_EQ(hello.cleanupTimeout, 1);
 }
 
 TEST_F(Hello, LlmKeyItselfReachesTheServer) {
