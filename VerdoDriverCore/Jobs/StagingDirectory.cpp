@@ -51,12 +51,14 @@ UniqueFd openDirectory(const std::string& path) {
 }
 
 /// Makes a directory whose owner is gone ours, so that nobody else touches it. Empty when it has an
-/// owner.
-UniqueFd takeAbandoned(const std::string& cache, const std::string& path) {
+/// owner, or when another process makes or takes one just now.
+UniqueFd takeAbandoned(const std::string& cache, const std::string& path) try {
   const UniqueFd cacheLock = lockCache(cache, std::chrono::milliseconds::zero());
   UniqueFd directory = openDirectory(path);
   if (directory && ::flock(directory.get(), LOCK_EX | LOCK_NB) != 0) directory.reset();
   return directory;
+} catch (const PyError&) {
+  return {};
 }
 
 }  // namespace
