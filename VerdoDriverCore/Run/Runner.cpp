@@ -270,15 +270,19 @@ std::shared_ptr<Driver> DriverRunner::makeDriver(const Hello& hello, std::shared
   options.spaces = {fromSeconds(hello.idleClose), fromSeconds(hello.reapInterval),
                     hello.spacePattern, timings_};
   options.timings = timings_;
-  const auto tellOther = [log = log_, observer = observer_](const std::string& holder) {
-    log->warn(
-        fmt::format("another driver ({}) looks after this user's task spaces — leaving all "
-                    "but those of our own jobs alone",
-                    holder));
+  const auto tellHolder = [log = log_, observer = observer_](const std::string& holder) {
+    if (holder.empty()) {
+      log->info("looking after this user's task spaces from now on");
+    } else {
+      log->warn(
+          fmt::format("another driver ({}) looks after this user's task spaces — leaving all "
+                      "but those of our own jobs alone",
+                      holder));
+    }
     if (const auto listener = observer.lock()) listener->driverSharesSpaces(holder);
   };
   auto claim = std::make_unique<SpaceClaim>(StagingDirectory::defaultCache(), server_, hello.userId,
-                                            tellOther);
+                                            tellHolder);
   return std::make_shared<Driver>(std::move(options), std::move(api), log_, std::move(browser),
                                   std::move(claim), observer_);
 }

@@ -37,10 +37,10 @@ std::string holderNamedIn(int file) {
 }  // namespace
 
 SpaceClaim::SpaceClaim(std::string directory, const std::string& server, std::int64_t userId,
-                       std::function<void(const std::string&)> onOther)
+                       std::function<void(const std::string&)> onHolder)
     : directory_(std::move(directory)),
       path_(fmt::format("{}/driver-{}-user-{}.lock", directory_, fileNameOf(server), userId)),
-      onOther_(std::move(onOther)) {}
+      onHolder_(std::move(onHolder)) {}
 
 SpaceClaim::~SpaceClaim() = default;
 
@@ -49,25 +49,29 @@ bool SpaceClaim::take() {
   {
     MutexLock lock(lock_);
     if (file_) return true;
-    std::error_code ignored;  // opening the file tells
-    std::filesystem::create_directories(directory_, ignored);
-    UniqueFd file(::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
-    if (!file) return true;
-    if (::flock(file.get(), LOCK_EX | LOCK_NB) == 0) {
-      // For people; who holds the lock needs no writing.
-      if (::ftruncate(file.get(), 0) == 0) {
-        static_cast<void>(writeAll(file.get(), fmt::format("process {}", ::getpid())));
-      }
-      file_ = std::move(file);
-      return true;
-    }
-    if (errno != EWOULDBLOCK) return true;
-    holder = holderNamedIn(file.get());
-    if (holder == lastHolder_) return false;
+    holder = holderUnlessOurs();
+    if (holder == lastHolder_) return holder.empty();
     lastHolder_ = holder;
   }
-  onOther_(holder);
-  return false;
+  onHolder_(holder);
+  return holder.empty();
+}
+
+/// Takes the lock, or tells whose it is.
+std::string SpaceClaim::holderUnlessOurs() {
+  std::error_code ignored;  // opening the file tells
+  std::filesystem::create_directories(directory_, ignored);
+  UniqueFd file(::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+  if (!file) return "";
+  if (::flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
+    return errno == EWOULDBLOCK ? holderNamedIn(file.get()) : "";
+  }
+  // For people; who holds the lock needs no writing.
+  if (::ftruncate(file.get(), 0) == 0) {
+    static_cast<void>(writeAll(file.get(), fmt::format("process {}", ::getpid())));
+  }
+  file_ = std::move(file);
+  return "";
 }
 
 }  // namespace verdo

@@ -15,9 +15,10 @@ namespace verdo {
 /// then takes over. Any thread may call any operation.
 class SpaceClaim {
  public:
-  /// `directory` is made if need be. `onOther` is told who holds the claim, once for each holder.
+  /// `directory` is made if need be. `onHolder` is told which other driver holds the claim, once
+  /// for each, and nothing ("") when it is ours after that.
   SpaceClaim(std::string directory, const std::string& server, std::int64_t userId,
-             std::function<void(const std::string& holder)> onOther);
+             std::function<void(const std::string& holder)> onHolder);
   ~SpaceClaim();
 
   /// True when this driver holds the claim, now or since before; also where files cannot be
@@ -25,9 +26,11 @@ class SpaceClaim {
   bool take() EXCLUDES(lock_);
 
  private:
+  std::string holderUnlessOurs() REQUIRES(lock_);
+
   const std::string directory_;
   const std::string path_;
-  const std::function<void(const std::string&)> onOther_;
+  const std::function<void(const std::string&)> onHolder_;
   Mutex lock_;
   UniqueFd file_ GUARDED_BY(lock_);
   std::string lastHolder_ GUARDED_BY(lock_);
