@@ -35,6 +35,7 @@ std::unique_ptr<AppModel> makeAppModel(std::shared_ptr<FileLog> log, std::string
     QDesktopServices::openUrl(QUrl(QString::fromStdString(url)));
   };
   parts.llmBase = std::move(llmBase);
+  parts.browserPackage = std::move(platform.browserPackage);
   parts.clientHeader = AppInfo::clientHeader();
   return std::make_unique<AppModel>(std::move(parts));
 }

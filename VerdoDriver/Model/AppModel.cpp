@@ -28,6 +28,7 @@ AppModel::AppModel(Parts parts)
       logPath_(std::move(parts.logPath)),
       llmBase_(parts.llmBase),
       clientHeader_(std::move(parts.clientHeader)),
+      browserPackage_(std::move(parts.browserPackage)),
       manifestInterval_(parts.manifestInterval),
       storedSecrets_(parts.secrets, *settings_),
       supervisor_(parts.factory, log_, clock_),
@@ -41,8 +42,11 @@ AppModel::AppModel(Parts parts)
            .secrets = secrets_,
            .settings = settings_.get(),
            .log = log_,
-           .connect = [this](const ConnectDraft& draft,
-                             auto done) { connectFlow_.connect(draft, std::move(done)); },
+           .connect =
+               [this](const ConnectDraft& draft, auto done) {
+                 forgetFailures();
+                 connectFlow_.connect(draft, std::move(done));
+               },
            .refreshManifest = [this] { refreshManifest(); },
            .restartDriver = [this] { storedSecrets_.refresh([this] { restartDriver(); }); }}),
       egoPath_(findEgo_()) {
@@ -62,7 +66,8 @@ void AppModel::wire() {
   for (const Changed signal :
        {&DriverSupervisor::usernameChanged, &DriverSupervisor::servedCountChanged,
         &DriverSupervisor::lastJobChanged, &DriverSupervisor::lastErrorChanged,
-        &DriverSupervisor::retryMessageChanged}) {
+        &DriverSupervisor::retryMessageChanged, &DriverSupervisor::spacesHolderChanged,
+        &DriverSupervisor::stopBegan}) {
     QObject::connect(&supervisor_, signal, this, &AppModel::touch);
   }
   QObject::connect(&supervisor_, &DriverSupervisor::updateAvailableChanged, this, [this] {
@@ -86,7 +91,10 @@ void AppModel::wire() {
   QObject::connect(settings_.get(), &SettingsStore::autoStartChanged, this, &AppModel::touch);
   QObject::connect(settings_.get(), &SettingsStore::allowInsecureChanged, this, &AppModel::touch);
   QObject::connect(settings_.get(), &SettingsStore::isWritableChanged, this, &AppModel::touch);
-  QObject::connect(&storedSecrets_, &StoredSecrets::changed, this, &AppModel::touch);
+  QObject::connect(&storedSecrets_, &StoredSecrets::changed, this, [this] {
+    if (secretFailure_ && isSecretFailureOver_()) secretFailure_.reset();
+    touch();
+  });
   QObject::connect(&pairFlow_, &PairFlow::stateChanged, this, [this] {
     isAskingForCode_ = false;
     touch();
@@ -242,17 +250,21 @@ void AppModel::stopDriver() { supervisor_.stop(DriverSupervisor::kStopTimeout); 
 
 void AppModel::forgetToken() {
   supervisor_.stop(DriverSupervisor::kStopTimeout);
-  secretFailure_.reset();
+  forgetFailures();
   storedSecrets_.remove(SecretAccount::driverToken, [this](const auto& removed) {
     if (removed) return log_->write("» token forgotten");
-    secretFailed("The token could not be forgotten", removed.error());
+    secretFailed("The token could not be forgotten", removed.error(),
+                 [this] { return !hasToken(); });
   });
 }
 
 void AppModel::removeKey() {
-  secretFailure_.reset();
+  forgetFailures();
   storedSecrets_.remove(SecretAccount::llmKey, [this](const auto& removed) {
-    if (!removed) return secretFailed("The key could not be removed", removed.error());
+    if (!removed) {
+      return secretFailed("The key could not be removed", removed.error(),
+                          [this] { return !hasKey(); });
+    }
     log_->write("» DeepSeek key removed");
     if (supervisor_.hasCurrentRun()) supervisor_.restart();
   });
@@ -261,20 +273,24 @@ void AppModel::removeKey() {
 void AppModel::unlockSecrets() {
   secretFailure_.reset();
   storedSecrets_.unlock([this](const auto& unlocked) {
-    if (!unlocked) return secretFailed("Could not unlock the keyring", unlocked.error());
+    if (!unlocked) {
+      return secretFailed("Could not unlock the keyring", unlocked.error(),
+                          [this] { return storedSecrets_.isKnown(); });
+    }
     if (launchDone_) launched();
     supervisor_.secretsChanged();
   });
 }
 
-void AppModel::secretFailed(const char* what, const SecretError& error) {
+void AppModel::secretFailed(const char* what, const SecretError& error, IsOver isOver) {
+  isSecretFailureOver_ = std::move(isOver);
   secretFailure_ = fmt::format("{}: {}", what, error.description);
   log_->write("✗ " + *secretFailure_);
   touch();
 }
 
 void AppModel::connect(const ConnectDraft& draft, ConnectFlow::Completion completion) {
-  beginConnect();
+  forgetFailures();
   connectFlow_.connect(draft, [self = QPointer(this),
                                completion = std::move(completion)](const ConnectResult& result) {
     if (self) self->connected(result);
@@ -284,7 +300,7 @@ void AppModel::connect(const ConnectDraft& draft, ConnectFlow::Completion comple
 
 void AppModel::startPairing(const std::string& serverURL, bool allowInsecure,
                             const std::string& llmKey) {
-  beginConnect();
+  forgetFailures();
   const auto done = [self = QPointer(this)](const ConnectResult& result) {
     if (self) self->connected(result);
   };
@@ -301,7 +317,7 @@ void AppModel::cancelPairing() {
 }
 
 void AppModel::saveKey(const std::string& llmKey) {
-  beginConnect();
+  forgetFailures();
   isCheckingKey_ = true;
   const auto check = ++keyChecks_;
   const auto read = [secrets = secrets_]() -> SecretStore::Result<std::optional<std::string>> {
@@ -313,7 +329,8 @@ void AppModel::saveKey(const std::string& llmKey) {
     if (!self) return;
     if (!token) {
       self->endKeyCheck(check);
-      return self->secretFailed("Could not read the keyring", token.error());
+      return self->secretFailed("Could not read the keyring", token.error(),
+                                [self] { return self->storedSecrets_.isKnown(); });
     }
     self->connect({.serverURL = self->settings_->serverURL(),
                    .token = token->value_or(""),
@@ -331,9 +348,11 @@ void AppModel::endKeyCheck(std::uint64_t check) {
   touch();
 }
 
-void AppModel::beginConnect() {
+/// What was said of the last try ends with the next one.
+void AppModel::forgetFailures() {
   connectFailure_.reset();
   secretFailure_.reset();
+  pairFlow_.dismissFailure();
   touch();
 }
 
@@ -375,12 +394,18 @@ void AppModel::refreshManifest() {
   scheduleManifest();
   updateChecker_->check(settings_->serverURL(), settings_->allowInsecure(),
                         [self = QPointer(this)](const UpdateChecker::Outcome& outcome) {
-                          if (!self || !outcome) return;
-                          self->manifest_ = *outcome;
-                          self->updateAvailable_ =
-                              self->updateAvailable_ || self->updateChecker_->isNewer(*outcome);
-                          self->touch();
+                          if (self && outcome) self->takeManifest(*outcome);
                         });
+}
+
+void AppModel::takeManifest(const AppManifest& manifest) {
+  manifest_ = manifest;
+  updateAvailable_ = updateAvailable_ || updateChecker_->isNewer(manifest);
+  if (manifest.dmgURL && !downloadURL()) {
+    AppLog::update.info("[AppModel] dmg_url refused (not https / same-origin): " +
+                        *manifest.dmgURL);
+  }
+  touch();
 }
 
 void AppModel::prepareToEnd() {
@@ -397,13 +422,8 @@ void AppModel::scheduleManifest() {
 }
 
 std::optional<std::string> AppModel::downloadURL() const {
-  if (!manifest_ || !manifest_->dmgURL) return std::nullopt;
-  auto link = SafeLink::allowed(manifest_->dmgURL, settings_->serverURL());
-  if (!link) {
-    AppLog::update.info("[AppModel] dmg_url refused (not https / same-origin): " +
-                        *manifest_->dmgURL);
-  }
-  return link;
+  if (!manifest_) return std::nullopt;
+  return SafeLink::allowed(manifest_->dmgURL, settings_->serverURL());
 }
 
 std::optional<std::string> AppModel::egoInstallURL() const {

@@ -51,6 +51,8 @@ class AppModel : public QObject {
     std::string logPath;        ///< of what openLog() opens
     std::string llmBase;        ///< of the provider; empty: the default one
     std::string clientHeader;   ///< how the app presents itself to the service
+    /// Of this system's package that brings a browser tool; empty where there is none.
+    std::string browserPackage;
     Clock::Duration manifestInterval = kManifestInterval;
   };
   explicit AppModel(Parts parts);
@@ -80,9 +82,11 @@ class AppModel : public QObject {
   bool isCheckingKey() const { return isCheckingKey_; }
   /// A token was approved, and waits for a key with which it can be saved.
   bool hasApproval() const { return onboarding_.hasApproval(); }
-  /// What came of the last connect that failed, until the next one.
+  /// What came of the last connect that failed, until the next one, or until what it was about is
+  /// taken away.
   const std::optional<StatusText>& connectFailure() const { return connectFailure_; }
-  /// What the store said when a secret could not be forgotten or unlocked, until the next try.
+  /// What the store said when a secret could not be forgotten or unlocked, until the next try, or
+  /// until it is so.
   const std::optional<std::string>& secretFailure() const { return secretFailure_; }
   /// A window of the system's waits for the user.
   bool isPromptOpen() const { return isPromptOpen_; }
@@ -92,6 +96,7 @@ class AppModel : public QObject {
   /// none, or one that must not be opened.
   std::optional<std::string> downloadURL() const;
   std::optional<std::string> egoInstallURL() const;
+  const std::string& browserPackage() const { return browserPackage_; }
 
   const SettingsStore& settings() const { return *settings_; }
   SettingsStore& settings() { return *settings_; }
@@ -135,8 +140,10 @@ class AppModel : public QObject {
   void launched();
   void heard(SecretEvent event);
   void evaluateKeepAwake();
-  void secretFailed(const char* what, const SecretError& error);
-  void beginConnect();
+  using IsOver = std::function<bool()>;
+  void secretFailed(const char* what, const SecretError& error, IsOver isOver);
+  void forgetFailures();
+  void takeManifest(const AppManifest& manifest);
   void endKeyCheck(std::uint64_t check);
   void provideConfig(const DriverSupervisor::ConfigReply& reply) const;
   std::optional<DriverConfig> configOf(const std::string& token, const std::string& key) const;
@@ -157,6 +164,7 @@ class AppModel : public QObject {
   const std::string logPath_;
   const std::string llmBase_;
   const std::string clientHeader_;
+  const std::string browserPackage_;
   const Clock::Duration manifestInterval_;
 
   StoredSecrets storedSecrets_;
@@ -176,6 +184,7 @@ class AppModel : public QObject {
   std::shared_ptr<ClockToken> manifestToken_;
   std::optional<StatusText> connectFailure_;
   std::optional<std::string> secretFailure_;
+  IsOver isSecretFailureOver_;
   bool isPromptOpen_ = false;
   bool isAskingForCode_ = false;
   bool isCheckingKey_ = false;

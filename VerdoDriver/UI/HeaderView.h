@@ -44,6 +44,7 @@ class HeaderView : public QWidget {
   Label* detail_;
   Label* advice_;
   JobsView* jobs_;
+  Label* sharing_;
   Label* unwritable_;
   Label* secretFailure_;
   Label* prompt_;

@@ -124,6 +124,7 @@ void PopoverView::refresh() {
   update_->refresh();
   updateHairline_->setVisible(!update_->isHidden());
   options_->refresh();
+  footer_->refresh();
   if (!isCounting()) {
     tick_.stop();
   } else if (!tick_.isActive()) {

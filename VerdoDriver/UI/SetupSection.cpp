@@ -137,7 +137,9 @@ bool SetupSection::isBusy() const {
 QString SetupSection::failure() const {
   if (isBusy()) return {};
   if (const auto& failed = model_.connectFailure()) {
-    return Look::shownMessage(failed->title + " — " + failed->detail);
+    const bool lacksBrowser = failed->action == StatusText::Action::installEgo;
+    const auto advice = lacksBrowser ? " " + browserAdvice(model_) : "";
+    return Look::shownMessage(failed->title + " — " + failed->detail + advice);
   }
   const auto* failed = std::get_if<PairingFailed>(&model_.pairing());
   return failed ? Look::shownMessage(failed->message) : QString();

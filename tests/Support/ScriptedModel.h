@@ -115,7 +115,8 @@ class ScriptedModel {
                           .openURL = [this](const std::string& url) { opened.push_back(url); },
                           .logPath = home / "log",
                           .llmBase = "http://127.0.0.1:1",
-                          .clientHeader = "app/0.0.0"};
+                          .clientHeader = "app/0.0.0",
+                          .browserPackage = "verdo-browser"};
     return parts;
   }
 };
