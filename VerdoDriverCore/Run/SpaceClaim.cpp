@@ -6,6 +6,7 @@
 #include <array>
 #include <cerrno>
 #include <filesystem>
+#include <vector>
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -14,6 +15,9 @@
 
 namespace verdo {
 namespace {
+
+constexpr const char* kClaimPrefix = "driver-";
+constexpr const char* kClaimSuffix = ".lock";
 
 /// A file name for a server's URL: readable, and as short as file systems want it.
 std::string fileNameOf(const std::string& server) {
@@ -34,12 +38,41 @@ std::string holderNamedIn(int file) {
   return name.empty() ? "a process that gives no number" : withoutControls(name);
 }
 
+/// The files of claims.
+std::vector<std::string> claimsIn(const std::string& directory) {
+  std::vector<std::string> paths;
+  std::error_code missing;
+  for (const auto& entry : std::filesystem::directory_iterator(directory, missing)) {
+    const auto name = entry.path().filename().string();
+    if (name.starts_with(kClaimPrefix) && name.ends_with(kClaimSuffix))
+      paths.push_back(entry.path());
+  }
+  return paths;
+}
+
 }  // namespace
+
+std::string SpaceClaim::holderIn(const std::string& directory) {
+  for (const auto& path : claimsIn(directory)) {
+    const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    if (!file || ::flock(file.get(), LOCK_EX | LOCK_NB) == 0) continue;
+    if (errno == EWOULDBLOCK) return holderNamedIn(file.get());
+  }
+  return "";
+}
+
+void SpaceClaim::forgetIn(const std::string& directory) {
+  for (const auto& path : claimsIn(directory)) {
+    const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    if (file && ::flock(file.get(), LOCK_EX | LOCK_NB) == 0) ::unlink(path.c_str());
+  }
+}
 
 SpaceClaim::SpaceClaim(std::string directory, const std::string& server, std::int64_t userId,
                        std::function<void(const std::string&)> onHolder)
     : directory_(std::move(directory)),
-      path_(fmt::format("{}/driver-{}-user-{}.lock", directory_, fileNameOf(server), userId)),
+      path_(fmt::format("{}/{}{}-user-{}{}", directory_, kClaimPrefix, fileNameOf(server), userId,
+                        kClaimSuffix)),
       onHolder_(std::move(onHolder)) {}
 
 SpaceClaim::~SpaceClaim() = default;

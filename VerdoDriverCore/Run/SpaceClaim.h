@@ -25,6 +25,11 @@ class SpaceClaim {
   /// locked, since nothing is known of others there.
   bool take() EXCLUDES(lock_);
 
+  /// Who holds a claim of any user and server in the directory; empty when nobody does.
+  static std::string holderIn(const std::string& directory);
+  /// Removes the files of claims that nobody holds.
+  static void forgetIn(const std::string& directory);
+
  private:
   std::string holderUnlessOurs() REQUIRES(lock_);
 
