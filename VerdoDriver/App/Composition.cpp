@@ -5,6 +5,7 @@
 #include "VerdoDriver/Model/PairingClient.h"
 #include "VerdoDriver/Platform/NativeSettings.h"
 #include "VerdoDriver/Platform/PlatformParts.h"
+#include "VerdoDriverCore/Run/JobTraces.h"
 
 #include <QDesktopServices>
 #include <QSettings>
@@ -33,6 +34,9 @@ std::unique_ptr<AppModel> makeAppModel(std::shared_ptr<FileLog> log, std::string
   parts.hostName = hostName;
   parts.openURL = [](const std::string& url) {
     QDesktopServices::openUrl(QUrl(QString::fromStdString(url)));
+  };
+  parts.removeTraces = [] {
+    return JobTraces(JobTraces::ofTheUser(EgoLocator::extraPathDirs())).remove();
   };
   parts.llmBase = std::move(llmBase);
   parts.browserPackage = std::move(platform.browserPackage);

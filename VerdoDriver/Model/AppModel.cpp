@@ -49,6 +49,12 @@ AppModel::AppModel(Parts parts)
                },
            .refreshManifest = [this] { refreshManifest(); },
            .restartDriver = [this] { storedSecrets_.refresh([this] { restartDriver(); }); }}),
+      removal_({.supervisor = &supervisor_,
+                .settings = settings_.get(),
+                .secrets = secrets_,
+                .loginItems = loginItems_,
+                .log = log_,
+                .removeTraces = std::move(parts.removeTraces)}),
       egoPath_(findEgo_()) {
   wire();
 }
@@ -187,6 +193,7 @@ void AppModel::pathReported(bool satisfied) {
 }
 
 void AppModel::popoverOpened() {
+  settings_->writeAgain();
   storedSecrets_.refresh();
   egoPath_ = findEgo_();
   legacyImport_.detect();
@@ -268,6 +275,27 @@ void AppModel::removeKey() {
     log_->write("» DeepSeek key removed");
     if (supervisor_.hasCurrentRun()) supervisor_.restart();
   });
+}
+
+void AppModel::removeEverything() {
+  if (isRemoving()) return;
+  forgetFailures();
+  prepareToEnd();
+  removal_.begin([this](const Removal::Left& left) { removed(left); });
+}
+
+void AppModel::removed(const Removal::Left& left) {
+  supervisor_.forgetHistory();
+  manifest_.reset();
+  updateAvailable_ = false;
+  lastManifest_.reset();
+  if (manifestToken_) manifestToken_->cancel();
+  removalReport_ =
+      left.empty() ? "Everything was removed."
+                   : fmt::format("Not removed: {}. Everything else was.", fmt::join(left, "; "));
+  *removalReport_ += " The log is still there: " + logPath_;
+  storedSecrets_.refresh();
+  touch();
 }
 
 void AppModel::unlockSecrets() {
@@ -352,6 +380,7 @@ void AppModel::endKeyCheck(std::uint64_t check) {
 void AppModel::forgetFailures() {
   connectFailure_.reset();
   secretFailure_.reset();
+  removalReport_.reset();
   pairFlow_.dismissFailure();
   touch();
 }
@@ -361,7 +390,7 @@ void AppModel::connected(const ConnectResult& result) {
     connectFailure_ = result.text;
   }
   touch();
-  if (!result.saved) return;
+  if (!result.saved || isRemoving()) return;
   storedSecrets_.refresh([this] {
     restartDriver();
     refreshManifest();

@@ -47,6 +47,7 @@ HeaderView::HeaderView(AppModel& model, const PopoverHost& host, QWidget* parent
       advice_(new Label(Label::Style::text, Label::Fit::wrap, this)),
       jobs_(new JobsView(model, this)),
       sharing_(new Label(Label::Style::fact, Label::Fit::wrap, this)),
+      removal_(new Label(Label::Style::text, Label::Fit::wrap, this)),
       unwritable_(new Label(Label::Style::text, Label::Fit::wrap, this)),
       secretFailure_(new Label(Label::Style::text, Label::Fit::wrap, this)),
       prompt_(new Label(Label::Style::text, Label::Fit::wrap, this)),
@@ -63,7 +64,8 @@ HeaderView::HeaderView(AppModel& model, const PopoverHost& host, QWidget* parent
   texts->setSpacing(Look::kGrid / 2);
   for (Label* label : {title_, account_, detail_, advice_}) texts->addWidget(label);
   texts->addWidget(jobs_);
-  for (Label* label : {sharing_, unwritable_, secretFailure_, prompt_}) texts->addWidget(label);
+  for (Label* label : {sharing_, removal_, unwritable_, secretFailure_, prompt_})
+    texts->addWidget(label);
   auto* buttons = Look::row();
   buttons_->setLayout(buttons);
   buttons->setContentsMargins(0, Look::kGrid / 2, 0, 0);
@@ -89,6 +91,8 @@ void HeaderView::refresh(bool isSetupOpen) {
   advice_->tell(headline.action == Action::installEgo ? browserAdvice(model_) : std::string());
   jobs_->refresh(headline.detail);
   sharing_->tell(sharingOf(model_));
+  removal_->tell(model_.isRemoving() ? "Removing everything…"
+                                     : model_.removalReport().value_or(""));
   unwritable_->tell(QString(model_.settings().isWritable()
                                 ? ""
                                 : "The settings cannot be saved: your choices last until the app "
@@ -96,6 +100,7 @@ void HeaderView::refresh(bool isSetupOpen) {
   secretFailure_->tell(model_.secretFailure().value_or(""));
   prompt_->tell(QString(model_.isPromptOpen() ? kSecretPromptText : ""));
   refreshButtons(headline, isSetupOpen);
+  buttons_->setEnabled(!model_.isRemoving());
 }
 
 void HeaderView::refreshShape() {

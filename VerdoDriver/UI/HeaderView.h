@@ -45,6 +45,7 @@ class HeaderView : public QWidget {
   Label* advice_;
   JobsView* jobs_;
   Label* sharing_;
+  Label* removal_;
   Label* unwritable_;
   Label* secretFailure_;
   Label* prompt_;

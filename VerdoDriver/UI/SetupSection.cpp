@@ -43,6 +43,7 @@ QHBoxLayout* rowIn(QWidget* widget) {
 SetupSection::SetupSection(AppModel& model, const std::string& defaultServerURL, QWidget* parent)
     : Fold("Setup", parent),
       model_(model),
+      defaultServerURL_(defaultServerURL),
       server_(makeField("Server URL", bodyWidget())),
       insecure_(new CheckBox("Allow plain http", bodyWidget())),
       keyRow_(new QWidget(bodyWidget())),
@@ -68,9 +69,8 @@ SetupSection::SetupSection(AppModel& model, const std::string& defaultServerURL,
                                "until it is connected again.");
                          })),
       confirm_(new Confirm("Forget", bodyWidget(), [this] { model_.forgetToken(); })) {
-  const auto& chosen = model.settings().serverURL();
-  server_->setText(QString::fromStdString(chosen.empty() ? defaultServerURL : chosen));
   server_->setPlaceholderText("https://");
+  offer(model.settings().serverURL());
   insecure_->setChecked(model.settings().allowInsecure());
   key_->setEchoMode(QLineEdit::Password);
   removeKey_->setAccessibleName("Remove the DeepSeek key");
@@ -84,8 +84,15 @@ SetupSection::SetupSection(AppModel& model, const std::string& defaultServerURL,
           [this](bool asking) { tokenRow_->setVisible(!asking); });
   // Called off is not done: what was typed is still wanted.
   connect(pairing_, &PairingView::cancelled, this, [this] { wasBusy_ = false; });
-  connect(&model.settings(), &SettingsStore::serverURLChanged, this,
-          [this](const std::string& url) { server_->setText(QString::fromStdString(url)); });
+  connect(&model.settings(), &SettingsStore::serverURLChanged, this, &SetupSection::offer);
+  connect(&model.settings(), &SettingsStore::allowInsecureChanged, insecure_,
+          &CheckBox::setChecked);
+}
+
+/// Shows the chosen server; without one all is as at the first start.
+void SetupSection::offer(const std::string& serverURL) {
+  server_->setText(QString::fromStdString(serverURL.empty() ? defaultServerURL_ : serverURL));
+  if (serverURL.empty()) key_->clear();
 }
 
 void SetupSection::build() {
@@ -154,6 +161,7 @@ QString SetupSection::missing() const {
 }
 
 void SetupSection::refresh() {
+  bodyWidget()->setEnabled(!model_.isRemoving());
   const bool busy = isBusy();
   // What was typed is kept until it is known to be stored.
   if (std::exchange(wasBusy_, busy) && !busy && failure().isEmpty() && !model_.secretFailure()) {

@@ -32,6 +32,7 @@ class SetupSection : public Fold {
 
  private:
   void build();
+  void offer(const std::string& serverURL);
   void refreshServer(bool isBusy);
   void refreshKey(bool isBusy);
   void refreshButtons(bool isBusy);
@@ -48,6 +49,7 @@ class SetupSection : public Fold {
   void submit();
 
   AppModel& model_;
+  const std::string defaultServerURL_;
   std::optional<bool> neededSetup_;
   bool wasBusy_ = false;
 

@@ -48,6 +48,14 @@ class ScriptedWake : public WakeMonitor {
   void wakeUp() { Q_EMIT woke(); }
 };
 
+class ScriptedLogin : public NoopLoginItemManager {
+ public:
+  bool isEnabled() const override { return enabled; }
+  void setEnabled(bool wanted) override { enabled = isStuck ? enabled : wanted; }
+  bool enabled = false;
+  bool isStuck = false;
+};
+
 class CountingAssertion : public PowerAssertion {
  public:
   void hold(const std::string&) override { held = true; }
@@ -75,7 +83,7 @@ class AppModelTest : public AppFixture {
         .secrets = secrets,
         .factory = factory,
         .log = log,
-        .loginItems = std::make_shared<NoopLoginItemManager>(),
+        .loginItems = loginItem,
         .migration = LegacyDriverMigration(home.path(), home / "launchctl", 1),
         .updateChecker = std::make_unique<UpdateChecker>("1.0.0"),
         .clock = clock,
@@ -86,7 +94,8 @@ class AppModelTest : public AppFixture {
         .egoPath = [] { return "/bin/ego"; },
         .hostName = [] { return "box"; },
         .openURL = [this](const auto& url) { opened.push_back(url); },
-        .logPath = {},
+        .removeTraces = [this] { return traces; },
+        .logPath = "/log",
         .llmBase = {},
         .clientHeader = "app/1.0.0",
         .browserPackage = {},
@@ -105,6 +114,8 @@ class AppModelTest : public AppFixture {
 
   const std::shared_ptr<LockableStore> secrets = std::make_shared<LockableStore>();
   const std::shared_ptr<CountingAssertion> assertion = std::make_shared<CountingAssertion>();
+  const std::shared_ptr<ScriptedLogin> loginItem = std::make_shared<ScriptedLogin>();
+  Removal::Left traces;
   ScriptedPath* path = nullptr;
   ScriptedWake* wake = nullptr;
   std::vector<std::string> opened;
@@ -263,6 +274,51 @@ TEST_F(AppModelTest, SaysForgottenOfATokenThatIsThereOrThereOfOneThatIsGone) {
   EXPECT_TRUE(secrets->remove(SecretAccount::driverToken));
   secrets->tellChange();
   EXPECT_TRUE(spinUntil([&] { return !model->secretFailure(); }));
+}
+
+TEST_F(AppModelTest, RemovesHalfOrHidesThatSomethingStays) {
+  EXPECT_TRUE(settings.forgetAll());
+  launch();
+  ASSERT_TRUE(spinUntil([&] { return launchedAs.has_value(); }));
+  const auto atFirst = statusReport(*model, false);
+  store("token-1234", "key-5678");
+  model->settings().setServerURL("http://127.0.0.1:9");
+  model->setLaunchAtLogin(true);
+  model->settings().setAutoStart(false);
+  secrets->tellChange();
+  ASSERT_TRUE(spinUntil([&] { return model->hasKey(); }));
+  model->restartDriver();
+  ASSERT_TRUE(waitForRun(1));
+  connectRun();
+  factory->runs.back()->observer.lock()->driverJobFinished(1, "mail", 1, "lost");
+  const auto remove = [&] {
+    model->removeEverything();
+    EXPECT_TRUE(model->isRemoving());
+    for (const auto& run : factory->runs) run->end(ExitReason::stopped());
+    EXPECT_TRUE(spinUntil([&] { return !model->isRemoving(); }));
+    return model->removalReport().value_or("");
+  };
+
+  secrets->isLocked = loginItem->isStuck = true;
+  traces = {"the browser's profiles (busy)"};
+  EXPECT_EQ(remove(),
+            "Not removed: the token (The keyring is locked.); the key (The keyring is locked.); "
+            "the browser's profiles (busy); the start at login. Everything else was. The log is "
+            "still there: /log");
+  EXPECT_EQ(factory->runs.back()->stops, 1);
+  EXPECT_FALSE(std::filesystem::exists(home / "settings"));
+  EXPECT_TRUE(log->has("✗ not removed: the token"));
+
+  secrets->isLocked = loginItem->isStuck = false;
+  traces.clear();
+  EXPECT_EQ(remove(), "Everything was removed. The log is still there: /log");
+  EXPECT_FALSE(loginItem->enabled);
+  for (const auto account : kSecretAccounts) EXPECT_EQ(secrets->read(account), std::nullopt);
+  EXPECT_TRUE(spinUntil([&] { return statusReport(*model, false) == atFirst; }))
+      << statusReport(*model, false);
+  EXPECT_TRUE(model->settings().autoStart());
+  EXPECT_FALSE(std::filesystem::exists(home / "settings"));
+  EXPECT_EQ(factory->runs.size(), 1u);
 }
 
 TEST_F(AppModelTest, StatusTellsASecret) {

@@ -223,6 +223,7 @@ TEST_F(PopoverViewTest, GoesOnSayingWhatIsNotTrueAnyMore) {
   ASSERT_TRUE(spinUntil([&] { return window.label("DeepSeek rejected") != nullptr; }));
   app.model.removeKey();
   EXPECT_TRUE(spinUntil([&] { return window.label("DeepSeek rejected") == nullptr; }));
+  ASSERT_TRUE(spinUntil([&] { return !app.model.hasKey(); }));
 
   app.goOnline();
   app.observer()->driverRetrying("gone", 15);
@@ -235,6 +236,33 @@ TEST_F(PopoverViewTest, GoesOnSayingWhatIsNotTrueAnyMore) {
   app.observer()->driverSharesSpaces("");
   EXPECT_TRUE(
       spinUntil([&] { return !window.label("retrying") && !window.label("Another driver"); }));
+}
+
+TEST_F(PopoverViewTest, RemovesEverythingUnaskedOrUnnamed) {
+  app.setUp("https://elsewhere.example");
+  show();
+  window.press("Setup");
+  window.press("Options");
+  window.press("Remove everything…");
+  for (const char* what : {"token", "key", "login", "settings", "task spaces", "files of jobs"}) {
+    EXPECT_TRUE(window.label(what)) << what;
+  }
+  window.press("Cancel");
+  EXPECT_FALSE(app.model.isRemoving());
+  window.press("Remove everything…");
+  for (auto* button : window.view->findChildren<QAbstractButton*>()) {
+    if (button->isVisible() && button->text() == "Remove" && button->accessibleName() == "") {
+      button->click();
+    }
+  }
+  spin();
+  EXPECT_FALSE(window.button("Connect to website")->isEnabled());
+  ASSERT_TRUE(spinUntil([&] { return window.label("Everything was removed.") != nullptr; }));
+  ASSERT_TRUE(spinUntil([&] { return window.label("Not set up") != nullptr; }));
+  EXPECT_EQ(window.field("Server URL")->text(), ScriptedModel::kServer);
+  window.type("DeepSeek key", "sk-1234");
+  window.press("Connect to website");
+  EXPECT_FALSE(window.label("Everything was removed."));
 }
 
 TEST_F(PopoverViewTest, LeavesAUserWithoutABrowserToolAloneOrNamesTwo) {
