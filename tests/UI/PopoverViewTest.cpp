@@ -199,6 +199,8 @@ TEST_F(PopoverViewTest, QuitsWhileBusyWithoutAskingOrAsksTwice) {
   spin();
   window.press("Quit");
   EXPECT_EQ(window.quits, 3);
+  app.model.stopDriver();  // no clock shows it
+  EXPECT_TRUE(spinUntil([&] { return window.label("Stopping…") != nullptr; }));
 }
 
 TEST_F(PopoverViewTest, GoesOnSayingWhatIsNotTrueAnyMore) {
