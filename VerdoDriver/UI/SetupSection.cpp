@@ -4,12 +4,12 @@
 #include "VerdoDriver/UI/Button.h"
 #include "VerdoDriver/UI/CheckBox.h"
 #include "VerdoDriver/UI/Confirm.h"
+#include "VerdoDriver/UI/Field.h"
 #include "VerdoDriver/UI/Label.h"
 #include "VerdoDriver/UI/Look.h"
 #include "VerdoDriver/UI/PairingView.h"
 #include "VerdoDriverCore/Values/Url.h"
 
-#include <QLineEdit>
 #include <utility>
 
 namespace verdo {
@@ -20,15 +20,6 @@ QLabel* captionFor(QWidget* field, const QString& text, QWidget* parent) {
   caption->setBuddy(field);
   caption->setFixedWidth(Look::kCaption);
   return caption;
-}
-
-QLineEdit* makeField(const QString& name, QWidget* parent) {
-  auto* field = new QLineEdit(parent);
-  field->setFixedHeight(Look::kRow);
-  field->setAccessibleName(name);
-  field->setMaxLength(2048);
-  field->setTextMargins(Look::kGrid / 2, 0, Look::kGrid / 2, 0);
-  return field;
 }
 
 QHBoxLayout* rowIn(QWidget* widget) {
@@ -44,10 +35,10 @@ SetupSection::SetupSection(AppModel& model, const std::string& defaultServerURL,
     : Fold("Setup", parent),
       model_(model),
       defaultServerURL_(defaultServerURL),
-      server_(makeField("Server URL", bodyWidget())),
+      server_(new Field("Server URL", bodyWidget())),
       insecure_(new CheckBox("Allow plain http", bodyWidget())),
       keyRow_(new QWidget(bodyWidget())),
-      key_(makeField("DeepSeek key", keyRow_)),
+      key_(new Field("DeepSeek key", keyRow_)),
       removeKey_(
           new Button(Button::Kind::plain, "Remove", keyRow_, [this] { model_.removeKey(); })),
       pairing_(new PairingView(model, bodyWidget())),
@@ -76,7 +67,7 @@ SetupSection::SetupSection(AppModel& model, const std::string& defaultServerURL,
   removeKey_->setAccessibleName("Remove the DeepSeek key");
   build();
 
-  for (QLineEdit* field : {server_, key_}) {
+  for (Field* field : {server_, key_}) {
     connect(field, &QLineEdit::textEdited, this, &SetupSection::refresh);
     connect(field, &QLineEdit::returnPressed, this, &SetupSection::submit);
   }

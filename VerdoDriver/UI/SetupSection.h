@@ -7,13 +7,12 @@
 #include <optional>
 #include <string>
 
-class QLineEdit;
-
 namespace verdo {
 
 class Button;
 class CheckBox;
 class Confirm;
+class Field;
 class Label;
 class PairingView;
 
@@ -53,10 +52,10 @@ class SetupSection : public Fold {
   std::optional<bool> neededSetup_;
   bool wasBusy_ = false;
 
-  QLineEdit* server_;
+  Field* server_;
   CheckBox* insecure_;
   QWidget* keyRow_;
-  QLineEdit* key_;
+  Field* key_;
   Button* removeKey_;
   PairingView* pairing_;
   Label* checking_;
