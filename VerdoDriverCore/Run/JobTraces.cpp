@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <system_error>
+#include <thread>
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -26,6 +27,15 @@ bool isBrowserRunning(const std::string& directory) {
   const UniqueFd lock(
       ::open((directory + "/keeper.lock").c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
   return lock && ::flock(lock.get(), LOCK_EX | LOCK_NB) != 0;
+}
+
+/// It gives the lock back a moment after it has said that it ends.
+void waitForEnd(const std::string& directory) {
+  constexpr std::chrono::milliseconds kLook{20};
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  while (isBrowserRunning(directory) && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(kLook);
+  }
 }
 
 }  // namespace
@@ -75,6 +85,7 @@ std::string JobTraces::removeBrowserData(const std::string& directory,
     Browser({options_.browser, {"verdo-browser", "stop"}, std::move(environment)},
             options_.stopLimit, nullptr)
         .run("");
+    waitForEnd(directory);
   }
   if (isBrowserRunning(directory)) {
     return fmt::format("the browser's task spaces (verdo-browser still runs, in {})", directory);
