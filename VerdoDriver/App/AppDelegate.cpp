@@ -44,9 +44,17 @@ void AppDelegate::stopWithin(std::chrono::seconds limit) {
   });
   if (std::exchange(isStopping_, true)) return;
   model_.prepareToEnd();
+  // What the user has asked to be removed is not left half removed.
+  QObject::connect(&model_, &AppModel::changed, this, &AppDelegate::endUnlessRemoving);
   model_.supervisor().stop(DriverSupervisor::kStopTimeout, [self = QPointer(this)] {
-    if (self) self->driverStopped();
+    if (!self) return;
+    self->hasStopped_ = true;
+    self->endUnlessRemoving();
   });
+}
+
+void AppDelegate::endUnlessRemoving() {
+  if (hasStopped_ && !model_.isRemoving()) driverStopped();
 }
 
 void AppDelegate::driverStopped() {

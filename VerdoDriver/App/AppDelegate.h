@@ -31,12 +31,14 @@ class AppDelegate : public QObject {
 
  private:
   void stopWithin(std::chrono::seconds limit);
+  void endUnlessRemoving();
   void driverStopped();
 
   AppModel& model_;
   MenuBarController& menuBar_;
   std::function<void()> end_;  ///< until it was called
   bool isStopping_ = false;
+  bool hasStopped_ = false;
 };
 
 }  // namespace verdo

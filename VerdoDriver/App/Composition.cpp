@@ -6,6 +6,7 @@
 #include "VerdoDriver/Platform/DesktopProxy.h"
 #include "VerdoDriver/Platform/NativeSettings.h"
 #include "VerdoDriver/Platform/PlatformParts.h"
+#include "VerdoDriverCore/Run/JobTraces.h"
 
 #include <QDesktopServices>
 #include <QSettings>
@@ -35,7 +36,11 @@ std::unique_ptr<AppModel> makeAppModel(std::shared_ptr<FileLog> log, std::string
   parts.openURL = [](const std::string& url) {
     QDesktopServices::openUrl(QUrl(QString::fromStdString(url)));
   };
+  parts.removeTraces = [] {
+    return JobTraces(JobTraces::ofTheUser(EgoLocator::extraPathDirs())).remove();
+  };
   parts.llmBase = std::move(llmBase);
+  parts.browserPackage = std::move(platform.browserPackage);
   parts.clientHeader = AppInfo::clientHeader();
   return std::make_unique<AppModel>(std::move(parts));
 }

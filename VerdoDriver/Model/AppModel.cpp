@@ -28,6 +28,7 @@ AppModel::AppModel(Parts parts)
       logPath_(std::move(parts.logPath)),
       llmBase_(parts.llmBase),
       clientHeader_(std::move(parts.clientHeader)),
+      browserPackage_(std::move(parts.browserPackage)),
       manifestInterval_(parts.manifestInterval),
       storedSecrets_(parts.secrets, *settings_),
       supervisor_(parts.factory, log_, clock_),
@@ -41,10 +42,19 @@ AppModel::AppModel(Parts parts)
            .secrets = secrets_,
            .settings = settings_.get(),
            .log = log_,
-           .connect = [this](const ConnectDraft& draft,
-                             auto done) { connectFlow_.connect(draft, std::move(done)); },
+           .connect =
+               [this](const ConnectDraft& draft, auto done) {
+                 forgetFailures();
+                 connectFlow_.connect(draft, std::move(done));
+               },
            .refreshManifest = [this] { refreshManifest(); },
            .restartDriver = [this] { storedSecrets_.refresh([this] { restartDriver(); }); }}),
+      removal_({.supervisor = &supervisor_,
+                .settings = settings_.get(),
+                .secrets = secrets_,
+                .loginItems = loginItems_,
+                .log = log_,
+                .removeTraces = std::move(parts.removeTraces)}),
       egoPath_(findEgo_()) {
   wire();
 }
@@ -62,7 +72,8 @@ void AppModel::wire() {
   for (const Changed signal :
        {&DriverSupervisor::usernameChanged, &DriverSupervisor::servedCountChanged,
         &DriverSupervisor::lastJobChanged, &DriverSupervisor::lastErrorChanged,
-        &DriverSupervisor::retryMessageChanged}) {
+        &DriverSupervisor::retryMessageChanged, &DriverSupervisor::spacesHolderChanged,
+        &DriverSupervisor::stopBegan}) {
     QObject::connect(&supervisor_, signal, this, &AppModel::touch);
   }
   QObject::connect(&supervisor_, &DriverSupervisor::updateAvailableChanged, this, [this] {
@@ -86,7 +97,10 @@ void AppModel::wire() {
   QObject::connect(settings_.get(), &SettingsStore::autoStartChanged, this, &AppModel::touch);
   QObject::connect(settings_.get(), &SettingsStore::allowInsecureChanged, this, &AppModel::touch);
   QObject::connect(settings_.get(), &SettingsStore::isWritableChanged, this, &AppModel::touch);
-  QObject::connect(&storedSecrets_, &StoredSecrets::changed, this, &AppModel::touch);
+  QObject::connect(&storedSecrets_, &StoredSecrets::changed, this, [this] {
+    if (secretFailure_ && isSecretFailureOver_()) secretFailure_.reset();
+    touch();
+  });
   QObject::connect(&pairFlow_, &PairFlow::stateChanged, this, [this] {
     isAskingForCode_ = false;
     touch();
@@ -179,6 +193,7 @@ void AppModel::pathReported(bool satisfied) {
 }
 
 void AppModel::popoverOpened() {
+  settings_->writeAgain();
   storedSecrets_.refresh();
   egoPath_ = findEgo_();
   legacyImport_.detect();
@@ -242,39 +257,68 @@ void AppModel::stopDriver() { supervisor_.stop(DriverSupervisor::kStopTimeout); 
 
 void AppModel::forgetToken() {
   supervisor_.stop(DriverSupervisor::kStopTimeout);
-  secretFailure_.reset();
+  forgetFailures();
   storedSecrets_.remove(SecretAccount::driverToken, [this](const auto& removed) {
     if (removed) return log_->write("» token forgotten");
-    secretFailed("The token could not be forgotten", removed.error());
+    secretFailed("The token could not be forgotten", removed.error(),
+                 [this] { return !hasToken(); });
   });
 }
 
 void AppModel::removeKey() {
-  secretFailure_.reset();
+  forgetFailures();
   storedSecrets_.remove(SecretAccount::llmKey, [this](const auto& removed) {
-    if (!removed) return secretFailed("The key could not be removed", removed.error());
+    if (!removed) {
+      return secretFailed("The key could not be removed", removed.error(),
+                          [this] { return !hasKey(); });
+    }
     log_->write("» DeepSeek key removed");
     if (supervisor_.hasCurrentRun()) supervisor_.restart();
   });
 }
 
+void AppModel::removeEverything() {
+  if (isRemoving()) return;
+  forgetFailures();
+  prepareToEnd();
+  removal_.begin([this](const Removal::Left& left) { removed(left); });
+}
+
+void AppModel::removed(const Removal::Left& left) {
+  supervisor_.forgetHistory();
+  manifest_.reset();
+  updateAvailable_ = false;
+  lastManifest_.reset();
+  if (manifestToken_) manifestToken_->cancel();
+  removalReport_ =
+      left.empty() ? "Everything was removed."
+                   : fmt::format("Not removed: {}. Everything else was.", fmt::join(left, "; "));
+  *removalReport_ += " The log is still there: " + logPath_;
+  storedSecrets_.refresh();
+  touch();
+}
+
 void AppModel::unlockSecrets() {
   secretFailure_.reset();
   storedSecrets_.unlock([this](const auto& unlocked) {
-    if (!unlocked) return secretFailed("Could not unlock the keyring", unlocked.error());
+    if (!unlocked) {
+      return secretFailed("Could not unlock the keyring", unlocked.error(),
+                          [this] { return storedSecrets_.isKnown(); });
+    }
     if (launchDone_) launched();
     supervisor_.secretsChanged();
   });
 }
 
-void AppModel::secretFailed(const char* what, const SecretError& error) {
+void AppModel::secretFailed(const char* what, const SecretError& error, IsOver isOver) {
+  isSecretFailureOver_ = std::move(isOver);
   secretFailure_ = fmt::format("{}: {}", what, error.description);
   log_->write("✗ " + *secretFailure_);
   touch();
 }
 
 void AppModel::connect(const ConnectDraft& draft, ConnectFlow::Completion completion) {
-  beginConnect();
+  forgetFailures();
   connectFlow_.connect(draft, [self = QPointer(this),
                                completion = std::move(completion)](const ConnectResult& result) {
     if (self) self->connected(result);
@@ -284,7 +328,7 @@ void AppModel::connect(const ConnectDraft& draft, ConnectFlow::Completion comple
 
 void AppModel::startPairing(const std::string& serverURL, bool allowInsecure,
                             const std::string& llmKey) {
-  beginConnect();
+  forgetFailures();
   const auto done = [self = QPointer(this)](const ConnectResult& result) {
     if (self) self->connected(result);
   };
@@ -301,7 +345,7 @@ void AppModel::cancelPairing() {
 }
 
 void AppModel::saveKey(const std::string& llmKey) {
-  beginConnect();
+  forgetFailures();
   isCheckingKey_ = true;
   const auto check = ++keyChecks_;
   const auto read = [secrets = secrets_]() -> SecretStore::Result<std::optional<std::string>> {
@@ -313,7 +357,8 @@ void AppModel::saveKey(const std::string& llmKey) {
     if (!self) return;
     if (!token) {
       self->endKeyCheck(check);
-      return self->secretFailed("Could not read the keyring", token.error());
+      return self->secretFailed("Could not read the keyring", token.error(),
+                                [self] { return self->storedSecrets_.isKnown(); });
     }
     self->connect({.serverURL = self->settings_->serverURL(),
                    .token = token->value_or(""),
@@ -331,9 +376,12 @@ void AppModel::endKeyCheck(std::uint64_t check) {
   touch();
 }
 
-void AppModel::beginConnect() {
+/// What was said of the last try ends with the next one.
+void AppModel::forgetFailures() {
   connectFailure_.reset();
   secretFailure_.reset();
+  removalReport_.reset();
+  pairFlow_.dismissFailure();
   touch();
 }
 
@@ -342,7 +390,7 @@ void AppModel::connected(const ConnectResult& result) {
     connectFailure_ = result.text;
   }
   touch();
-  if (!result.saved) return;
+  if (!result.saved || isRemoving()) return;
   storedSecrets_.refresh([this] {
     restartDriver();
     refreshManifest();
@@ -375,12 +423,18 @@ void AppModel::refreshManifest() {
   scheduleManifest();
   updateChecker_->check(settings_->serverURL(), settings_->allowInsecure(),
                         [self = QPointer(this)](const UpdateChecker::Outcome& outcome) {
-                          if (!self || !outcome) return;
-                          self->manifest_ = *outcome;
-                          self->updateAvailable_ =
-                              self->updateAvailable_ || self->updateChecker_->isNewer(*outcome);
-                          self->touch();
+                          if (self && outcome) self->takeManifest(*outcome);
                         });
+}
+
+void AppModel::takeManifest(const AppManifest& manifest) {
+  manifest_ = manifest;
+  updateAvailable_ = updateAvailable_ || updateChecker_->isNewer(manifest);
+  if (manifest.dmgURL && !downloadURL()) {
+    AppLog::update.info("[AppModel] dmg_url refused (not https / same-origin): " +
+                        *manifest.dmgURL);
+  }
+  touch();
 }
 
 void AppModel::prepareToEnd() {
@@ -397,13 +451,8 @@ void AppModel::scheduleManifest() {
 }
 
 std::optional<std::string> AppModel::downloadURL() const {
-  if (!manifest_ || !manifest_->dmgURL) return std::nullopt;
-  auto link = SafeLink::allowed(manifest_->dmgURL, settings_->serverURL());
-  if (!link) {
-    AppLog::update.info("[AppModel] dmg_url refused (not https / same-origin): " +
-                        *manifest_->dmgURL);
-  }
-  return link;
+  if (!manifest_) return std::nullopt;
+  return SafeLink::allowed(manifest_->dmgURL, settings_->serverURL());
 }
 
 std::optional<std::string> AppModel::egoInstallURL() const {

@@ -7,6 +7,7 @@
 #include "VerdoDriver/Model/LoginItem.h"
 #include "VerdoDriver/Model/Onboarding.h"
 #include "VerdoDriver/Model/PowerAssertion.h"
+#include "VerdoDriver/Model/Removal.h"
 #include "VerdoDriver/Model/StoredSecrets.h"
 #include "VerdoDriver/Model/SystemEvents.h"
 #include "VerdoDriver/Model/UpdateChecker.h"
@@ -47,10 +48,13 @@ class AppModel : public QObject {
     std::unique_ptr<PathMonitor> pathMonitor;  ///< optional
     ConnectFlow::EgoPath egoPath;
     PairFlow::HostName hostName;
-    PairFlow::OpenURL openURL;  ///< also of a file
-    std::string logPath;        ///< of what openLog() opens
-    std::string llmBase;        ///< of the provider; empty: the default one
-    std::string clientHeader;   ///< how the app presents itself to the service
+    PairFlow::OpenURL openURL;                    ///< also of a file
+    std::function<Removal::Left()> removeTraces;  ///< of jobs; blocks
+    std::string logPath;                          ///< of what openLog() opens
+    std::string llmBase;                          ///< of the provider; empty: the default one
+    std::string clientHeader;                     ///< how the app presents itself to the service
+    /// Of this system's package that brings a browser tool; empty where there is none.
+    std::string browserPackage;
     Clock::Duration manifestInterval = kManifestInterval;
   };
   explicit AppModel(Parts parts);
@@ -80,18 +84,24 @@ class AppModel : public QObject {
   bool isCheckingKey() const { return isCheckingKey_; }
   /// A token was approved, and waits for a key with which it can be saved.
   bool hasApproval() const { return onboarding_.hasApproval(); }
-  /// What came of the last connect that failed, until the next one.
+  /// What came of the last connect that failed, until the next one, or until what it was about is
+  /// taken away.
   const std::optional<StatusText>& connectFailure() const { return connectFailure_; }
-  /// What the store said when a secret could not be forgotten or unlocked, until the next try.
+  /// What the store said when a secret could not be forgotten or unlocked, until the next try, or
+  /// until it is so.
   const std::optional<std::string>& secretFailure() const { return secretFailure_; }
   /// A window of the system's waits for the user.
   bool isPromptOpen() const { return isPromptOpen_; }
+  bool isRemoving() const { return removal_.isUnderWay(); }
+  /// What came of removeEverything(), until the next try to connect.
+  const std::optional<std::string>& removalReport() const { return removalReport_; }
   std::optional<SecretPlace> secretPlace() const { return settings().secretPlace(); }
   bool launchesAtLogin() const { return loginItems_->isEnabled(); }
   /// Where the newest release can be had, and the browser tool; absent when the manifest names
   /// none, or one that must not be opened.
   std::optional<std::string> downloadURL() const;
   std::optional<std::string> egoInstallURL() const;
+  const std::string& browserPackage() const { return browserPackage_; }
 
   const SettingsStore& settings() const { return *settings_; }
   SettingsStore& settings() { return *settings_; }
@@ -105,6 +115,9 @@ class AppModel : public QObject {
   void stopDriver();
   void forgetToken();
   void removeKey();
+  /// Takes away all that the app keeps on this computer but for the log; afterwards it is as at its
+  /// first start.
+  void removeEverything();
   void unlockSecrets();
   void connect(const ConnectDraft& draft, ConnectFlow::Completion completion);
   /// Connects to the website: pairs, or goes on with the token that was approved.
@@ -135,8 +148,11 @@ class AppModel : public QObject {
   void launched();
   void heard(SecretEvent event);
   void evaluateKeepAwake();
-  void secretFailed(const char* what, const SecretError& error);
-  void beginConnect();
+  using IsOver = std::function<bool()>;
+  void secretFailed(const char* what, const SecretError& error, IsOver isOver);
+  void forgetFailures();
+  void removed(const Removal::Left& left);
+  void takeManifest(const AppManifest& manifest);
   void endKeyCheck(std::uint64_t check);
   void provideConfig(const DriverSupervisor::ConfigReply& reply) const;
   std::optional<DriverConfig> configOf(const std::string& token, const std::string& key) const;
@@ -157,6 +173,7 @@ class AppModel : public QObject {
   const std::string logPath_;
   const std::string llmBase_;
   const std::string clientHeader_;
+  const std::string browserPackage_;
   const Clock::Duration manifestInterval_;
 
   StoredSecrets storedSecrets_;
@@ -166,6 +183,7 @@ class AppModel : public QObject {
   PairFlow pairFlow_;
   Onboarding onboarding_;
   LegacyImport legacyImport_;
+  Removal removal_;
 
   std::function<void(bool)> launchDone_;  ///< until it was called
   std::optional<bool> lastPathSatisfied_;
@@ -176,6 +194,8 @@ class AppModel : public QObject {
   std::shared_ptr<ClockToken> manifestToken_;
   std::optional<StatusText> connectFailure_;
   std::optional<std::string> secretFailure_;
+  IsOver isSecretFailureOver_;
+  std::optional<std::string> removalReport_;
   bool isPromptOpen_ = false;
   bool isAskingForCode_ = false;
   bool isCheckingKey_ = false;

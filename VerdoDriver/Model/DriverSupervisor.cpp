@@ -61,6 +61,14 @@ class DriverSupervisor::ObserverBridge : public DriverObserver {
   void driverRetrying(const std::string& message, double retryInSeconds) override {
     post([=](DriverSupervisor& supervisor) { supervisor.retrying(message, retryInSeconds); });
   }
+  void driverRecovered() override {
+    post([](DriverSupervisor& supervisor) { supervisor.recovered(); });
+  }
+  void driverSharesSpaces(const std::string& holder) override {
+    post([=](DriverSupervisor& supervisor) {
+      supervisor.assign(supervisor.spacesHolder_, holder, &DriverSupervisor::spacesHolderChanged);
+    });
+  }
 
  private:
   template <typename Report>
@@ -117,6 +125,7 @@ void DriverSupervisor::stop(Clock::Duration timeout, std::function<void()> compl
   if (std::exchange(current_->stopRequested, true)) return;
   log_->write(fmt::format("» stop requested (run #{})", current_->generation));
   current_->handle->stop();
+  Q_EMIT stopBegan();
   stopTimeout_ =
       clock_->after(timeout, [self = QPointer(this), generation = current_->generation, timeout] {
         if (self) self->stopTimedOut(generation, timeout);
@@ -158,6 +167,20 @@ void DriverSupervisor::killJobsNow() {
   for (const auto& run : {current_, draining_}) {
     if (run) run->handle->killJobsNow();
   }
+}
+
+bool DriverSupervisor::isStopping() const { return current_ && current_->stopRequested; }
+
+void DriverSupervisor::forgetHistory() {
+  MainThread::require("DriverSupervisor::forgetHistory");
+  if (current_) return;
+  assign(username_, std::nullopt, &DriverSupervisor::usernameChanged);
+  assign(serverVersion_, std::nullopt, &DriverSupervisor::serverVersionChanged);
+  assign(servedCount_, 0, &DriverSupervisor::servedCountChanged);
+  assign(lastJob_, std::nullopt, &DriverSupervisor::lastJobChanged);
+  assign(lastError_, std::nullopt, &DriverSupervisor::lastErrorChanged);
+  recovered();
+  transition(DriverIdle{});
 }
 
 void DriverSupervisor::launch() {
@@ -214,8 +237,7 @@ void DriverSupervisor::launchWith(const DriverConfig& config) {
   const auto bridge = std::make_shared<ObserverBridge>(QPointer(this), generation);
   const auto handle = factory_->makeDriver(config, log_, bridge);
   current_ = std::make_shared<Run>(Run{generation, handle, clock_->now()});
-  retry_.reset();
-  assign(retryMessage_, std::nullopt, &DriverSupervisor::retryMessageChanged);
+  recovered();
   transition(DriverStarting{});
   log_->write(fmt::format("» driver run #{} starting (server {}, token {}, key {})", generation,
                           withoutUserInfo(config.server), masked(config.token),
@@ -244,7 +266,7 @@ void DriverSupervisor::stopTimedOut(Generation generation, Clock::Duration timeo
   log_->write(fmt::format("» driver did not stop in {}s — draining (no new run until it returns)",
                           wholeSeconds(timeout)));
   draining_ = std::exchange(current_, nullptr);
-  assign(busyLanes_, std::vector<std::string>(), &DriverSupervisor::busyLanesChanged);
+  forgetDoings();
   transition(DriverIdle{});
   flushStopWaiters();
 }
@@ -259,7 +281,7 @@ void DriverSupervisor::runEnded(Generation generation, const ExitReason& reason)
   const auto run = std::exchange(current_, nullptr);
   if (stopTimeout_) stopTimeout_->cancel();
   stopTimeout_.reset();
-  assign(busyLanes_, std::vector<std::string>(), &DriverSupervisor::busyLanesChanged);
+  forgetDoings();
   const Clock::Duration elapsed = clock_->now() - run->startedAt;
   const bool hasMessage = !reason.message().empty();
   log_->write(fmt::format("» run #{} ended: exit {}{}{} after {}s", generation, reason.code(),
@@ -344,8 +366,7 @@ bool DriverSupervisor::isCurrent(Generation generation) const {
 void DriverSupervisor::connected(const std::string& username, const std::string& serverVersion) {
   assign(username_, username, &DriverSupervisor::usernameChanged);
   assign(serverVersion_, serverVersion, &DriverSupervisor::serverVersionChanged);
-  retry_.reset();
-  assign(retryMessage_, std::nullopt, &DriverSupervisor::retryMessageChanged);
+  recovered();
   assign(lastError_, std::nullopt, &DriverSupervisor::lastErrorChanged);
   transition(DriverRunning{});
   log_->write(fmt::format("» connected as {} (server driver v{})", username, serverVersion));
@@ -357,6 +378,17 @@ void DriverSupervisor::retrying(const std::string& message, double retryIn) {
                                                std::chrono::duration<double>(retryIn))};
   assign(retryMessage_, fmt::format("{} — retrying in {} s", message, std::lround(retryIn)),
          &DriverSupervisor::retryMessageChanged);
+}
+
+void DriverSupervisor::recovered() {
+  retry_.reset();
+  assign(retryMessage_, std::nullopt, &DriverSupervisor::retryMessageChanged);
+}
+
+/// What was true of a run while it was supervised.
+void DriverSupervisor::forgetDoings() {
+  assign(busyLanes_, std::vector<std::string>(), &DriverSupervisor::busyLanesChanged);
+  assign(spacesHolder_, "", &DriverSupervisor::spacesHolderChanged);
 }
 
 void DriverSupervisor::jobFinished(std::int64_t id, const std::string& lane, std::int32_t exitCode,

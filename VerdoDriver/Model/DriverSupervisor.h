@@ -84,6 +84,8 @@ class DriverSupervisor : public QObject {
   void networkChanged();
   /// The secret store was unlocked, or has come or gone: a launch that waits for it asks again now.
   void secretsChanged();
+  /// Shows nothing of the runs so far; nothing changes while one is current. After stop().
+  void forgetHistory();
   /// SIGKILL to the processes of all jobs, those of an abandoned run included.
   void killJobsNow();
 
@@ -99,6 +101,11 @@ class DriverSupervisor : public QObject {
   /// What the retry message says, for who counts the seconds down. Changes with it.
   const std::optional<DriverRetry>& retry() const { return retry_; }
   bool updateAvailable() const { return updateAvailable_; }
+  /// Names the other driver on this computer that looks after the browser's task spaces, while the
+  /// current run leaves them to it; empty otherwise.
+  const std::string& spacesHolder() const { return spacesHolder_; }
+  /// The current run was asked to end, and has not.
+  bool isStopping() const;
   /// A run is being supervised; an abandoned one is not.
   bool hasCurrentRun() const { return current_ != nullptr; }
 
@@ -112,6 +119,9 @@ class DriverSupervisor : public QObject {
   void lastErrorChanged();
   void retryMessageChanged();
   void updateAvailableChanged();
+  void spacesHolderChanged();
+  /// isStopping() has become true. It is false again once the state has changed.
+  void stopBegan();
   /// A run has ended that was not abandoned before.
   void exited(const verdo::ExitReason& reason);
 
@@ -146,6 +156,8 @@ class DriverSupervisor : public QObject {
   bool isCurrent(Generation generation) const;
   void connected(const std::string& username, const std::string& serverVersion);
   void retrying(const std::string& message, double retryIn);
+  void recovered();
+  void forgetDoings();
   void jobFinished(std::int64_t id, const std::string& lane, std::int32_t exitCode,
                    const std::optional<std::string>& error);
 
@@ -165,6 +177,7 @@ class DriverSupervisor : public QObject {
   std::optional<std::string> retryMessage_;
   std::optional<DriverRetry> retry_;
   bool updateAvailable_ = false;
+  std::string spacesHolder_;
 
   std::shared_ptr<Run> current_;
   Generation generation_ = 0;      ///< number of the last run launched

@@ -54,6 +54,8 @@ class Describe {
     const auto& retry = model_.supervisor().retry();
     if (!retry) return {title, "", Action::none, std::nullopt};
     const int seconds = secondsUntil(retry->until, model_.clock());
+    // It is being asked just now, which may take as long as a poll does.
+    if (seconds == 0) return {title, retry->message + " — retrying", Action::none, std::nullopt};
     return {title, fmt::format("{} — retrying in {} s", retry->message, seconds), Action::none,
             retry->until};
   }
@@ -75,12 +77,21 @@ class Describe {
 }  // namespace
 
 Headline headlineOf(const AppModel& model) {
+  if (model.supervisor().isStopping()) {
+    const bool hasJobs = !model.supervisor().busyLanes().empty();
+    return {"Stopping…", hasJobs ? "Its jobs are ended first." : "", Action::none, std::nullopt};
+  }
   if (model.isConfigured()) return std::visit(Describe(model), model.supervisor().state());
   if (!model.storedSecrets().isKnown() && !model.settings().serverURL().empty()) {
     const bool isLocked = model.storedSecrets().token().state == SecretState::locked;
     return {"Waiting for the keyring", "", isLocked ? Action::unlock : Action::none, std::nullopt};
   }
   return {"Not set up", "Connect this computer to the website.", Action::setUp, std::nullopt};
+}
+
+std::string browserAdvice(const AppModel& model) {
+  if (model.egoInstallURL() || model.browserPackage().empty()) return "";
+  return fmt::format("The package {} will do, too.", model.browserPackage());
 }
 
 const char* labelOf(Headline::Action action) {

@@ -33,6 +33,10 @@ struct Headline {
 
 Headline headlineOf(const AppModel& model);
 
+/// What else runs browser jobs, for a user who is to install the browser tool; empty where a button
+/// leads to it, and on systems that have nothing else.
+std::string browserAdvice(const AppModel& model);
+
 /// The button's text; empty without one.
 const char* labelOf(Headline::Action action);
 /// For programs: "fixToken".

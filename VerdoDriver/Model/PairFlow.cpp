@@ -141,6 +141,10 @@ void PairFlow::cancel() {
   setState(PairingIdle{});
 }
 
+void PairFlow::dismissFailure() {
+  if (std::holds_alternative<PairingFailed>(state_)) setState(PairingIdle{});
+}
+
 void PairFlow::endConnecting(const std::optional<std::string>& failure) {
   if (!std::holds_alternative<PairingConnecting>(state_)) return;
   if (failure) {

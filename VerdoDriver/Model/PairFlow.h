@@ -38,6 +38,8 @@ class PairFlow : public QObject {
   void start(const std::string& serverURL, bool allowInsecure, OnApproved onApproved);
   /// Abandons the pairing in hand. The message of one that failed stays.
   void cancel();
+  /// Leaves `failed`, whose message is not true any more; nothing in any other state.
+  void dismissFailure();
   /// Leaves `connecting` once the token was checked: for `failed` with the message, or for `idle`.
   /// Nothing in any other state, as when the pairing was cancelled meanwhile.
   void endConnecting(const std::optional<std::string>& failure);

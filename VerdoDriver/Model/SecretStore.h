@@ -88,6 +88,8 @@ class SecretStore {
 
   /// Where the secrets are kept; none as long as that is not decided, since nothing was stored yet.
   [[nodiscard]] virtual std::optional<SecretPlace> place() const { return std::nullopt; }
+  /// Nothing is stored any more: where the next secret goes is open again.
+  virtual void forgetPlace() {}
   /// What is known of an account. As `read`, it blocks and never asks the user.
   [[nodiscard]] SecretState state(SecretAccount account);
   /// The masked form of the secret; absent when none or an empty one is stored, or on an error.

@@ -31,6 +31,7 @@ tl::expected<std::string, Refusal> validateServerURL(const std::string& text, bo
     return refuse(fmt::format("{} is not a valid URL.", url));
   }
   if (const auto refusal = ServerURLPolicy::refusal(url, allowInsecure)) return refuse(*refusal);
+  if (const auto refusal = ServerURLPolicy::pathRefusal(url)) return refuse(*refusal);
   return url;
 }
 

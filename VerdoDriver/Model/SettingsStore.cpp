@@ -3,6 +3,9 @@
 #include "VerdoDriver/Model/AppLog.h"
 #include "VerdoDriverCore/Values/Url.h"
 
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
 #include <QSettings>
 #include <utility>
 
@@ -88,15 +91,46 @@ void SettingsStore::setFlag(bool& flag, const char* key, bool value,
 
 void SettingsStore::store(const char* key, const QVariant& value) {
   defaults_->setValue(key, value);
-  defaults_->sync();  // at once: a crash later must not undo the choice
   AppLog::settings.debug(
       fmt::format("[SettingsStore] {} = {}", key, withoutUserInfo(value.toString().toStdString())));
-  const bool isWritten = defaults_->status() == QSettings::NoError;
+  write();
+}
+
+/// At once: a crash later must not undo the choice. True when all is in the file.
+bool SettingsStore::write() {
+  // An object that has failed once says so for ever: another one for the same file, which has the
+  // changes of both, is asked.
+  QSettings file(defaults_->fileName(), defaults_->format());
+  file.sync();
+  const bool isWritten = file.status() == QSettings::NoError;
   if (!isWritten) {
     AppLog::settings.error(
         fmt::format("[SettingsStore] cannot write {}", defaults_->fileName().toStdString()));
   }
   if (std::exchange(isWritable_, isWritten) != isWritten) Q_EMIT isWritableChanged(isWritten);
+  return isWritten;
+}
+
+void SettingsStore::writeAgain() {
+  if (!isWritable_) write();
+}
+
+bool SettingsStore::forgetAll() {
+  defaults_->clear();
+  bool isGone = write();
+  if (isGone && defaults_->format() == QSettings::IniFormat) {
+    const QFileInfo file(defaults_->fileName());
+    isGone = QFile::remove(file.filePath()) || !file.exists();
+    QDir().rmdir(file.path());  // unless something else lies there
+  }
+  secretPlace_.reset();
+  hadToken_ = hadKey_ = false;
+  Q_EMIT serverURLChanged(serverURL_ = "");
+  Q_EMIT launchAtLoginChanged(launchAtLogin_ = false);
+  Q_EMIT keepAwakeModeChanged(keepAwakeMode_ = keepAwakeModeOf(""));
+  Q_EMIT autoStartChanged(autoStart_ = true);
+  Q_EMIT allowInsecureChanged(allowInsecure_ = false);
+  return isGone;
 }
 
 }  // namespace verdo

@@ -50,6 +50,11 @@ class SettingsStore : public QObject {
   /// The last choice could be written; false as on a full disk, when it holds until the app ends.
   bool isWritable() const { return isWritable_; }
 
+  /// Writes what could not be written so far, if anything.
+  void writeAgain();
+  /// Goes back to the defaults and removes the file. False when what is stored stays there.
+  bool forgetAll();
+
   void setServerURL(const std::string& url);
   void setLaunchAtLogin(bool launch);
   void setKeepAwakeMode(KeepAwakeMode mode);
@@ -70,6 +75,7 @@ class SettingsStore : public QObject {
  private:
   void setFlag(bool& flag, const char* key, bool value, void (SettingsStore::*changed)(bool));
   void store(const char* key, const QVariant& value);
+  bool write();
 
   const std::unique_ptr<QSettings> defaults_;
   std::string serverURL_;

@@ -78,6 +78,7 @@ std::string statusReport(const AppModel& model, bool isPopoverVisible) {
       {"updateAvailable", model.updateAvailable()},
       {"pairing", pairingOf(model)},
       {"secretStore", secretStoreOf(model)},
+      {"spacesHolder", supervisor.spacesHolder().empty() ? JV() : JV(supervisor.spacesHolder())},
       {"popoverVisible", isPopoverVisible},
       {"version", DRIVER_VERSION},
   };

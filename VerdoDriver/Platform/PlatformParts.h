@@ -20,6 +20,8 @@ struct PlatformParts {
   std::shared_ptr<LoginItemManaging> loginItems;
   std::unique_ptr<WakeMonitor> wakeMonitor;
   std::unique_ptr<PathMonitor> pathMonitor;
+  /// Of the package that brings a browser tool; empty where there is none.
+  std::string browserPackage;
 };
 
 /// `appId` names the app to the system; `usedBefore`: where secrets were kept so far. Main thread,

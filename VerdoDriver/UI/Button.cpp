@@ -59,7 +59,11 @@ QSize Button::sizeHint() const {
 }
 
 void Button::paintEvent(QPaintEvent* event) {
-  if (kind_ != Kind::primary || !isEnabled()) return QPushButton::paintEvent(event);
+  if (kind_ != Kind::primary || !isEnabled()) {
+    QPushButton::paintEvent(event);
+    if (kind_ != Kind::quiet && isEnabled()) Look::frameOnBlack(*this);
+    return;
+  }
   QPainter painter(this);
   painter.setRenderHint(QPainter::Antialiasing);
   painter.setPen(Qt::NoPen);

@@ -35,9 +35,13 @@ Footer::Footer(AppModel& model, const PopoverHost& host, QWidget* parent)
 
 void Footer::quit() {
   const auto jobs = model_.supervisor().busyLanes().size();
-  if (jobs == 0) return host_.quit();
+  if (jobs == 0 || model_.supervisor().isStopping()) return host_.quit();
   confirm_->ask(QString("%1 running. Quit anyway?")
                     .arg(jobs == 1 ? QString("A job is") : QString("%1 jobs are").arg(jobs)));
+}
+
+void Footer::refresh() {
+  if (model_.supervisor().isStopping()) confirm_->dismiss();  // there is nothing left to ask
 }
 
 void Footer::hideEvent(QHideEvent* event) {

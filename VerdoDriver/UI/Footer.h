@@ -16,6 +16,8 @@ class Footer : public QWidget {
  public:
   Footer(AppModel& model, const PopoverHost& host, QWidget* parent);
 
+  void refresh();
+
  protected:
   void hideEvent(QHideEvent* event) override;
 

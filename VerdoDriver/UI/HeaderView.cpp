@@ -6,8 +6,6 @@
 #include "VerdoDriver/UI/Look.h"
 #include "VerdoDriverCore/Values/Url.h"
 
-#include <QOperatingSystemVersion>
-
 namespace verdo {
 namespace {
 
@@ -28,11 +26,12 @@ bool isPossible(Action action, const AppModel& model) {
   return action != Action::none;
 }
 
-/// What helps where no button can.
-QString adviceFor(Action action, const AppModel& model) {
-  if (action != Action::installEgo || isPossible(action, model)) return {};
-  if (QOperatingSystemVersion::currentType() == QOperatingSystemVersion::MacOS) return {};
-  return "Or install the package verdo-browser, then press Start.";
+/// What becomes of the browser's task spaces while another driver looks after them.
+QString sharingOf(const AppModel& model) {
+  const auto& holder = model.supervisor().spacesHolder();
+  if (holder.empty()) return {};
+  return "Another driver (" + Look::shown(holder, 64) +
+         ") looks after the browser's task spaces; this one closes none but its own jobs'.";
 }
 
 }  // namespace
@@ -47,6 +46,8 @@ HeaderView::HeaderView(AppModel& model, const PopoverHost& host, QWidget* parent
       detail_(new Label(Label::Style::text, Label::Fit::wrap, this)),
       advice_(new Label(Label::Style::text, Label::Fit::wrap, this)),
       jobs_(new JobsView(model, this)),
+      sharing_(new Label(Label::Style::fact, Label::Fit::wrap, this)),
+      removal_(new Label(Label::Style::text, Label::Fit::wrap, this)),
       unwritable_(new Label(Label::Style::text, Label::Fit::wrap, this)),
       secretFailure_(new Label(Label::Style::text, Label::Fit::wrap, this)),
       prompt_(new Label(Label::Style::text, Label::Fit::wrap, this)),
@@ -63,7 +64,8 @@ HeaderView::HeaderView(AppModel& model, const PopoverHost& host, QWidget* parent
   texts->setSpacing(Look::kGrid / 2);
   for (Label* label : {title_, account_, detail_, advice_}) texts->addWidget(label);
   texts->addWidget(jobs_);
-  for (Label* label : {unwritable_, secretFailure_, prompt_}) texts->addWidget(label);
+  for (Label* label : {sharing_, removal_, unwritable_, secretFailure_, prompt_})
+    texts->addWidget(label);
   auto* buttons = Look::row();
   buttons_->setLayout(buttons);
   buttons->setContentsMargins(0, Look::kGrid / 2, 0, 0);
@@ -86,8 +88,11 @@ void HeaderView::refresh(bool isSetupOpen) {
   const bool isConnecting = model_.connection() == Connection::connecting;
   account_->tell(model_.isConfigured() && !isConnecting ? accountOf(model_) : QString());
   detail_->tell(Look::shownMessage(headline.detail));
-  advice_->tell(adviceFor(headline.action, model_));
+  advice_->tell(headline.action == Action::installEgo ? browserAdvice(model_) : std::string());
   jobs_->refresh(headline.detail);
+  sharing_->tell(sharingOf(model_));
+  removal_->tell(model_.isRemoving() ? "Removing everything…"
+                                     : model_.removalReport().value_or(""));
   unwritable_->tell(QString(model_.settings().isWritable()
                                 ? ""
                                 : "The settings cannot be saved: your choices last until the app "
@@ -95,6 +100,7 @@ void HeaderView::refresh(bool isSetupOpen) {
   secretFailure_->tell(model_.secretFailure().value_or(""));
   prompt_->tell(QString(model_.isPromptOpen() ? kSecretPromptText : ""));
   refreshButtons(headline, isSetupOpen);
+  buttons_->setEnabled(!model_.isRemoving());
 }
 
 void HeaderView::refreshShape() {
@@ -111,8 +117,9 @@ void HeaderView::refreshButtons(const Headline& headline, bool isSetupOpen) {
   help_->setVisible(isPossible(action_, model_) && !(action_ == Action::setUp && isSetupOpen));
   const DriverState& state = model_.supervisor().state();
   // A launch that still reads its secrets is as good as a run.
-  const bool hasRun =
-      model_.supervisor().hasCurrentRun() || std::holds_alternative<DriverStarting>(state);
+  const bool isStopping = model_.supervisor().isStopping();
+  const bool hasRun = !isStopping && (model_.supervisor().hasCurrentRun() ||
+                                      std::holds_alternative<DriverStarting>(state));
   const bool hasEnded = std::holds_alternative<DriverStopped>(state);
   start_->setVisible(model_.isConfigured() && hasEnded && !hasRun && action_ != Action::fixToken);
   restart_->setVisible(hasRun);

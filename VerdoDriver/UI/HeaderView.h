@@ -44,6 +44,8 @@ class HeaderView : public QWidget {
   Label* detail_;
   Label* advice_;
   JobsView* jobs_;
+  Label* sharing_;
+  Label* removal_;
   Label* unwritable_;
   Label* secretFailure_;
   Label* prompt_;

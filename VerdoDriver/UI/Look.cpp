@@ -1,6 +1,7 @@
 #include "VerdoDriver/UI/Look.h"
 
 #include <QOperatingSystemVersion>
+#include <QPainter>
 #include <algorithm>
 
 namespace verdo::Look {
@@ -61,6 +62,15 @@ QFont factFont(const QFont& system) {
 
 QColor factColor(const QPalette& palette) { return faded(palette.windowText().color(), 0.68); }
 QColor lineColor(const QPalette& palette) { return faded(palette.windowText().color(), 0.16); }
+
+void frameOnBlack(QWidget& widget) {
+  constexpr int kBlack = 32;  // of 255
+  if (widget.palette().window().color().lightness() >= kBlack) return;
+  QPainter painter(&widget);
+  painter.setRenderHint(QPainter::Antialiasing);
+  painter.setPen(factColor(widget.palette()));
+  painter.drawRoundedRect(QRectF(widget.rect()).adjusted(0.5, 0.5, -0.5, -0.5), 2, 2);
+}
 
 QString minutes(std::int64_t seconds, bool padded) {
   const auto all = std::max<std::int64_t>(seconds, 0);

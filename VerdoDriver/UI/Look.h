@@ -37,6 +37,10 @@ QFont factFont(const QFont& system);
 QColor factColor(const QPalette& palette);
 QColor lineColor(const QPalette& palette);
 
+/// Frames a widget where its style's frame, a darker shade of the window, cannot be seen. To be
+/// called at the end of its paintEvent.
+void frameOnBlack(QWidget& widget);
+
 /// "2:05", or "1:02:05" from an hour on; "00:05" with `padded`. What is below zero counts as zero.
 QString minutes(std::int64_t seconds, bool padded);
 

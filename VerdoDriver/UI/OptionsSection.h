@@ -7,7 +7,9 @@ class QComboBox;
 
 namespace verdo {
 
+class Button;
 class CheckBox;
+class Confirm;
 class Label;
 
 /// The user's choices that have nothing to do with the connection.
@@ -18,12 +20,17 @@ class OptionsSection : public Fold {
 
   void refresh();
 
+ protected:
+  void hideEvent(QHideEvent* event) override;
+
  private:
   AppModel& model_;
   CheckBox* launchAtLogin_;
   CheckBox* autoStart_;
   QComboBox* keepAwake_;
   Label* secretPlace_;
+  Button* removeAll_;
+  Confirm* confirm_;
 };
 
 }  // namespace verdo

@@ -11,6 +11,7 @@
 #include "VerdoDriver/UI/UpdateLine.h"
 
 #include <QScrollArea>
+#include <algorithm>
 
 namespace verdo {
 namespace {
@@ -73,14 +74,20 @@ PopoverView::PopoverView(AppModel& model, const PopoverHost& host, QWidget* pare
 
 QSize PopoverView::sizeHint() const {
   const QLayout& rows = *content_->layout();
-  return {Look::kWidth, rows.hasHeightForWidth() ? rows.totalHeightForWidth(Look::kWidth)
-                                                 : rows.totalSizeHint().height()};
+  return {wantedWidth(), rows.hasHeightForWidth() ? rows.totalHeightForWidth(wantedWidth())
+                                                  : rows.totalSizeHint().height()};
 }
 
-QSize PopoverView::minimumSizeHint() const { return {Look::kWidth, kMinHeight}; }
+QSize PopoverView::minimumSizeHint() const { return {wantedWidth(), kMinHeight}; }
+
+/// Large letters may need more room than there is for usual ones.
+int PopoverView::wantedWidth() const {
+  return std::max(Look::kWidth, content_->layout()->totalMinimumSize().width());
+}
 
 bool PopoverView::eventFilter(QObject* watched, QEvent* event) {
   if (event->type() == QEvent::LayoutRequest) {
+    setFixedWidth(wantedWidth());
     updateGeometry();
     chooseScrollBar();
   }
@@ -117,6 +124,7 @@ void PopoverView::refresh() {
   update_->refresh();
   updateHairline_->setVisible(!update_->isHidden());
   options_->refresh();
+  footer_->refresh();
   if (!isCounting()) {
     tick_.stop();
   } else if (!tick_.isActive()) {

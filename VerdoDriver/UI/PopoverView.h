@@ -19,7 +19,8 @@ class SetupSection;
 class UpdateLine;
 
 /// The popover's content, for a window under the tray icon as for an ordinary one. As wide as
-/// Look::kWidth; sizeHint() tells the height that it wants now, and what does not fit scrolls.
+/// Look::kWidth, or as large letters need it; sizeHint() tells the height that it wants now, and
+/// what does not fit scrolls.
 ///
 /// Follows the model while it is visible; hidden it draws nothing and wakes nobody up. The model
 /// outlives it. Main thread only.
@@ -38,6 +39,7 @@ class PopoverView : public QWidget {
   void resizeEvent(QResizeEvent* event) override;
 
  private:
+  int wantedWidth() const;
   void refresh();
   bool isCounting() const;
   void chooseScrollBar();

@@ -4,12 +4,12 @@
 #include "VerdoDriver/UI/Button.h"
 #include "VerdoDriver/UI/CheckBox.h"
 #include "VerdoDriver/UI/Confirm.h"
+#include "VerdoDriver/UI/Field.h"
 #include "VerdoDriver/UI/Label.h"
 #include "VerdoDriver/UI/Look.h"
 #include "VerdoDriver/UI/PairingView.h"
 #include "VerdoDriverCore/Values/Url.h"
 
-#include <QLineEdit>
 #include <utility>
 
 namespace verdo {
@@ -20,15 +20,6 @@ QLabel* captionFor(QWidget* field, const QString& text, QWidget* parent) {
   caption->setBuddy(field);
   caption->setFixedWidth(Look::kCaption);
   return caption;
-}
-
-QLineEdit* makeField(const QString& name, QWidget* parent) {
-  auto* field = new QLineEdit(parent);
-  field->setFixedHeight(Look::kRow);
-  field->setAccessibleName(name);
-  field->setMaxLength(2048);
-  field->setTextMargins(Look::kGrid / 2, 0, Look::kGrid / 2, 0);
-  return field;
 }
 
 QHBoxLayout* rowIn(QWidget* widget) {
@@ -43,10 +34,11 @@ QHBoxLayout* rowIn(QWidget* widget) {
 SetupSection::SetupSection(AppModel& model, const std::string& defaultServerURL, QWidget* parent)
     : Fold("Setup", parent),
       model_(model),
-      server_(makeField("Server URL", bodyWidget())),
+      defaultServerURL_(defaultServerURL),
+      server_(new Field("Server URL", bodyWidget())),
       insecure_(new CheckBox("Allow plain http", bodyWidget())),
       keyRow_(new QWidget(bodyWidget())),
-      key_(makeField("DeepSeek key", keyRow_)),
+      key_(new Field("DeepSeek key", keyRow_)),
       removeKey_(
           new Button(Button::Kind::plain, "Remove", keyRow_, [this] { model_.removeKey(); })),
       pairing_(new PairingView(model, bodyWidget())),
@@ -68,15 +60,14 @@ SetupSection::SetupSection(AppModel& model, const std::string& defaultServerURL,
                                "until it is connected again.");
                          })),
       confirm_(new Confirm("Forget", bodyWidget(), [this] { model_.forgetToken(); })) {
-  const auto& chosen = model.settings().serverURL();
-  server_->setText(QString::fromStdString(chosen.empty() ? defaultServerURL : chosen));
   server_->setPlaceholderText("https://");
+  offer(model.settings().serverURL());
   insecure_->setChecked(model.settings().allowInsecure());
   key_->setEchoMode(QLineEdit::Password);
   removeKey_->setAccessibleName("Remove the DeepSeek key");
   build();
 
-  for (QLineEdit* field : {server_, key_}) {
+  for (Field* field : {server_, key_}) {
     connect(field, &QLineEdit::textEdited, this, &SetupSection::refresh);
     connect(field, &QLineEdit::returnPressed, this, &SetupSection::submit);
   }
@@ -84,8 +75,15 @@ SetupSection::SetupSection(AppModel& model, const std::string& defaultServerURL,
           [this](bool asking) { tokenRow_->setVisible(!asking); });
   // Called off is not done: what was typed is still wanted.
   connect(pairing_, &PairingView::cancelled, this, [this] { wasBusy_ = false; });
-  connect(&model.settings(), &SettingsStore::serverURLChanged, this,
-          [this](const std::string& url) { server_->setText(QString::fromStdString(url)); });
+  connect(&model.settings(), &SettingsStore::serverURLChanged, this, &SetupSection::offer);
+  connect(&model.settings(), &SettingsStore::allowInsecureChanged, insecure_,
+          &CheckBox::setChecked);
+}
+
+/// Shows the chosen server; without one all is as at the first start.
+void SetupSection::offer(const std::string& serverURL) {
+  server_->setText(QString::fromStdString(serverURL.empty() ? defaultServerURL_ : serverURL));
+  if (serverURL.empty()) key_->clear();
 }
 
 void SetupSection::build() {
@@ -137,7 +135,9 @@ bool SetupSection::isBusy() const {
 QString SetupSection::failure() const {
   if (isBusy()) return {};
   if (const auto& failed = model_.connectFailure()) {
-    return Look::shownMessage(failed->title + " — " + failed->detail);
+    const bool lacksBrowser = failed->action == StatusText::Action::installEgo;
+    const auto advice = lacksBrowser ? " " + browserAdvice(model_) : "";
+    return Look::shownMessage(failed->title + " — " + failed->detail + advice);
   }
   const auto* failed = std::get_if<PairingFailed>(&model_.pairing());
   return failed ? Look::shownMessage(failed->message) : QString();
@@ -152,6 +152,7 @@ QString SetupSection::missing() const {
 }
 
 void SetupSection::refresh() {
+  bodyWidget()->setEnabled(!model_.isRemoving());
   const bool busy = isBusy();
   // What was typed is kept until it is known to be stored.
   if (std::exchange(wasBusy_, busy) && !busy && failure().isEmpty() && !model_.secretFailure()) {

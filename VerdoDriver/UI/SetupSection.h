@@ -7,13 +7,12 @@
 #include <optional>
 #include <string>
 
-class QLineEdit;
-
 namespace verdo {
 
 class Button;
 class CheckBox;
 class Confirm;
+class Field;
 class Label;
 class PairingView;
 
@@ -32,6 +31,7 @@ class SetupSection : public Fold {
 
  private:
   void build();
+  void offer(const std::string& serverURL);
   void refreshServer(bool isBusy);
   void refreshKey(bool isBusy);
   void refreshButtons(bool isBusy);
@@ -48,13 +48,14 @@ class SetupSection : public Fold {
   void submit();
 
   AppModel& model_;
+  const std::string defaultServerURL_;
   std::optional<bool> neededSetup_;
   bool wasBusy_ = false;
 
-  QLineEdit* server_;
+  Field* server_;
   CheckBox* insecure_;
   QWidget* keyRow_;
-  QLineEdit* key_;
+  Field* key_;
   Button* removeKey_;
   PairingView* pairing_;
   Label* checking_;

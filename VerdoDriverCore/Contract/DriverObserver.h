@@ -23,8 +23,11 @@ class DriverObserver {
                                  const std::optional<std::string>& error) = 0;
   /// The service could not be reached; the next try follows after this many seconds.
   virtual void driverRetrying(const std::string& message, double retryInSeconds) = 0;
+  /// It answers again.
+  virtual void driverRecovered() {}
   /// Another driver on this computer serves the same user, and looks after the task spaces; this
-  /// run leaves those of others alone. `holder` names that driver for a person.
+  /// run leaves those of others alone. `holder` names that driver for a person; empty once this run
+  /// has taken over from it.
   virtual void driverSharesSpaces(const std::string& holder) { static_cast<void>(holder); }
 };
 

@@ -3,6 +3,15 @@
 #include "VerdoDriverCore/Values/Url.h"
 
 namespace verdo::ServerURLPolicy {
+namespace {
+
+std::optional<std::string> queryRefusal(const char* what, const std::string& url) {
+  if (url.find_first_of("?#") == std::string::npos) return std::nullopt;
+  return std::string(what) +
+         " must not hold a query or fragment; leave out what begins with ? or #";
+}
+
+}  // namespace
 
 std::optional<std::string> refusal(const std::string& server, bool insecure) {
   if (mayHoldUserInfo(server)) return "a server URL must not hold a user name or password";
@@ -14,9 +23,12 @@ std::optional<std::string> refusal(const std::string& server, bool insecure) {
          "--insecure on a trusted network";
 }
 
+std::optional<std::string> pathRefusal(const std::string& server) {
+  return queryRefusal("a server URL", server);
+}
+
 std::optional<std::string> providerRefusal(const std::string& base) {
-  if (base.find_first_of("?#") == std::string::npos) return std::nullopt;
-  return "an LLM base URL must not hold a query or fragment; leave out what begins with ? or #";
+  return queryRefusal("an LLM base URL", base);
 }
 
 }  // namespace verdo::ServerURLPolicy

@@ -11,9 +11,12 @@ namespace verdo::ServerURLPolicy {
 /// bracketed IPv6 loopback does not count as loopback.
 std::optional<std::string> refusal(const std::string& server, bool insecure);
 
-/// Why the driver must not ask an LLM provider at this base URL: it holds a query or a fragment,
-/// behind which no path can be added. The text does not repeat it, since a query may be a key.
-/// Absent when it may; whatever else is wrong with the URL is left to ChatClient.
+/// Why no path can be added to this URL of a server: it holds a query or a fragment. The text does
+/// not repeat it, since a query may be a secret. Absent when one can.
+std::optional<std::string> pathRefusal(const std::string& server);
+
+/// Why the driver must not ask an LLM provider at this base URL, for the same reason. Absent when
+/// it may; whatever else is wrong with the URL is left to ChatClient.
 std::optional<std::string> providerRefusal(const std::string& base);
 
 }  // namespace verdo::ServerURLPolicy

@@ -167,7 +167,7 @@ Browser::Duration Browser::graceStopping() const { return timings_.scriptStoppin
 TerminationTimings Browser::grace() {
   MutexLock lock(lock_);
   TerminationTimings timings = timings_.termination;
-  if (!stoppingSince_) return timings;
+  if (!stoppingSince_ || timings.step <= Duration::zero()) return timings;
   // One step less than there is time for: SIGKILL takes a moment, too.
   const auto steps = static_cast<int>(graceStopping() / timings.step) - 1;
   timings.steps = std::clamp(steps, 0, timings.steps);

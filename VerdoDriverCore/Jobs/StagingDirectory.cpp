@@ -3,6 +3,7 @@
 #include "VerdoDriverCore/Contract/DriverConstants.h"
 #include "VerdoDriverCore/Values/PyError.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
@@ -21,6 +22,10 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kPrefix = "verdo-";
+
+bool isStaging(const fs::directory_entry& entry) {
+  return entry.path().filename().string().starts_with(kPrefix);
+}
 
 void makePrivateDirectory(const std::string& path) {
   std::error_code error;
@@ -51,12 +56,14 @@ UniqueFd openDirectory(const std::string& path) {
 }
 
 /// Makes a directory whose owner is gone ours, so that nobody else touches it. Empty when it has an
-/// owner.
-UniqueFd takeAbandoned(const std::string& cache, const std::string& path) {
+/// owner, or when another process makes or takes one just now.
+UniqueFd takeAbandoned(const std::string& cache, const std::string& path) try {
   const UniqueFd cacheLock = lockCache(cache, std::chrono::milliseconds::zero());
   UniqueFd directory = openDirectory(path);
   if (directory && ::flock(directory.get(), LOCK_EX | LOCK_NB) != 0) directory.reset();
   return directory;
+} catch (const PyError&) {
+  return {};
 }
 
 }  // namespace
@@ -84,11 +91,17 @@ StagingDirectory::~StagingDirectory() {
   fs::remove_all(path_, ignored);
 }
 
+bool StagingDirectory::hasAny(const std::string& cache) {
+  std::error_code missing;
+  const fs::directory_iterator entries(cache, missing);
+  return std::any_of(begin(entries), end(entries), isStaging);
+}
+
 void StagingDirectory::removeAbandoned(const std::string& cache) try {
   std::error_code missing;
   if (!fs::is_directory(cache, missing)) return;
   for (const auto& entry : fs::directory_iterator(cache)) {
-    if (!entry.path().filename().string().starts_with(kPrefix)) continue;
+    if (!isStaging(entry)) continue;
     const UniqueFd directory = takeAbandoned(cache, entry.path());
     if (!directory) continue;
     std::error_code ignored;

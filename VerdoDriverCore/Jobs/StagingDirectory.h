@@ -31,6 +31,8 @@ class StagingDirectory {
   /// Removes the directories in the cache whose owners are gone. Never throws, nor waits for
   /// another process: what cannot be removed now is left to the next start.
   static void removeAbandoned(const std::string& cache = defaultCache());
+  /// There is one in the cache, whosever it is.
+  static bool hasAny(const std::string& cache);
 
  private:
   std::string path_;

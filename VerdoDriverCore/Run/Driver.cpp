@@ -100,6 +100,9 @@ Driver::PollOutcome Driver::pollOnce() {
   }
   // A job that arrives while we stop is left alone: unacknowledged, it is offered again.
   if (stopping_.isSet()) return PollOutcome::ended;
+  if (std::exchange(isRetrying_, false)) {
+    if (const auto observer = observer_.lock()) observer->driverRecovered();
+  }
   retryDelay_ = options_.timings.pollRetryFirst;
   return reply && accept(std::move(*reply)) ? PollOutcome::served : PollOutcome::empty;
 }
@@ -115,6 +118,7 @@ Driver::PollOutcome Driver::waitAfterFailure(const std::exception& failure) {
   const double seconds = toSeconds(retryDelay_);
   log_->warn(
       fmt::format("{}; retrying in {}s", forLog(message), static_cast<std::int64_t>(seconds)));
+  isRetrying_ = true;
   if (const auto observer = observer_.lock()) observer->driverRetrying(message, seconds);
   if (stopping_.waitFor(retryDelay_)) return PollOutcome::ended;
   retryDelay_ = std::min(2 * retryDelay_, options_.timings.pollRetryLongest);

@@ -88,6 +88,7 @@ class Driver : public JobHost, public std::enable_shared_from_this<Driver> {
   // The serving thread's own.
   PollWait pollWait_;
   Duration retryDelay_;
+  bool isRetrying_ = false;  ///< the observer was told so
 
   Mutex providerLock_;
   std::shared_ptr<HttpSession> providerSession_ GUARDED_BY(providerLock_);

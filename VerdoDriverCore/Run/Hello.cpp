@@ -22,18 +22,14 @@ constexpr double kCleanupTimeout = 45;  // seconds
 /// More than any computer serves; a guard against nonsense.
 constexpr std::int64_t kMaxLanes = 1000;
 
-/// The same for the time between two looks of the reaper, each of which starts the executor, and
-/// for that after which it closes a space.
+/// The same for the time between two looks of the reaper, each of which starts the executor, for
+/// that after which it closes a space, and for that in which a space must have been closed.
 constexpr double kMinInterval = 1;  // seconds
 
-/// A positive number of seconds from the service, or the default.
-double secondsOr(const JV* value, double fallback) {
-  const auto number = value ? value->number() : std::nullopt;
-  return number && *number > 0 ? *number : fallback;
-}
-
+/// A positive number of seconds from the service, but no moment; or the default.
 double intervalOr(const JV* value, double fallback) {
-  return std::max(secondsOr(value, fallback), kMinInterval);
+  const auto number = value ? value->number() : std::nullopt;
+  return std::max(number && *number > 0 ? *number : fallback, kMinInterval);
 }
 
 std::string shown(const JV* value) { return pyStr(value).value_or("?"); }
@@ -74,7 +70,7 @@ std::variant<Hello, ExitReason> Hello::from(const JV& reply, const DriverConfig&
       config.idleClose.value_or(intervalOr(reply.find("idle_close_seconds"), kIdleClose));
   hello.reapInterval =
       config.reapInterval.value_or(intervalOr(reply.find("reap_interval_seconds"), kReapInterval));
-  hello.cleanupTimeout = secondsOr(reply.find("cleanup_timeout_seconds"), kCleanupTimeout);
+  hello.cleanupTimeout = intervalOr(reply.find("cleanup_timeout_seconds"), kCleanupTimeout);
   if (const auto pattern = pyStrIfTruthy(reply.find("space_pattern"))) {
     try {
       hello.spacePattern = SpacePattern(*pattern);

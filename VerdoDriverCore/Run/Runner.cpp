@@ -106,6 +106,9 @@ std::optional<ExitReason> DriverRunner::settleConfig(const std::string& envFile)
   if (const auto refusal = ServerURLPolicy::refusal(server_, config_.insecure)) {
     return ExitReason::badConfig(*refusal);
   }
+  if (const auto refusal = ServerURLPolicy::pathRefusal(server_)) {
+    return ExitReason::badConfig(*refusal);
+  }
   if (const auto refusal = ServerURLPolicy::providerRefusal(config_.llmBase)) {
     return ExitReason::badConfig(*refusal);
   }
@@ -274,15 +277,19 @@ std::shared_ptr<Driver> DriverRunner::makeDriver(const Hello& hello, std::shared
   options.spaces = {fromSeconds(hello.idleClose), fromSeconds(hello.reapInterval),
                     hello.spacePattern, timings_};
   options.timings = timings_;
-  const auto tellOther = [log = log_, observer = observer_](const std::string& holder) {
-    log->warn(
-        fmt::format("another driver ({}) looks after this user's task spaces — leaving all "
-                    "but those of our own jobs alone",
-                    holder));
+  const auto tellHolder = [log = log_, observer = observer_](const std::string& holder) {
+    if (holder.empty()) {
+      log->info("looking after this user's task spaces from now on");
+    } else {
+      log->warn(
+          fmt::format("another driver ({}) looks after this user's task spaces — leaving all "
+                      "but those of our own jobs alone",
+                      holder));
+    }
     if (const auto listener = observer.lock()) listener->driverSharesSpaces(holder);
   };
   auto claim = std::make_unique<SpaceClaim>(StagingDirectory::defaultCache(), server_, hello.userId,
-                                            tellOther);
+                                            tellHolder);
   return std::make_shared<Driver>(std::move(options), std::move(api), log_, std::move(browser),
                                   std::move(claim), observer_);
 }

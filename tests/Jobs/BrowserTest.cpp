@@ -33,6 +33,15 @@ TEST_F(BrowserTest, EmptyLinesEscapeTheLimitOfAScriptsOutput) {
   EXPECT_LT(result.lines.size(), 600'000u);
 }
 
+TEST_F(BrowserTest, DividesByAGraceWithoutPauses) {
+  Timings timings;
+  timings.termination.step = 0ms;
+  timings.scriptStopping = 50ms;
+  Browser hanging({selfPath(), roleArgv({"noinput"}), currentEnvironment()}, 20s, log, timings);
+  hanging.beginStopping();
+  EXPECT_EQ(hanging.run("x").exit, 124);
+}
+
 TEST_F(BrowserTest, SendsItsTwoScripts) {
   const TempDir directory;
   const std::string script = directory / "script";

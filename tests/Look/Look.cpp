@@ -1,7 +1,10 @@
 #include "LocalService/LocalService.h"
+#include "VerdoDriver/UI/Fold.h"
+#include "VerdoDriver/UI/Label.h"
 #include "tests/Support/PopoverWindow.h"
 
 #include <QApplication>
+#include <QComboBox>
 #include <QDir>
 #include <QPalette>
 #include <QTimerEvent>
@@ -9,7 +12,8 @@
 
 #include <fmt/format.h>
 
-// Draws the popover in every state it can be in, for people to look at.
+// Draws the popover in every state it can be in, for people to look at, and sees to it that none of
+// its texts is cut off.
 namespace verdo::test {
 namespace {
 
@@ -132,6 +136,34 @@ const std::vector<Scene>& scenes() {
          app.model.settings().setSecretPlace({SecretPlace::Kind::files, ""});
          window.press("Options");
        }},
+      {"online-remove",
+       [](auto& app, auto& window) {
+         app.setUp();
+         app.goOnline();
+         window.press("Options");
+         window.press("Remove everything…");
+       }},
+      {"removed-not-all",
+       [](auto& app, auto&) {
+         app.setUp();
+         app.traces = {"the browser's task spaces (another driver, process 1234, uses them)"};
+         app.model.removeEverything();
+         EXPECT_TRUE(spinUntil([&] { return !app.model.isRemoving(); }));
+       }},
+      {"online-shared-unwritable",
+       [](auto& app, auto&) {
+         app.setUp();
+         app.goOnline();
+         app.observer()->driverSharesSpaces("process 1234");
+         std::filesystem::remove(app.home / "settings");
+         std::filesystem::create_directory(app.home / "settings");
+         app.model.settings().setAutoStart(false);
+       }},
+      {"busy-stopping",
+       [](auto& app, auto&) {
+         busy(app, {"ada:mail"});
+         app.model.stopDriver();
+       }},
       {"busy-one", [](auto& app, auto&) { busy(app, {"ada:mail"}); }},
       {"busy-three",
        [](auto& app, auto&) {
@@ -243,7 +275,56 @@ QPalette dark() {
   return palette;
 }
 
+QPalette highContrast() {
+  QPalette palette(Qt::white, Qt::black, Qt::white, Qt::gray, Qt::gray, Qt::white, Qt::white,
+                   Qt::black, Qt::black);
+  for (const auto role : {QPalette::WindowText, QPalette::Text, QPalette::ButtonText}) {
+    palette.setColor(QPalette::Disabled, role, Qt::gray);
+  }
+  palette.setColor(QPalette::Highlight, Qt::yellow);
+  palette.setColor(QPalette::HighlightedText, Qt::black);
+  palette.setColor(QPalette::PlaceholderText, Qt::white);
+  return palette;
+}
+
+/// The room that a widget needs for its text; empty for one whose text may be shortened, since the
+/// whole is in its tool tip.
+QSize roomFor(QWidget* widget) {
+  if (auto* label = qobject_cast<Label*>(widget)) {
+    return {0, label->heightForWidth(label->width())};
+  }
+  if (const auto* field = qobject_cast<QLineEdit*>(widget)) {
+    return field->fontMetrics().size(Qt::TextSingleLine, field->placeholderText());
+  }
+  if (qobject_cast<FoldButton*>(widget)) {
+    return widget->fontMetrics().size(Qt::TextSingleLine,
+                                      static_cast<QAbstractButton*>(widget)->text());
+  }
+  const bool hasText = qobject_cast<QLabel*>(widget) || qobject_cast<QAbstractButton*>(widget) ||
+                       qobject_cast<QComboBox*>(widget);
+  return hasText ? widget->sizeHint() : QSize();
+}
+
+/// Nothing that can be seen is wider or higher than its place.
+void expectNothingClipped(const PopoverWindow& window) {
+  for (auto* widget : window.view->findChildren<QWidget*>()) {
+    if (!widget->isVisible() || widget->objectName().startsWith("qt_")) continue;
+    const QSize room = roomFor(widget);
+    const auto* button = qobject_cast<QAbstractButton*>(widget);
+    const auto* label = qobject_cast<QLabel*>(widget);
+    const std::string text = (button  ? button->text()
+                              : label ? label->text()
+                                      : widget->accessibleName())
+                                 .toStdString();
+    EXPECT_LE(room.width(), widget->width()) << widget->metaObject()->className() << " " << text;
+    EXPECT_LE(room.height(), widget->height()) << widget->metaObject()->className() << " " << text;
+    const int right = widget->mapTo(&window, QPoint(widget->width(), 0)).x();
+    EXPECT_LE(right, window.width()) << widget->metaObject()->className() << " " << text;
+  }
+}
+
 void draw(const Scene& scene, const QString& path) {
+  SCOPED_TRACE(scene.name);
   ScriptedModel app;
   PopoverWindow window(app.model);
   window.show();
@@ -257,13 +338,25 @@ void draw(const Scene& scene, const QString& path) {
     QCoreApplication::sendEvent(tick, &due);
   }
   for (int i = 0; i < 3; ++i) spin();
-  window.grab().save(path);
+  expectNothingClipped(window);
+  if (!path.isEmpty()) window.grab().save(path);
 }
 
 int drawAll(const QString& folder, double scale) {
+  if (folder.isEmpty()) {
+    // The user may have chosen larger letters, too.
+    for (const double size : {1.0, 1.4}) {
+      const testing::ScopedTrace trace(__FILE__, __LINE__, testing::Message() << "font x " << size);
+      QFont font = QApplication::font();
+      font.setPointSizeF(font.pointSizeF() * size);
+      QApplication::setFont(font);
+      for (const auto& scene : scenes()) draw(scene, "");
+    }
+    return testing::Test::HasFailure() ? 1 : 0;
+  }
   QDir().mkpath(folder);
-  const std::pair<const char*, QPalette> palettes[] = {{"light", QApplication::palette()},
-                                                       {"dark", dark()}};
+  const std::pair<const char*, QPalette> palettes[] = {
+      {"light", QApplication::palette()}, {"dark", dark()}, {"contrast", highContrast()}};
   for (const auto& [name, palette] : palettes) {
     QApplication::setPalette(palette);
     for (const auto& scene : scenes()) {
@@ -276,13 +369,10 @@ int drawAll(const QString& folder, double scale) {
 }  // namespace
 }  // namespace verdo::test
 
-/// Usage: verdo-app-look DIRECTORY
+/// Usage: verdo-app-look [DIRECTORY]    (without one: only looks whether any text is cut off)
 int main(int argc, char** argv) {
   testing::InitGoogleMock(&argc, argv);
   const QApplication application(argc, argv);
-  if (argc != 2) {
-    fmt::print(stderr, "Usage: verdo-app-look DIRECTORY\n");
-    return 2;
-  }
-  return verdo::test::drawAll(QString::fromLocal8Bit(argv[1]), application.devicePixelRatio());
+  const QString folder = argc > 1 ? QString::fromLocal8Bit(argv[1]) : QString();
+  return verdo::test::drawAll(folder, application.devicePixelRatio());
 }

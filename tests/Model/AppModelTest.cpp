@@ -1,3 +1,4 @@
+#include "LocalService/LocalService.h"
 #include "VerdoDriver/Model/AppModel.h"
 #include "VerdoDriver/Model/Headline.h"
 #include "VerdoDriver/Model/StatusReport.h"
@@ -42,6 +43,19 @@ class ScriptedPath : public PathMonitor {
   void report(bool satisfied) { Q_EMIT reported(satisfied); }
 };
 
+class ScriptedWake : public WakeMonitor {
+ public:
+  void wakeUp() { Q_EMIT woke(); }
+};
+
+class ScriptedLogin : public NoopLoginItemManager {
+ public:
+  bool isEnabled() const override { return enabled; }
+  void setEnabled(bool wanted) override { enabled = isStuck ? enabled : wanted; }
+  bool enabled = false;
+  bool isStuck = false;
+};
+
 class CountingAssertion : public PowerAssertion {
  public:
   void hold(const std::string&) override { held = true; }
@@ -62,26 +76,29 @@ class AppModelTest : public AppFixture {
   void launch() {
     launchedAs.reset();
     path = new ScriptedPath;
+    wake = new ScriptedWake;
     AppModel::Parts parts{
         .settings = std::make_unique<SettingsStore>(std::make_unique<QSettings>(
             QString::fromStdString(home / "settings"), QSettings::IniFormat)),
         .secrets = secrets,
         .factory = factory,
         .log = log,
-        .loginItems = std::make_shared<NoopLoginItemManager>(),
+        .loginItems = loginItem,
         .migration = LegacyDriverMigration(home.path(), home / "launchctl", 1),
         .updateChecker = std::make_unique<UpdateChecker>("1.0.0"),
         .clock = clock,
         .powerAssertion = assertion,
         .pairingService = std::make_shared<ScriptedPairing>(),
-        .wakeMonitor = nullptr,
+        .wakeMonitor = std::unique_ptr<WakeMonitor>(wake),
         .pathMonitor = std::unique_ptr<PathMonitor>(path),
         .egoPath = [] { return "/bin/ego"; },
         .hostName = [] { return "box"; },
-        .openURL = [](const auto&) {},
-        .logPath = {},
+        .openURL = [this](const auto& url) { opened.push_back(url); },
+        .removeTraces = [this] { return traces; },
+        .logPath = "/log",
         .llmBase = {},
         .clientHeader = "app/1.0.0",
+        .browserPackage = {},
     };
     model = std::make_unique<AppModel>(std::move(parts));
     model->didLaunch([this](bool isNotSetUp) { launchedAs = isNotSetUp; });
@@ -97,7 +114,11 @@ class AppModelTest : public AppFixture {
 
   const std::shared_ptr<LockableStore> secrets = std::make_shared<LockableStore>();
   const std::shared_ptr<CountingAssertion> assertion = std::make_shared<CountingAssertion>();
+  const std::shared_ptr<ScriptedLogin> loginItem = std::make_shared<ScriptedLogin>();
+  Removal::Left traces;
   ScriptedPath* path = nullptr;
+  ScriptedWake* wake = nullptr;
+  std::vector<std::string> opened;
   std::unique_ptr<AppModel> model;
   std::optional<bool> launchedAs;
 };
@@ -178,6 +199,42 @@ TEST_F(AppModelTest, KicksForNothing) {
   EXPECT_EQ(factory->runs.back()->networkChanges, 2);
 }
 
+TEST_F(AppModelTest, WaitsOnAlthoughTheComputerWokeUpOrTheNetworkIsBack) {
+  store("token-1234");
+  launch();
+  ASSERT_TRUE(waitForRun(1));
+  const auto lose = [&] {
+    factory->runs.back()->end(ExitReason::serverUnreachable("gone"));
+    EXPECT_TRUE(spinUntil([&] { return model->connection() == Connection::offline; }));
+  };
+  lose();
+  wake->wakeUp();
+  EXPECT_TRUE(appLog.has("[AppModel] system woke — kick"));
+  ASSERT_TRUE(waitForRun(2));
+  path->report(false);
+  lose();
+  path->report(true);
+  ASSERT_TRUE(waitForRun(3));
+}
+
+TEST_F(AppModelTest, OffersAnAddressThatItMustNotOpenOrRefusesItTimeAndAgain) {
+  local::LocalService service;
+  service.start();
+  service.manifest().patch({{"dmg_url", "http://elsewhere.example/app"},
+                            {"ego_install_url", "https://ego.example/install"}});
+  settings.setServerURL(service.url());
+  settings.setAutoStart(false);
+  store("token-1234");
+  launch();
+  ASSERT_TRUE(spinUntil([&] { return model->manifest().has_value(); }));
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(model->downloadURL(), std::nullopt);
+  model->openDownload();
+  model->openEgoInstall();
+  EXPECT_EQ(opened, std::vector<std::string>{"https://ego.example/install"});
+  const auto lines = appLog.lines();
+  EXPECT_EQ(std::count_if(lines.begin(), lines.end(), holding("dmg_url refused")), 1);
+}
+
 TEST_F(AppModelTest, RunsOnWithWhatTheUserTookAway) {
   store("token-1234", "key-5678");
   launch();
@@ -191,13 +248,15 @@ TEST_F(AppModelTest, RunsOnWithWhatTheUserTookAway) {
   EXPECT_TRUE(log->has("» DeepSeek key removed"));
   model->forgetToken();
   EXPECT_EQ(factory->runs.back()->stops, 1);
-  factory->runs.back()->end(ExitReason::stopped());
+  EXPECT_EQ(headlineOf(*model).title, "Stopping…");
+  clock->advance(75s);
+  EXPECT_TRUE(log->has("» driver did not stop in 75s"));
   ASSERT_TRUE(spinUntil([&] { return model->connection() == Connection::notSetUp; }));
   EXPECT_TRUE(log->has("» token forgotten"));
   EXPECT_EQ(factory->runs.size(), 2u);
 }
 
-TEST_F(AppModelTest, SaysForgottenOfATokenThatIsStillThere) {
+TEST_F(AppModelTest, SaysForgottenOfATokenThatIsThereOrThereOfOneThatIsGone) {
   store("token-1234");
   launch();
   ASSERT_TRUE(waitForRun(1));
@@ -207,6 +266,59 @@ TEST_F(AppModelTest, SaysForgottenOfATokenThatIsStillThere) {
   EXPECT_EQ(model->secretFailure(), "The token could not be forgotten: The keyring is locked.");
   EXPECT_FALSE(log->has("» token forgotten"));
   EXPECT_TRUE(model->hasToken());
+  // Once someone has done it by hand it is not true any more.
+  secrets->isLocked = false;
+  secrets->tellChange();
+  ASSERT_TRUE(spinUntil([&] { return model->storedSecrets().isKnown(); }));
+  EXPECT_TRUE(model->secretFailure());
+  EXPECT_TRUE(secrets->remove(SecretAccount::driverToken));
+  secrets->tellChange();
+  EXPECT_TRUE(spinUntil([&] { return !model->secretFailure(); }));
+}
+
+TEST_F(AppModelTest, RemovesHalfOrHidesThatSomethingStays) {
+  EXPECT_TRUE(settings.forgetAll());
+  launch();
+  ASSERT_TRUE(spinUntil([&] { return launchedAs.has_value(); }));
+  const auto atFirst = statusReport(*model, false);
+  store("token-1234", "key-5678");
+  model->settings().setServerURL("http://127.0.0.1:9");
+  model->setLaunchAtLogin(true);
+  model->settings().setAutoStart(false);
+  secrets->tellChange();
+  ASSERT_TRUE(spinUntil([&] { return model->hasKey(); }));
+  model->restartDriver();
+  ASSERT_TRUE(waitForRun(1));
+  connectRun();
+  factory->runs.back()->observer.lock()->driverJobFinished(1, "mail", 1, "lost");
+  const auto remove = [&] {
+    model->removeEverything();
+    EXPECT_TRUE(model->isRemoving());
+    for (const auto& run : factory->runs) run->end(ExitReason::stopped());
+    EXPECT_TRUE(spinUntil([&] { return !model->isRemoving(); }));
+    return model->removalReport().value_or("");
+  };
+
+  secrets->isLocked = loginItem->isStuck = true;
+  traces = {"the browser's profiles (busy)"};
+  EXPECT_EQ(remove(),
+            "Not removed: the token (The keyring is locked.); the key (The keyring is locked.); "
+            "the browser's profiles (busy); the start at login. Everything else was. The log is "
+            "still there: /log");
+  EXPECT_EQ(factory->runs.back()->stops, 1);
+  EXPECT_FALSE(std::filesystem::exists(home / "settings"));
+  EXPECT_TRUE(log->has("✗ not removed: the token"));
+
+  secrets->isLocked = loginItem->isStuck = false;
+  traces.clear();
+  EXPECT_EQ(remove(), "Everything was removed. The log is still there: /log");
+  EXPECT_FALSE(loginItem->enabled);
+  for (const auto account : kSecretAccounts) EXPECT_EQ(secrets->read(account), std::nullopt);
+  EXPECT_TRUE(spinUntil([&] { return statusReport(*model, false) == atFirst; }))
+      << statusReport(*model, false);
+  EXPECT_TRUE(model->settings().autoStart());
+  EXPECT_FALSE(std::filesystem::exists(home / "settings"));
+  EXPECT_EQ(factory->runs.size(), 1u);
 }
 
 TEST_F(AppModelTest, StatusTellsASecret) {

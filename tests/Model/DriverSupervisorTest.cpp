@@ -129,21 +129,29 @@ TEST_F(Supervisor, ShowsWhatARunDoesWrongly) {
                                         "····1234, key ····9876)"));
   report(1, [](auto& observer) { observer.driverRetrying("m", 4.5); });
   EXPECT_EQ(supervisor.retryMessage(), "m — retrying in 5 s");
+  report(1, [](auto& observer) { observer.driverRecovered(); });
+  EXPECT_FALSE(supervisor.retryMessage() || supervisor.retry());
+  report(1, [](auto& observer) { observer.driverRetrying("m", 4.5); });
   report(1, connected);
   report(1, connected);  // no news
   EXPECT_EQ(supervisor.serverVersion(), "1.2");
   EXPECT_EQ(supervisor.retryMessage(), std::nullopt);
   report(1, [](auto& observer) {
     observer.driverBusyLanesChanged({"a:b"});
+    observer.driverSharesSpaces("process 7");
     observer.driverJobStarted(5, "a:b", "run");
   });
   EXPECT_EQ(supervisor.lastJob(), "job 5 · a:b · run…");
   report(1, [](auto& observer) { observer.driverJobFinished(6, "a:b", 143, "lost"); });
   EXPECT_EQ(supervisor.lastJob(), "job 6 · a:b · exit 143");
   EXPECT_EQ(supervisor.lastError(), "lost");
+  EXPECT_EQ(supervisor.spacesHolder(), "process 7");
+  supervisor.forgetHistory();  // of a run that goes on: no
+  EXPECT_EQ(supervisor.username(), "ann");
   const auto observer = run(1).observer;
   end(1, ExitReason::clean());
   EXPECT_THAT(supervisor.busyLanes(), IsEmpty());
+  EXPECT_EQ(supervisor.spacesHolder(), "");
   EXPECT_THAT(exits, ElementsAre(ExitReason::clean()));
   EXPECT_THAT(states, ElementsAre(Kind::stopped, Kind::starting, Kind::running, Kind::idle));
   EXPECT_TRUE(spinUntil([&] { return observer.expired(); }));
@@ -207,7 +215,9 @@ TEST_F(Supervisor, StopsARunTwiceOrForgetsWhoWaitsOrWithWhatToGoOn) {
   EXPECT_EQ(run(1).networkChanges, 2);
   report(1, [](auto& observer) { observer.driverRetrying("m", 9); });
   int told = 0;
+  EXPECT_FALSE(supervisor.isStopping());
   supervisor.stop(75s, [&] { ++told; });
+  EXPECT_TRUE(supervisor.isStopping());
   supervisor.stop(1s, [&] { ++told; });
   supervisor.restart();
   supervisor.start([](const auto& reply) { reply(DriverConfig("https://next", "token")); });
@@ -218,6 +228,7 @@ TEST_F(Supervisor, StopsARunTwiceOrForgetsWhoWaitsOrWithWhatToGoOn) {
   EXPECT_EQ(told, 2);
   clock->advance(75s);  // the time limit of the first run is gone with it
   EXPECT_EQ(state(), Kind::starting);
+  EXPECT_FALSE(supervisor.isStopping());
   EXPECT_EQ(run(2).config.server, "https://next") << "the restart";
   EXPECT_EQ(supervisor.retryMessage(), std::nullopt) << "of the run before";
 }

@@ -30,6 +30,8 @@ TEST(ServerURL, IsJudgedWrongly) {
       {"https://s.example/a@b", false, "https://s.example/a@b"},
       {"https://ada:pw@s.example", true, kPassword},
       {"FTP://ada:pw@s.example", true, kPassword},
+      {"https://s.example/?key=s3cret", false,
+       "a server URL must not hold a query or fragment; leave out what begins with ? or #"},
       {"https://s\\.example", false, "https://s\\.example is not a valid URL."},
   };
   for (const auto& [text, insecure, result] : table) {

@@ -70,7 +70,7 @@ TEST(Settings, ComeFromAFileThatIsNotTheUsers) {
   EXPECT_EXIT(look(), testing::ExitedWithCode(0), "");
 }
 
-TEST(Settings, AreLostWithoutAWord) {
+TEST(Settings, AreLostWithoutAWordOrForGood) {
   const TempDir directory;
   const AppLogCapture log;
   directory.write("file", "");
@@ -79,7 +79,20 @@ TEST(Settings, AreLostWithoutAWord) {
   settings.setAutoStart(false);
   EXPECT_TRUE(
       log.has("verdo.settings [SettingsStore] cannot write " + directory / "file/settings"));
-  EXPECT_FALSE(settings.autoStart());
+  EXPECT_FALSE(settings.autoStart() || settings.isWritable());
+  settings.setServerURL("https://kept");
+
+  std::filesystem::remove(directory / "file");
+  std::filesystem::create_directory(directory / "file");
+  settings.writeAgain();
+  EXPECT_TRUE(settings.isWritable());
+  EXPECT_THAT(contentOf(directory / "file/settings"), HasSubstr("serverURL=https://kept"));
+  EXPECT_TRUE(settings.forgetAll());
+  std::filesystem::create_directories(directory / "protected/inside");
+  EXPECT_FALSE(
+      SettingsStore(std::make_unique<QSettings>(QString::fromStdString(directory / "protected"),
+                                                QSettings::IniFormat))
+          .forgetAll());
 }
 
 }  // namespace

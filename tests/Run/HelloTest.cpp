@@ -60,12 +60,13 @@ TEST_F(Hello, UnusableSettingStopsTheDriverOrClosesForeignSpaces) {
               Contains(testing::StartsWith("space_pattern of the server is unusable (")));
 }
 
-TEST_F(Hello, TinyIntervalSpinsTheReaper) {
-  const JV reply =
-      parseJson(R"({"protocol": 2, "idle_close_seconds": 1e-9, "reap_interval_seconds": 1e-9})");
+TEST_F(Hello, TinyIntervalSpinsTheReaperOrLetsNoSpaceBeClosed) {
+  const JV reply = parseJson(R"({"protocol": 2, "idle_close_seconds": 1e-9,
+                                 "reap_interval_seconds": 1e-9, "cleanup_timeout_seconds": 1e-9})");
   const auto hello = std::get<verdo::Hello>(verdo::Hello::from(reply, {}));
   EXPECT_EQ(hello.idleClose, 1);
   EXPECT_EQ(hello.reapInterval, 1);
+  EXPECT_EQ(hello.cleanupTimeout, 1);
 }
 
 TEST_F(Hello, PassesTheProxyBy) {
@@ -108,7 +109,11 @@ TEST_F(Hello, PasswordInTheProvidersUrlReachesTheServerOrTheLog) {
   }
 }
 
-TEST_F(Hello, QueryInTheProvidersUrlFailsEachJobOrIsRepeated) {
+TEST_F(Hello, QueryInAUrlFailsTheHelloOrEachJobOrIsRepeated) {
+  const std::string server = std::exchange(config.server, "https://verdo.example/?key=s3cret");
+  EXPECT_EQ(run(), ExitReason::badConfig("a server URL must not hold a query or fragment; "
+                                         "leave out what begins with ? or #"));
+  config.server = server;
   for (const char* base : {"https://provider/v1?key=s3cret", "https://provider/v1#/"}) {
     config.llmBase = base;
     EXPECT_EQ(run(), ExitReason::badConfig("an LLM base URL must not hold a query or fragment; "

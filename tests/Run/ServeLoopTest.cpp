@@ -31,8 +31,9 @@ TEST_F(ServeLoop, FailingPollsHammerTheServerOrComeTooLate) {
                                pause / 1000));
   }
   EXPECT_EQ(observer->events(), told);
-  // After a success they begin anew.
+  // After a success they begin anew, and nobody goes on saying that they fail.
   doneJob(addJob("say a"));
+  EXPECT_EQ(observer->events().at(told.size()), "recovered");
   answerWith("poll", 500, "x", 1);
   addJob("say b");  // lets the poll in flight return
   EXPECT_TRUE(observer->waitFor("retrying 0.02", 2));

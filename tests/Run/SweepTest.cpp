@@ -3,6 +3,8 @@
 #include "tests/Support/Leaks.h"
 #include "tests/Support/Misbehaviour.h"
 
+#include <future>
+
 #include <fmt/format.h>
 #include <signal.h>
 #include <unistd.h>
@@ -114,7 +116,7 @@ TEST_F(Sweep, SpaceThatWouldNotCloseIsReportedAsClosed) {
   EXPECT_FALSE(log->has("closed 1 leftover"));
 }
 
-TEST_F(Sweep, SecondDriverClosesTheSpacesOfTheFirst) {
+TEST_F(Sweep, SecondDriverClosesTheSpacesOfTheFirstOrHidesThatItDoesNot) {
   setSpaces({"u1-busy", "u1-other"});
   config.noSweep = true;
   const auto id = startJob(waitScript(), {.taskSpace = "u1-busy"});
@@ -124,16 +126,27 @@ TEST_F(Sweep, SecondDriverClosesTheSpacesOfTheFirst) {
   config.idleClose = 0.001;
   config.reapInterval = 0.01;
   const auto otherLog = std::make_shared<RecordingLog>();
-  EXPECT_EQ(DriverRunner(config, otherLog, {}, timings).run(), ExitReason::clean());
+  const auto watching = std::make_shared<RecordingObserver>();
+  EXPECT_EQ(DriverRunner(config, otherLog, watching, timings).run(), ExitReason::clean());
+  const std::string holder = "process " + std::to_string(::getpid());
+  EXPECT_THAT(watching->events(), Contains("shares [" + holder + "]").Times(1));
   answerWith("poll", 426, "no", 1);  // a run that ends so sweeps once more
   EXPECT_EQ(DriverRunner(config, otherLog, {}, timings).run().code(), 6);
   EXPECT_THAT(closedSpaces(), IsEmpty());
-  EXPECT_TRUE(otherLog->has("another driver (process " + std::to_string(::getpid()) + ")"));
+  EXPECT_TRUE(otherLog->has("another driver (" + holder + ")"));
+  // Once it is alone it looks after them, also in the middle of its run.
+  config.idleExit = std::nullopt;
+  DriverRunner heir(config, otherLog, watching, timings);
+  auto inheriting = std::async(std::launch::async, [&] { return heir.run(); });
+  EXPECT_TRUE(watching->waitFor("shares [process", 2));
   letGo();
   doneJob(id);
   stopAndFinish();
-  // Alone again, it looks after them.
-  DriverRunner(config, otherLog, {}, timings).run();
+  EXPECT_TRUE(watching->waitFor("shares []"));
+  setSpaces({"u1-late"});
+  EXPECT_TRUE(otherLog->waitFor("idle reaper closed 1 space(s): u1-late"));
+  heir.stop();
+  EXPECT_EQ(inheriting.get(), ExitReason::stopped());
   EXPECT_THAT(spaces(), IsEmpty());
 }
 

@@ -28,6 +28,10 @@ class RecordingObserver : public DriverObserver {
   void driverRetrying(const std::string& message, double retryInSeconds) override {
     events_.add(fmt::format("retrying {} {}", retryInSeconds, message));
   }
+  void driverRecovered() override { events_.add("recovered"); }
+  void driverSharesSpaces(const std::string& holder) override {
+    events_.add(fmt::format("shares [{}]", holder));
+  }
 
   std::vector<std::string> events() const { return events_.all(); }
   /// True as soon as `count` reports begin with this text, false after 20 s.

@@ -87,6 +87,7 @@ class ScriptedModel {
   const std::shared_ptr<TellingStore> secrets = std::make_shared<TellingStore>();
   const std::shared_ptr<ScriptedPairing> pairing = std::make_shared<ScriptedPairing>();
   std::vector<std::string> opened;  ///< addresses
+  Removal::Left traces;             ///< of jobs, that cannot be removed
   AppModel model;
 
  private:
@@ -113,9 +114,11 @@ class ScriptedModel {
                           .egoPath = [] { return "/bin/ego-browser"; },
                           .hostName = [] { return "box"; },
                           .openURL = [this](const std::string& url) { opened.push_back(url); },
+                          .removeTraces = [this] { return traces; },
                           .logPath = home / "log",
                           .llmBase = "http://127.0.0.1:1",
-                          .clientHeader = "app/0.0.0"};
+                          .clientHeader = "app/0.0.0",
+                          .browserPackage = "verdo-browser"};
     return parts;
   }
 };

@@ -1,3 +1,5 @@
+#include "LocalService/LocalService.h"
+#include "VerdoDriver/Model/Headline.h"
 #include "tests/Support/PopoverWindow.h"
 
 #include <QAccessible>
@@ -182,10 +184,107 @@ TEST_F(PopoverViewTest, QuitsWhileBusyWithoutAskingOrAsksTwice) {
   window.press("Quit");
   EXPECT_EQ(window.quits, 1);
 
+  // Nor again while the driver stops, whoever had it stopped: for quit, this may take its time.
+  window.press("Quit");
+  app.model.supervisor().stop(75s);
+  ASSERT_TRUE(spinUntil([&] { return window.label("Stopping…") != nullptr; }));
+  EXPECT_FALSE(window.label("Quit anyway?") || window.button("Stop"));
+  window.press("Quit");
+  EXPECT_EQ(window.quits, 2);
+  app.end(ExitReason::stopped());
+  EXPECT_TRUE(spinUntil([&] { return window.button("Start") != nullptr; }));
+  app.goOnline();
+
   app.observer()->driverBusyLanesChanged({});
   spin();
   window.press("Quit");
-  EXPECT_EQ(window.quits, 2);
+  EXPECT_EQ(window.quits, 3);
+  app.model.stopDriver();  // no clock shows it
+  EXPECT_TRUE(spinUntil([&] { return window.label("Stopping…") != nullptr; }));
+}
+
+TEST_F(PopoverViewTest, GoesOnSayingWhatIsNotTrueAnyMore) {
+  app.askStore();
+  show();
+  app.pair();
+  app.clock->advance(5s);
+  app.pairing->polls.back().answer(PairingPoll{PairingPoll::Status::denied, "", ""});
+  spin();
+  EXPECT_TRUE(window.label("Denied in the browser"));
+  window.type("DeepSeek key", "sk-1234");
+  window.press("Connect to website");
+  window.press("Cancel");
+  EXPECT_FALSE(window.label("Denied in the browser"));
+
+  app.setUp();
+  window.press("Setup");
+  window.type("DeepSeek key", "sk-other");
+  window.press("Save key");
+  ASSERT_TRUE(spinUntil([&] { return !app.factory->runs.empty(); }));
+  app.factory->runs.back()->end(ExitReason::llmKeyRejected(""));
+  ASSERT_TRUE(spinUntil([&] { return window.label("DeepSeek rejected") != nullptr; }));
+  app.model.removeKey();
+  EXPECT_TRUE(spinUntil([&] { return window.label("DeepSeek rejected") == nullptr; }));
+  ASSERT_TRUE(spinUntil([&] { return !app.model.hasKey(); }));
+
+  app.goOnline();
+  app.observer()->driverRetrying("gone", 15);
+  app.observer()->driverSharesSpaces("process 7");
+  ASSERT_TRUE(spinUntil([&] { return window.label("Another driver (process 7)") != nullptr; }));
+  EXPECT_TRUE(window.label("gone — retrying in 15 s"));
+  app.clock->advance(15s);
+  EXPECT_EQ(headlineOf(app.model).detail, "gone — retrying");
+  app.observer()->driverRecovered();
+  app.observer()->driverSharesSpaces("");
+  EXPECT_TRUE(
+      spinUntil([&] { return !window.label("retrying") && !window.label("Another driver"); }));
+}
+
+TEST_F(PopoverViewTest, RemovesEverythingUnaskedOrUnnamed) {
+  app.setUp("https://elsewhere.example");
+  show();
+  window.press("Setup");
+  window.press("Options");
+  window.press("Remove everything…");
+  for (const char* what : {"token", "key", "login", "settings", "task spaces", "files of jobs"}) {
+    EXPECT_TRUE(window.label(what)) << what;
+  }
+  window.press("Cancel");
+  EXPECT_FALSE(app.model.isRemoving());
+  window.press("Remove everything…");
+  for (auto* button : window.view->findChildren<QAbstractButton*>()) {
+    if (button->isVisible() && button->text() == "Remove" && button->accessibleName() == "") {
+      button->click();
+    }
+  }
+  spin();
+  EXPECT_FALSE(window.button("Connect to website")->isEnabled());
+  ASSERT_TRUE(spinUntil([&] { return window.label("Everything was removed.") != nullptr; }));
+  ASSERT_TRUE(spinUntil([&] { return window.label("Not set up") != nullptr; }));
+  EXPECT_EQ(window.field("Server URL")->text(), ScriptedModel::kServer);
+  window.type("DeepSeek key", "sk-1234");
+  window.press("Connect to website");
+  EXPECT_FALSE(window.label("Everything was removed."));
+}
+
+TEST_F(PopoverViewTest, LeavesAUserWithoutABrowserToolAloneOrNamesTwo) {
+  local::LocalService service;
+  service.start();
+  service.manifest().patch({{"ego_install_url", "http://elsewhere.example/"}});
+  app.setUp(service.url());
+  show();
+  app.goOnline();
+  app.end(ExitReason::noExecutor("executor not found: ego-browser"));
+  ASSERT_TRUE(spinUntil([&] { return window.button("Start") != nullptr; }));
+  EXPECT_TRUE(window.label("The package verdo-browser will do, too."));
+  EXPECT_FALSE(window.button("Install"));
+  service.manifest().patch({{"ego_install_url", service.url() + "/ego"}});
+  app.model.refreshManifest();
+  ASSERT_TRUE(spinUntil([&] { return window.button("Install") != nullptr; }));
+  EXPECT_FALSE(window.label("verdo-browser"));
+  app.opened.clear();
+  window.press("Install");
+  EXPECT_EQ(app.opened, std::vector<std::string>{service.url() + "/ego"});
 }
 
 }  // namespace

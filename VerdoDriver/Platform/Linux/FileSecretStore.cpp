@@ -175,4 +175,10 @@ SecretStore::Result<void> FileSecretStore::remove(SecretAccount account) {
   return {};
 }
 
+void FileSecretStore::removeDirectory() {
+  MutexLock lock(writing_);
+  const std::string parent = std::filesystem::path(directory_).parent_path();
+  if (::rmdir(directory_.c_str()) == 0) ::rmdir(parent.c_str());
+}
+
 }  // namespace verdo

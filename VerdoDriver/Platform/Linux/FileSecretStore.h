@@ -22,6 +22,8 @@ class FileSecretStore : public SecretStore {
   Result<void> write(const std::string& value, SecretAccount account) override;
   /// Removes what a crash in the middle of a write has left, too.
   Result<void> remove(SecretAccount account) override;
+  /// Removes the directory, and the one that it was made in, where nothing else lies there.
+  void removeDirectory();
 
  private:
   const std::string directory_;

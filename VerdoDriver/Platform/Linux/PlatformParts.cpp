@@ -49,6 +49,7 @@ PlatformParts makePlatformParts(const std::string& appId,
   QObject::connect(parts.wakeMonitor.get(), &WakeMonitor::woke, parts.wakeMonitor.get(),
                    [clock] { clock->catchUp(); });
   parts.pathMonitor = std::make_unique<RouteMonitor>();
+  parts.browserPackage = "verdo-browser";
   return parts;
 }
 

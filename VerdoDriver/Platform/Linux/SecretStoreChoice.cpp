@@ -28,6 +28,12 @@ std::optional<SecretPlace> SecretStoreChoice::place() const {
   return place_;
 }
 
+void SecretStoreChoice::forgetPlace() {
+  files_.removeDirectory();
+  MutexLock lock(lock_);
+  place_.reset();
+}
+
 bool SecretStoreChoice::isIn(Kind kind) const {
   const auto now = place();
   return now && now->kind == kind;

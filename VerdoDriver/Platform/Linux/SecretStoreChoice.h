@@ -35,6 +35,7 @@ class SecretStoreChoice : public SecretStore {
   Result<void> unlock() override EXCLUDES(lock_);
   void cancelPrompt() override { keyring_.cancelPrompt(); }
   std::optional<SecretPlace> place() const override EXCLUDES(lock_);
+  void forgetPlace() override EXCLUDES(lock_);
 
  private:
   bool isIn(SecretPlace::Kind kind) const EXCLUDES(lock_);

@@ -148,6 +148,11 @@ TEST(SecretStoreChoice, PutsSecretsWhereTheyAreNotFoundAgain) {
     EXPECT_EQ(store.write("s", kToken).has_value(), after.has_value());
     EXPECT_EQ(store.place(), after);
     EXPECT_EQ(store.state(kToken), after ? SecretState::found : SecretState::unavailable);
+    if (after != kFiles) continue;
+    // When nothing is stored any more, no trace of it is left, and the next place is told again.
+    static_cast<void>(store.remove(kToken));
+    store.forgetPlace();
+    EXPECT_TRUE(store.place() == std::nullopt && !fs::exists(home / "s"));
   }
   EXPECT_FALSE(fs::exists(tools / "dbus-launch.started"));
 }
