@@ -73,7 +73,6 @@ class Day : public testing::Test {
 
   ScriptedModel app;
   PopoverHost host{.quit = [] {},
-                   .hide = [] {},
                    .shape = [](Connection, int, double) { return QPixmap(); },
                    .defaultServerURL = ScriptedModel::kServer};
   MenuBarController menuBar{app.model, std::make_unique<PopoverView>(app.model, host)};
