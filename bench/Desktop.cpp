@@ -220,7 +220,7 @@ void Desktop::pressEscape() {
       },
       "the window with the keyboard");
   isUnmapped_ = false;
-  for (const std::uint8_t type : {XCB_KEY_PRESS, XCB_KEY_RELEASE}) {
+  for (const auto type : {std::uint8_t{XCB_KEY_PRESS}, std::uint8_t{XCB_KEY_RELEASE}}) {
     xcb_test_fake_input(x_.get(), type, kEscapeKey, XCB_CURRENT_TIME, root_, 0, 0, 0);
   }
   handleUntil([&] { return isUnmapped_; }, "the window's end");

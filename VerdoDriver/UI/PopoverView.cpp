@@ -10,6 +10,7 @@
 #include "VerdoDriver/UI/SetupSection.h"
 #include "VerdoDriver/UI/UpdateLine.h"
 
+#include <QEvent>
 #include <QScrollArea>
 
 namespace verdo {
