@@ -211,8 +211,16 @@ Desktop::Clock::time_point Desktop::waitUntilPainted(Kind kind) {
 }
 
 void Desktop::pressEscape() {
+  handleUntil(
+      [this] {
+        const auto focus =
+            reply(xcb_get_input_focus_reply(x_.get(), xcb_get_input_focus(x_.get()), nullptr));
+        const auto found = focus ? windows_.find(focus->focus) : windows_.end();
+        return found != windows_.end() && found->second.isMapped;
+      },
+      "the window with the keyboard");
   isUnmapped_ = false;
-  for (const std::uint8_t type : {XCB_KEY_PRESS, XCB_KEY_RELEASE}) {
+  for (const auto type : {std::uint8_t{XCB_KEY_PRESS}, std::uint8_t{XCB_KEY_RELEASE}}) {
     xcb_test_fake_input(x_.get(), type, kEscapeKey, XCB_CURRENT_TIME, root_, 0, 0, 0);
   }
   handleUntil([&] { return isUnmapped_; }, "the window's end");

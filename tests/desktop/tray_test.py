@@ -20,6 +20,8 @@ class TrayTest(unittest.TestCase):
         return wait_for(self.app.popover, "the popover's window")
 
     def hide(self):
+        wait_for(lambda: "Verdo Driver" in self.app.desktop.run(
+            "xdotool", "getwindowfocus", "getwindowname").stdout, "the keyboard")
         self.app.type("<Escape>")
         wait_for(lambda: not self.app.popover(), "the popover's end")
 
