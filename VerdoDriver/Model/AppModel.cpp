@@ -390,7 +390,7 @@ void AppModel::connected(const ConnectResult& result) {
     connectFailure_ = result.text;
   }
   touch();
-  if (!result.saved || isRemoving()) return;
+  if (!result.saved) return;
   storedSecrets_.refresh([this] {
     restartDriver();
     refreshManifest();

@@ -63,7 +63,7 @@ TEST_F(AppProgram, StaysWithItsJobsWhenItQuitsAndTheServiceIsSilent) {
   EXPECT_THAT(ask("status"), HasSubstr(R"("title": "Stopping\u2026")"));
   EXPECT_EQ(ask("quit"), "quitting");  // does not hurry it
   std::optional<int> status;
-  EXPECT_TRUE(eventually([&] { return (status = app->poll()).has_value(); }, 25s));
+  EXPECT_TRUE(eventually([&] { return (status = app->poll()).has_value(); }, 40s));
   EXPECT_EQ(status, 0);
   EXPECT_TRUE(eventually([&] { return processesOf(home.path()).empty(); }));
   EXPECT_THAT(contentOf(home / ".local/state/verdo-driver/driver.log"),

@@ -241,9 +241,11 @@ TEST_F(PopoverViewTest, GoesOnSayingWhatIsNotTrueAnyMore) {
 }
 
 TEST_F(PopoverViewTest, RemovesEverythingUnaskedOrUnnamed) {
-  app.setUp("https://elsewhere.example");
+  app.setUp("http://elsewhere.example");
+  app.model.settings().setAllowInsecure(true);
   show();
   window.press("Setup");
+  EXPECT_TRUE(window.button("Allow plain http")->isChecked());
   window.press("Options");
   window.press("Remove everything…");
   for (const char* what : {"token", "key", "login", "settings", "task spaces", "files of jobs"}) {
@@ -262,9 +264,22 @@ TEST_F(PopoverViewTest, RemovesEverythingUnaskedOrUnnamed) {
   ASSERT_TRUE(spinUntil([&] { return window.label("Everything was removed.") != nullptr; }));
   ASSERT_TRUE(spinUntil([&] { return window.label("Not set up") != nullptr; }));
   EXPECT_EQ(window.field("Server URL")->text(), ScriptedModel::kServer);
+  window.type("Server URL", "http://elsewhere.example");
+  EXPECT_FALSE(window.button("Allow plain http")->isChecked());
+  window.type("Server URL", ScriptedModel::kServer);
   window.type("DeepSeek key", "sk-1234");
   window.press("Connect to website");
   EXPECT_FALSE(window.label("Everything was removed."));
+}
+
+TEST_F(PopoverViewTest, HidesThatChoicesAreLostOrThatTheyAreNotAnyMore) {
+  show();
+  std::filesystem::create_directory(app.home / "settings");
+  app.model.settings().setAutoStart(false);
+  ASSERT_TRUE(spinUntil([&] { return window.label("The settings cannot be saved") != nullptr; }));
+  std::filesystem::remove(app.home / "settings");
+  app.model.popoverOpened();
+  EXPECT_TRUE(spinUntil([&] { return !window.label("The settings cannot be saved"); }));
 }
 
 TEST_F(PopoverViewTest, LeavesAUserWithoutABrowserToolAloneOrNamesTwo) {

@@ -122,7 +122,8 @@ class PopoverTest(unittest.TestCase):
             wait_for(lambda: self.focused().description == "Open", "an open fold")
         self.check_walk("Restart", "Stop", "Setup", "Server URL", "DeepSeek key",
                         "Remove the DeepSeek key", "Connect to website", "Forget token", "Options",
-                        "Launch at login", "Start automatically", "While connected", "Open log",
+                        "Launch at login", "Start automatically", "While connected",
+                        "Remove everything…", "Open log",
                         "Quit")
         self.go("Launch at login")
         app.type("<space>")
