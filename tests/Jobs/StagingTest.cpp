@@ -10,8 +10,10 @@
 #include <filesystem>
 #include <future>
 #include <set>
+#include <thread>
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <sys/file.h>
 
@@ -170,6 +172,29 @@ TEST(StagingDirectory, WaitsUntilAnotherDriverHasTidiedUp) {
     if (fs::exists(left)) failures.insert(failure);
   }
   EXPECT_THAT(failures, testing::Contains(""));
+}
+
+TEST(StagingDirectory, StopsTidyingUpAtADirectoryThatIsBusy) {
+  constexpr std::size_t kLeft = 300;
+  const TempDir cache;
+  // The cache is given back at some time during the look around, later with each try.
+  const auto isPartlyTidied = [&, pause = std::chrono::microseconds(0)]() mutable {
+    for (std::size_t i = 0; i < kLeft; ++i)
+      fs::create_directory(cache / fmt::format("verdo-{}", i));
+    UniqueFd held(::open((cache / ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    EXPECT_EQ(::flock(held.get(), LOCK_EX), 0);
+    pause = (pause + std::chrono::microseconds(100)) % std::chrono::milliseconds(10);
+    const auto giving = std::async(std::launch::async, [&] {
+      std::this_thread::sleep_for(pause);
+      held.reset();
+    });
+    StagingDirectory::removeAbandoned(cache.path());
+    giving.wait();
+    const auto all = fs::directory_iterator(cache.path());
+    const auto left = static_cast<std::size_t>(std::distance(begin(all), end(all))) - 1;
+    return left > 0 && left < kLeft;
+  };
+  EXPECT_TRUE(eventually(isPartlyTidied, std::chrono::seconds(20)));
 }
 
 TEST(StagingDirectory, OutlivesACrashOnlyUntilTheNextStart) {
