@@ -13,6 +13,7 @@
 #include <QString>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <system_error>
 #include <thread>
 
@@ -32,8 +33,9 @@ std::string textOf(const std::string& path) {
   std::error_code ignored;
   // Reading a FIFO would not end.
   if (!fs::is_regular_file(path, ignored)) return {};
-  std::ifstream file(path, std::ios::binary);
-  std::string text{std::istreambuf_iterator<char>(file), {}};
+  std::ostringstream content;  // which, unlike an iterator, throws nothing where reading fails
+  content << std::ifstream(path, std::ios::binary).rdbuf();
+  const std::string text = content.str();
   return repairUtf8(text) == text ? text : std::string();
 }
 

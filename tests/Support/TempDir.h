@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -39,10 +40,11 @@ class TempDir {
   std::string path_;
 };
 
-/// The whole content of a file.
+/// The whole content of a file; what could be read of one that goes meanwhile, as /proc's do.
 inline std::string contentOf(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
+  std::ostringstream content;  // which, unlike an iterator, throws nothing where reading fails
+  content << std::ifstream(path, std::ios::binary).rdbuf();
+  return content.str();
 }
 
 /// The lines of a file; none when it is not there.
