@@ -3,11 +3,13 @@
 #include "VerdoDriver/MenuBar/PopoverPlacement.h"
 #include "VerdoDriver/MenuBar/StatusItemIconRenderer.h"
 #include "VerdoDriver/Model/AppLog.h"
+#include "VerdoDriver/UI/Look.h"
 
 #include <QCursor>
 #include <QDialog>
 #include <QGuiApplication>
 #include <QKeyEvent>
+#include <QPainter>
 #include <QScreen>
 #include <QVBoxLayout>
 
@@ -39,13 +41,11 @@ QString plainTooltip(const std::string& text) {
 MenuBarController::MenuBarController(AppModel& model, std::unique_ptr<QWidget> popover)
     : model_(model), window_(std::make_unique<QDialog>()) {
   auto* layout = new QVBoxLayout(window_.get());
-  layout->setContentsMargins(0, 0, 0, 0);
   layout->setSizeConstraint(QLayout::SetFixedSize);  // the window follows its content
   layout->addWidget(popover.release());
   window_->setWindowTitle(QStringLiteral("Verdo Driver"));
   window_->setAttribute(Qt::WA_QuitOnClose, false);
-  window_->setWindowFlags(
-      Qt::Window);  // a dialog nevertheless: screen readers take it for a window
+  makeWindow();
   window_->installEventFilter(this);
   connect(&model_, &AppModel::changed, this, &MenuBarController::updateIcon);
   updateIcon();
@@ -107,7 +107,15 @@ void MenuBarController::chooseKind() {
       statusItem_ && canPlaceWindows() && QSystemTrayIcon::isSystemTrayAvailable();
   if (isPlaced == isPlaced_) return;
   isPlaced_ = isPlaced;
-  window_->setWindowFlags(isPlaced ? Qt::Tool | Qt::FramelessWindowHint : Qt::Window);
+  makeWindow();
+}
+
+/// An ordinary window has a frame of the system's; beside the icon a line sets it off. A dialog all
+/// the same: screen readers take it for a window.
+void MenuBarController::makeWindow() {
+  window_->setWindowFlags(isPlaced_ ? Qt::Tool | Qt::FramelessWindowHint : Qt::Window);
+  const int line = isPlaced_ ? 1 : 0;
+  window_->layout()->setContentsMargins(line, line, line, line);
 }
 
 void MenuBarController::position() {
@@ -130,6 +138,11 @@ bool MenuBarController::eventFilter(QObject* watched, QEvent* event) {
         static_cast<QKeyEvent*>(event)->key() == Qt::Key_Escape) {
       hidePopover();
       return true;
+    }
+    if (event->type() == QEvent::Paint && isPlaced_) {
+      QPainter painter(window_.get());
+      painter.setPen(verdo::Look::lineColor(window_->palette()));
+      painter.drawRect(window_->rect().adjusted(0, 0, -1, -1));
     }
     if (event->type() == QEvent::Resize && isPlaced_ && window_->isVisible()) position();
   }

@@ -44,6 +44,7 @@ class MenuBarController : public QObject {
   void updateIcon();
   void statusItemClicked(QSystemTrayIcon::ActivationReason reason);
   void chooseKind();
+  void makeWindow();
   void position();
 
   AppModel& model_;

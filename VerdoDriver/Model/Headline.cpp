@@ -53,6 +53,7 @@ class Describe {
     const char* title = model_.supervisor().busyLanes().empty() ? "Online" : "Online · busy";
     const auto& retry = model_.supervisor().retry();
     if (!retry) return {title, "", Action::none, std::nullopt};
+    title = "Reconnecting…";
     const int seconds = secondsUntil(retry->until, model_.clock());
     // It is being asked just now, which may take as long as a poll does.
     if (seconds == 0) return {title, retry->message + " — retrying", Action::none, std::nullopt};

@@ -156,6 +156,7 @@ class LifeTest(unittest.TestCase):
 
         service.kill()
         app.find("poll failed .* — retrying in . s", "label")
+        self.see("online", "Reconnecting…")
         app.click("Restart")
         self.see("offline", "Server unreachable", "retryNow")
         service.start()
