@@ -4,12 +4,10 @@
 #include "VerdoDriver/Model/DriverSupervisor.h"
 #include "VerdoDriver/Model/KeepAwakeController.h"
 #include "VerdoDriver/Model/LegacyImport.h"
-#include "VerdoDriver/Model/LoginItem.h"
 #include "VerdoDriver/Model/Onboarding.h"
-#include "VerdoDriver/Model/PowerAssertion.h"
 #include "VerdoDriver/Model/Removal.h"
 #include "VerdoDriver/Model/StoredSecrets.h"
-#include "VerdoDriver/Model/SystemEvents.h"
+#include "VerdoDriver/Model/SystemParts.h"
 #include "VerdoDriver/Model/UpdateChecker.h"
 
 #include <QObject>
@@ -32,20 +30,15 @@ class AppModel : public QObject {
   /// While the app runs, the manifest is asked for at least so often.
   static constexpr std::chrono::hours kManifestDay{24};
 
-  /// What the model is made of; all are there, but for what is said to be optional.
+  /// What the model is made of; all of it is there.
   struct Parts {
+    SystemParts system;
     std::unique_ptr<SettingsStore> settings;
-    std::shared_ptr<SecretStore> secrets;
     std::shared_ptr<DriverFactory> factory;
     std::shared_ptr<DriverLog> log;
-    std::shared_ptr<LoginItemManaging> loginItems;
     LegacyDriverMigration migration;
     std::unique_ptr<UpdateChecker> updateChecker;
-    std::shared_ptr<Clock> clock;
-    std::shared_ptr<PowerAssertion> powerAssertion;
     std::shared_ptr<PairingService> pairingService;
-    std::unique_ptr<WakeMonitor> wakeMonitor;  ///< optional
-    std::unique_ptr<PathMonitor> pathMonitor;  ///< optional
     ConnectFlow::EgoPath egoPath;
     PairFlow::HostName hostName;
     PairFlow::OpenURL openURL;                    ///< also of a file
@@ -53,8 +46,6 @@ class AppModel : public QObject {
     std::string logPath;                          ///< of what openLog() opens
     std::string llmBase;                          ///< of the provider; empty: the default one
     std::string clientHeader;                     ///< how the app presents itself to the service
-    /// Of this system's package that brings a browser tool; empty where there is none.
-    std::string browserPackage;
     Clock::Duration manifestInterval = kManifestInterval;
   };
   explicit AppModel(Parts parts);

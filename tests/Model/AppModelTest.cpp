@@ -78,19 +78,20 @@ class AppModelTest : public AppFixture {
     path = new ScriptedPath;
     wake = new ScriptedWake;
     AppModel::Parts parts{
+        .system = {.clock = clock,
+                   .secrets = secrets,
+                   .powerAssertion = assertion,
+                   .loginItems = loginItem,
+                   .wakeMonitor = std::unique_ptr<WakeMonitor>(wake),
+                   .pathMonitor = std::unique_ptr<PathMonitor>(path),
+                   .browserPackage = {}},
         .settings = std::make_unique<SettingsStore>(std::make_unique<QSettings>(
             QString::fromStdString(home / "settings"), QSettings::IniFormat)),
-        .secrets = secrets,
         .factory = factory,
         .log = log,
-        .loginItems = loginItem,
         .migration = LegacyDriverMigration(home.path(), home / "launchctl", 1),
         .updateChecker = std::make_unique<UpdateChecker>("1.0.0"),
-        .clock = clock,
-        .powerAssertion = assertion,
         .pairingService = std::make_shared<ScriptedPairing>(),
-        .wakeMonitor = std::unique_ptr<WakeMonitor>(wake),
-        .pathMonitor = std::unique_ptr<PathMonitor>(path),
         .egoPath = [] { return "/bin/ego"; },
         .hostName = [] { return "box"; },
         .openURL = [this](const auto& url) { opened.push_back(url); },
@@ -98,7 +99,6 @@ class AppModelTest : public AppFixture {
         .logPath = "/log",
         .llmBase = {},
         .clientHeader = "app/1.0.0",
-        .browserPackage = {},
     };
     model = std::make_unique<AppModel>(std::move(parts));
     model->didLaunch([this](bool isNotSetUp) { launchedAs = isNotSetUp; });

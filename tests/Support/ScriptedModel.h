@@ -98,27 +98,27 @@ class ScriptedModel {
   };
 
   AppModel::Parts parts() {
-    AppModel::Parts parts{.settings = std::make_unique<SettingsStore>(std::make_unique<QSettings>(
+    AppModel::Parts parts{.system = {.clock = clock,
+                                     .secrets = secrets,
+                                     .powerAssertion = std::make_shared<InertAssertion>(),
+                                     .loginItems = std::make_shared<NoopLoginItemManager>(),
+                                     .wakeMonitor = {},
+                                     .pathMonitor = {},
+                                     .browserPackage = "verdo-browser"},
+                          .settings = std::make_unique<SettingsStore>(std::make_unique<QSettings>(
                               QString::fromStdString(home / "settings"), QSettings::IniFormat)),
-                          .secrets = secrets,
                           .factory = factory,
                           .log = log,
-                          .loginItems = std::make_shared<NoopLoginItemManager>(),
                           .migration = {home.path(), home / "no-launchctl", 501},
                           .updateChecker = std::make_unique<UpdateChecker>("2026.09.04"),
-                          .clock = clock,
-                          .powerAssertion = std::make_shared<InertAssertion>(),
                           .pairingService = pairing,
-                          .wakeMonitor = {},
-                          .pathMonitor = {},
                           .egoPath = [] { return "/bin/ego-browser"; },
                           .hostName = [] { return "box"; },
                           .openURL = [this](const std::string& url) { opened.push_back(url); },
                           .removeTraces = [this] { return traces; },
                           .logPath = home / "log",
                           .llmBase = "http://127.0.0.1:1",
-                          .clientHeader = "app/0.0.0",
-                          .browserPackage = "verdo-browser"};
+                          .clientHeader = "app/0.0.0"};
     return parts;
   }
 };

@@ -1,4 +1,4 @@
-#include "VerdoDriver/Platform/PlatformParts.h"
+#include "VerdoDriver/Platform/SystemParts.h"
 
 #include "VerdoDriver/Model/PowerAssertionGroup.h"
 #include "VerdoDriver/Model/SystemClock.h"
@@ -27,12 +27,12 @@ std::string secretDirectory() {
 
 }  // namespace
 
-PlatformParts makePlatformParts(const std::string& appId,
-                                const std::optional<SecretPlace>& usedBefore) {
+SystemParts makeSystemParts(const std::string& appId,
+                            const std::optional<SecretPlace>& usedBefore) {
   const auto systemBus = std::make_shared<BusLink>(BusLink::systemAddress());
   const auto sessionBus = std::make_shared<BusLink>(BusLink::sessionAddress());
   const auto clock = std::make_shared<SystemClock>(bootTime);
-  PlatformParts parts;
+  SystemParts parts;
   parts.clock = clock;
   parts.secrets = std::make_shared<SecretStoreChoice>(SecretStoreOptions{
       .service = appId,
