@@ -128,7 +128,7 @@ class HttpSession {
     /// PEM text of the only certificates to trust; empty: the system's roots.
     std::string caCertificates;
     /// URL of the proxy, which loopback never goes through; empty: what the environment says.
-    std::string proxy = {};
+    std::string proxy = {};  // NOLINT(readability-redundant-member-init): may be left out
     /// Upper limit for a request that has no deadline of its own.
     std::chrono::steady_clock::duration resourceLimit = std::chrono::seconds(3600);
     /// For the answer to a ping over a connection on which a request timed out.

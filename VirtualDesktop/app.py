@@ -10,7 +10,7 @@ from accessible import ScreenReader
 from desktop import Desktop, wait_for
 from panel import Panel, window_places
 
-HERE = os.path.dirname(os.path.abspath(__file__))
+ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 NAME = "verdo-driver"
 KEY = "provider-key"
 UNTIL_TOLD = "until [ -e $HOME/go ]; do sleep 0.05; done"  # a job
@@ -172,7 +172,7 @@ class App:
 
 def approve(url):
     """Presses the button of the approve page in a real browser; gives the next page's text."""
-    done = subprocess.run(["node", f"{HERE}/../Support/approve.mjs", url, "Approve"],
+    done = subprocess.run(["node", f"{ROOT}/tests/Support/approve.mjs", url, "Approve"],
                           capture_output=True, text=True, timeout=50)
     if done.returncode:
         raise AssertionError(done.stdout + done.stderr)
