@@ -1,5 +1,6 @@
 #include "VerdoDriver/MenuBar/MenuBarController.h"
-#include "tests/Support/PopoverWindow.h"
+#include "VerdoDriver/UI/PopoverView.h"
+#include "tests/Support/ScriptedModel.h"
 
 /// Only there in programs that are checked for addresses. malloc's own figure says little: it
 /// counts what it keeps for threads that have ended.

@@ -41,7 +41,7 @@ std::string desktopProxyFor(const std::string& url) {
       g_proxy_resolver_lookup(g_proxy_resolver_get_default(), url.c_str(), calls.cancellable(),
                               OutError(error)),
       &g_strfreev);
-  if (proxies && *proxies) return asLibcurlNamesIt(*proxies.get());
+  if (proxies && *proxies) return asLibcurlNamesIt(*proxies);
   AppLog::settings.info(std::string("[DesktopProxy] the desktop does not tell its proxy: ") +
                         (error ? error->message : "no reason given"));
   return {};

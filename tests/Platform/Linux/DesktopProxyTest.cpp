@@ -1,8 +1,6 @@
 #include "VerdoDriver/Platform/DesktopProxy.h"
 #include "tests/Support/ScopedEnv.h"
 
-#include <string_view>
-
 #include <gio/gio.h>
 #include <gtest/gtest.h>
 
