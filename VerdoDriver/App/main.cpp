@@ -3,6 +3,7 @@
 #include "VerdoDriver/App/Composition.h"
 #include "VerdoDriver/App/ControlChannel.h"
 #include "VerdoDriver/App/DisplayGuard.h"
+#include "VerdoDriver/App/DisplayLoss.h"
 #include "VerdoDriver/App/EndProcess.h"
 #include "VerdoDriver/App/QuitSignals.h"
 #include "VerdoDriver/MenuBar/StatusItemIconRenderer.h"
@@ -122,6 +123,10 @@ int run(int argc, char** argv, const AppDelegate::Options& options) {
   const QuitSignals quitSignals([&delegate] { delegate.quit(); });
   QObject::connect(&app, &QGuiApplication::commitDataRequest, &delegate,
                    [&delegate] { delegate.sessionEnds(); });
+  const DisplayLoss displayLoss([&] {
+    delegate.displayIsLost();
+    endProcess(1, *log, *nativeSettings());
+  });
   delegate.didFinishLaunching(options);
 
   const int status = QApplication::exec();
