@@ -167,6 +167,8 @@ TEST_F(AppModelTest, AsksToPairAgainWhileTheKeyringIsLocked) {
   ASSERT_TRUE(spinUntil([&] { return headlineOf(*model).action == Headline::Action::unlock; }));
   EXPECT_NE(launchedAs, true);
   EXPECT_EQ(headlineOf(*model).title, "Waiting for the keyring");
+  model->settings().setSecretPlace({.kind = SecretPlace::Kind::files, .provider = {}});
+  EXPECT_EQ(headlineOf(*model).title, "The token cannot be read") << "there is no keyring";
   EXPECT_FALSE(assertion->held) << "there is no run to stay awake for";
   EXPECT_THAT(statusReport(*model, false), HasSubstr(R"("locked": true)"));
   model->unlockSecrets();
