@@ -73,8 +73,9 @@ class Desktop:
 
     def start_display(self):
         read, write = os.pipe()
-        self.start("Xvfb", "-displayfd", str(write), "-screen", "0", "1024x768x24", "-nolisten",
-                   "tcp", "-fbdir", self.home, pass_fds=[write])
+        self.display = self.start(
+            "Xvfb", "-displayfd", str(write), "-screen", "0", "1024x768x24", "-nolisten", "tcp",
+            "-fbdir", self.home, pass_fds=[write])
         os.close(write)
         with os.fdopen(read) as number:
             self.env["DISPLAY"] = ":" + number.readline().strip()

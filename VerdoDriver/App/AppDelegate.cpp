@@ -37,6 +37,11 @@ void AppDelegate::sessionEnds() {
   stopWithin(kSessionEndLimit);
 }
 
+void AppDelegate::displayIsLost() {
+  AppLog::lifecycle.error("[AppDelegate] the display is gone — stopping the driver");
+  model_.supervisor().endRunsNow(kSessionEndLimit);
+}
+
 /// The shortest of the limits that were asked for counts.
 void AppDelegate::stopWithin(std::chrono::seconds limit) {
   model_.clock().after(limit, [self = QPointer(this)] {

@@ -28,6 +28,9 @@ class AppDelegate : public QObject {
   void quit();
   /// Stops the driver and ends within kSessionEndLimit; jobs that go on are killed.
   void sessionEnds();
+  /// Stops the driver within kSessionEndLimit, and blocks until then: no event loop runs any more.
+  /// The caller ends the process.
+  void displayIsLost();
 
  private:
   void stopWithin(std::chrono::seconds limit);

@@ -3,6 +3,7 @@
 #include <QDir>
 #include <QSocketNotifier>
 #include <QTimer>
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <system_error>
@@ -22,8 +23,10 @@ namespace {
 constexpr std::size_t kMaxCommand = 64;
 /// How long a caller may take for its command, so that none stays for ever.
 constexpr std::chrono::seconds kCommandTimeout{5};
+/// At a time. Others wait until one of these has its answer.
+constexpr int kMaxCallers = 64;
 /// That have not been accepted yet.
-constexpr int kMaxCallers = 16;
+constexpr int kMaxWaiting = 16;
 
 /// A local socket, and the address of this path; no socket when the system refuses, with errno.
 struct LocalSocket {
@@ -43,11 +46,14 @@ struct LocalSocket {
   UniqueFd fd;
 };
 
-/// One line, small enough to go out at once. False also when nobody reads any more.
-bool sendLine(int fd, const std::string& line) {
-  const std::string bytes = line + "\n";
-  return ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+/// Where no other user's socket can pose as the app's.
+bool isOwn(int fd) {
+  ucred peer{};
+  socklen_t size = sizeof peer;
+  return ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && peer.uid == ::geteuid();
 }
+
+std::string lockOf(const std::string& socketPath) { return socketPath + ".lock"; }
 
 }  // namespace
 
@@ -58,8 +64,11 @@ class ControlServer::Caller : public QObject {
       : QObject(server),
         server_(*server),
         fd_(std::move(fd)),
-        notifier_(fd_.get(), QSocketNotifier::Read) {
-    connect(&notifier_, &QSocketNotifier::activated, this, &Caller::read);
+        readable_(fd_.get(), QSocketNotifier::Read),
+        writable_(fd_.get(), QSocketNotifier::Write) {
+    writable_.setEnabled(false);
+    connect(&readable_, &QSocketNotifier::activated, this, &Caller::read);
+    connect(&writable_, &QSocketNotifier::activated, this, &Caller::write);
     connect(&timer_, &QTimer::timeout, this, &Caller::end);
     timer_.start(kCommandTimeout);
   }
@@ -73,29 +82,45 @@ class ControlServer::Caller : public QObject {
     command_.append(bytes, static_cast<std::size_t>(size));
     const auto lineEnd = command_.find('\n');
     if (lineEnd != command_.npos) {
-      sendLine(fd_.get(), server_.answer(command_.substr(0, lineEnd)));
-    } else if (command_.size() <= kMaxCommand) {
-      return;
+      readable_.setEnabled(false);
+      reply_ = server_.answer(command_.substr(0, lineEnd)) + "\n";
+      write();
+    } else if (command_.size() > kMaxCommand) {
+      end();
     }
-    end();
+  }
+  /// What a service has said may be longer than the system takes at once.
+  void write() {
+    const ssize_t size = ::send(fd_.get(), reply_.data(), reply_.size(), MSG_NOSIGNAL);
+    if (size < 0 && errno != EAGAIN && errno != EINTR) return end();
+    reply_.erase(0, static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+    if (reply_.empty()) return end();
+    writable_.setEnabled(true);
   }
   void end() {
-    notifier_.setEnabled(false);
+    readable_.setEnabled(false);
+    writable_.setEnabled(false);
     timer_.stop();
     deleteLater();
+    server_.ended();
   }
 
   ControlServer& server_;
   const UniqueFd fd_;
-  QSocketNotifier notifier_;
+  QSocketNotifier readable_;
+  QSocketNotifier writable_;
   QTimer timer_;
   std::string command_;
+  std::string reply_;  ///< what is still to be sent
 };
 
 std::string controlSocketPath() {
   const QString runtime = qEnvironmentVariable("XDG_RUNTIME_DIR");
-  if (QDir(runtime).exists() && !runtime.isEmpty()) {
-    return (runtime + "/verdo-driver-app.socket").toStdString();
+  const auto path = (runtime + "/verdo-driver-app.socket").toStdString();
+  // The base directory rules have relative paths ignored.
+  if (runtime.startsWith('/') && QDir(runtime).exists() &&
+      path.size() < sizeof sockaddr_un().sun_path) {
+    return path;
   }
   return fmt::format("{}/verdo-driver-app-{}.socket", QDir::tempPath().toStdString(), ::getuid());
 }
@@ -109,8 +134,11 @@ std::optional<std::string> askRunningApp(const std::string& socketPath, const st
   for (const int option : {SO_SNDTIMEO, SO_RCVTIMEO}) {
     ::setsockopt(socket.fd.get(), SOL_SOCKET, option, &limit, sizeof limit);
   }
+  const std::string line = command + "\n";
   if (::connect(socket.fd.get(), socket.generic(), sizeof socket.address) != 0 ||
-      !sendLine(socket.fd.get(), command)) {
+      !isOwn(socket.fd.get()) ||
+      ::send(socket.fd.get(), line.data(), line.size(), MSG_NOSIGNAL) !=
+          static_cast<ssize_t>(line.size())) {
     return std::nullopt;
   }
   std::string reply;
@@ -125,6 +153,11 @@ std::optional<std::string> askRunningApp(const std::string& socketPath, const st
   return reply;
 }
 
+bool isAppAlive(const std::string& socketPath) {
+  const UniqueFd lock(::open(lockOf(socketPath).c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+  return lock && ::flock(lock.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+}
+
 ControlServer::ControlServer() = default;
 ControlServer::~ControlServer() = default;
 
@@ -137,7 +170,7 @@ bool ControlServer::listen(const std::string& socketPath) {
     error_ = fmt::format("{}: {}", path, std::generic_category().message(errno));
     return false;
   };
-  const std::string lockPath = socketPath + ".lock";
+  const std::string lockPath = lockOf(socketPath);
   lock_ = UniqueFd(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
   if (!lock_ || ::flock(lock_.get(), LOCK_EX | LOCK_NB) != 0) return failed(lockPath);
   ::unlink(socketPath.c_str());
@@ -146,7 +179,7 @@ bool ControlServer::listen(const std::string& socketPath) {
   const mode_t before = ::umask(0177);  // only this user may connect
   const bool isBound = ::bind(socket.fd.get(), socket.generic(), sizeof socket.address) == 0;
   ::umask(before);
-  if (!isBound || ::listen(socket.fd.get(), kMaxCallers) != 0) return failed(socketPath);
+  if (!isBound || ::listen(socket.fd.get(), kMaxWaiting) != 0) return failed(socketPath);
   setNonBlocking(socket.fd.get());
   socket_ = std::move(socket.fd);
   notifier_ = std::make_unique<QSocketNotifier>(socket_.get(), QSocketNotifier::Read);
@@ -155,11 +188,20 @@ bool ControlServer::listen(const std::string& socketPath) {
 }
 
 void ControlServer::accept() {
-  while (UniqueFd caller{::accept(socket_.get(), nullptr, nullptr)}) {
+  while (callers_ < kMaxCallers) {
+    UniqueFd caller(::accept(socket_.get(), nullptr, nullptr));
+    if (!caller) return;
     ::fcntl(caller.get(), F_SETFD, FD_CLOEXEC);
     setNonBlocking(caller.get());
     new Caller(std::move(caller), this);
+    ++callers_;
   }
+  notifier_->setEnabled(false);
+}
+
+void ControlServer::ended() {
+  --callers_;
+  notifier_->setEnabled(true);
 }
 
 std::string ControlServer::answer(const std::string& command) const {

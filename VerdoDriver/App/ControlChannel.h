@@ -17,8 +17,8 @@ namespace verdo {
 /// How a second start of the app, or a script, speaks to the one that runs: one line with a command
 /// to a local socket that only this user can reach, and one line back.
 
-/// The socket's path: in the user's runtime directory, else in the temporary one under a name with
-/// the user's id.
+/// The socket's path: in the user's runtime directory, else (also where its path is too long for a
+/// socket's) in the temporary one under a name with the user's id.
 std::string controlSocketPath();
 
 constexpr std::chrono::seconds kAnswerTimeout{3};
@@ -27,6 +27,9 @@ constexpr std::chrono::seconds kAnswerTimeout{3};
 /// application object, and no display.
 std::optional<std::string> askRunningApp(const std::string& socketPath, const std::string& command,
                                          std::chrono::milliseconds timeout = kAnswerTimeout);
+
+/// Whether an app holds the socket, be it that it does not answer.
+bool isAppAlive(const std::string& socketPath);
 
 /// The running app's end. Main thread only.
 class ControlServer : public QObject {
@@ -48,11 +51,13 @@ class ControlServer : public QObject {
   class Caller;
 
   void accept();
+  void ended();
   std::string answer(const std::string& command) const;
 
   UniqueFd lock_;
   UniqueFd socket_;
   std::unique_ptr<QSocketNotifier> notifier_;
+  int callers_ = 0;
   std::map<std::string, Handler> handlers_;
   std::string error_;
 };

@@ -3,6 +3,7 @@
 #include "VerdoDriver/App/Composition.h"
 #include "VerdoDriver/App/ControlChannel.h"
 #include "VerdoDriver/App/DisplayGuard.h"
+#include "VerdoDriver/App/DisplayLoss.h"
 #include "VerdoDriver/App/EndProcess.h"
 #include "VerdoDriver/App/QuitSignals.h"
 #include "VerdoDriver/MenuBar/StatusItemIconRenderer.h"
@@ -41,6 +42,8 @@ constexpr const char* kUsage =
     "  --status   prints its state as JSON; exit status 3 when none runs\n"
     "  --quit     ends it, once the driver has stopped; exit status 3 when none runs\n";
 
+constexpr const char* kDoesNotAnswer = "verdo-driver-app: an app is running, but does not answer\n";
+
 /// For the secret queue before the process ends.
 constexpr std::chrono::milliseconds kSecretLimit{500};
 
@@ -60,7 +63,9 @@ bool hasShownAnother() {
 int command(const char* name, bool isPrinted) {
   const auto reply = askRunningApp(controlSocketPath(), name);
   if (!reply) {
-    std::fputs("verdo-driver-app: no app is running\n", stderr);
+    std::fputs(
+        isAppAlive(controlSocketPath()) ? kDoesNotAnswer : "verdo-driver-app: no app is running\n",
+        stderr);
     return kNotRunning;
   }
   if (isPrinted) std::printf("%s\n", reply->c_str());
@@ -97,6 +102,10 @@ int run(int argc, char** argv, const AppDelegate::Options& options) {
   ControlServer control;
   if (!control.listen(controlSocketPath())) {
     if (hasShownAnother()) return 0;
+    if (isAppAlive(controlSocketPath())) {
+      std::fputs(kDoesNotAnswer, stderr);
+      return 1;
+    }
     std::fprintf(stderr, "verdo-driver-app: cannot listen at %s: %s\n", controlSocketPath().c_str(),
                  control.error().c_str());
     return 1;
@@ -122,6 +131,10 @@ int run(int argc, char** argv, const AppDelegate::Options& options) {
   const QuitSignals quitSignals([&delegate] { delegate.quit(); });
   QObject::connect(&app, &QGuiApplication::commitDataRequest, &delegate,
                    [&delegate] { delegate.sessionEnds(); });
+  const DisplayLoss displayLoss([&] {
+    delegate.displayIsLost();
+    endProcess(1, *log, *nativeSettings());
+  });
   delegate.didFinishLaunching(options);
 
   const int status = QApplication::exec();

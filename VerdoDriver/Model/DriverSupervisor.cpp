@@ -3,6 +3,7 @@
 #include "VerdoDriver/Model/AppLog.h"
 #include "VerdoDriver/Model/Background.h"
 #include "VerdoDriver/Model/Masked.h"
+#include "VerdoDriverCore/System/Sync.h"
 #include "VerdoDriverCore/Values/Url.h"
 
 #include <QPointer>
@@ -26,10 +27,14 @@ std::string maskedKey(const std::string& key) { return key.empty() ? "none" : ma
 }  // namespace
 
 struct DriverSupervisor::Run {
-  Generation generation;
-  std::shared_ptr<DriverHandle> handle;
-  Clock::TimePoint startedAt;
+  Run(Generation number, std::shared_ptr<DriverHandle> driver, Clock::TimePoint now)
+      : generation(number), handle(std::move(driver)), startedAt(now) {}
+
+  const Generation generation;
+  const std::shared_ptr<DriverHandle> handle;
+  const Clock::TimePoint startedAt;
   bool stopRequested = false;
+  Event hasEnded;  ///< which the main thread need not have heard of yet
 };
 
 /// Carries the reports of one run, which arrive on its threads, to the main thread. Reports of a
@@ -169,6 +174,18 @@ void DriverSupervisor::killJobsNow() {
   }
 }
 
+void DriverSupervisor::endRunsNow(std::chrono::milliseconds limit) {
+  MainThread::require("DriverSupervisor::endRunsNow");
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  for (const auto& run : {current_, draining_}) {
+    if (run) run->handle->stop();
+  }
+  for (const auto& run : {current_, draining_}) {
+    if (run) run->hasEnded.waitFor(deadline - std::chrono::steady_clock::now());
+  }
+  killJobsNow();
+}
+
 bool DriverSupervisor::isStopping() const { return current_ && current_->stopRequested; }
 
 void DriverSupervisor::forgetHistory() {
@@ -236,7 +253,7 @@ void DriverSupervisor::launchWith(const DriverConfig& config) {
   const auto generation = ++generation_;
   const auto bridge = std::make_shared<ObserverBridge>(QPointer(this), generation);
   const auto handle = factory_->makeDriver(config, log_, bridge);
-  current_ = std::make_shared<Run>(Run{generation, handle, clock_->now()});
+  const auto run = current_ = std::make_shared<Run>(generation, handle, clock_->now());
   recovered();
   transition(DriverStarting{});
   log_->write(fmt::format("» driver run #{} starting (server {}, token {}, key {})", generation,
@@ -248,7 +265,12 @@ void DriverSupervisor::launchWith(const DriverConfig& config) {
   try {
     // The bridge lives as long as the run, which only knows it weakly.
     runInBackground(
-        fmt::format("verdo-driver-{}", generation), [handle, bridge] { return handle->run(); },
+        fmt::format("verdo-driver-{}", generation),
+        [run, bridge] {
+          const auto reason = run->handle->run();
+          run->hasEnded.set();
+          return reason;
+        },
         ended);
   } catch (const std::system_error& error) {
     // As likely to go away by itself as a server that is down, and so treated alike.

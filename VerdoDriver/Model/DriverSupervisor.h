@@ -88,6 +88,9 @@ class DriverSupervisor : public QObject {
   void forgetHistory();
   /// SIGKILL to the processes of all jobs, those of an abandoned run included.
   void killJobsNow();
+  /// Asks all runs to end, waits for that as long as `limit`, and kills the jobs of those that go
+  /// on. For an app that must end and has no event loop any more: blocks, and tells nobody.
+  void endRunsNow(std::chrono::milliseconds limit);
 
   // What the user interface shows. Each has its signal, emitted after a change only.
   const DriverState& state() const { return state_; }

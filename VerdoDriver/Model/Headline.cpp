@@ -31,6 +31,13 @@ Headline headlineOf(const StatusText& text) {
   return {text.title, text.detail, actionFor(text.action), std::nullopt};
 }
 
+/// While the store does not tell what it holds.
+std::string waitingTitle(const AppModel& model) {
+  const auto place = model.secretPlace();
+  const bool isInFiles = place && place->kind == SecretPlace::Kind::files;
+  return isInFiles ? "The token cannot be read" : "Waiting for the keyring";
+}
+
 /// The driver's state in words, for a model that is set up.
 class Describe {
  public:
@@ -43,7 +50,7 @@ class Describe {
   }
   Headline operator()(const DriverWaiting& waiting) const {
     const bool isLocked = waiting.kind == SecretError::Kind::locked;
-    return {"Waiting for the keyring", waiting.reason, isLocked ? Action::unlock : Action::none,
+    return {waitingTitle(model_), waiting.reason, isLocked ? Action::unlock : Action::none,
             std::nullopt};
   }
   Headline operator()(const DriverStarting&) const {
@@ -85,7 +92,7 @@ Headline headlineOf(const AppModel& model) {
   if (model.isConfigured()) return std::visit(Describe(model), model.supervisor().state());
   if (!model.storedSecrets().isKnown() && !model.settings().serverURL().empty()) {
     const bool isLocked = model.storedSecrets().token().state == SecretState::locked;
-    return {"Waiting for the keyring", "", isLocked ? Action::unlock : Action::none, std::nullopt};
+    return {waitingTitle(model), "", isLocked ? Action::unlock : Action::none, std::nullopt};
   }
   return {"Not set up", "Connect this computer to the website.", Action::setUp, std::nullopt};
 }

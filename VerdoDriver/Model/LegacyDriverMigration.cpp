@@ -26,13 +26,14 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kCaffeinateEnv = "VERDO_CAFFEINATE";
+constexpr std::uintmax_t kMaxEnvFile = 1 << 20;     ///< bytes; a few lines are usual
 constexpr std::chrono::milliseconds kChildPoll(5);  ///< between two looks at launchctl
 
-/// Empty when the file is missing, unreadable or no UTF-8.
+/// Empty when the file is missing, unreadable, far too large or no UTF-8.
 std::string textOf(const std::string& path) {
   std::error_code ignored;
   // Reading a FIFO would not end.
-  if (!fs::is_regular_file(path, ignored)) return {};
+  if (!fs::is_regular_file(path, ignored) || fs::file_size(path, ignored) > kMaxEnvFile) return {};
   std::ostringstream content;  // which, unlike an iterator, throws nothing where reading fails
   content << std::ifstream(path, std::ios::binary).rdbuf();
   const std::string text = content.str();

@@ -16,6 +16,7 @@ namespace verdo {
 namespace {
 
 constexpr std::chrono::seconds kMinLifetime{30};  // so that the user can get to the browser at all
+constexpr std::chrono::milliseconds kPastEnd{100};
 constexpr int kBackOff = 2;  // of the interval, for one step after a failed poll
 constexpr const char* kExpired =
     "The request expired before it was approved — press Connect to website again.";
@@ -82,9 +83,12 @@ void PairFlow::started(Generation generation,
 }
 
 void PairFlow::schedulePoll(Clock::Duration delay, const Polling& polling) {
-  clock_->after(delay, [self = QPointer<PairFlow>(this), polling] {
-    if (self) self->poll(polling);
-  });
+  // Not later than the end, of which the next poll tells, however seldom the server is to be asked.
+  const auto untilEnd = polling.expiresAt - clock_->now() + kPastEnd;
+  clock_->after(std::min<Clock::Duration>(delay, std::max<Clock::Duration>(untilEnd, minInterval_)),
+                [self = QPointer<PairFlow>(this), polling] {
+                  if (self) self->poll(polling);
+                });
 }
 
 void PairFlow::poll(const Polling& polling) {

@@ -13,11 +13,14 @@
 namespace verdo {
 namespace {
 
-/// Asks the store once more for each secret, whatever became of the other.
+/// Goes on behind a secret that stays. But a user who was asked and did not allow it, or has quit
+/// meanwhile, is not asked again for the next one.
 SecretStore::Result<Removal::Left> removeFrom(SecretStore& secrets) {
   Removal::Left left;
+  SecretStore::Result<void> removed;
   for (const auto account : kSecretAccounts) {
-    const auto removed = secrets.remove(account);
+    const bool isLocked = !removed && removed.error().kind == SecretError::Kind::locked;
+    if (!isLocked) removed = secrets.remove(account);
     if (removed) continue;
     const char* name = account == SecretAccount::driverToken ? "token" : "key";
     left.push_back(fmt::format("the {} ({})", name, removed.error().description));

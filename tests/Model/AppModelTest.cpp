@@ -22,6 +22,7 @@ class LockableStore : public MemorySecretStore {
     return MemorySecretStore::read(account);
   }
   Result<void> remove(SecretAccount account) override {
+    ++removals;
     if (isLocked) return tl::make_unexpected(kLocked);
     return MemorySecretStore::remove(account);
   }
@@ -32,6 +33,7 @@ class LockableStore : public MemorySecretStore {
   void tellChange() { announcer()(SecretEvent::changed); }
 
   std::atomic<bool> isLocked = false;
+  std::atomic<int> removals = 0;
 
  private:
   const SecretError kLocked{SecretError::Kind::locked, 0, "The keyring is locked."};
@@ -167,6 +169,8 @@ TEST_F(AppModelTest, AsksToPairAgainWhileTheKeyringIsLocked) {
   ASSERT_TRUE(spinUntil([&] { return headlineOf(*model).action == Headline::Action::unlock; }));
   EXPECT_NE(launchedAs, true);
   EXPECT_EQ(headlineOf(*model).title, "Waiting for the keyring");
+  model->settings().setSecretPlace({.kind = SecretPlace::Kind::files, .provider = {}});
+  EXPECT_EQ(headlineOf(*model).title, "The token cannot be read") << "there is no keyring";
   EXPECT_FALSE(assertion->held) << "there is no run to stay awake for";
   EXPECT_THAT(statusReport(*model, false), HasSubstr(R"("locked": true)"));
   model->unlockSecrets();
@@ -305,6 +309,7 @@ TEST_F(AppModelTest, RemovesHalfOrHidesThatSomethingStays) {
             "Not removed: the token (The keyring is locked.); the key (The keyring is locked.); "
             "the browser's profiles (busy); the start at login. Everything else was. The log is "
             "still there: /log");
+  EXPECT_EQ(secrets->removals, 1) << "asks a user again who did not allow it";
   EXPECT_EQ(factory->runs.back()->stops, 1);
   EXPECT_FALSE(std::filesystem::exists(home / "settings"));
   EXPECT_TRUE(log->has("✗ not removed: the token"));

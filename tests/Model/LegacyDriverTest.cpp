@@ -102,8 +102,10 @@ TEST_F(LegacyDriver, HasItsEnvFileReadDifferently) {
   put(kEnvFile, "VERDO_DRIVER_TOKEN=\nVERDO_CAFFEINATE=\n");
   EXPECT_FALSE(migration().readSecrets().token);
   EXPECT_EQ(migration().readSecrets().keepAwakeMode, KeepAwakeMode::always);
-  put(kEnvFile, "VERDO_DRIVER_TOKEN=t\nOTHER=\xFF");
-  EXPECT_FALSE(migration().readSecrets().token);
+  for (const auto& rest : {std::string("\xFF"), std::string(2 << 20, 'x')}) {
+    put(kEnvFile, "VERDO_DRIVER_TOKEN=t\nOTHER=" + rest);
+    EXPECT_FALSE(migration().readSecrets().token);
+  }
 }
 
 TEST_F(LegacyDriver, ReplacesATokenUnasked) {

@@ -75,8 +75,9 @@ std::string save(GKeyFile* entry, const std::string& path) {
   QDir().mkpath(QFileInfo(name).path());
   QSaveFile file(name);
   if (file.open(QIODevice::WriteOnly)) {
-    file.write(text.get(), static_cast<qint64>(size));
-    if (file.commit()) return "";
+    const auto length = static_cast<qint64>(size);
+    // A commit does not tell that the last bytes found no room, and would replace what is there.
+    if (file.write(text.get(), length) == length && file.flush() && file.commit()) return "";
   }
   return file.errorString().toStdString();
 }

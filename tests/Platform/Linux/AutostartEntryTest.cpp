@@ -4,9 +4,32 @@
 #include "tests/Support/ScopedEnv.h"
 #include "tests/Support/TempDir.h"
 
+#include <csignal>
+
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 namespace verdo::test {
+namespace {
+
+/// No file can grow while it is there.
+class FullDisk {
+ public:
+  FullDisk() {
+    std::signal(SIGXFSZ, SIG_IGN);
+    ::getrlimit(RLIMIT_FSIZE, &before_);
+    const rlimit full{.rlim_cur = 0, .rlim_max = before_.rlim_max};
+    ::setrlimit(RLIMIT_FSIZE, &full);
+  }
+  ~FullDisk() { ::setrlimit(RLIMIT_FSIZE, &before_); }
+  FullDisk(const FullDisk&) = delete;
+  FullDisk& operator=(const FullDisk&) = delete;
+
+ private:
+  rlimit before_{};
+};
+
+}  // namespace
 
 TEST(Autostart, ClaimsWhatTheDesktopDoesNotDo) {
   const TempDir config;
@@ -28,6 +51,11 @@ TEST(Autostart, ClaimsWhatTheDesktopDoesNotDo) {
     EXPECT_EQ(contentOf(path), stale + off);
   }
   config.write("autostart/verdo-driver.desktop", stale);
+  {
+    const FullDisk disk;
+    entry.refresh();
+  }
+  EXPECT_EQ(contentOf(path), stale) << "an entry is lost where there is no room for the next one";
   entry.refresh();
   EXPECT_TRUE(contentOf(path).ends_with(
       R"(X-Own=1
@@ -39,7 +67,7 @@ Exec="/o/100%%/\\"\\$HOME\\"/\\`id\\`/a\\\\b"
   std::filesystem::create_directories(path + "/in");
   entry.setEnabled(true);
   entry.setEnabled(false);
-  for (const std::string line : {"enabled", "disabled", "register failed: ",
+  for (const std::string line : {"enabled", "disabled", "register failed: ", "refresh failed: ",
                                  "register left it notRegistered", "unregister failed: "}) {
     EXPECT_TRUE(log.has("verdo.loginItem [LoginItem] " + line)) << line;
   }
