@@ -78,8 +78,8 @@ def serve(desktop, programs):
 class App:
     """A desktop with a window manager, a screen reader and the service; the app is not started."""
 
-    def __init__(self, programs):
-        self.desktop = Desktop()
+    def __init__(self, programs, display="1024x768"):
+        self.desktop = Desktop(display)
         try:
             self.program = f"{programs}/verdo-driver-app"
             self.child = None

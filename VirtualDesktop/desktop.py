@@ -29,7 +29,7 @@ def wait_for(condition, what, seconds=WAIT):
 
 
 class Desktop:
-    def __init__(self, display=True):
+    def __init__(self, display="1024x768"):
         self.make_home()
         self.env = {
             "PATH": "/usr/bin:/bin",
@@ -41,7 +41,7 @@ class Desktop:
         self.env.update({k: v for k, v in os.environ.items() if k.endswith("SAN_OPTIONS")})
         try:
             if display:
-                self.start_display()
+                self.start_display(display)
             address = f"unix:path={self.home}/run/bus"
             self.env["DBUS_SESSION_BUS_ADDRESS"] = address
             self.bus = self.start("dbus-daemon", "--session", "--nofork", f"--address={address}")
@@ -71,10 +71,10 @@ class Desktop:
         os.makedirs(full, mode=0o700, exist_ok=True)
         return full
 
-    def start_display(self):
+    def start_display(self, size):
         read, write = os.pipe()
         self.display = self.start(
-            "Xvfb", "-displayfd", str(write), "-screen", "0", "1024x768x24", "-nolisten", "tcp",
+            "Xvfb", "-displayfd", str(write), "-screen", "0", f"{size}x24", "-nolisten", "tcp",
             "-fbdir", self.home, pass_fds=[write])
         os.close(write)
         with os.fdopen(read) as number:

@@ -116,7 +116,7 @@ class ControlServer::Caller : public QObject {
 
 std::string controlSocketPath() {
   const QString runtime = qEnvironmentVariable("XDG_RUNTIME_DIR");
-  const auto path = (runtime + "/verdo-driver-app.socket").toStdString();
+  auto path = (runtime + "/verdo-driver-app.socket").toStdString();
   // The base directory rules have relative paths ignored.
   if (runtime.startsWith('/') && QDir(runtime).exists() &&
       path.size() < sizeof sockaddr_un().sun_path) {

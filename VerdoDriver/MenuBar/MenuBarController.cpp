@@ -22,6 +22,11 @@ constexpr std::chrono::milliseconds kSameClick{300};
 /// A tooltip is one line beside the pointer.
 constexpr qsizetype kMaxTooltip = 200;
 
+/// What a window manager puts around an ordinary window, in height.
+constexpr int kFrame = 40;
+/// Around the popover where it has no such frame, px.
+constexpr int kLine = 1;
+
 /// Windows can be put at a place: everywhere but on Wayland.
 bool canPlaceWindows() {
   return !QGuiApplication::platformName().startsWith(QLatin1String("wayland"));
@@ -39,7 +44,7 @@ QString plainTooltip(const std::string& text) {
 }  // namespace
 
 MenuBarController::MenuBarController(AppModel& model, std::unique_ptr<QWidget> popover)
-    : model_(model), window_(std::make_unique<QDialog>()) {
+    : model_(model), window_(std::make_unique<QDialog>()), popover_(popover.get()) {
   auto* layout = new QVBoxLayout(window_.get());
   layout->setSizeConstraint(QLayout::SetFixedSize);  // the window follows its content
   layout->addWidget(popover.release());
@@ -47,6 +52,8 @@ MenuBarController::MenuBarController(AppModel& model, std::unique_ptr<QWidget> p
   window_->setAttribute(Qt::WA_QuitOnClose, false);
   makeWindow();
   window_->installEventFilter(this);
+  for (const QScreen* screen : QGuiApplication::screens()) watch(screen);
+  connect(qApp, &QGuiApplication::screenAdded, this, &MenuBarController::watch);
   connect(&model_, &AppModel::changed, this, &MenuBarController::updateIcon);
   updateIcon();
 }
@@ -84,6 +91,7 @@ void MenuBarController::statusItemClicked(QSystemTrayIcon::ActivationReason reas
 void MenuBarController::showPopover() {
   model_.popoverOpened();
   if (!window_->isVisible()) chooseKind();
+  fitScreen();
   window_->adjustSize();
   if (isPlaced_) position();
   window_->show();
@@ -114,18 +122,41 @@ void MenuBarController::chooseKind() {
 /// the same: screen readers take it for a window.
 void MenuBarController::makeWindow() {
   window_->setWindowFlags(isPlaced_ ? Qt::Tool | Qt::FramelessWindowHint : Qt::Window);
-  const int line = isPlaced_ ? 1 : 0;
+  const int line = isPlaced_ ? kLine : 0;
   window_->layout()->setContentsMargins(line, line, line, line);
 }
 
-void MenuBarController::position() {
+/// On which the icon is, or the window without one; null without any.
+const QScreen* MenuBarController::screen() const {
+  if (!isPlaced_) return window_->screen();
   const QRect icon = statusItem_->geometry();
-  const QPoint anchor = icon.isEmpty() ? QCursor::pos() : icon.center();
-  const QScreen* screen = QGuiApplication::screenAt(anchor);
-  if (!screen) screen = QGuiApplication::primaryScreen();
-  if (!screen) return;
-  window_->move(popoverPosition(icon, QCursor::pos(), screen->geometry(),
-                                screen->availableGeometry(), window_->sizeHint()));
+  const QScreen* screen =
+      QGuiApplication::screenAt(icon.isEmpty() ? QCursor::pos() : icon.center());
+  return screen ? screen : QGuiApplication::primaryScreen();
+}
+
+/// Another resolution, or another panel, leaves another room.
+void MenuBarController::watch(const QScreen* screen) {
+  connect(screen, &QScreen::availableGeometryChanged, this, [this] {
+    if (!window_->isVisible()) return;
+    fitScreen();
+    if (isPlaced_) position();
+  });
+}
+
+/// What does not fit on the screen is scrolled to.
+void MenuBarController::fitScreen() {
+  const QScreen* on = screen();
+  if (!on) return;
+  popover_->setMaximumHeight(on->availableGeometry().height() - 2 * kPopoverMargin -
+                             (isPlaced_ ? 2 * kLine : kFrame));
+}
+
+void MenuBarController::position() {
+  const QScreen* on = screen();
+  if (!on) return;
+  window_->move(popoverPosition(statusItem_->geometry(), QCursor::pos(), on->geometry(),
+                                on->availableGeometry(), window_->sizeHint()));
 }
 
 bool MenuBarController::eventFilter(QObject* watched, QEvent* event) {

@@ -45,10 +45,14 @@ class MenuBarController : public QObject {
   void statusItemClicked(QSystemTrayIcon::ActivationReason reason);
   void chooseKind();
   void makeWindow();
+  const QScreen* screen() const;
+  void watch(const QScreen* screen);
+  void fitScreen();
   void position();
 
   AppModel& model_;
   std::unique_ptr<QWidget> window_;
+  QWidget* const popover_;                       ///< in the window
   std::unique_ptr<QSystemTrayIcon> statusItem_;  ///< null until it may be made
   bool isPlaced_ = false;  ///< the window has its place beside the icon; changes while it is hidden
   std::optional<Look> look_;  ///< as last drawn

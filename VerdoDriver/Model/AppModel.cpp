@@ -8,6 +8,7 @@
 #include "VerdoDriverCore/Values/Url.h"
 
 #include <QPointer>
+#include <QUrl>
 #include <utility>
 
 #include <fmt/format.h>
@@ -401,7 +402,8 @@ void AppModel::setLaunchAtLogin(bool launch) { settings_->setLaunchAtLogin(launc
 
 void AppModel::openLog() {
   log_->write("» log opened from the popover");
-  openURL_("file://" + logPath_);
+  // A path may hold what begins another part of a URL.
+  openURL_(QUrl::fromLocalFile(QString::fromStdString(logPath_)).toEncoded().toStdString());
 }
 
 void AppModel::openDownload() {

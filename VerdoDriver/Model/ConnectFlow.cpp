@@ -63,7 +63,14 @@ class Replacement {
   /// the user.
   SecretStore::Result<void> write(const std::string& value) {
     if (value.empty()) return {};
-    const auto before = secrets_.read(account_);
+    auto before = secrets_.read(account_);
+    if (!before && before.error().kind == SecretError::Kind::locked && !commit_.isCalledOff()) {
+      // The user wants it stored, so the system may ask for the password.
+      if (const auto unlocked = secrets_.unlock(); !unlocked) {
+        return tl::make_unexpected(unlocked.error());
+      }
+      before = secrets_.read(account_);
+    }
     // Of a store that is out of reach the user may mean to make another one: that is for the
     // write to tell.
     if (!before && before.error().kind != SecretError::Kind::unavailable) {

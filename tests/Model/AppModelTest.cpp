@@ -98,7 +98,7 @@ class AppModelTest : public AppFixture {
         .hostName = [] { return "box"; },
         .openURL = [this](const auto& url) { opened.push_back(url); },
         .removeTraces = [this] { return traces; },
-        .logPath = "/log",
+        .logPath = "/a #1/log",
         .llmBase = {},
         .clientHeader = "app/1.0.0",
     };
@@ -235,6 +235,8 @@ TEST_F(AppModelTest, OffersAnAddressThatItMustNotOpenOrRefusesItTimeAndAgain) {
   model->openDownload();
   model->openEgoInstall();
   EXPECT_EQ(opened, std::vector<std::string>{"https://ego.example/install"});
+  model->openLog();
+  EXPECT_EQ(opened.back(), "file:///a%20%231/log") << "opens another place";
   const auto lines = appLog.lines();
   EXPECT_EQ(std::count_if(lines.begin(), lines.end(), holding("dmg_url refused")), 1);
 }
@@ -308,7 +310,7 @@ TEST_F(AppModelTest, RemovesHalfOrHidesThatSomethingStays) {
   EXPECT_EQ(remove(),
             "Not removed: the token (The keyring is locked.); the key (The keyring is locked.); "
             "the browser's profiles (busy); the start at login. Everything else was. The log is "
-            "still there: /log");
+            "still there: /a #1/log");
   EXPECT_EQ(secrets->removals, 1) << "asks a user again who did not allow it";
   EXPECT_EQ(factory->runs.back()->stops, 1);
   EXPECT_FALSE(std::filesystem::exists(home / "settings"));
@@ -316,7 +318,7 @@ TEST_F(AppModelTest, RemovesHalfOrHidesThatSomethingStays) {
 
   secrets->isLocked = loginItem->isStuck = false;
   traces.clear();
-  EXPECT_EQ(remove(), "Everything was removed. The log is still there: /log");
+  EXPECT_EQ(remove(), "Everything was removed. The log is still there: /a #1/log");
   EXPECT_FALSE(loginItem->enabled);
   for (const auto account : kSecretAccounts) EXPECT_EQ(secrets->read(account), std::nullopt);
   EXPECT_TRUE(spinUntil([&] { return statusReport(*model, false) == atFirst; }))

@@ -19,6 +19,7 @@ class FailingStore : public MemorySecretStore {
     ++reads;
     reach(Call::read);
     if (isGone) return tl::make_unexpected(SecretError{SecretError::Kind::unavailable, 0, "Gone."});
+    if (isLocked) return tl::make_unexpected(SecretError{SecretError::Kind::locked, 1, "Locked."});
     return MemorySecretStore::read(account);
   }
   Result<void> write(const std::string& value, SecretAccount account) override {
@@ -29,6 +30,7 @@ class FailingStore : public MemorySecretStore {
   }
   Result<void> unlock() override {
     ++unlocks;
+    isLocked = isLocked && isRefused;
     if (!isRefused) return {};
     return tl::make_unexpected(SecretError{SecretError::Kind::locked, 1, "Not unlocked."});
   }
@@ -37,7 +39,8 @@ class FailingStore : public MemorySecretStore {
   enum class Call { none, queued, read, writeToken, writeKey };
   std::optional<SecretAccount> failing;
   bool isRefused = false;
-  bool isGone = false;  ///< what was stored; there is room for something new
+  std::atomic<bool> isLocked = false;  ///< until it is unlocked
+  bool isGone = false;                 ///< what was stored; there is room for something new
   std::atomic<int> reads = 0, writes = 0, unlocks = 0, cancelledPrompts = 0;
   std::atomic<Call> heldUp = Call::none;
   Event reached, goOn;
@@ -257,6 +260,15 @@ TEST_F(Connect, SavesHalfWhenTheCancelComesTooLate) {
   waitForTheStore();  // all is stored, of which the main thread has not heard
   flow.cancel();
   EXPECT_TRUE(waitForTheEnd().saved);
+  EXPECT_THAT(saved(), ElementsAre("new-token", "new-key", "https://s.example"));
+}
+
+TEST_F(Connect, LeavesALockedKeyringToTheUser) {
+  secrets->isLocked = secrets->isRefused = true;
+  EXPECT_EQ(textOf(connect()), "Could not save to the Keychain|Not unlocked.|0");
+  EXPECT_EQ(secrets->unlocks, 1);
+  secrets->isRefused = false;
+  EXPECT_TRUE(connect().saved);
   EXPECT_THAT(saved(), ElementsAre("new-token", "new-key", "https://s.example"));
 }
 

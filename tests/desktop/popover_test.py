@@ -24,10 +24,13 @@ def expected_place(icon, edge, size):
 
 
 class PopoverTest(unittest.TestCase):
+    display, has_panel = "1024x768", True
+
     def setUp(self):
-        self.app = App(os.environ["VERDO_PROGRAMS"])
+        self.app = App(os.environ["VERDO_PROGRAMS"], self.display)
         self.addCleanup(self.app.close)
-        self.app.panel.start()
+        if self.has_panel:
+            self.app.panel.start()
         self.app.start()
         self.app.wait(popoverVisible=True)
 
@@ -138,3 +141,28 @@ class PopoverTest(unittest.TestCase):
         wait_for(lambda: self.focused().description == "Folded", "a closed fold")
         app.type("<Escape>")
         self.show(False)
+
+
+class SmallScreenTest(PopoverTest):
+    display, has_panel = "640x320", False
+    test_its_place_and_its_end = test_the_keyboard = None
+
+    def test_hides_no_button(self):
+        """Neither beside the icon nor, without a tray, as an ordinary window."""
+        app = self.app
+        for is_placed in (False, True):
+            if is_placed:
+                app.type("<Escape>")
+                self.show(False)
+                app.panel.start()
+                app.click_at(app.icon_place())
+            place = self.show()
+            self.assertLessEqual(place[1] + place[3], 320)
+            if not is_placed:
+                self.go("Options")
+                app.type("<Return>")
+            for name in ("Remove everything…", "Quit", "Setup"):
+                self.go(name)
+                place = self.focused().place
+                self.assertGreaterEqual(place[1], 0, name)
+                self.assertLessEqual(place[1] + place[3], 320, name)
