@@ -25,6 +25,8 @@ constexpr std::size_t kMaxCommand = 64;
 constexpr std::chrono::seconds kCommandTimeout{5};
 /// At a time. Others wait until one of these has its answer.
 constexpr int kMaxCallers = 64;
+/// Where no descriptor is left for a caller.
+constexpr std::chrono::seconds kRest{1};
 /// That have not been accepted yet.
 constexpr int kMaxWaiting = 16;
 
@@ -190,13 +192,22 @@ bool ControlServer::listen(const std::string& socketPath) {
 void ControlServer::accept() {
   while (callers_ < kMaxCallers) {
     UniqueFd caller(::accept(socket_.get(), nullptr, nullptr));
-    if (!caller) return;
+    if (!caller) {
+      if (errno == EMFILE || errno == ENFILE) rest();
+      return;
+    }
     ::fcntl(caller.get(), F_SETFD, FD_CLOEXEC);
     setNonBlocking(caller.get());
     new Caller(std::move(caller), this);
     ++callers_;
   }
   notifier_->setEnabled(false);
+}
+
+/// A caller that cannot be accepted would be told of again at once.
+void ControlServer::rest() {
+  notifier_->setEnabled(false);
+  QTimer::singleShot(kRest, this, [this] { notifier_->setEnabled(callers_ < kMaxCallers); });
 }
 
 void ControlServer::ended() {

@@ -51,6 +51,7 @@ class ControlServer : public QObject {
   class Caller;
 
   void accept();
+  void rest();
   void ended();
   std::string answer(const std::string& command) const;
 

@@ -4,6 +4,7 @@
 #include "tests/Support/ScopedEnv.h"
 #include "tests/Support/TempDir.h"
 
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -24,6 +26,14 @@ std::optional<std::string> answerTo(const std::string& path, const std::string& 
   EXPECT_TRUE(spinUntil(
       [&] { return answer.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }));
   return answer.get();
+}
+
+UniqueFd silentCaller(const std::string& path) {
+  UniqueFd caller(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0));
+  sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  (void)::connect(caller.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  return caller;
 }
 
 /// That this process has open.
@@ -62,16 +72,31 @@ TEST(ControlChannel, CutsALongAnswerOrHoldsADescriptorForEachOfManyCallers) {
   const auto before = descriptors();
   std::vector<UniqueFd> callers;
   for (int i = 0; i < 200; ++i) {
-    callers.emplace_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0));
-    sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    (void)::connect(callers.back().get(), reinterpret_cast<const sockaddr*>(&address),
-                    sizeof address);
+    callers.push_back(silentCaller(path));
     spin();
   }
   EXPECT_LT(descriptors() - before, 200 + 100);
   callers.clear();
   EXPECT_TRUE(answerTo(path, "status") == longReply);
+}
+
+TEST(ControlChannel, SpinsWhereNoDescriptorIsLeftForACaller) {
+  const TempDir directory;
+  const std::string path = directory / "socket";
+  ControlServer server;
+  server.handle("status", [] { return std::string("fine"); });
+  ASSERT_TRUE(server.listen(path)) << server.error();
+  const auto caller = silentCaller(path);
+  rlimit before{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+  const auto next = static_cast<rlim_t>(UniqueFd(::dup(caller.get())).get());
+  const rlimit none{.rlim_cur = next, .rlim_max = before.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+  const auto begin = std::clock();
+  spinUntil([] { return false; }, std::chrono::milliseconds(500));
+  EXPECT_LT(std::clock() - begin, CLOCKS_PER_SEC / 5);
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+  EXPECT_EQ(answerTo(path, "status"), "fine");
 }
 
 TEST(ControlChannel, TrustsADirectoryThatNoSocketFitsIn) {
