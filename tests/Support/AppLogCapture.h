@@ -4,6 +4,11 @@
 
 #include <QLoggingCategory>
 #include <QString>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace verdo::test {
 
@@ -11,30 +16,43 @@ namespace verdo::test {
 class AppLogCapture {
  public:
   AppLogCapture() {
-    current() = this;
+    keepIn(lines_);
     QLoggingCategory::setFilterRules("verdo.*.debug=true");
     previous_ = qInstallMessageHandler(
         [](QtMsgType, const QMessageLogContext& context, const QString& text) {
-          current()->lines_.add(std::string(context.category) + " " + text.toStdString());
+          const std::lock_guard lock(mutex());
+          if (current()) current()->add(std::string(context.category) + " " + text.toStdString());
         });
   }
   ~AppLogCapture() {
     qInstallMessageHandler(previous_);
     QLoggingCategory::setFilterRules({});
+    keepIn(nullptr);
   }
   AppLogCapture(const AppLogCapture&) = delete;
   AppLogCapture& operator=(const AppLogCapture&) = delete;
 
-  std::vector<std::string> lines() const { return lines_.all(); }
-  bool has(const std::string& text) const { return lines_.waitFor(holding(text), {}); }
+  std::vector<std::string> lines() const { return lines_->all(); }
+  bool has(const std::string& text) const { return lines_->waitFor(holding(text), {}); }
 
  private:
-  static AppLogCapture*& current() {
-    static AppLogCapture* capture = nullptr;
-    return capture;
+  using Lines = std::shared_ptr<Recorder<std::string>>;
+
+  /// Threads that nobody waits for may log when the test is over.
+  static std::mutex& mutex() {
+    static std::mutex guard;
+    return guard;
+  }
+  static Lines& current() {
+    static Lines lines;
+    return lines;
+  }
+  static void keepIn(Lines lines) {
+    const std::lock_guard lock(mutex());
+    current() = std::move(lines);
   }
 
-  Recorder<std::string> lines_;
+  const Lines lines_ = std::make_shared<Recorder<std::string>>();
   QtMessageHandler previous_ = nullptr;
 };
 
