@@ -125,6 +125,14 @@ class LifeTest(unittest.TestCase):
         self.queue("ada:news")
         self.see("stopped", "Disconnected", "fixToken")
 
+    def reconnect(self):
+        """First in vain, while the service is gone, and then to one that is back."""
+        self.app.click("Restart")
+        self.see("offline", "Server unreachable", "retryNow")
+        self.service.start()
+        self.app.click("Try now")
+        self.see("online", "Online")
+
     def is_ended(self):
         self.assertEqual(self.app.child.wait(20), 0)
         self.assertEqual(self.app.status(), {})
@@ -157,11 +165,7 @@ class LifeTest(unittest.TestCase):
         service.kill()
         app.find("poll failed .* — retrying in . s", "label")
         self.see("online", "Reconnecting…")
-        app.click("Restart")
-        self.see("offline", "Server unreachable", "retryNow")
-        service.start()
-        app.click("Try now")
-        self.see("online", "Online")
+        self.reconnect()
 
         self.revoke()
         service.token = "another-token-9876"
@@ -223,11 +227,7 @@ class LifeTest(unittest.TestCase):
             return app.status()["popoverVisible"]
         wait_for(is_shown, "the popover after another click")
         service.kill()
-        app.click("Restart")
-        self.see("offline", "Server unreachable", "retryNow")
-        service.start()
-        app.click("Try now")
-        self.see("online", "Online")
+        self.reconnect()
         self.revoke()
         service.ask("token", {"token": service.token})
         app.click("Connect to website")
