@@ -48,7 +48,7 @@ void AppDelegate::stopWithin(std::chrono::seconds limit) {
     if (self) self->driverStopped();
   });
   if (std::exchange(isStopping_, true)) return;
-  model_.prepareToEnd();
+  model_.cancelAttempts();
   // What the user has asked to be removed is not left half removed.
   QObject::connect(&model_, &AppModel::changed, this, &AppDelegate::endUnlessRemoving);
   model_.supervisor().stop(DriverSupervisor::kStopTimeout, [self = QPointer(this)] {

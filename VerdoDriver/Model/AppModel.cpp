@@ -281,7 +281,7 @@ void AppModel::removeKey() {
 void AppModel::removeEverything() {
   if (isRemoving()) return;
   forgetFailures();
-  prepareToEnd();
+  cancelAttempts();
   removal_.begin([this](const Removal::Left& left) { removed(left); });
 }
 
@@ -439,7 +439,7 @@ void AppModel::takeManifest(const AppManifest& manifest) {
   touch();
 }
 
-void AppModel::prepareToEnd() {
+void AppModel::cancelAttempts() {
   onboarding_.cancel();
   connectFlow_.cancel();
   secrets_->cancelPrompt();

@@ -124,8 +124,8 @@ class AppModel : public QObject {
   void openEgoInstall();
   void openVerifyURL();
   void refreshManifest();
-  /// Ends whatever waits for the user, before the process does.
-  void prepareToEnd();
+  /// Calls off whatever waits for the user: a pairing, a connect, a window of the keyring.
+  void cancelAttempts();
 
  Q_SIGNALS:
   /// Something of the above has changed; emitted once for changes that come together, after them.
