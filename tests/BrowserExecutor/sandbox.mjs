@@ -9,7 +9,8 @@ import path from 'node:path';
 import { setTimeout as sleep } from 'node:timers/promises';
 import { fileURLToPath } from 'node:url';
 
-const PROGRAM = fileURLToPath(new URL('../../BrowserExecutor/verdo-browser.mjs', import.meta.url));
+const BUILT = fileURLToPath(new URL('../../build/release/bin/verdo-browser', import.meta.url));
+const PROGRAM = process.env.VERDO_BROWSER_PROGRAM ?? BUILT;
 const SCRIPT_TIMEOUT = 20_000;
 
 /** Waits until `condition` gives something truthy, and returns it. */

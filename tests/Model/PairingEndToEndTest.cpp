@@ -19,7 +19,8 @@ using testing::Not;
 Lines press(const std::string& url, const char* button) {
   const auto node = Which::find("node").value();
   const auto child =
-      Spawn::launch(node, {node, VERDO_APPROVE_SCRIPT, url, button}, currentEnvironment(), true);
+      Spawn::launch(node, {node, VERDO_APPROVE_SCRIPT, VERDO_BROWSER_PROGRAM, url, button},
+                    currentEnvironment(), true);
   CollectedLines text(child->takeStdout());
   EXPECT_TRUE(text.start().reader().done().waitFor(50s));
   EXPECT_EQ(child->wait(), 0) << testing::PrintToString(text.now());

@@ -2,7 +2,7 @@
  * Decides a pairing as a person does: opens the approve page in a headless browser of its own,
  * presses one of its buttons and prints the visible text of the page that follows.
  *
- * Usage: node tests/Support/approve.mjs URL Approve|Deny
+ * Usage: node tests/Support/approve.mjs VERDO_BROWSER URL Approve|Deny
  *
  * Exits 0 when the press led to another page, and 1 with a message when there is no such button or
  * nothing came of it in time.
@@ -12,9 +12,7 @@ import { spawnSync } from 'node:child_process';
 import fs from 'node:fs';
 import os from 'node:os';
 import path from 'node:path';
-import { fileURLToPath } from 'node:url';
 
-const PROGRAM = fileURLToPath(new URL('../../BrowserExecutor/verdo-browser.mjs', import.meta.url));
 const TIMEOUT = 40_000;
 
 const script = (url, label) => `
@@ -39,10 +37,10 @@ const script = (url, label) => `
   }
   cliLog(await page.text())`;
 
-const [url, label] = process.argv.slice(2);
+const [program, url, label] = process.argv.slice(2);
 const home = fs.mkdtempSync(path.join(os.tmpdir(), 'verdo-approve-'));
 const run = (args, input) =>
-  spawnSync(process.execPath, [PROGRAM, ...args], {
+  spawnSync(process.execPath, [program, ...args], {
     env: { ...process.env, XDG_RUNTIME_DIR: home },
     input,
     stdio: ['pipe', args[0] === 'stop' ? 'ignore' : 'inherit', 'inherit'],
