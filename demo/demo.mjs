@@ -28,10 +28,27 @@ async function main() {
   const service = await Service.start(processes, `${programs}/verdo-local-service`, providerKey)
   const page = await servePage(source('page.html'))
   console.log(`local service on ${service.url}`)
-  processes.start('driver', `${programs}/verdo-driver`, [
-    '--server', service.url, '--llm-base', service.provider, '--check-llm', '--exec', 'verdo-browser nodejs', '--extra-path', programs,
-    '--color', process.stdout.isTTY ? 'always' : 'never',
-  ], { env: { ...process.env, VERDO_DRIVER_TOKEN: service.token, VERDO_LLM_API_KEY: providerKey }, show: true })
+  processes.start(
+    'driver',
+    `${programs}/verdo-driver`,
+    [
+      '--server',
+      service.url,
+      '--llm-base',
+      service.provider,
+      '--check-llm',
+      '--exec',
+      'verdo-browser nodejs',
+      '--extra-path',
+      programs,
+      '--color',
+      process.stdout.isTTY ? 'always' : 'never',
+    ],
+    {
+      env: { ...process.env, VERDO_DRIVER_TOKEN: service.token, VERDO_LLM_API_KEY: providerKey },
+      show: true,
+    },
+  )
 
   const rows = []
   const run = async (title, job, check, meanwhile = async () => {}) => {
@@ -49,42 +66,77 @@ async function main() {
     job.exit_code === 0 && job.error === null && lines.at(-1) === lastLine
 
   await Promise.all([
-    run('reads a page', { label: 'reader', task_space: 'demo-read',
-      payload: script('jobs/read-page.js', { __PAGE__: page }) }, succeeded('links: 2')),
-    run('reads a staged file', { label: 'files', payload: script('jobs/read-file.js'),
-      files: [{ name: 'letter.txt', content: 'Dear driver,\nthis file came with the job.\n' }] },
-    succeeded('words: 8')),
+    run(
+      'reads a page',
+      {
+        label: 'reader',
+        task_space: 'demo-read',
+        payload: script('jobs/read-page.js', { __PAGE__: page }),
+      },
+      succeeded('links: 2'),
+    ),
+    run(
+      'reads a staged file',
+      {
+        label: 'files',
+        payload: script('jobs/read-file.js'),
+        files: [{ name: 'letter.txt', content: 'Dear driver,\nthis file came with the job.\n' }],
+      },
+      succeeded('words: 8'),
+    ),
   ])
-  await Promise.all(['lane-a', 'lane-b', 'lane-c'].map((lane) =>
-    run(`runs beside others in ${lane}`, { label: lane, task_space: `demo-${lane}`,
-      payload: script('jobs/lane.js', { __LANE__: lane, __PAGE__: page }) },
-    succeeded(`step 4 in the tab of ${lane}`))))
-  await run('is cancelled half-way',
+  await Promise.all(
+    ['lane-a', 'lane-b', 'lane-c'].map((lane) =>
+      run(
+        `runs beside others in ${lane}`,
+        {
+          label: lane,
+          task_space: `demo-${lane}`,
+          payload: script('jobs/lane.js', { __LANE__: lane, __PAGE__: page }),
+        },
+        succeeded(`step 4 in the tab of ${lane}`),
+      ),
+    ),
+  )
+  await run(
+    'is cancelled half-way',
     { label: 'endless', task_space: 'demo-endless', payload: script('jobs/endless.js') },
     (job) => job.cancelled && job.exit_code !== 0 && job.line_count > 0 && job.line_count < 60,
     async (id) => {
       await service.waitForLines(id)
       console.log('-- cancelling the endless job')
       await service.cancel(id)
-    })
+    },
+  )
 
   await service.addProviderRule({ match: 'forbidden', status: 401 })
   await service.addProviderRule({ match: 'endless', never: true })
-  const ask = (prompt) => ({ kind: 'llm',
-    payload: JSON.stringify({ v: 1, role: 'demo', model: 'demo-model', prompt }) })
+  const ask = (prompt) => ({
+    kind: 'llm',
+    payload: JSON.stringify({ v: 1, role: 'demo', model: 'demo-model', prompt }),
+  })
   const result = (job, lines) => JSON.parse(/^__LLMEND__(.*)$/.exec(lines.at(-1))[1])
   await Promise.all([
-    run('asks the provider', ask('How are you?'),
-      (job, lines) => job.exit_code === 0 && result(job, lines).ok),
-    run('is refused by the provider', ask('a forbidden question'),
-      (job, lines) => job.exit_code === 1 && result(job, lines).category === 'permission'),
-    run('is cancelled in flight', ask('an endless question'),
+    run(
+      'asks the provider',
+      ask('How are you?'),
+      (job, lines) => job.exit_code === 0 && result(job, lines).ok,
+    ),
+    run(
+      'is refused by the provider',
+      ask('a forbidden question'),
+      (job, lines) => job.exit_code === 1 && result(job, lines).category === 'permission',
+    ),
+    run(
+      'is cancelled in flight',
+      ask('an endless question'),
       (job) => job.cancelled && job.line_count === 0,
       async (id) => {
         await service.waitUntilLeased(id)
         console.log('-- cancelling the endless call')
         await service.cancel(id)
-      }),
+      },
+    ),
   ])
 
   const status = await processes.stop('driver')

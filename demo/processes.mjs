@@ -14,7 +14,9 @@ export class Processes {
     })
     ended.catch(() => {})
     if (show) {
-      createInterface({ input: child.stderr }).on('line', (line) => console.log(`${name} | ${line}`))
+      createInterface({ input: child.stderr }).on('line', (line) =>
+        console.log(`${name} | ${line}`),
+      )
     }
     this.#running.set(name, { child, ended })
     return { child, ended }

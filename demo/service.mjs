@@ -16,7 +16,12 @@ export class Service {
   }
 
   static async start(processes, program, providerKey) {
-    const { child, ended } = processes.start('service', program, ['--port', '0', '--provider-key', providerKey])
+    const { child, ended } = processes.start('service', program, [
+      '--port',
+      '0',
+      '--provider-key',
+      providerKey,
+    ])
     const announced = {}
     const lines = createInterface({ input: child.stdout })
     const ready = new Promise((resolve) => {
@@ -27,10 +32,15 @@ export class Service {
       })
     })
     const late = new Promise((resolve) => setTimeout(resolve, kStartLimit, false).unref())
-    if (await Promise.race([ready, late, ended.then(() => false)]) !== true) {
+    if ((await Promise.race([ready, late, ended.then(() => false)])) !== true) {
       throw new Error('the local service did not start')
     }
-    return new Service(announced['listening on'], announced.token, announced.control, announced.provider)
+    return new Service(
+      announced['listening on'],
+      announced.token,
+      announced.control,
+      announced.provider,
+    )
   }
 
   async #call(path, method = 'GET', body = undefined) {

@@ -52,7 +52,8 @@ function passOn(agent, stream, headers) {
   upstream.on('response', (reply) => {
     if (stream.destroyed) return
     const kept = Object.entries(reply.headers).filter(
-      ([name]) => !['connection', 'keep-alive', 'transfer-encoding'].includes(name))
+      ([name]) => !['connection', 'keep-alive', 'transfer-encoding'].includes(name),
+    )
     stream.respond({ ':status': reply.statusCode, ...Object.fromEntries(kept) })
     reply.pipe(stream)
   })
@@ -70,7 +71,8 @@ async function startProxy() {
     session.on('close', () => sessions.delete(session))
   })
   proxy.on('stream', (stream, headers) => {
-    if (!refusing.has(stream.session) || stream.endAfterHeaders) return passOn(agent, stream, headers)
+    if (!refusing.has(stream.session) || stream.endAfterHeaders)
+      return passOn(agent, stream, headers)
     refusing.delete(stream.session)
     stream.on('error', () => {})
     stream.session.settings({ initialWindowSize: 65535 })
@@ -91,7 +93,10 @@ const relay = net.createServer({ allowHalfOpen: true }, (near) => {
   const road = { near, far, dead: false }
   roads.add(road)
   ++count
-  for (const [from, to] of [[near, far], [far, near]]) {
+  for (const [from, to] of [
+    [near, far],
+    [far, near],
+  ]) {
     from.setNoDelay(true)
     from.on('data', (bytes) => {
       if (road.dead || to.destroyed || to.write(bytes)) return

@@ -21,9 +21,15 @@ const kGiveUp = 120 // seconds
 class Front {
   static async start(port, encrypted) {
     const script = fileURLToPath(new URL('../Support/front.mjs', import.meta.url))
-    const given = ['--certificate', `${certificates}/certificate.pem`, '--key', `${certificates}/key.pem`]
-    const child = spawn(process.execPath, [script, '--to', port, ...(encrypted ? given : [])],
-      { stdio: ['pipe', 'pipe', 'inherit'] })
+    const given = [
+      '--certificate',
+      `${certificates}/certificate.pem`,
+      '--key',
+      `${certificates}/key.pem`,
+    ]
+    const child = spawn(process.execPath, [script, '--to', port, ...(encrypted ? given : [])], {
+      stdio: ['pipe', 'pipe', 'inherit'],
+    })
     const front = new Front()
     front.child = child
     front.answers = createInterface({ input: child.stdout })[Symbol.asyncIterator]()
@@ -44,8 +50,14 @@ class Front {
 
 /** The packets of the connections to this port that are open now are lost from now on. */
 function lose(port) {
-  const open = execFileSync('ss', ['-Htn', 'state', 'established', `dport = :${port}`], { encoding: 'utf8' })
-  const ports = open.trim().split('\n').filter(Boolean).map((line) => line.trim().split(/\s+/)[2].split(':').at(-1))
+  const open = execFileSync('ss', ['-Htn', 'state', 'established', `dport = :${port}`], {
+    encoding: 'utf8',
+  })
+  const ports = open
+    .trim()
+    .split('\n')
+    .filter(Boolean)
+    .map((line) => line.trim().split(/\s+/)[2].split(':').at(-1))
   if (ports.length === 0) throw new Error('the driver has no connection')
   execFileSync('nft', ['add', 'element', 'inet', 'verdo', 'dead', `{ ${ports.join(', ')} }`])
 }
@@ -71,8 +83,10 @@ async function run({ name, encrypted, relay, busy }) {
   const front = await Front.start(new URL(service.url).port, encrypted)
   const options = ['--server', front.url, '--exec', 'sh', '--no-sweep', '--max-jobs', '2']
   if (encrypted) options.push('--ca-cert', `${certificates}/certificate.pem`)
-  processes.start(name, `${programs}/verdo-driver`, options,
-    { env: { ...process.env, VERDO_DRIVER_TOKEN: service.token }, show: true })
+  processes.start(name, `${programs}/verdo-driver`, options, {
+    env: { ...process.env, VERDO_DRIVER_TOKEN: service.token },
+    show: true,
+  })
   try {
     const payload = `i=1; while [ $i -le ${kLines} ]; do echo "line $i"; i=$((i + 1)); sleep ${kLineSeconds}; done`
     const job = busy ? await service.addJob({ label: 'printer', payload }) : null
@@ -113,9 +127,19 @@ const cases = []
 for (const encrypted of [true, false]) {
   const protocol = encrypted ? 'HTTP/2' : 'HTTP/1.1'
   cases.push({ name: `${protocol}, packets lost, idle`, encrypted, relay: false, busy: false })
-  cases.push({ name: `${protocol}, packets lost, job running`, encrypted, relay: false, busy: true })
+  cases.push({
+    name: `${protocol}, packets lost, job running`,
+    encrypted,
+    relay: false,
+    busy: true,
+  })
   cases.push({ name: `${protocol}, relay acknowledges, idle`, encrypted, relay: true, busy: false })
-  cases.push({ name: `${protocol}, relay acknowledges, job running`, encrypted, relay: true, busy: true })
+  cases.push({
+    name: `${protocol}, relay acknowledges, job running`,
+    encrypted,
+    relay: true,
+    busy: true,
+  })
 }
 const outcomes = await Promise.allSettled(cases.map(run))
 
@@ -127,11 +151,28 @@ outcomes.forEach(({ value: row, reason }, index) => {
     rows.push([cases[index].name, reason.message])
     return
   }
-  const good = row.connected <= row.limit && row.polled <= row.limit && !row.lost && (row.exit ?? 0) === 0
+  const good =
+    row.connected <= row.limit && row.polled <= row.limit && !row.lost && (row.exit ?? 0) === 0
   failed ||= !good
-  rows.push([row.name, `${row.connected.toFixed(1)} s`, `${row.polled.toFixed(1)} s`, `${row.limit} s`,
-    row.exit === undefined ? '-' : `exit ${row.exit}`, row.lost ?? '-', row.repeated ?? '-', good ? '' : 'MISSED'])
+  rows.push([
+    row.name,
+    `${row.connected.toFixed(1)} s`,
+    `${row.polled.toFixed(1)} s`,
+    `${row.limit} s`,
+    row.exit === undefined ? '-' : `exit ${row.exit}`,
+    row.lost ?? '-',
+    row.repeated ?? '-',
+    good ? '' : 'MISSED',
+  ])
 })
-const widths = rows[0].map((_, column) => Math.max(...rows.map((row) => String(row[column] ?? '').length)))
-for (const row of rows) console.log(row.map((cell, i) => String(cell).padEnd(widths[i] ?? 0)).join('  ').trimEnd())
+const widths = rows[0].map((_, column) =>
+  Math.max(...rows.map((row) => String(row[column] ?? '').length)),
+)
+for (const row of rows)
+  console.log(
+    row
+      .map((cell, i) => String(cell).padEnd(widths[i] ?? 0))
+      .join('  ')
+      .trimEnd(),
+  )
 process.exit(failed ? 3 : 0)

@@ -25,7 +25,9 @@ async function startNginx(name, target, encrypted) {
   const port = await freePort()
   const tls = `ssl_certificate ${directory}/certificate.pem; ssl_certificate_key ${directory}/key.pem;`
   const file = `${directory}/${name}.conf`
-  writeFileSync(file, `
+  writeFileSync(
+    file,
+    `
     daemon off; pid ${directory}/${name}.pid; error_log ${directory}/${name}.log;
     events {}
     http {
@@ -37,7 +39,8 @@ async function startNginx(name, target, encrypted) {
         ${encrypted ? tls : ''}
         location / { proxy_pass ${target}; proxy_read_timeout 90s; proxy_set_header Host 127.0.0.1; }
       }
-    }`)
+    }`,
+  )
   const child = spawn('nginx', ['-c', file], { stdio: 'inherit' })
   await sleep(500)
   return { child, url: `${encrypted ? 'https' : 'http'}://127.0.0.1:${port}` }
@@ -63,17 +66,27 @@ async function run(encrypted) {
     const payload = `seq -f '%099.0f' ${kLines}; head -c ${kLongLine} /dev/zero | tr '\\0' y; echo`
     const job = await service.addJob({ label: 'big', payload })
     const begin = performance.now()
-    processes.start(name, `${programs}/verdo-driver`, options,
-      { env: { ...process.env, VERDO_DRIVER_TOKEN: service.token }, show: true })
+    processes.start(name, `${programs}/verdo-driver`, options, {
+      env: { ...process.env, VERDO_DRIVER_TOKEN: service.token },
+      show: true,
+    })
     const ended = await service.waitUntilDone(job)
     const seconds = (performance.now() - begin) / 1000
     const lines = await allLines(service, job)
     const numbered = lines.slice(0, kLines)
-    const wrong = numbered.filter((line, i) => Number(line) !== i + 1).length + (kLines - numbered.length)
+    const wrong =
+      numbered.filter((line, i) => Number(line) !== i + 1).length + (kLines - numbered.length)
     const rest = lines.slice(kLines).join('')
     const whole = rest === 'y'.repeat(kLongLine)
-    return { name: encrypted ? 'HTTP/2' : 'HTTP/1.1', exit: ended.exit_code, wrong, whole, seconds,
-      pieces: lines.length - kLines, posts: await service.requestCount('lines') }
+    return {
+      name: encrypted ? 'HTTP/2' : 'HTTP/1.1',
+      exit: ended.exit_code,
+      wrong,
+      whole,
+      seconds,
+      pieces: lines.length - kLines,
+      posts: await service.requestCount('lines'),
+    }
   } finally {
     nginx.child.kill()
     await processes.stopAll()
@@ -84,7 +97,9 @@ let failed = false
 for (const encrypted of [true, false]) {
   const row = await run(encrypted)
   failed ||= row.exit !== 0 || row.wrong !== 0 || !row.whole
-  console.log(`${row.name.padEnd(9)} exit ${row.exit}, ${row.seconds.toFixed(1)} s, ${row.posts} posts arrived; of ${kLines} lines `
-    + `${row.wrong} lost, doubled or out of place; the long line ${row.whole ? 'whole' : 'BROKEN'} in ${row.pieces} pieces`)
+  console.log(
+    `${row.name.padEnd(9)} exit ${row.exit}, ${row.seconds.toFixed(1)} s, ${row.posts} posts arrived; of ${kLines} lines ` +
+      `${row.wrong} lost, doubled or out of place; the long line ${row.whole ? 'whole' : 'BROKEN'} in ${row.pieces} pieces`,
+  )
 }
 process.exit(failed ? 3 : 0)
