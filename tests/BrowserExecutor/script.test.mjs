@@ -52,6 +52,15 @@ test('a script has what node has, and prints in order to the last byte', async (
   assert.equal(lines[8].length, 300003);
 });
 
+test('a node that is too old is told what to do', async (t) => {
+  const sandbox = new Sandbox(t);
+  const old = path.join(sandbox.root, 'old.cjs');
+  fs.writeFileSync(old, "Object.defineProperty(process.versions, 'node', { value: '16.20.2' })");
+  const { code, stderr } = await sandbox.run('', { env: { NODE_OPTIONS: `--require=${old}` } });
+  assert.match(stderr, /needs node 18 or later, this is 16\.20\.2: install/);
+  assert.equal(code, 1);
+});
+
 test('what keeps the browser from starting is said with its remedy', async (t) => {
   const sandbox = new Sandbox(t);
   const nodeOnly = path.join(sandbox.root, 'bin');
