@@ -1,6 +1,6 @@
 /** The nodejs command: runs the script on standard input, and decides how the process ends. */
 
-import { removeSecrets } from './environment.mjs';
+import { eraseSecrets } from './environment.mjs';
 import { createScriptApi } from './script-api.mjs';
 import { describeScriptError } from './script-errors.mjs';
 import { runScript, scriptFilename } from './script-runner.mjs';
@@ -9,10 +9,10 @@ import { runScript, scriptFilename } from './script-runner.mjs';
  * Reads and runs the script. As with node itself, the process ends when the script has ended and
  * nothing is left to wait for; at the first error it ends at once with status 1.
  * @returns {Promise<void>} fulfils when the script's body has ended
- * @throws {Error} when standard input is no UTF-8 text
+ * @throws {Error} when standard input is no UTF-8 text, or secrets cannot be kept from the script
  */
 export async function runNodejs() {
-  removeSecrets(process.env);
+  eraseSecrets();
   const source = await readScript();
   const directory = process.cwd();
   const fail = (error) => failScript(error, scriptFilename(directory));

@@ -61,6 +61,27 @@ test('a node that is too old is told what to do', async (t) => {
   assert.equal(code, 1);
 });
 
+test('secrets are nowhere in the environment of a script and its children', async (t) => {
+  const sandbox = new Sandbox(t);
+  const seen = await sandbox.output(
+    `const { execFileSync } = require('node:child_process')
+     console.log(process.env, require('node:fs').readFileSync('/proc/self/environ', 'latin1'))
+     process.stdout.write(execFileSync('sh', ['-c', 'env; cat /proc/$PPID/environ']))`,
+    {
+      env: {
+        VERDO_DRIVER_TOKEN: 'hidden-1',
+        VERDO_LLM_API_KEY: 'hidden-2',
+        VERDO_CLIENT_SECRET: 'hidden-3',
+        VERDO_PROXY_PASSWORD: 'hidden-4',
+        VERDO_LLM_BASE_URL: 'open-1',
+        MY_TOKEN: 'open-2',
+      },
+    },
+  );
+  assert.deepEqual(seen.match(/hidden-\d/g), null);
+  for (const value of ['open-1', 'open-2']) assert.equal(seen.split(value).length - 1, 4, value);
+});
+
 test('what keeps the browser from starting is said with its remedy', async (t) => {
   const sandbox = new Sandbox(t);
   const nodeOnly = path.join(sandbox.root, 'bin');
