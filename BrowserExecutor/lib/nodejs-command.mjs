@@ -4,6 +4,7 @@ import { eraseSecrets } from './environment.mjs';
 import { createScriptApi } from './script-api.mjs';
 import { describeScriptError } from './script-errors.mjs';
 import { runScript, scriptFilename } from './script-runner.mjs';
+import { makeOutputSynchronous } from './standard-output.mjs';
 
 /**
  * Reads and runs the script. As with node itself, the process ends when the script has ended and
@@ -13,11 +14,11 @@ import { runScript, scriptFilename } from './script-runner.mjs';
  */
 export async function runNodejs() {
   eraseSecrets();
+  makeOutputSynchronous();
   const source = await readScript();
   const directory = process.cwd();
   const fail = (error) => failScript(error, scriptFilename(directory));
   process.on('uncaughtException', fail); // unhandled rejections included
-  process.stdout.on('error', () => process.exit(1)); // nobody reads the output any more
 
   // The event loop can run empty under an await: that is no success.
   const stuck = () => fail(new Error('the script waits for something that can no longer happen'));
@@ -40,7 +41,6 @@ async function readScript() {
   }
 }
 
-// Standard output and error are written synchronously to files and pipes: nothing is cut off.
 function failScript(error, filename) {
   process.stderr.write(`${describeScriptError(error, filename)}\n`);
   process.exit(1);

@@ -82,6 +82,45 @@ test('secrets are nowhere in the environment of a script and its children', asyn
   for (const value of ['open-1', 'open-2']) assert.equal(seen.split(value).length - 1, 4, value);
 });
 
+test('what a script printed before it failed arrives whole and in order', async (t) => {
+  const sandbox = new Sandbox(t);
+  const lines = 100_000;
+  const shared = `new (require('node:net').Socket)({ fd: 1 }) // makes the pipe non-blocking\n`;
+  for (const before of ['', shared]) {
+    const { code, stdout, stderr } = await sandbox.run(
+      `${before}cliLog('x'.repeat(1_000_000))
+       for (let i = 0; i < ${lines}; i += 4) {
+         cliLog(i + ' of many lines'); console.log(i + 1 + ' of many lines')
+         process.stdout.write(i + 2 + ' of many lines\\n'); console.info('%d of many lines', i + 3)
+       }
+       for (let i = 0; i < 3000; i++) console.error('diagnosis')
+       throw new Error('at the end')`,
+    );
+    assert.match(stderr, /^(diagnosis\n){3000}verdo-browser: script line \d: Error: at the end\n/);
+    assert.equal(code, 1);
+    const expected =
+      'x'.repeat(1_000_000) +
+      '\n' +
+      Array.from({ length: lines }, (_, i) => `${i} of many lines\n`).join('');
+    assert.ok(stdout === expected, `${stdout.split('\n').length - 1} lines arrived`);
+  }
+});
+
+test('printing more than the reader takes fills no memory, and ends with the reader', async (t) => {
+  const sandbox = new Sandbox(t);
+  const grown = await sandbox.output(
+    `const before = process.memoryUsage().rss
+     for (let i = 0; i < 1000; i++) cliLog('x'.repeat(99_999))
+     cliLog(Math.round((process.memoryUsage().rss - before) / 2 ** 20))`,
+  );
+  assert.ok(Number(grown.slice(100_000_000)) < 40, `${grown.slice(100_000_000)} MB more`);
+
+  const run = sandbox.start('for (;;) cliLog("x".repeat(1000))');
+  run.child.stdout.once('data', () => run.child.stdout.destroy());
+  const { code, stderr } = await run.result;
+  assert.deepEqual({ code, stderr }, { code: 1, stderr: '' });
+});
+
 test('what keeps the browser from starting is said with its remedy', async (t) => {
   const sandbox = new Sandbox(t);
   const nodeOnly = path.join(sandbox.root, 'bin');
