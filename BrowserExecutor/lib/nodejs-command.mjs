@@ -4,6 +4,7 @@ import { eraseSecrets } from './environment.mjs';
 import { createScriptApi } from './script-api.mjs';
 import { describeScriptError } from './script-errors.mjs';
 import { runScript, scriptFilename } from './script-runner.mjs';
+import { installScriptStacks } from './script-stacks.mjs';
 import { makeOutputSynchronous } from './standard-output.mjs';
 
 /**
@@ -17,7 +18,9 @@ export async function runNodejs() {
   makeOutputSynchronous();
   const source = await readScript();
   const directory = process.cwd();
-  const fail = (error) => failScript(error, scriptFilename(directory));
+  const filename = scriptFilename(directory);
+  installScriptStacks(filename);
+  const fail = (error) => failScript(error, filename);
   process.on('uncaughtException', fail); // unhandled rejections included
 
   // The event loop can run empty under an await: that is no success.

@@ -36,37 +36,13 @@ export async function runScript(source, { directory, globals }) {
     // function, which require hooks build upon, gives scripts import, require and module in one.
     result = module._compile(PREFIX + withoutHashbang(source) + SUFFIX, filename);
   } catch (error) {
-    throw inScriptTerms(error, source, filename);
+    if (!(error instanceof SyntaxError)) throw error;
+    const { explainSyntaxError } = await import('./script-syntax.mjs');
+    throw explainSyntaxError(error, source, filename);
   }
   await result;
 }
 
 function withoutHashbang(source) {
   return source.startsWith('#!') ? `//${source}` : source;
-}
-
-const MODULE_SYNTAX = /^[ \t]*(import\b(?!\s*\()|export\b)|\bimport\.meta\b/m;
-
-// The function around the script must not show in what is said about its syntax.
-function inScriptTerms(error, source, filename) {
-  // Loaders that know module syntax try the text as a module, where our return is illegal.
-  if (/Illegal return|outside a module|'export'/.test(error.message)) {
-    const at = MODULE_SYNTAX.exec(source)?.index ?? 0;
-    const message =
-      'a script is no module: use await import(...) for import, nothing for export, ' +
-      'and process.cwd() for import.meta';
-    return syntaxErrorAt(filename, source.slice(0, at).split('\n').length, message);
-  }
-  const lines = source.trimEnd().split('\n').length;
-  const line = Number(error.stack.slice(filename.length).match(/^:(\d+)/)?.[1]);
-  if (line > source.split('\n').length) {
-    return syntaxErrorAt(filename, lines, 'the script ends before it is complete');
-  }
-  return error;
-}
-
-function syntaxErrorAt(filename, line, message) {
-  const error = new SyntaxError(message);
-  error.stack = `${filename}:${line}`;
-  return error;
 }

@@ -15,7 +15,14 @@ test('a failing script names its line and exits 1', async (t) => {
       stderr: /script line 2: SyntaxError: Unexpected token ';'/,
     },
     { script: 'if (true) {\n', stderr: /script line 1: SyntaxError: the script ends before/ },
+    { script: 'f(`a\nb', stderr: /script line 2: SyntaxError: the script ends before/ },
+    { script: 'f()\n  }\nf()', stderr: /script line 2: .*token '}'\n    }\n    \^\n$/ },
+    { script: 'f() } f()', stderr: /script line 1: .*token '}'\n  f\(\) } f\(\)\n {6}\^\n$/ },
+    { script: 'f()\n}', stderr: /script line 2: SyntaxError: Unexpected token '}'/ },
+    { script: 'f(1 2)', stderr: /script line 1: SyntaxError: missing \) after argument list/ },
     { script: '1\nimport os from "node:os"', stderr: /script line 2: .*await import/ },
+    { script: '`\nimport a`\nf(import.meta)', stderr: /script line 3: .*process.cwd/ },
+    { script: 'require("./broken.js")', stderr: /line 1: SyntaxError.*\n.*broken.js:2\n  \]\n/ },
     { script: '\n\nthrow new RangeError("hm")', stderr: /script line 3: RangeError: hm/ },
     { script: 'await 1\nawait Promise.reject(new Error("r"))', stderr: /script line 2: Error: r/ },
     { script: 'setTimeout(() => {\n  null.x\n})', stderr: /script line 2: TypeError/ },
@@ -24,6 +31,7 @@ test('a failing script names its line and exits 1', async (t) => {
     { script: 'await openTaskSpace("")', stderr: /script line 1: TypeError: .*name/ },
     { script: Buffer.from([0x22, 0xff, 0x22]), stderr: /not UTF-8/ },
   ];
+  fs.writeFileSync(path.join(sandbox.root, 'broken.js'), '1\n]');
   const results = await Promise.all(cases.map(({ script }) => sandbox.run(script)));
   results.forEach(({ code, stdout, stderr }, i) => {
     assert.match(stderr, cases[i].stderr);
@@ -50,36 +58,6 @@ test('a script has what node has, and prints in order to the last byte', async (
     'part7',
   ]);
   assert.equal(lines[8].length, 300003);
-});
-
-test('a node that is too old is told what to do', async (t) => {
-  const sandbox = new Sandbox(t);
-  const old = path.join(sandbox.root, 'old.cjs');
-  fs.writeFileSync(old, "Object.defineProperty(process.versions, 'node', { value: '16.20.2' })");
-  const { code, stderr } = await sandbox.run('', { env: { NODE_OPTIONS: `--require=${old}` } });
-  assert.match(stderr, /needs node 18 or later, this is 16\.20\.2: install/);
-  assert.equal(code, 1);
-});
-
-test('secrets are nowhere in the environment of a script and its children', async (t) => {
-  const sandbox = new Sandbox(t);
-  const seen = await sandbox.output(
-    `const { execFileSync } = require('node:child_process')
-     console.log(process.env, require('node:fs').readFileSync('/proc/self/environ', 'latin1'))
-     process.stdout.write(execFileSync('sh', ['-c', 'env; cat /proc/$PPID/environ']))`,
-    {
-      env: {
-        VERDO_DRIVER_TOKEN: 'hidden-1',
-        VERDO_LLM_API_KEY: 'hidden-2',
-        VERDO_CLIENT_SECRET: 'hidden-3',
-        VERDO_PROXY_PASSWORD: 'hidden-4',
-        VERDO_LLM_BASE_URL: 'open-1',
-        MY_TOKEN: 'open-2',
-      },
-    },
-  );
-  assert.deepEqual(seen.match(/hidden-\d/g), null);
-  for (const value of ['open-1', 'open-2']) assert.equal(seen.split(value).length - 1, 4, value);
 });
 
 test('what a script printed before it failed arrives whole and in order', async (t) => {
@@ -119,6 +97,69 @@ test('printing more than the reader takes fills no memory, and ends with the rea
   run.child.stdout.once('data', () => run.child.stdout.destroy());
   const { code, stderr } = await run.result;
   assert.deepEqual({ code, stderr }, { code: 1, stderr: '' });
+});
+
+test('errors show the frames of the author, and no others', async (t) => {
+  const sandbox = new Sandbox(t);
+  const root = fs.realpathSync(sandbox.root);
+  fs.writeFileSync(path.join(root, 'part.js'), 'exports.call = (f) => f()');
+  const { stdout, stderr } = await sandbox.run(
+    `/* columns */ cliLog(new Error('at once').stack)
+     const fail = () => { throw new Error('hm', { cause: new TypeError('why') }) }
+     const { call } = require('./part.js')
+     try { [1].map(() => call(fail)) } catch (error) { console.log(error) }
+     try { require('fs').readFileSync('/none') } catch (error) { cliLog(error.stack) }
+     await completeTaskSpace('').catch((error) => cliLog(error.stack))
+     const emitter = new (require('events'))(); let depth = 20
+     emitter.on('deeper', () => depth-- ? emitter.emit('deeper') : cliLog(new Error('deep').stack))
+     emitter.emit('deeper')
+     await call(fail)`,
+  );
+  const called = (line) =>
+    `@fail (script:2:X)@exports.call (${root}/part.js:1:23)@script:${line}:X`;
+  const expected = [
+    'Error: at once@script:1:22',
+    `Error: hm${called(4)}@script:4:X {\n  [cause]: TypeError: why${called(4)}@script:4:X\n}`,
+    "Error: ENOENT: no such file or directory, open '/none'@script:5:X",
+    "TypeError: a task space's name is a text of 1 to 1000 characters@script:6:X",
+    `Error: deep${'@EventEmitter.<anonymous> (script:8:X)'.repeat(10)}`,
+    `verdo-browser: script line 2: Error: hm${called(10)}`,
+    `caused by: TypeError: why${called(10)}`,
+  ];
+  const seen = (stdout + stderr)
+    .replaceAll(/\n +at /g, '@')
+    .replaceAll(/(script:(?!1:)\d+):\d+/g, '$1:X');
+  assert.equal(seen, `${expected.join('\n')}\n`);
+});
+
+test('secrets are nowhere in the environment of a script and its children', async (t) => {
+  const sandbox = new Sandbox(t);
+  const seen = await sandbox.output(
+    `const { execFileSync } = require('node:child_process')
+     console.log(process.env, require('node:fs').readFileSync('/proc/self/environ', 'latin1'))
+     process.stdout.write(execFileSync('sh', ['-c', 'env; cat /proc/$PPID/environ']))`,
+    {
+      env: {
+        VERDO_DRIVER_TOKEN: 'hidden-1',
+        VERDO_LLM_API_KEY: 'hidden-2',
+        VERDO_CLIENT_SECRET: 'hidden-3',
+        VERDO_PROXY_PASSWORD: 'hidden-4',
+        VERDO_LLM_BASE_URL: 'open-1',
+        MY_TOKEN: 'open-2',
+      },
+    },
+  );
+  assert.deepEqual(seen.match(/hidden-\d/g), null);
+  for (const value of ['open-1', 'open-2']) assert.equal(seen.split(value).length - 1, 4, value);
+});
+
+test('a node that is too old is told what to do', async (t) => {
+  const sandbox = new Sandbox(t);
+  const old = path.join(sandbox.root, 'old.cjs');
+  fs.writeFileSync(old, "Object.defineProperty(process.versions, 'node', { value: '16.20.2' })");
+  const { code, stderr } = await sandbox.run('', { env: { NODE_OPTIONS: `--require=${old}` } });
+  assert.match(stderr, /needs node 18 or later, this is 16\.20\.2: install/);
+  assert.equal(code, 1);
 });
 
 test('what keeps the browser from starting is said with its remedy', async (t) => {
