@@ -5,6 +5,7 @@ import fs from 'node:fs';
 import path from 'node:path';
 import test from 'node:test';
 
+import { formatValues } from '../../BrowserExecutor/lib/cli-log.mjs';
 import { Sandbox } from './sandbox.mjs';
 
 test('a failing script names its line and exits 1', async (t) => {
@@ -58,6 +59,16 @@ test('a script has what node has, and prints in order to the last byte', async (
     'part7',
   ]);
   assert.equal(lines[8].length, 300003);
+});
+
+test('cliLog shows texts as they are and other values as console.log does', () => {
+  const cases = [
+    [[], ''],
+    [['two\nlines', '%s', ''], 'two\nlines %s '],
+    [[undefined, null, 7n, Symbol('s')], 'undefined null 7n Symbol(s)'],
+    [[{ a: [1, 'b'] }, new Map([[1, 2]])], "{ a: [ 1, 'b' ] } Map(1) { 1 => 2 }"],
+  ];
+  for (const [values, text] of cases) assert.equal(formatValues(...values), text);
 });
 
 test('what a script printed before it failed arrives whole and in order', async (t) => {
