@@ -170,9 +170,10 @@ class App:
         self.desktop.close()
 
 
-def approve(url):
+def approve(programs, url):
     """Presses the button of the approve page in a real browser; gives the next page's text."""
-    done = subprocess.run(["node", f"{ROOT}/tests/Support/approve.mjs", url, "Approve"],
+    script = [f"{ROOT}/tests/Support/approve.mjs", f"{programs}/verdo-browser"]
+    done = subprocess.run(["node", *script, url, "Approve"],
                           capture_output=True, text=True, timeout=50)
     if done.returncode:
         raise AssertionError(done.stdout + done.stderr)

@@ -148,7 +148,7 @@ class LifeTest(unittest.TestCase):
         keyring.start()
         app.start()
         self.type_setup()
-        self.assertIn("Approved", approve(self.pair()["verifyURL"]))
+        self.assertIn("Approved", approve(os.environ["VERDO_PROGRAMS"], self.pair()["verifyURL"]))
         self.see("online", "Online", user="local", hasToken=True, hasKey=True, secretStore={
             "kind": "secretService", "locked": False, "unavailable": False})
         self.restart()
@@ -172,7 +172,7 @@ class LifeTest(unittest.TestCase):
         service.ask("token", {"token": service.token})
         service.ask("manifest", {"app_version": "2099.1.0"}, "PATCH")
         app.click("Connect to website")
-        approve(self.pair(2)["verifyURL"])
+        approve(os.environ["VERDO_PROGRAMS"], self.pair(2)["verifyURL"])
         self.see("online", "Online", updateAvailable=True, tokenLast4="····9876",
                  tooltip="Verdo Driver — online · update available")
         app.find("Version 2099.1.0 is available")
