@@ -8,17 +8,16 @@ import { setTimeout as sleep } from 'node:timers/promises';
 import { DevToolsPipe } from './devtools-pipe.mjs';
 import { chromiumEnvironment } from './environment.mjs';
 
-const START_TIMEOUT = 30_000;
+const START_TIMEOUT = 20_000;
 const END_TIMEOUT = 3_000;
 const LAST_WORDS_TIMEOUT = 1_000;
 const STDERR_TAIL = 2_000;
 
-const PROGRAMS = ['chromium-headless-shell', 'chromium'];
+const WINDOWLESS = 'chromium-headless-shell';
+const PROGRAMS = [WINDOWLESS, 'chromium'];
 
 const FLAGS = [
-  '--headless',
   '--remote-debugging-pipe',
-  '--disable-gpu',
   '--disable-quic',
   '--no-first-run',
   '--disable-background-networking',
@@ -27,24 +26,32 @@ const FLAGS = [
   '--disable-dev-shm-usage',
 ];
 
+const HEADLESS_FLAGS = ['--headless', '--disable-gpu', '--window-size=1280,800'];
+
+const VISIBLE_FLAGS = ['--no-default-browser-check', '--password-store=basic', 'about:blank'];
+
 /**
  * The Chromium to use: VERDO_BROWSER_CHROMIUM (a path, or a name on PATH) when set, otherwise the
  * first of the known programs on PATH.
  * @param {NodeJS.ProcessEnv} env
+ * @param {{visible?: boolean}} [options] whether it has to have a window
  * @returns {string} absolute path of an executable file
  * @throws {Error} that says what to install or to set
  */
-export function findChromium(env) {
+export function findChromium(env, { visible = false } = {}) {
   const named = env.VERDO_BROWSER_CHROMIUM;
-  for (const name of named ? [named] : PROGRAMS) {
+  const programs = visible ? PROGRAMS.filter((name) => name !== WINDOWLESS) : PROGRAMS;
+  for (const name of named ? [named] : programs) {
     const found = findProgram(name, env.PATH ?? '');
     if (found) return found;
   }
+  if (named) {
+    throw new Error(`VERDO_BROWSER_CHROMIUM names ${named}, which is not an executable program`);
+  }
+  const kind = visible ? 'a Chromium with a window' : 'Chromium';
   throw new Error(
-    named
-      ? `VERDO_BROWSER_CHROMIUM names ${named}, which is not an executable program`
-      : 'Chromium was not found: install the package chromium-headless-shell or chromium, ' +
-          'or name the program in VERDO_BROWSER_CHROMIUM',
+    `${kind} was not found: install the package ${programs.join(' or ')}, ` +
+      'or name the program in VERDO_BROWSER_CHROMIUM',
   );
 }
 
@@ -85,13 +92,15 @@ export class Chromium {
    * @param {object} options
    * @param {NodeJS.ProcessEnv} options.env
    * @param {string} options.profile private user-data directory
-   * @param {(message: object) => void} options.onEvent DevTools events
+   * @param {(message: object) => void} options.onEvent DevTools events of the browser itself
+   * @param {boolean} [options.visible] shows a window, on the display that `env` names
    * @throws {Error} when there is no Chromium on this machine
    */
-  constructor({ env, profile, onEvent }) {
-    const program = findChromium(env);
-    const flags = [...FLAGS, `--user-data-dir=${profile}`];
-    if (process.getuid() === 0) flags.push('--no-sandbox'); // as root it cannot set one up
+  constructor({ env, profile, onEvent, visible = false }) {
+    const program = findChromium(env, { visible });
+    const look = visible ? VISIBLE_FLAGS : HEADLESS_FLAGS;
+    const flags = [...look, ...FLAGS, `--user-data-dir=${profile}`];
+    if (!this.sandboxed) flags.push('--no-sandbox'); // as root it cannot set one up
     // A process group of its own: the packaged program is a shell script around the real one, and
     // the group reaches both.
     this.#child = spawn(program, flags, {
@@ -104,7 +113,7 @@ export class Chromium {
     let tail = '';
     stderr.on('data', (text) => (tail = (tail + text).slice(-STDERR_TAIL)));
     this.pipe = new DevToolsPipe(commands, replies, onEvent);
-    replies.once('close', () => this.#killGroup()); // without its pipe it is of no use
+    replies.once('close', () => this.kill()); // without its pipe it is of no use
     this.ended = new Promise((resolve) => {
       this.#child.once('exit', () => resolve());
       this.#child.once('error', (error) => {
@@ -120,9 +129,24 @@ export class Chromium {
     });
   }
 
+  /** Whether pages are held in Chromium's own sandbox, which it cannot set up as root. */
+  get sandboxed() {
+    return process.getuid() !== 0;
+  }
+
+  /** Its process, which leads a group of its own; undefined when it could not be started. */
+  get pid() {
+    return this.#child.pid;
+  }
+
   /** Product and version, such as "HeadlessChrome/120.0"; empty until it is ready. */
   get product() {
     return this.#product;
+  }
+
+  /** Asks for a sign of life. */
+  ping() {
+    return this.pipe.send('Browser.getVersion');
   }
 
   async #greet() {
@@ -134,13 +158,13 @@ export class Chromium {
   async end() {
     this.pipe.send('Browser.close', {}, { timeout: END_TIMEOUT }).catch(() => {});
     await Promise.race([this.ended, sleep(END_TIMEOUT)]);
-    this.#killGroup();
+    this.kill();
     await Promise.race([this.ended, sleep(END_TIMEOUT)]);
     this.pipe.close('the browser ended');
   }
 
-  // Also after the leader has ended: a helper process may still be there.
-  #killGroup() {
+  /** Ends it at once. Also after the leader has ended: a helper process may still be there. */
+  kill() {
     if (!this.#child.pid) return;
     try {
       process.kill(-this.#child.pid, 'SIGKILL');

@@ -4,27 +4,38 @@ import { VERSION } from './version.mjs';
 
 const USAGE = `Usage: verdo-browser COMMAND
 
-  nodejs    run the script on standard input, with a headless browser at hand
-  status    tell whether the browser runs, and its task spaces
-  stop      end the browser and all task spaces
+  nodejs          run the script on standard input, with a headless browser at hand
+  login [NAME]    open a window to log in to sites: for the task space NAME, or for all new ones
+  forget [NAME]   forget what was logged in to
+  list            the task spaces
+  close NAME      close a task space
+  status          tell whether the browser runs, and its task spaces
+  stop            end the browser and all task spaces
 
   --help, --version
 
 A script is JavaScript for node, with top-level await and these functions:
-  openTaskSpace(name), listTaskSpaces(), completeTaskSpace(name, {keep}), cliLog(text)
+  openTaskSpace(name, {viewport, userAgent, locale, timezone, downloads}) gives a page
+  listTaskSpaces(), completeTaskSpace(name, {keep}), cliLog(...values)
 
 Environment:
   VERDO_BROWSER_CHROMIUM   Chromium to use instead of chromium-headless-shell or chromium
   VERDO_BROWSER_IDLE_EXIT  seconds after which an unused browser ends (60)
   XDG_RUNTIME_DIR          where the browser's socket is, in verdo-browser (~/.cache/verdo/browser)
+  XDG_STATE_HOME           where logins are kept, in verdo-browser (~/.local/state)
 `;
 
+/** Of each command: what runs it, and how many arguments it takes. */
 const COMMANDS = {
-  nodejs: runStandardInput,
-  status: printStatus,
-  stop: stopKeeper,
-  '--help': async () => print(USAGE),
-  '--version': async () => print(`verdo-browser ${VERSION}\n`),
+  nodejs: { run: runStandardInput, least: 0, most: 0 },
+  login: { run: keeperCommand('login'), least: 0, most: 1 },
+  forget: { run: keeperCommand('forget'), least: 0, most: 1 },
+  list: { run: keeperCommand('list'), least: 0, most: 0 },
+  close: { run: keeperCommand('close'), least: 1, most: 1 },
+  status: { run: keeperCommand('status'), least: 0, most: 0 },
+  stop: { run: keeperCommand('stop'), least: 0, most: 0 },
+  '--help': { run: async () => print(USAGE), least: 0, most: 0 },
+  '--version': { run: async () => print(`verdo-browser ${VERSION}\n`), least: 0, most: 0 },
 };
 
 /**
@@ -40,9 +51,10 @@ export async function main(args) {
     return;
   }
   try {
-    await COMMANDS[args[0]]();
+    const [command, ...rest] = args;
+    await COMMANDS[command].run(...rest);
   } catch (error) {
-    process.stderr.write(`verdo-browser: ${error.message}\n`);
+    tell(error.message);
     process.exitCode = 1;
   }
 }
@@ -50,7 +62,9 @@ export async function main(args) {
 function usageProblem([command, ...rest]) {
   if (command === undefined) return 'a command is missing';
   if (!Object.hasOwn(COMMANDS, command)) return `there is no command '${command}'`;
-  if (rest.length > 0) return `${command} takes no argument '${rest[0]}'`;
+  const { least, most } = COMMANDS[command];
+  if (rest.length < least) return `${command} takes the name of a task space`;
+  if (rest.length > most) return `${command} takes no argument '${rest[most]}'`;
   return null;
 }
 
@@ -60,16 +74,17 @@ async function runStandardInput() {
   await runNodejs();
 }
 
-async function printStatus() {
-  const { status } = await import('./keeper-commands.mjs');
-  print(await status(process.env));
-}
-
-async function stopKeeper() {
-  const { stop } = await import('./keeper-commands.mjs');
-  print(await stop(process.env));
+function keeperCommand(name) {
+  return async (...args) => {
+    const commands = await import('./keeper-commands.mjs');
+    print(await commands[name]({ env: process.env, tell }, ...args));
+  };
 }
 
 function print(text) {
   process.stdout.write(text);
+}
+
+function tell(text) {
+  process.stderr.write(`verdo-browser: ${text}\n`);
 }

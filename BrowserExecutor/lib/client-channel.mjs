@@ -1,7 +1,14 @@
 /** The keeper's end of one client connection: framing, limits and replies. */
 
 import { FrameSplitter } from './frames.mjs';
-import { MAX_REPLY_BYTES, MAX_REQUEST_BYTES, NEWLINE, decode, encode } from './protocol.mjs';
+import {
+  DEVTOOLS_MARK,
+  MAX_REPLY_BYTES,
+  MAX_REQUEST_BYTES,
+  NEWLINE,
+  decode,
+  encode,
+} from './protocol.mjs';
 
 /** Requests that a client may have open before the keeper stops reading from it. */
 const MAX_OPEN_REQUESTS = 64;
@@ -9,6 +16,7 @@ const MAX_OPEN_REQUESTS = 64;
 export class ClientChannel {
   #socket;
   #handle;
+  #onCommand;
   #open = 0;
 
   /**
@@ -17,15 +25,17 @@ export class ClientChannel {
    * @param {object} handlers
    * @param {(method: string, params: object) => Promise<object>}
    *   handlers.onRequest gives the result, or rejects with the message to send
+   * @param {(command: object) => void} handlers.onCommand gets the client's DevTools commands
    * @param {() => void} handlers.onClose the client is gone
    */
-  constructor(socket, { onRequest, onClose }) {
+  constructor(socket, { onRequest, onCommand, onClose }) {
     this.#socket = socket;
     this.#handle = onRequest;
+    this.#onCommand = onCommand;
     const splitter = new FrameSplitter({
       delimiter: NEWLINE,
       limit: MAX_REQUEST_BYTES,
-      onFrame: (line) => this.#receive(line),
+      onFrame: (line) => this.#receive(line.text()),
       onOversize: () => socket.destroy(),
     });
     socket.on('data', (chunk) => splitter.push(chunk));
@@ -38,9 +48,15 @@ export class ClientChannel {
     return this.#socket.destroyed;
   }
 
-  /** Sends an event to the client. @param {object} event */
-  notify(event) {
-    this.#write(event);
+  /** Sends a DevTools message to the client. @param {Buffer[]} pieces of it */
+  relay(pieces) {
+    if (!this.#socket.writable) return;
+    this.#socket.cork();
+    this.#socket.write(DEVTOOLS_MARK);
+    for (const piece of pieces) this.#socket.write(piece);
+    this.#socket.write('\n');
+    this.#socket.uncork();
+    this.#limitBacklog();
   }
 
   /** Stops reading requests until `resume`. */
@@ -63,6 +79,10 @@ export class ClientChannel {
 
   #receive(line) {
     if (this.#socket.destroyed) return;
+    if (line.startsWith(DEVTOOLS_MARK)) {
+      this.#receiveCommand(line.slice(1));
+      return;
+    }
     const request = parseRequest(line);
     if (!request) {
       this.#socket.destroy();
@@ -70,6 +90,12 @@ export class ClientChannel {
     }
     if (++this.#open >= MAX_OPEN_REQUESTS) this.pause();
     this.#answer(request);
+  }
+
+  #receiveCommand(json) {
+    const command = parseRequest(json);
+    if (command) this.#onCommand(command);
+    else this.#socket.destroy();
   }
 
   async #answer({ id, method, params }) {
@@ -84,19 +110,24 @@ export class ClientChannel {
   #write(message) {
     if (!this.#socket.writable) return;
     this.#socket.write(encode(message));
+    this.#limitBacklog();
+  }
+
+  #limitBacklog() {
     if (this.#socket.writableLength > MAX_REPLY_BYTES) this.#socket.destroy();
   }
 }
 
 function parseRequest(line) {
   try {
-    const { id, method, params = {} } = decode(line);
+    const { id, method, params = {}, sessionId } = decode(line);
     const valid =
       Number.isSafeInteger(id) &&
       typeof method === 'string' &&
       params !== null &&
-      typeof params === 'object';
-    return valid ? { id, method, params } : null;
+      typeof params === 'object' &&
+      (sessionId === undefined || typeof sessionId === 'string');
+    return valid ? { id, method, params, sessionId } : null;
   } catch {
     return null; // not JSON
   }

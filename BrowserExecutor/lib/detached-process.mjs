@@ -1,4 +1,4 @@
-/** Spawns a process that shares no session, working directory or descriptor with us. */
+/** Spawns a process that shares no session, working directory or descriptor with us, but one. */
 
 import { spawn } from 'node:child_process';
 import fs from 'node:fs';
@@ -9,13 +9,13 @@ const CLOSE_ON_EXEC = 0o2000000;
  * @param {string} program
  * @param {string[]} args
  * @param {NodeJS.ProcessEnv} env
- * @returns {import('node:child_process').ChildProcess} its standard streams are /dev/null; it does
- *   not keep this process alive
+ * @returns {import('node:child_process').ChildProcess} its standard error is a pipe that we read,
+ *   the other standard streams are /dev/null; it does not keep this process alive
  */
 export function spawnDetached(program, args, env) {
   const nowhere = fs.openSync('/dev/null', 'r+');
   try {
-    const stdio = ['ignore', 'ignore', 'ignore'];
+    const stdio = ['ignore', 'ignore', 'pipe'];
     for (const descriptor of inheritedDescriptors()) {
       while (stdio.length < descriptor) stdio.push('ignore');
       stdio[descriptor] = nowhere;

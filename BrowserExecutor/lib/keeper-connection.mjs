@@ -1,38 +1,56 @@
-/** A script's connection to the keeper: requests, events, and one reason when it is lost. */
+/** A script's connection to the keeper: requests, DevTools messages, and why it was lost. */
 
 import net from 'node:net';
 
 import { FrameSplitter } from './frames.mjs';
-import { MAX_REPLY_BYTES, NEWLINE, PROTOCOL_VERSION, decode, encode } from './protocol.mjs';
+import {
+  DEVTOOLS_MARK,
+  MAX_REPLY_BYTES,
+  MAX_REQUEST_BYTES,
+  NEWLINE,
+  PROTOCOL_VERSION,
+  decode,
+  encode,
+} from './protocol.mjs';
 
-const HELLO_TIMEOUT = 10_000;
+/** A keeper that takes longer to say hello hangs: it does nothing that takes time. */
+const HELLO_TIMEOUT = 5_000;
 export const REQUEST_TIMEOUT = 30_000;
+
+/** The keeper is there and does not answer. */
+export class SilentKeeperError extends Error {}
+
+/** The keeper ended while it was needed. */
+export class KeeperLostError extends Error {
+  /** Names of the task spaces that are lost with it. @type {string[]} */
+  lost = [];
+}
 
 export class KeeperConnection {
   #socket;
   #pending = new Map();
-  #sessions = new Map();
   #lastId = 0;
-  #lostReason = 'the browser keeper ended unexpectedly';
+  #holds = 0;
+  #lastWords = { reason: 'the browser keeper ended unexpectedly', lost: [] };
+
+  /** Gets each DevTools message, a JSON text. @type {(message: string) => void} */
+  onDevTools = () => {};
+
+  /** What hello told: protocol and pid. */
+  keeper = { protocol: 0, pid: 0 };
 
   /**
-   * Connects to a running keeper.
+   * Connects to a running keeper, of whatever version.
    * @param {string} socketPath
    * @returns {Promise<KeeperConnection | null>} null when none is there, or it is just ending
-   * @throws {Error} when the socket cannot be used, or the keeper speaks another protocol
+   * @throws {SilentKeeperError} when it does not answer
+   * @throws {Error} when the socket cannot be used
    */
   static async open(socketPath) {
     const socket = await connect(socketPath);
     if (!socket) return null;
     const connection = new KeeperConnection(socket);
-    const hello = await connection.#greet();
-    if (hello && hello.protocol !== PROTOCOL_VERSION) {
-      connection.close();
-      throw new Error(
-        `the running keeper (pid ${hello.pid}) is of another version: run verdo-browser stop`,
-      );
-    }
-    return hello && connection;
+    return (await connection.#greet()) ? connection : null;
   }
 
   /** Takes ownership of a connected socket. @param {net.Socket} socket */
@@ -41,7 +59,7 @@ export class KeeperConnection {
     const splitter = new FrameSplitter({
       delimiter: NEWLINE,
       limit: MAX_REPLY_BYTES,
-      onFrame: (line) => this.#receive(decode(line)),
+      onFrame: (line) => this.#receive(line.text()),
       onOversize: () => socket.destroy(new Error('an answer is too large')),
     });
     socket.on('data', (chunk) => splitter.push(chunk));
@@ -49,7 +67,7 @@ export class KeeperConnection {
     /** Fulfils when the connection is closed. @type {Promise<void>} */
     this.closed = new Promise((resolve) => {
       socket.on('close', () => {
-        this.#lose();
+        for (const id of [...this.#pending.keys()]) this.#take(id).reject(this.lostError());
         resolve();
       });
     });
@@ -61,37 +79,61 @@ export class KeeperConnection {
     return !this.#socket.destroyed;
   }
 
+  /** Whether the keeper speaks all of our protocol, not only what every version does. */
+  get isOfOurVersion() {
+    return this.keeper.protocol === PROTOCOL_VERSION;
+  }
+
   /**
    * Sends one request. The process stays alive while one is unanswered.
    * @param {string} method see protocol.mjs
    * @param {object} [params]
-   * @param {{timeout?: number}} [options] milliseconds, REQUEST_TIMEOUT unless given; Infinity
-   *   waits for as long as the connection lasts
-   * @returns {Promise<object>} the result; rejects with the keeper's message
+   * @param {{timeout?: number}} [options] milliseconds, REQUEST_TIMEOUT unless given
+   * @returns {Promise<object>} the result; rejects with the keeper's message, or with a
+   *   KeeperLostError
    */
   request(method, params = {}, { timeout = REQUEST_TIMEOUT } = {}) {
-    if (!this.usable) return Promise.reject(new Error(this.#lostReason));
+    if (!this.usable) return Promise.reject(this.lostError());
     const id = ++this.#lastId;
     return new Promise((resolve, reject) => {
-      const entry = { resolve, reject, timer: undefined };
-      if (timeout !== Infinity) {
-        const what = params.method ? `the page does not answer: ${params.method}` : method;
-        const late = () => this.#take(id)?.reject(new Error(`${what}: over ${timeout} ms`));
-        entry.timer = setTimeout(late, timeout);
-      }
-      this.#pending.set(id, entry);
-      this.#socket.ref();
+      const late = () => {
+        const message = `the browser keeper (pid ${this.keeper.pid}) does not answer`;
+        this.#take(id)?.reject(
+          new SilentKeeperError(`${message} to ${method}: over ${timeout} ms`),
+        );
+      };
+      this.#pending.set(id, { resolve, reject, timer: setTimeout(late, timeout) });
+      this.hold();
       this.#socket.write(encode({ id, method, params }));
     });
   }
 
   /**
-   * Has a session's events delivered.
-   * @param {string} session
-   * @param {(event: object) => void} onEvent gets "devtools" and "detached" events
+   * Sends one DevTools message.
+   * @param {string} message JSON
+   * @throws {Error} when it is too large
    */
-  listen(session, onEvent) {
-    this.#sessions.set(session, onEvent);
+  sendDevTools(message) {
+    if (Buffer.byteLength(message) >= MAX_REQUEST_BYTES) {
+      const megabytes = MAX_REQUEST_BYTES / 1024 / 1024;
+      throw new Error(`what is sent to the page at once can have ${megabytes} MiB, not more`);
+    }
+    if (this.usable) this.#socket.write(`${DEVTOOLS_MARK}${message}\n`);
+  }
+
+  /** Keeps the process alive until the matching `release`. */
+  hold() {
+    if (++this.#holds === 1) this.#socket.ref();
+  }
+
+  release() {
+    if (--this.#holds === 0) this.#socket.unref();
+  }
+
+  /** Why the connection is lost, if it is. @returns {KeeperLostError} */
+  lostError() {
+    const { reason, lost } = this.#lastWords;
+    return Object.assign(new KeeperLostError(reason), { lost });
   }
 
   close() {
@@ -101,19 +143,24 @@ export class KeeperConnection {
   // A keeper that ends as we connect closes without an answer: to us there is none.
   async #greet() {
     try {
-      return await this.request('hello', {}, { timeout: HELLO_TIMEOUT });
+      this.keeper = await this.request('hello', {}, { timeout: HELLO_TIMEOUT });
+      return true;
     } catch (error) {
-      if (!this.usable) return null;
+      if (error instanceof KeeperLostError) return false;
       this.close();
-      throw new Error(`the browser keeper does not answer (${error.message})`);
+      throw error;
     }
   }
 
-  #receive(message) {
+  #receive(line) {
+    if (line.startsWith(DEVTOOLS_MARK)) {
+      this.onDevTools(line.slice(1));
+      return;
+    }
+    const message = decode(line);
     if (message.event === 'ending') {
-      this.#lostReason = `the browser keeper ended: ${message.reason}`;
-    } else if (message.event) {
-      this.#sessions.get(message.session)?.(message);
+      const { reason, lost = [] } = message;
+      this.#lastWords = { reason: `the browser keeper ended: ${reason}`, lost };
     } else if (message.error) {
       this.#take(message.id)?.reject(new Error(message.error.message));
     } else {
@@ -121,21 +168,12 @@ export class KeeperConnection {
     }
   }
 
-  #lose() {
-    const error = () => new Error(this.#lostReason);
-    for (const id of [...this.#pending.keys()]) this.#take(id).reject(error());
-    for (const [session, onEvent] of this.#sessions) {
-      onEvent({ event: 'detached', session, reason: this.#lostReason });
-    }
-    this.#sessions.clear();
-  }
-
   #take(id) {
     const entry = this.#pending.get(id);
     if (!entry) return undefined;
     this.#pending.delete(id);
     clearTimeout(entry.timer);
-    if (this.#pending.size === 0) this.#socket.unref();
+    this.release();
     return entry;
   }
 }
@@ -147,6 +185,7 @@ function connect(socketPath) {
     socket.once('error', (error) => {
       // No socket, or one that a killed keeper left behind.
       if (error.code === 'ENOENT' || error.code === 'ECONNREFUSED') resolve(null);
+      else if (error.code === 'EAGAIN') reject(new SilentKeeperError('the browser keeper is full'));
       else reject(new Error(`cannot connect to the browser keeper: ${error.message}`));
     });
   });

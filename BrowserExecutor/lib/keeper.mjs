@@ -4,14 +4,27 @@
  */
 
 import net from 'node:net';
-import { rmSync } from 'node:fs';
+import fs from 'node:fs';
+import os from 'node:os';
+import path from 'node:path';
 import { setTimeout as sleep } from 'node:timers/promises';
 
+import { BrowserWatch, SILENCE_LIMIT } from './browser-watch.mjs';
 import { Chromium } from './chromium.mjs';
 import { ClientChannel } from './client-channel.mjs';
-import { createProfile, removeLeftoverProfiles, removeProfile } from './paths.mjs';
+import { SilentBrowserError } from './devtools-pipe.mjs';
+import { KeeperLog } from './keeper-log.mjs';
+import { giveLogin, readCookies } from './login-transfer.mjs';
+import { Logins } from './logins.mjs';
+import {
+  createProfile,
+  removeLeftoverProfiles,
+  removeLeftoverSocket,
+  removeProfile,
+} from './paths.mjs';
+import { identify } from './process-identity.mjs';
 import { PROTOCOL_VERSION } from './protocol.mjs';
-import { SessionTable } from './session-table.mjs';
+import { SpaceBrowser } from './space-browser.mjs';
 import { TaskSpaces } from './task-spaces.mjs';
 
 /** How long a keeper whose browser did not start waits for a client to tell the reason to. */
@@ -20,20 +33,34 @@ const TELL_TIMEOUT = 2_000;
 /** How long clients may take to read the keeper's last words. */
 const FAREWELL_TIMEOUT = 1_000;
 
+/** How long a page may take for a sum before it counts as hanging. */
+const PAGE_SILENCE_LIMIT = 3_000;
+
+const seconds = (milliseconds) => `${milliseconds / 1000} s`;
+
 export class Keeper {
   #paths;
   #env;
   #idleExit;
+  #log;
   #server;
   #profile;
   #chromium;
   #ready;
-  #spaces = new TaskSpaces(() => this.#chromium.pipe);
-  #sessions = new SessionTable(() => this.#chromium.pipe);
-  #channels = new Set();
+  #logins;
+  #spaces = new TaskSpaces(() => this.#chromium.pipe, {
+    prepare: (space) => this.#giveLogin(space),
+    retire: (space) => this.#keepLogin(space),
+  });
+  #channels = new Map(); // of each client: what it has here
   #hadClient = false;
   #idleTimer;
   #ending;
+  #watch = new BrowserWatch({
+    ping: () => this.#chromium.ping(),
+    isNeeded: () => !this.#ending && this.#channels.size > 0,
+    onSilence: () => this.#endSilentBrowser(),
+  });
 
   #methods = {
     hello: () => ({ protocol: PROTOCOL_VERSION, pid: process.pid }),
@@ -41,7 +68,8 @@ export class Keeper {
     status: () => this.#status(),
     open: (params, channel) => this.#open(params, channel),
     complete: (params) => this.#complete(params),
-    send: (params, channel) => this.#sendCommand(params, channel),
+    downloads: (_params, channel) => this.#downloads(channel),
+    renew: (params) => this.#renewLogin(params),
     stop: (_params, channel) => this.#stop(channel),
   };
 
@@ -56,6 +84,8 @@ export class Keeper {
     this.#paths = paths;
     this.#env = env;
     this.#idleExit = idleExit;
+    this.#log = new KeeperLog(paths.log);
+    this.#logins = new Logins(env);
   }
 
   /**
@@ -64,6 +94,7 @@ export class Keeper {
    * @throws {Error} when the socket cannot be bound or the profile not be created
    */
   async start() {
+    this.#record();
     await this.#listen();
     if (this.#ending) return;
     removeLeftoverProfiles(this.#paths.directory);
@@ -90,18 +121,20 @@ export class Keeper {
 
   async #end(reason, asker) {
     clearTimeout(this.#idleTimer);
-    this.#server.close(); // removes the socket's file
-    const farewell = { event: 'ending', reason };
-    const others = [...this.#channels].filter((channel) => channel !== asker);
+    this.#log.write(`ends: ${reason}`);
+    this.#server?.close(); // removes the socket's file
+    const farewell = { event: 'ending', reason, lost: this.#spaces.names };
+    const others = [...this.#channels.keys()].filter((channel) => channel !== asker);
     await within(FAREWELL_TIMEOUT, Promise.all(others.map((channel) => channel.end(farewell))));
     await this.#chromium?.end();
-    removeProfile(this.#profile);
+    for (const client of this.#channels.values()) this.#releaseClient(client);
+    if (this.#profile) removeProfile(this.#profile);
     if (asker) await within(FAREWELL_TIMEOUT, asker.end(farewell));
     this.onEnded();
   }
 
   async #listen() {
-    rmSync(this.#paths.socket, { force: true }); // left by a killed keeper: the lock is ours
+    removeLeftoverSocket(this.#paths.socket);
     this.#server = net.createServer((socket) => this.#welcome(socket));
     await new Promise((resolve, reject) => {
       this.#server.once('error', reject);
@@ -116,14 +149,21 @@ export class Keeper {
     this.#chromium = new Chromium({
       env: this.#env,
       profile: this.#profile,
-      onEvent: (message) => {
-        this.#spaces.handleEvent(message.method, message.params);
-        this.#sessions.handleEvent(message);
-      },
+      onEvent: ({ method, params }) => this.#handleEvent(method, params),
     });
+    this.#record();
     await this.#chromium.ready;
+    const caution = this.#chromium.sandboxed ? '' : ', without its sandbox, since this is root';
+    this.#log.write(`started ${this.#chromium.product}${caution}`);
     this.#chromium.ended.then(() => this.end('the browser ended unexpectedly'));
     await this.#chromium.pipe.send('Target.setDiscoverTargets', { discover: true });
+    this.#watch.start();
+  }
+
+  // Whoever finds us hanging has to know which processes to end.
+  #record() {
+    const browser = this.#chromium?.pid ? identify(this.#chromium.pid) : null;
+    fs.writeFileSync(this.#paths.lock, JSON.stringify({ ...identify(process.pid), browser }));
   }
 
   async #giveUp(error) {
@@ -132,23 +172,60 @@ export class Keeper {
     this.end(error.message);
   }
 
+  #endSilentBrowser() {
+    this.#chromium.kill();
+    this.end(`the browser did not answer for ${seconds(SILENCE_LIMIT)}`);
+  }
+
   #welcome(socket) {
+    const client = { view: null, downloads: null };
     const channel = new ClientChannel(socket, {
       onRequest: (method, params) => this.#handle(method, params, channel),
+      onCommand: (command) => client.view?.receive(command),
       onClose: () => {
         this.#channels.delete(channel);
-        this.#sessions.release(channel);
+        this.#releaseClient(client);
         this.#watchIdle();
       },
     });
-    this.#channels.add(channel);
+    this.#channels.set(channel, client);
     this.#hadClient = true;
     this.#watchIdle();
+    if (this.#chromium?.product) this.#watch.start();
+  }
+
+  #releaseClient(client) {
+    const { view } = client;
+    view?.release();
+    client.view = null;
+    if (view && !this.#ending && !this.#isUsed(view.space)) this.#keepLogin(view.space);
+    if (client.downloads) removeProfile(client.downloads);
+    client.downloads = null;
   }
 
   async #handle(method, params, channel) {
     if (!Object.hasOwn(this.#methods, method)) throw new Error(`no method ${method}`);
     return this.#methods[method](params, channel);
+  }
+
+  #handleEvent(method, params) {
+    const views = [...this.#channels.values()].map(({ view }) => view).filter(Boolean);
+    if (method === 'Target.detachedFromTarget') {
+      for (const view of views) view.handleDetached(params);
+      return;
+    }
+    if (method === 'Target.attachedToTarget') return; // the reply tells as much
+    const space = this.#spaces.handleEvent(method, params);
+    if (!space) return;
+    // A crashed page answers nothing any more: it is closed, and the next open makes a fresh one.
+    if (method === 'Target.targetCrashed') this.#closePage(params.targetId);
+    for (const view of views) {
+      if (view.space === space) view.handleTargetEvent(method, params);
+    }
+  }
+
+  #closePage(targetId) {
+    this.#chromium.pipe.send('Target.closeTarget', { targetId }).catch(() => {});
   }
 
   #watchIdle() {
@@ -166,28 +243,95 @@ export class Keeper {
 
   async #open({ name }, channel) {
     await this.#ready;
-    const { targetId, created } = await this.#spaces.open(name);
+    const client = this.#channels.get(channel);
+    if (!client || client.view) throw new Error('this connection has its task space already');
+    const notes = [];
+    const check = async (space) => notes.push(...(await this.#replaceHangingPage(space)));
+    const { space, targetId, created } = await this.#spaces.open(name, check);
+    client.view = new SpaceBrowser({ pipe: this.#chromium.pipe, channel, space });
+    return { page: targetId, created, notes };
+  }
+
+  /** Closes the page that the next script would get, when it hangs and no other script uses it. */
+  async #replaceHangingPage(space) {
+    const targetId = space.page;
+    if (this.#isUsed(space) || (await this.#pageAnswers(targetId))) return [];
+    const { url } = space.targets.get(targetId) ?? {};
+    space.targets.delete(targetId);
+    this.#closePage(targetId);
+    const note =
+      `the page of task space ${JSON.stringify(space.name)} (${url}) did not answer for ` +
+      `${seconds(PAGE_SILENCE_LIMIT)}: it was closed, and an empty one has taken its place`;
+    this.#log.write(note);
+    return [note];
+  }
+
+  #isUsed(space) {
+    return [...this.#channels.values()].some(({ view }) => view?.space === space);
+  }
+
+  async #pageAnswers(targetId) {
+    const { pipe } = this.#chromium;
+    const limit = { timeout: PAGE_SILENCE_LIMIT };
+    let sessionId;
     try {
-      return { session: await this.#sessions.attach(channel, targetId), created };
-    } catch {
-      // The page closed itself in this moment: the task space gets another.
-      this.#spaces.forgetPage(targetId);
-      const next = await this.#spaces.open(name);
-      return { session: await this.#sessions.attach(channel, next.targetId), created };
+      const attach = { targetId, flatten: true };
+      ({ sessionId } = await pipe.send('Target.attachToTarget', attach, limit));
+      await pipe.send('Runtime.evaluate', { expression: '1 + 1' }, { sessionId, ...limit });
+      return true;
+    } catch (error) {
+      return !(error instanceof SilentBrowserError); // one that is just closing is no matter
+    } finally {
+      if (sessionId) pipe.send('Target.detachFromTarget', { sessionId }).catch(() => {});
     }
   }
 
   async #complete({ name, keep }) {
     await this.#ready;
-    return this.#spaces.complete(name, keep === true);
+    const result = await this.#spaces.complete(name, keep === true);
+    this.#watchIdle();
+    return result;
   }
 
-  async #sendCommand({ session, method, params }, channel) {
-    if (!this.#sessions.owns(channel, session)) throw new Error('the page is no longer open');
-    const pipe = this.#chromium.pipe;
-    const reply = pipe.send(method, params, { sessionId: session });
-    if (pipe.waitForDrain(() => channel.resume())) channel.pause();
-    return reply;
+  async #downloads(channel) {
+    const client = this.#channels.get(channel);
+    if (!client) throw new Error('the client is gone');
+    client.downloads ??= fs.mkdtempSync(path.join(os.tmpdir(), 'verdo-downloads-'));
+    return { directory: client.downloads };
+  }
+
+  /** Gives a new task space its own login, or else a copy of the base one. */
+  async #giveLogin(space) {
+    try {
+      const own = this.#logins.read(space.name);
+      space.hasOwnLogin = own !== null;
+      const login = own ?? this.#logins.read();
+      if (login) await giveLogin(this.#chromium.pipe, login, space.contextId);
+    } catch (error) {
+      this.#log.write(
+        `task space ${JSON.stringify(space.name)} is without login: ${error.message}`,
+      );
+    }
+  }
+
+  // Sites renew their cookies: the login of a task space is kept as it was left.
+  async #keepLogin(space) {
+    if (!space.hasOwnLogin) return;
+    try {
+      const login = this.#logins.read(space.name);
+      if (!login) return; // forgotten meanwhile
+      const cookies = await readCookies(this.#chromium.pipe, space.contextId);
+      this.#logins.write(space.name, { ...login, cookies });
+    } catch (error) {
+      const name = JSON.stringify(space.name);
+      this.#log.write(`the login of task space ${name} is kept as it was: ${error.message}`);
+    }
+  }
+
+  async #renewLogin({ name }) {
+    const space = this.#spaces.find(name);
+    if (space) await this.#giveLogin(space);
+    return { found: space !== undefined };
   }
 
   #stop(channel) {

@@ -26,11 +26,13 @@ export async function runNodejs() {
   // The event loop can run empty under an await: that is no success.
   const stuck = () => fail(new Error('the script waits for something that can no longer happen'));
   process.once('beforeExit', stuck);
-  const globals = createScriptApi({
+  const { globals, close } = createScriptApi({
     env: process.env,
     write: (text) => process.stdout.write(text),
+    tell: (text) => process.stderr.write(`verdo-browser: ${text}\n`),
   });
   await runScript(source, { directory, globals }).catch(fail);
+  close();
   process.off('beforeExit', stuck);
 }
 

@@ -11,7 +11,9 @@ const MAX_SOCKET_PATH_BYTES = 103;
  * @typedef {object} KeeperPaths
  * @property {string} directory private directory (mode 0700) that holds everything below
  * @property {string} socket    Unix socket of the running keeper
- * @property {string} lock      file whose flock(2) lock the keeper holds as long as it lives
+ * @property {string} lock      file whose flock(2) lock the keeper holds as long as it lives; tells
+ *   which processes it and its browser are
+ * @property {string} log       what the keeper has to say
  */
 
 /**
@@ -34,50 +36,65 @@ export function keeperPaths(env) {
         'set XDG_RUNTIME_DIR to a shorter directory',
     );
   }
-  return { directory, socket, lock: path.join(directory, 'keeper.lock') };
+  const lock = path.join(directory, 'keeper.lock');
+  return { directory, socket, lock, log: path.join(directory, 'keeper.log') };
 }
 
 /**
- * Whether the private directory is there. One that someone else could have put a socket into is
- * refused: what scripts send through the socket is for this user's keeper alone.
+ * Whether a directory of this user's alone is there. One that someone else could have put a socket
+ * or a file into is refused: what goes through it is for this user alone.
  * @param {string} directory
+ * @param {string} [variable] the environment variable that puts it elsewhere
  * @returns {boolean}
  * @throws {Error} when it is no directory of this user
  */
-export function hasPrivateDirectory(directory) {
+export function hasOwnDirectory(directory, variable = 'XDG_RUNTIME_DIR') {
   let stat;
   try {
     stat = fs.lstatSync(directory, { throwIfNoEntry: false });
   } catch (error) {
-    throw unusable(directory, error.message);
+    throw unusable(directory, error.message, variable);
   }
   if (!stat) return false;
-  if (!stat.isDirectory()) throw unusable(directory, 'it is not a directory');
-  if (stat.uid !== process.getuid()) throw unusable(directory, `it belongs to user ${stat.uid}`);
+  if (!stat.isDirectory()) throw unusable(directory, 'it is not a directory', variable);
+  if (stat.uid !== process.getuid()) {
+    throw unusable(directory, `it belongs to user ${stat.uid}`, variable);
+  }
   return true;
 }
 
 /**
- * Creates the private directory, or takes an existing one that belongs to this user, and sees to
- * its mode 0700.
+ * Creates a directory of this user's alone, or takes an existing one, and sees to its mode 0700.
  * @param {string} directory
+ * @param {string} [variable] the environment variable that puts it elsewhere
  * @throws {Error} when it cannot be created or belongs to someone else
  */
-export function ensurePrivateDirectory(directory) {
+export function ensureOwnDirectory(directory, variable = 'XDG_RUNTIME_DIR') {
   try {
     fs.mkdirSync(directory, { recursive: true, mode: 0o700 });
+    hasOwnDirectory(directory, variable);
+    fs.chmodSync(directory, 0o700);
   } catch (error) {
-    throw unusable(directory, error.message);
+    throw error.code ? unusable(directory, error.message, variable) : error;
   }
-  hasPrivateDirectory(directory);
-  fs.chmodSync(directory, 0o700);
 }
 
-function unusable(directory, reason) {
+function unusable(directory, reason, variable) {
   return new Error(
     `cannot use the directory ${directory}: ${reason}; ` +
-      'set XDG_RUNTIME_DIR to a directory of your own',
+      `set ${variable} to a directory of your own`,
   );
+}
+
+/**
+ * Makes room for the socket. Call it only with the keeper's lock held.
+ * @param {string} socket
+ * @throws {Error} when something else than a socket is there
+ */
+export function removeLeftoverSocket(socket) {
+  const stat = fs.lstatSync(socket, { throwIfNoEntry: false });
+  if (stat && !stat.isSocket()) throw new Error(`${socket} is in the way: remove it`);
+  fs.rmSync(socket, { force: true });
 }
 
 const PROFILE_PREFIX = 'profile-';

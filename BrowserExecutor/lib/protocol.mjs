@@ -1,39 +1,50 @@
 /**
- * The protocol between scripts and the keeper, on the keeper's Unix socket: one JSON object a
- * line, UTF-8, "\n" at the end.
+ * The protocol between scripts and the keeper, on the keeper's Unix socket: one message a line,
+ * UTF-8, "\n" at the end.
  *
- * A client sends requests, which may overlap; each is answered once, in any order:
+ * A client sends requests, JSON objects, which may overlap; each is answered once, in any order:
  *
  *   {"id": 7, "method": "open", "params": {"name": "a"}}
- *   {"id": 7, "result": {"session": "5F…", "created": true}}
+ *   {"id": 7, "result": {"page": "5F…", "created": true}}
  *   {"id": 7, "error": {"message": "…"}}
  *
- * | method   | params                  | result                                                 |
- * |----------|-------------------------|--------------------------------------------------------|
- * | hello    |                         | protocol: PROTOCOL_VERSION, pid                        |
- * | list     |                         | spaces: an array of TaskSpaceInfo (task-spaces.mjs)    |
- * | status   |                         | pid, browser (product and version), spaces (as list)   |
- * | open     | name                    | session: this client's DevTools session with the page  |
- * |          |                         | of the task space; created: whether the space is new   |
- * | complete | name, keep              | found, closed                                          |
- * | send     | session, method, params | the DevTools result; only sessions of this client      |
- * | stop     |                         | {} at once; the connection closes when all has ended   |
+ * | method    | params     | result                                                               |
+ * |-----------|------------|----------------------------------------------------------------------|
+ * | hello     |            | protocol: PROTOCOL_VERSION, pid                                      |
+ * | list      |            | spaces: an array of TaskSpaceInfo (task-spaces.mjs)                  |
+ * | status    |            | pid, browser (product and version), spaces (as list)                 |
+ * | complete  | name, keep | found, closed                                                        |
+ * | stop      |            | {} at once; the connection closes when all has ended                 |
+ * | open      | name       | page: the DevTools target of the page of the task space; created:    |
+ * |           |            | whether the space is new; notes: what its owner has to know, texts   |
+ * | downloads |            | directory: for this client's downloads, which ends with it           |
+ * | renew     | name       | found; an open task space gets the login that is kept for it         |
  *
- * The keeper also sends events:
+ * hello, list, status, complete and stop have been the same in every version, so that a program can
+ * look after a keeper of another one.
  *
- *   {"event": "devtools", "session": S, "method": M, "params": {…}}   of a session of this client
- *   {"event": "detached", "session": S, "reason": R}                  the session is gone
- *   {"event": "ending", "reason": R}                                  the keeper is about to end
+ * After "open" the connection is a DevTools connection, too, to a browser that has the pages of
+ * that task space and nothing else (space-browser.mjs). Its messages, either way, are DevTools'
+ * own, with DEVTOOLS_MARK in front:
  *
- * A client's sessions end with its connection; task spaces stay. A line that is no request, or one
+ *   #{"id": 1, "method": "Target.setAutoAttach", "params": {…}}
+ *
+ * The keeper also sends an event, its last words:
+ *
+ *   {"event": "ending", "reason": R, "lost": names of the task spaces that end with it}
+ *
+ * A client's sessions end with its connection; task spaces stay. A line that is no message, or one
  * above the limit, closes the connection that sent it.
  */
 
-export const PROTOCOL_VERSION = 1;
+export const PROTOCOL_VERSION = 2;
+
+/** What stands before a DevTools message on its line. */
+export const DEVTOOLS_MARK = '#';
 
 export const NEWLINE = 0x0a;
 
-/** Largest request that the keeper takes; evaluate's code and arguments travel in one. */
+/** Largest message that the keeper takes; the code and arguments of evaluate travel in one. */
 export const MAX_REQUEST_BYTES = 64 * 1024 * 1024;
 
 /** Largest message that the keeper takes from Chromium; screenshots and page text travel in one. */
@@ -54,12 +65,12 @@ export function encode(message) {
 }
 
 /**
- * @param {Buffer} line one received line
+ * @param {string} line one received line
  * @returns {object} the JSON object in it
  * @throws {Error} when it holds anything else
  */
 export function decode(line) {
-  const message = JSON.parse(line.toString('utf8'));
+  const message = JSON.parse(line);
   if (message === null || typeof message !== 'object' || Array.isArray(message)) {
     throw new Error('not a JSON object');
   }

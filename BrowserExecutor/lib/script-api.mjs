@@ -1,38 +1,33 @@
 /** The functions that scripts find as globals. */
 
-import util from 'node:util';
-
-import { atCallSite } from './call-site.mjs';
-import { findKeeper, startKeeper } from './keeper-launcher.mjs';
-import { PageSession } from './page-session.mjs';
-import { Page } from './page.mjs';
+import { formatValues } from './cli-log.mjs';
+import { KeeperLostError } from './keeper-connection.mjs';
+import { findKeeper, requireOurVersion, startKeeper } from './keeper-launcher.mjs';
 import { checkName } from './protocol.mjs';
+import { checkNames, checkOptions } from './space-options.mjs';
 
 /** Creating a task space may wait for Chromium to start. */
-const OPEN_TIMEOUT = 60_000;
+const OPEN_TIMEOUT = 30_000;
 
 /**
  * @param {object} options
  * @param {NodeJS.ProcessEnv} options.env decides which keeper is used
  * @param {(text: string) => void} options.write writes to standard output
- * @returns {Record<string, Function>} the globals by name
+ * @param {(text: string) => void} options.tell writes a line of our own to standard error
+ * @returns {{globals: Record<string, Function>, close: () => void}} the globals by name; `close`
+ *   when the script's body has ended: open task spaces do not keep the process alive then
  */
-export function createScriptApi({ env, write }) {
-  let connection = null;
-
-  /** The keeper's connection of this script, made anew after a loss; `start` starts a keeper. */
-  async function keeper({ start }) {
-    if (!connection?.usable) connection = await (start ? startKeeper : findKeeper)(env);
-    return connection;
-  }
+export function createScriptApi({ env, write, tell }) {
+  const spaces = new Map(); // of each open one: its connection, and its page to come
+  let ended = false;
 
   /**
-   * Prints a text as it is, as one line or as the lines that it has; other values as JSON where
-   * JSON can say them, else as node shows them.
-   * @param {unknown} value
+   * Prints values as one line, joined by blanks, or as the lines that they have: texts as they
+   * are, others as console.log shows them.
+   * @param {...unknown} values
    */
-  function cliLog(value) {
-    write(`${printable(value)}\n`);
+  function cliLog(...values) {
+    write(`${formatValues(...values)}\n`);
   }
 
   /**
@@ -41,8 +36,8 @@ export function createScriptApi({ env, write }) {
    */
   function listTaskSpaces() {
     return atCallSite(listTaskSpaces, async () => {
-      const running = await keeper({ start: false });
-      return running ? (await running.request('list')).spaces : [];
+      const reply = await ask('list');
+      return reply ? reply.spaces : [];
     });
   }
 
@@ -54,12 +49,13 @@ export function createScriptApi({ env, write }) {
    * @returns {Promise<{name: string, found: boolean, closed: boolean}>} an unknown name is no
    *   error: found is false then
    */
-  function completeTaskSpace(name, { keep = false } = {}) {
+  function completeTaskSpace(name, options = {}) {
     return atCallSite(completeTaskSpace, async () => {
       checkName(name);
-      const running = await keeper({ start: false });
-      if (!running) return { name, found: false, closed: false };
-      return { name, ...(await running.request('complete', { name, keep })) };
+      checkNames('completeTaskSpace', options, ['keep']);
+      const { keep = false } = options;
+      const reply = await ask('complete', { name, keep });
+      return { name, ...(reply ?? { found: false, closed: false }) };
     });
   }
 
@@ -67,34 +63,103 @@ export function createScriptApi({ env, write }) {
    * Opens a task space: the one of this name with the page it has, or a new one with an empty
    * page. Starts the browser when none runs.
    * @param {string} name
-   * @returns {Promise<Page>}
+   * @param {import('./space-options.mjs').SpaceOptions} [options]
+   * @returns {Promise<import('puppeteer-core').Page>}
    */
-  function openTaskSpace(name) {
+  function openTaskSpace(name, options) {
     return atCallSite(openTaskSpace, async () => {
       checkName(name);
-      const running = await keeper({ start: true });
-      const { session } = await running.request('open', { name }, { timeout: OPEN_TIMEOUT });
-      return new Page(new PageSession(running, session));
+      const checked = checkOptions(options);
+      const open = spaces.get(name);
+      if (!open?.connection.usable || (await open.page).isClosed()) {
+        open?.connection.close();
+        return openAnew(name, checked);
+      }
+      if (Object.keys(checked).length === 0) return open.page;
+      throw new Error(
+        `task space ${JSON.stringify(name)} is open: its options came with the first`,
+      );
     });
   }
 
-  return { cliLog, listTaskSpaces, completeTaskSpace, openTaskSpace };
-}
-
-function printable(value) {
-  if (typeof value === 'string') return value;
-  if (!isJsonValue(value)) return util.inspect(value);
-  try {
-    return JSON.stringify(value);
-  } catch {
-    return util.inspect(value); // circular, or a BigInt inside
+  async function openAnew(name, options) {
+    // What is loaded takes as long as the keeper does: both at once.
+    const library = import('./space-pages.mjs');
+    const { connection, reply } = await openSpace(name);
+    for (const note of reply.notes) tell(note);
+    const page = library.then(({ SpacePages }) =>
+      SpacePages.open({ connection, page: reply.page, options, tell }),
+    );
+    spaces.set(name, { connection, page });
+    if (!ended) connection.hold();
+    return page;
   }
+
+  // A keeper that runs may end just now, because it was idle or because its browser hangs.
+  async function openSpace(name) {
+    const running = await findKeeper(env, tell);
+    if (running) {
+      try {
+        return await openThrough(running, name);
+      } catch (error) {
+        if (!(error instanceof KeeperLostError)) throw error;
+        tellLoss(error);
+      }
+    }
+    return openThrough(await startKeeper(env, tell), name);
+  }
+
+  async function openThrough(connection, name) {
+    try {
+      requireOurVersion(connection);
+      const reply = await connection.request('open', { name }, { timeout: OPEN_TIMEOUT });
+      return { connection, reply };
+    } catch (error) {
+      connection.close();
+      throw error;
+    }
+  }
+
+  /** One request; null without a keeper. */
+  async function ask(method, params) {
+    const keeper = await findKeeper(env, tell);
+    if (!keeper) return null;
+    try {
+      return await keeper.request(method, params);
+    } catch (error) {
+      if (!(error instanceof KeeperLostError)) throw error;
+      tellLoss(error);
+      return null;
+    } finally {
+      keeper.close();
+    }
+  }
+
+  function tellLoss({ message, lost }) {
+    const names = lost.map((name) => JSON.stringify(name)).join(', ');
+    if (lost.length > 0) tell(`${message}; lost with it: ${names}`);
+  }
+
+  function close() {
+    ended = true;
+    for (const { connection } of spaces.values()) connection.release();
+  }
+
+  return { globals: { cliLog, listTaskSpaces, completeTaskSpace, openTaskSpace }, close };
 }
 
-function isJsonValue(value) {
-  if (value === null || ['number', 'boolean'].includes(typeof value)) return true;
-  if (typeof value !== 'object') return false;
-  if (Array.isArray(value) || typeof value.toJSON === 'function') return true;
-  const prototype = Object.getPrototypeOf(value);
-  return prototype === Object.prototype || prototype === null;
+/**
+ * Runs one API operation. An error that it rejects with gets the stack of the API call, since the
+ * place where a reply happened to arrive means nothing to the script's author.
+ */
+async function atCallSite(method, operation) {
+  const site = {};
+  Error.captureStackTrace(site, method);
+  try {
+    return await operation();
+  } catch (error) {
+    const frames = site.stack.split('\n').filter((line) => /^\s+at /.test(line));
+    error.stack = [`${error.name}: ${error.message}`, ...frames].join('\n');
+    throw error;
+  }
 }

@@ -19,20 +19,37 @@ const COMMAND_TIMEOUT = 20_000;
 
 export class TaskSpaces {
   #send;
+  #prepare;
+  #retire;
   #spaces = new Map();
   #queues = new Map();
 
   /**
    * @param {() => import('./devtools-pipe.mjs').DevToolsPipe} pipe gives the browser's pipe; not
    *   called before the first operation
+   * @param {object} steps
+   * @param {(space: TaskSpace) => Promise<void>} steps.prepare runs when a space is new
+   * @param {(space: TaskSpace) => Promise<void>} steps.retire runs before one is closed
    */
-  constructor(pipe) {
+  constructor(pipe, { prepare, retire }) {
+    this.#prepare = prepare;
+    this.#retire = retire;
     this.#send = (method, params) => pipe().send(method, params, { timeout: COMMAND_TIMEOUT });
   }
 
   /** How many task spaces there are. */
   get size() {
     return this.#spaces.size;
+  }
+
+  /** Their names, in order of creation. */
+  get names() {
+    return [...this.#spaces.keys()];
+  }
+
+  /** @param {string} name @returns {TaskSpace | undefined} */
+  find(name) {
+    return this.#spaces.get(name);
   }
 
   /** @returns {Promise<TaskSpaceInfo[]>} in order of creation */
@@ -47,7 +64,7 @@ export class TaskSpaces {
         name: space.name,
         createdAt: space.createdAt,
         completed: space.completed,
-        pages: space.pages.size,
+        pages: space.pages.length,
         url: page?.url ?? '',
         title: page?.title ?? '',
       };
@@ -57,17 +74,21 @@ export class TaskSpaces {
   /**
    * Creates the task space when it does not exist, and a page in it when it has none.
    * @param {unknown} name
-   * @returns {Promise<{targetId: string, created: boolean}>} its page's DevTools target
+   * @param {(space: TaskSpace) => Promise<void>} [check] looks at the page of a space that was
+   *   there before; it may forget the page, which is replaced then
+   * @returns {Promise<{space: TaskSpace, targetId: string, created: boolean}>} targetId is its
+   *   page's DevTools target
    * @throws {Error} for a name that is none, or with the browser's message
    */
-  open(name) {
+  open(name, check = async () => {}) {
     checkName(name);
     return this.#inTurn(name, async () => {
       const created = !this.#spaces.has(name);
       const space = this.#spaces.get(name) ?? (await this.#create(name));
       space.completed = false;
+      if (space.page) await check(space);
       const targetId = space.page ?? (await this.#createPage(space));
-      return { targetId, created };
+      return { space, targetId, created };
     });
   }
 
@@ -86,31 +107,35 @@ export class TaskSpaces {
         space.completed = true;
         return { found: true, closed: false };
       }
+      await this.#retire(space);
       await this.#send('Target.disposeBrowserContext', { browserContextId: space.contextId });
       this.#spaces.delete(name);
       return { found: true, closed: true };
     });
   }
 
-  /** Follows the pages that come and go. @param {string} method @param {object} params */
+  /**
+   * Follows the targets that come and go: pages, their frames of other sites, workers.
+   * @param {string} method @param {object} params of a DevTools event
+   * @returns {TaskSpace | undefined} the space that it concerns
+   */
   handleEvent(method, params) {
-    if (method === 'Target.targetCreated') {
-      const { browserContextId, type, targetId } = params.targetInfo;
-      if (type === 'page') this.#spaceOfContext(browserContextId)?.pages.add(targetId);
+    const { targetInfo, targetId = targetInfo?.targetId } = params;
+    const space = this.#spaceOfContext(targetInfo?.browserContextId) ?? this.#spaceOf(targetId);
+    const known = space?.targets.has(targetId);
+    if (method === 'Target.targetCreated' || (targetInfo && known)) {
+      space?.targets.set(targetId, targetInfo);
     } else if (method === 'Target.targetDestroyed' || method === 'Target.targetCrashed') {
-      this.forgetPage(params.targetId);
+      space?.targets.delete(targetId);
     }
-  }
-
-  /** Takes a page that is gone out of the table. @param {string} targetId */
-  forgetPage(targetId) {
-    for (const space of this.#spaces.values()) space.pages.delete(targetId);
+    return space;
   }
 
   async #create(name) {
     const { browserContextId } = await this.#send('Target.createBrowserContext', {});
     const space = new TaskSpace(name, browserContextId);
     this.#spaces.set(name, space);
+    await this.#prepare(space);
     return space;
   }
 
@@ -125,10 +150,11 @@ export class TaskSpaces {
   }
 
   #spaceOfContext(contextId) {
-    for (const space of this.#spaces.values()) {
-      if (space.contextId === contextId) return space;
-    }
-    return undefined;
+    return [...this.#spaces.values()].find((space) => space.contextId === contextId);
+  }
+
+  #spaceOf(targetId) {
+    return [...this.#spaces.values()].find((space) => space.targets.has(targetId));
   }
 
   // Operations on one name run one after the other; names do not wait for each other.
@@ -145,19 +171,27 @@ export class TaskSpaces {
   }
 }
 
-class TaskSpace {
+export class TaskSpace {
   createdAt = new Date().toISOString();
   completed = false;
-  /** DevTools target ids of its pages, in order of creation. */
-  pages = new Set();
+  /** Whether a login is kept for it alone. */
+  hasOwnLogin = false;
+  /** What DevTools tells of each of its targets, by id, in order of creation. */
+  targets = new Map();
 
   constructor(name, contextId) {
     this.name = name;
     this.contextId = contextId;
   }
 
+  /** The target ids of its pages, in order of creation. */
+  get pages() {
+    const isPage = ({ type, subtype }) => type === 'page' && !subtype;
+    return [...this.targets.values()].filter(isPage).map(({ targetId }) => targetId);
+  }
+
   /** The target id of the page that scripts get, the oldest one open; undefined without pages. */
   get page() {
-    return this.pages.values().next().value;
+    return this.pages[0];
   }
 }

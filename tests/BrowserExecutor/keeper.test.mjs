@@ -21,7 +21,7 @@ const OPEN = `cliLog(await (await openTaskSpace('a')).evaluate('6 * 7'))`;
 async function assertGone(sandbox, { keeper, browser }) {
   const left = () => [keeper, ...browser].filter(alive);
   await waitFor('keeper and browser to end', () => left().length === 0);
-  assert.deepEqual(fs.readdirSync(sandbox.directory), ['keeper.lock']);
+  assert.deepEqual(fs.readdirSync(sandbox.directory).sort(), ['keeper.lock', 'keeper.log']);
 }
 
 test('first scripts that start at once share one keeper', async (t) => {
@@ -33,7 +33,7 @@ test('first scripts that start at once share one keeper', async (t) => {
   assert.deepEqual(await Promise.all(scripts), Array(3).fill('about:blank\n'));
   assert.equal(sandbox.keepers().length, 1);
   const list = 'cliLog((await listTaskSpaces()).map(({ name }) => name).sort())';
-  assert.equal(await sandbox.output(list), '["a","b","c"]\n');
+  assert.equal(await sandbox.output(list), "[ 'a', 'b', 'c' ]\n");
 });
 
 test('keeper and browser are private to the user and out of the reach of the script', async (t) => {
@@ -96,7 +96,7 @@ test('after each kind of end nothing is left, and the next script starts anew', 
       await end(sandbox, family);
       await assertGone(sandbox, family);
       const { code, stderr } = await waiting.result;
-      assert.match(stderr, /script line 2: Error: the browser/);
+      assert.match(stderr, /script line 2: \w+: evaluate: the browser keeper ended: /);
       assert.equal(code, 1);
       assert.equal(await sandbox.output(OPEN), '42\n');
     });
@@ -115,6 +115,79 @@ test('a killed keeper takes the browser along and its leftovers are replaced', a
   assert.equal(await sandbox.output(OPEN), '42\n');
   const after = fs.readdirSync(sandbox.directory);
   assert.equal(after.length, before.length, `${before} / ${after}`);
+});
+
+test(
+  'what hangs is ended for the next script, which is told what is lost',
+  {
+    concurrency: true,
+  },
+  async (t) => {
+    const hangs = {
+      'a stopped keeper': {
+        stop: ({ keeper }) => process.kill(keeper, 'SIGSTOP'),
+        told: /keeper did not answer: it \(pid \d+\) was ended, with its browser/,
+      },
+      'a stopped browser': {
+        stop: ({ browser }) => browser.forEach((pid) => process.kill(pid, 'SIGSTOP')),
+        told: /the browser did not answer for 5 s; lost with it: "a"/,
+      },
+    };
+    const subtests = Object.entries(hangs).map(([name, { stop, told }]) =>
+      t.test(name, async (t) => {
+        const sandbox = new Sandbox(t);
+        await sandbox.output(OPEN);
+        const { keeper, browser } = sandbox.family();
+        stop({ keeper, browser });
+        const next = await sandbox.run(OPEN);
+        assert.deepEqual([next.code, next.stdout], [0, '42\n'], next.stderr);
+        assert.match(next.stderr, told);
+        await waitFor('them to end', () => [keeper, ...browser].every((pid) => !alive(pid)));
+
+        const again = sandbox.family();
+        stop(again);
+        assert.equal(await sandbox.output('', { args: ['stop'] }), 'stopped\n');
+        await waitFor('the end', () =>
+          [again.keeper, ...again.browser].every((pid) => !alive(pid)),
+        );
+      }),
+    );
+    await Promise.all(subtests);
+  },
+);
+
+test('a keeper of another version can be looked at and ended, and is not used', async (t) => {
+  const sandbox = new Sandbox(t);
+  fs.mkdirSync(sandbox.directory, { mode: 0o700 });
+  const seen = [];
+  const replies = {
+    hello: { protocol: 1, pid: 4711 },
+    list: { spaces: [{ name: 'old', createdAt: 'then', completed: false, pages: 1, url: 'u' }] },
+    complete: { found: true, closed: true },
+    stop: {},
+  };
+  const server = net.createServer((socket) => {
+    socket.on('data', (lines) => {
+      for (const line of lines.toString().trim().split('\n')) {
+        const { id, method } = JSON.parse(line);
+        seen.push(method);
+        socket.write(`${JSON.stringify({ id, result: replies[method] })}\n`);
+        if (method === 'stop') socket.end();
+      }
+    });
+  });
+  await new Promise((resolve) => server.listen(sandbox.socket, resolve));
+  t.after(() => server.close());
+  const { code, stderr } = await sandbox.run(OPEN);
+  assert.equal(code, 1);
+  assert.match(stderr, /keeper \(pid 4711\) is of another version: verdo-browser stop ends it/);
+  assert.match(await sandbox.output('', { args: ['list'] }), /"old" {2}open/);
+  assert.equal(await sandbox.output('', { args: ['close', 'old'] }), 'closed\n');
+  assert.equal(await sandbox.output('', { args: ['stop'] }), 'stopped\n');
+  assert.deepEqual(
+    seen.filter((method) => method !== 'hello'),
+    ['list', 'complete', 'stop'],
+  );
 });
 
 test('a keeper that nobody needs ends, but not before', async (t) => {

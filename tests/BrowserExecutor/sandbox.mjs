@@ -30,7 +30,14 @@ export class Sandbox {
     this.root = fs.mkdtempSync(path.join(os.tmpdir(), 'vb-'));
     this.directory = path.join(this.root, 'verdo-browser');
     this.socket = path.join(this.directory, 'keeper.sock');
-    this.env = { PATH: process.env.PATH, HOME: this.root, XDG_RUNTIME_DIR: this.root };
+    this.temporary = path.join(this.root, 'tmp');
+    fs.mkdirSync(this.temporary);
+    this.env = {
+      PATH: process.env.PATH,
+      HOME: this.root,
+      TMPDIR: this.temporary,
+      XDG_RUNTIME_DIR: this.root,
+    };
     t.after(() => this.#cleanUp());
   }
 

@@ -52,7 +52,13 @@ test('a script has what node has, and prints in order to the last byte', async (
      setTimeout(() => cliLog('x'.repeat(300000) + 'end'), 20)`,
   );
   const lines = stdout.split('\n');
-  assert.deepEqual(lines.slice(0, 5), ['two', 'lines', 'console', '{"a":[1,null]}', 'undefined']);
+  assert.deepEqual(lines.slice(0, 5), [
+    'two',
+    'lines',
+    'console',
+    '{ a: [ 1, null ] }',
+    'undefined',
+  ]);
   assert.deepEqual(lines.slice(5, 8), [
     'Map(1) { 1 => 2 }',
     '<ref *1> { self: [Circular *1] }',

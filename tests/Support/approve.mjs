@@ -18,23 +18,8 @@ const TIMEOUT = 40_000;
 const script = (url, label) => `
   const page = await openTaskSpace('approve')
   await page.goto(${JSON.stringify(url)}, { timeout: 15000 })
-  const pressed = await page.evaluate((label) => {
-    const button = [...document.querySelectorAll('button')].find((b) => b.textContent === label)
-    button?.focus()
-    if (!button || document.activeElement !== button) return false
-    window.stillTheOldPage = true
-    button.click()
-    return true
-  }, ${JSON.stringify(label)})
-  if (!pressed) throw new Error('no such button to press; the page says: ' + await page.text())
-  const arrived = () => page
-    .evaluate("!window.stillTheOldPage && document.readyState === 'complete'")
-    .catch(() => false) // asked in the middle of the change
-  const deadline = Date.now() + 15000
-  while (!(await arrived())) {
-    if (Date.now() > deadline) throw new Error('no other page followed within 15 s')
-    await new Promise((resolve) => setTimeout(resolve, 20))
-  }
+  const button = page.locator('::-p-aria(${label}[role="button"])')
+  await Promise.all([page.waitForNavigation(), button.click()])
   cliLog(await page.text())`;
 
 const [program, url, label] = process.argv.slice(2);

@@ -1,0 +1,99 @@
+/**
+ * What a person has logged in to, kept in files: the base login, which every new task space starts
+ * with a copy of, and those of single task spaces.
+ */
+
+import { createHash } from 'node:crypto';
+import fs from 'node:fs';
+import os from 'node:os';
+import path from 'node:path';
+
+import { ensureOwnDirectory, hasOwnDirectory } from './paths.mjs';
+
+const FORMAT = 1;
+const BASE = 'base.json';
+
+/**
+ * @typedef {object} Login
+ * @property {object[]} cookies as DevTools' Storage.setCookies takes them
+ * @property {{origin: string, items: [string, string][]}[]} storage the sites' local storage
+ */
+
+export class Logins {
+  #directory;
+
+  /** @param {NodeJS.ProcessEnv} env */
+  constructor(env) {
+    const state = env.XDG_STATE_HOME;
+    const base =
+      state && path.isAbsolute(state)
+        ? state
+        : path.join(env.HOME || os.homedir(), '.local', 'state');
+    this.#directory = path.join(base, 'verdo-browser');
+  }
+
+  /** Where they are kept. */
+  get directory() {
+    return this.#directory;
+  }
+
+  /** Sees to the directory, which is the user's alone. @throws {Error} when it cannot be used */
+  prepare() {
+    ensureOwnDirectory(this.#directory, 'XDG_STATE_HOME');
+  }
+
+  /**
+   * @param {string} [name] of a task space; the base login without
+   * @returns {Login | null} null when none is kept
+   * @throws {Error} when it cannot be read
+   */
+  read(name) {
+    if (!hasOwnDirectory(this.#directory, 'XDG_STATE_HOME')) return null;
+    const file = this.#file(name);
+    let text;
+    try {
+      text = fs.readFileSync(file, 'utf8');
+    } catch (error) {
+      if (error.code === 'ENOENT') return null;
+      throw error;
+    }
+    const { format, cookies, storage } = JSON.parse(text);
+    if (format !== FORMAT) throw new Error(`${file} is of another version of verdo-browser`);
+    return { cookies, storage };
+  }
+
+  /**
+   * @param {string | undefined} name
+   * @param {Login} login
+   * @throws {Error} when it cannot be written; what was kept before is still there then
+   */
+  write(name, { cookies, storage }) {
+    this.prepare();
+    const file = this.#file(name);
+    const fresh = `${file}.${process.pid}`;
+    const text = JSON.stringify({ format: FORMAT, name, cookies, storage });
+    try {
+      fs.writeFileSync(fresh, text, { mode: 0o600, flush: true });
+      fs.renameSync(fresh, file);
+    } catch (error) {
+      fs.rmSync(fresh, { force: true });
+      throw error;
+    }
+  }
+
+  /** @param {string} [name] @returns {boolean} whether there was one */
+  forget(name) {
+    if (!hasOwnDirectory(this.#directory, 'XDG_STATE_HOME')) return false;
+    const file = this.#file(name);
+    const had = fs.existsSync(file);
+    fs.rmSync(file, { force: true });
+    return had;
+  }
+
+  // A name may hold what no file name can.
+  #file(name) {
+    if (name === undefined) return path.join(this.#directory, BASE);
+    const hash = createHash('sha256').update(name).digest('hex');
+    return path.join(this.#directory, `space-${hash}.json`);
+  }
+}

@@ -1,0 +1,51 @@
+/**
+ * The page library as scripts get it: puppeteer-core without what starts browsers. Loaded only by
+ * scripts that open a task space.
+ */
+
+import fs from 'node:fs';
+import path from 'node:path';
+
+import { environment } from 'puppeteer-core/internal/environment.js';
+import { ScreenRecorder } from 'puppeteer-core/internal/node/ScreenRecorder.js';
+import {
+  CdpBrowserContext,
+  CdpElementHandle,
+  CdpFrame,
+  CdpHTTPResponse,
+  CdpJSHandle,
+  CdpKeyboard,
+  CdpMouse,
+  CdpPage,
+  CdpTouchscreen,
+  ElementHandle,
+  Frame,
+  JSHandle,
+  Locator,
+  Page,
+  PuppeteerError,
+  TimeoutError,
+  connect,
+} from 'puppeteer-core/lib/esm/puppeteer/puppeteer-core-browser.js';
+
+environment.value = { fs, path, ScreenRecorder }; // for what reads and writes files
+
+export {
+  CdpBrowserContext,
+  CdpElementHandle,
+  CdpFrame,
+  CdpHTTPResponse,
+  CdpJSHandle,
+  CdpKeyboard,
+  CdpMouse,
+  CdpPage,
+  CdpTouchscreen,
+  ElementHandle,
+  Frame,
+  JSHandle,
+  Locator,
+  Page,
+  PuppeteerError,
+  TimeoutError,
+  connect,
+};
