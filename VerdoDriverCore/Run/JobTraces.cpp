@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -21,6 +22,12 @@ namespace verdo {
 namespace {
 
 constexpr const char* kRuntimeDir = "XDG_RUNTIME_DIR";
+
+/// Where a variable of the environment says, if it is an absolute path.
+std::string directoryFrom(const char* variable, std::string otherwise) {
+  const char* const directory = std::getenv(variable);
+  return directory && *directory == '/' ? directory : std::move(otherwise);
+}
 
 /// verdo-browser holds the lock as long as it runs.
 bool isBrowserRunning(const std::string& directory) {
@@ -41,10 +48,11 @@ void waitForEnd(const std::string& directory) {
 }  // namespace
 
 JobTraces::Options JobTraces::ofTheUser(const std::vector<std::string>& extraPathDirs) {
-  const char* const runtime = std::getenv(kRuntimeDir);
+  const std::string state = DriverConstants::expandTilde("~/.local/state");
   return {
       .cache = StagingDirectory::defaultCache(),
-      .runtimeDir = runtime && *runtime == '/' ? runtime : "",
+      .runtimeDir = directoryFrom(kRuntimeDir, ""),
+      .stateDir = directoryFrom("XDG_STATE_HOME", state),
       .browser = Executor::locate(DriverConstants::fallbackExecutor, extraPathDirs).value_or("")};
 }
 
@@ -62,6 +70,8 @@ std::vector<std::string> JobTraces::remove() const {
     if (!options_.runtimeDir.empty()) {
       note(removeBrowserData(options_.runtimeDir + "/verdo-browser", options_.runtimeDir));
     }
+    note(
+        removeBrowserData(options_.stateDir + "/verdo-browser", ""));  // logins: nothing runs there
   }
   note(removeStagedFiles());
   if (left.empty()) {

@@ -7,14 +7,15 @@
 
 namespace verdo {
 
-/// What the user's jobs have left on this computer: the profiles and task spaces of verdo-browser,
-/// and files that were downloaded for jobs. A browser of the user's own is none of it. Any thread;
-/// one call at a time.
+/// What the user's jobs have left on this computer: the profiles, logins and task spaces of
+/// verdo-browser, and files that were downloaded for jobs. A browser of the user's own is none of
+/// it. Any thread; one call at a time.
 class JobTraces {
  public:
   struct Options {
     std::string cache;       ///< where jobs' files are staged and drivers lock each other out
     std::string runtimeDir;  ///< the session's own directory; empty without one
+    std::string stateDir;    ///< where programs keep what outlives them
     std::string browser;     ///< the program verdo-browser; empty where it is not installed
     std::chrono::seconds stopLimit{20};  ///< for the browser to end
   };

@@ -26,16 +26,19 @@ class JobTracesTest : public testing::Test {
     for (const auto& directory : {cache + "/browser", runtime + "/verdo-browser"}) {
       fs::create_directories(directory + "/profile-1/Default");
     }
+    fs::create_directories(state + "/verdo-browser/window-1");
     fs::create_directories(cache + "/verdo-left");
     home.write("cache/.lock", "");
   }
   std::vector<std::string> remove(const std::string& browser = "") const {
-    return JobTraces({.cache = cache, .runtimeDir = runtime, .browser = browser}).remove();
+    return JobTraces({.cache = cache, .runtimeDir = runtime, .stateDir = state, .browser = browser})
+        .remove();
   }
 
   const TempDir home;
   const std::string cache = home / "cache";
   const std::string runtime = home / "run";
+  const std::string state = home / "state";
   const std::string profile = runtime + "/verdo-browser/profile-1";
 };
 
@@ -54,7 +57,7 @@ TEST_F(JobTracesTest, TakesAwayWhatAnotherDriverUsesOrHidesThatItStays) {
   EXPECT_THAT(remove(), IsEmpty());
   EXPECT_THAT(std::vector(fs::directory_iterator(cache), {}),
               ElementsAre(fs::directory_entry(cache + "/somebody's")));
-  EXPECT_TRUE(fs::is_empty(runtime));
+  EXPECT_TRUE(fs::is_empty(runtime) && fs::is_empty(state));
 }
 
 TEST_F(JobTracesTest, TakesTheProfileFromUnderARunningBrowserOrLeavesItRunning) {
