@@ -75,7 +75,19 @@ export function ensureOwnDirectory(directory, variable = 'XDG_RUNTIME_DIR') {
     hasOwnDirectory(directory, variable);
     fs.chmodSync(directory, 0o700);
   } catch (error) {
-    throw error.code ? unusable(directory, error.message, variable) : error;
+    throw error.code ? unusable(directory, reasonFor(directory, error), variable) : error;
+  }
+}
+
+// Where the file system is read-only, node says that a parent does not exist.
+function reasonFor(directory, error) {
+  let parent = path.dirname(directory);
+  while (!fs.existsSync(parent)) parent = path.dirname(parent);
+  try {
+    fs.accessSync(parent, fs.constants.W_OK);
+    return error.message;
+  } catch (cause) {
+    return cause.message;
   }
 }
 
