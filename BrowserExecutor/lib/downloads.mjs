@@ -9,6 +9,7 @@ const MAX_NAME_LENGTH = 120;
 
 export class Downloads {
   #page;
+  #findDirectory;
   #directory;
   #session = null;
   #running = new Map(); // by the browser's id of each
@@ -17,17 +18,17 @@ export class Downloads {
   /**
    * @param {object} options
    * @param {object} options.page any page of the task space
-   * @param {() => Promise<string>} options.directory where the files go; asked once
+   * @param {() => Promise<string>} options.findDirectory gives where the files go; asked once
    */
-  constructor({ page, directory }) {
+  constructor({ page, findDirectory }) {
     this.#page = page;
-    this.#directory = directory;
+    this.#findDirectory = findDirectory;
   }
 
   /** Allows downloads from now on: each gets the name that its site suggests. */
   async allow() {
     if (this.#session && !this.#session.detached) return;
-    this.#directory = await resolved(this.#directory);
+    this.#directory ??= await this.#findDirectory();
     const session = await this.#page.createCDPSession();
     session.on('Browser.downloadWillBegin', (event) => this.#begin(event));
     session.on('Browser.downloadProgress', (event) => this.#progress(event));
@@ -80,10 +81,6 @@ export class Downloads {
       }
     }
   }
-}
-
-async function resolved(directory) {
-  return typeof directory === 'function' ? directory() : directory;
 }
 
 /** The site chooses the name, but neither the place nor what a terminal makes of it. */

@@ -18,7 +18,8 @@ const OPEN_TIMEOUT = 30_000;
  *   when the script's body has ended: open task spaces do not keep the process alive then
  */
 export function createScriptApi({ env, write, tell }) {
-  const spaces = new Map(); // of each open one: its connection, and its page to come
+  const spaces = new Map(); // of each name: its connection, page and options, to come
+  const connections = new Set();
   let ended = false;
 
   /**
@@ -70,16 +71,19 @@ export function createScriptApi({ env, write, tell }) {
     return atCallSite(openTaskSpace, async () => {
       checkName(name);
       const checked = checkOptions(options);
-      const open = spaces.get(name);
-      if (!open?.connection.usable || (await open.page).isClosed()) {
-        open?.connection.close();
-        return openAnew(name, checked);
-      }
-      if (Object.keys(checked).length === 0) return open.page;
-      throw new Error(
-        `task space ${JSON.stringify(name)} is open: its options came with the first`,
-      );
+      const opening = reuseOrOpen(spaces.get(name), name, checked);
+      spaces.set(name, opening); // at once: a second call may come while this one waits
+      const { page, options: first } = await opening;
+      if (first === checked || Object.keys(checked).length === 0) return page;
+      throw new Error(`task space ${JSON.stringify(name)} is open: its options came first`);
     });
+  }
+
+  async function reuseOrOpen(earlier, name, options) {
+    const before = await earlier?.catch(() => null);
+    if (before?.connection.usable && !before.page.isClosed()) return before;
+    before?.connection.close();
+    return openAnew(name, options);
   }
 
   async function openAnew(name, options) {
@@ -87,12 +91,11 @@ export function createScriptApi({ env, write, tell }) {
     const library = import('./space-pages.mjs');
     const { connection, reply } = await openSpace(name);
     for (const note of reply.notes) tell(note);
-    const page = library.then(({ SpacePages }) =>
-      SpacePages.open({ connection, page: reply.page, options, tell }),
-    );
-    spaces.set(name, { connection, page });
+    connections.add(connection);
     if (!ended) connection.hold();
-    return page;
+    const { SpacePages } = await library;
+    const page = await SpacePages.open({ connection, page: reply.page, options, tell });
+    return { connection, page, options };
   }
 
   // A keeper that runs may end just now, because it was idle or because its browser hangs.
@@ -142,7 +145,7 @@ export function createScriptApi({ env, write, tell }) {
 
   function close() {
     ended = true;
-    for (const { connection } of spaces.values()) connection.release();
+    for (const connection of connections) connection.release();
   }
 
   return { globals: { cliLog, listTaskSpaces, completeTaskSpace, openTaskSpace }, close };

@@ -86,7 +86,8 @@ export class SpacePages {
     const page = await (await browser.waitForTarget(isOurs)).page();
     space.downloads = new Downloads({
       page,
-      directory: async () => options.downloads ?? (await connection.request('downloads')).directory,
+      findDirectory: async () =>
+        options.downloads ?? (await connection.request('downloads')).directory,
     });
     await space.#prepare(page);
     browser.on('targetcreated', (target) => space.#prepareNew(target));

@@ -76,6 +76,9 @@ test('a call that fails says which, where, after how long and what there was', a
     await attempt(() => openTaskSpace('bad', { viewprt: {} }))
     await attempt(() => openTaskSpace('worse', { timezone: 'Middle/Earth' }))
     await attempt(() => completeTaskSpace('bad', { kep: true }))
+    await attempt(() => openTaskSpace('bad', { locale: 'de' }))
+    const twins = await Promise.all([openTaskSpace('twin'), openTaskSpace('twin')])
+    cliLog(twins[0] === twins[1])
     page.setDefaultTimeout(300)
     await attempt(() => page.evaluate(() => new Promise(() => {})))
     await attempt(() => page.evaluate(() => { for (;;); }))`);
@@ -105,6 +108,8 @@ test('a call that fails says which, where, after how long and what there was', a
     /^TypeError: openTaskSpace: there is no option 'viewprt' \(viewport, /,
     /^TypeError: openTaskSpace: timezone takes a time zone such as/,
     /^TypeError: completeTaskSpace: there is no option 'kep' \(keep\)$/,
+    /^Error: task space "bad" is open: its options came first$/,
+    /^true$/,
     new RegExp(`^TimeoutError: evaluate: no answer within 300 ms ${place}`),
     new RegExp(`^TimeoutError: evaluate: no answer within 300 ms ${place}`),
   ]);
