@@ -15,16 +15,19 @@
 
 namespace verdo {
 
-std::unique_ptr<AppModel> makeAppModel(std::shared_ptr<FileLog> log, std::string llmBase) {
+std::unique_ptr<AppModel> makeAppModel(std::shared_ptr<FileLog> log, std::string llmBase,
+                                       const std::string& extraCaCertPath) {
   auto settings = std::make_unique<SettingsStore>(nativeSettings());
   AppModel::Parts parts;
   parts.system = makeSystemParts(AppInfo::bundleID(), settings->secretPlace());
   parts.settings = std::move(settings);
-  parts.factory = std::make_shared<RealDriverFactory>(desktopProxyFor);
+  parts.factory = std::make_shared<RealDriverFactory>(desktopProxyFor, Timings{}, extraCaCertPath);
   parts.logPath = log->path();
   parts.log = std::move(log);
-  parts.updateChecker = std::make_unique<UpdateChecker>(AppInfo::version(), desktopProxyFor);
-  parts.pairingService = std::make_shared<PairingClient>(AppInfo::clientHeader(), desktopProxyFor);
+  parts.updateChecker =
+      std::make_unique<UpdateChecker>(AppInfo::version(), desktopProxyFor, extraCaCertPath);
+  parts.pairingService =
+      std::make_shared<PairingClient>(AppInfo::clientHeader(), desktopProxyFor, extraCaCertPath);
   parts.egoPath = EgoLocator::path;
   parts.hostName = hostName;
   parts.openURL = [](const std::string& url) {

@@ -113,7 +113,9 @@ int run(int argc, char** argv, const AppDelegate::Options& options) {
 
   const char* const llmBase = std::getenv(DriverConstants::llmBaseEnv);
   const auto log = std::make_shared<FileLog>();
-  const auto model = makeAppModel(log, lowerScheme(llmBase ? llmBase : ""));
+  const char* const extraCa = std::getenv(DriverConstants::extraCaCertEnv);
+  const auto model = makeAppModel(log, lowerScheme(llmBase ? llmBase : ""),
+                                  DriverConstants::expandTilde(extraCa ? extraCa : ""));
   AppDelegate* running = nullptr;
   const PopoverHost host{
       .quit = [&running] { running->quit(); },

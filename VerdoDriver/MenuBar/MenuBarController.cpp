@@ -5,6 +5,7 @@
 #include "VerdoDriver/Model/AppLog.h"
 #include "VerdoDriver/UI/Look.h"
 
+#include <QBackingStore>
 #include <QCursor>
 #include <QDialog>
 #include <QGuiApplication>
@@ -159,12 +160,18 @@ void MenuBarController::position() {
                                 on->availableGeometry(), window_->sizeHint()));
 }
 
+/// The display server shares it. A window that is shown is painted anew, at its own size.
+void MenuBarController::letGoOfPicture() {
+  if (auto* picture = window_->backingStore()) picture->resize(QSize(1, 1));
+}
+
 bool MenuBarController::eventFilter(QObject* watched, QEvent* event) {
   if (watched == window_.get()) {
     if (event->type() == QEvent::WindowDeactivate && isPlaced_ && window_->isVisible()) {
       hidePopover();
       lostFocusAt_ = std::chrono::steady_clock::now();
     }
+    if (event->type() == QEvent::Hide && !window_->isVisible()) letGoOfPicture();
     if (event->type() == QEvent::KeyPress && window_->isVisible() &&
         static_cast<QKeyEvent*>(event)->key() == Qt::Key_Escape) {
       hidePopover();

@@ -49,6 +49,7 @@ class MenuBarController : public QObject {
   void watch(const QScreen* screen);
   void fitScreen();
   void position();
+  void letGoOfPicture();
 
   AppModel& model_;
   std::unique_ptr<QWidget> window_;

@@ -1,8 +1,8 @@
 #include "VerdoDriver/MenuBar/StatusItemIconRenderer.h"
 
 #include <QPainter>
+#include <QPicture>
 #include <QString>
-#include <QSvgRenderer>
 #include <cmath>
 
 namespace verdo::StatusItemIconRenderer {
@@ -14,8 +14,11 @@ constexpr int kSizes[] = {16, 18, 22, 24, 32, 44, 48, 64};
 /// The dot's diameter, as a part of the icon's size: 5 of 18 points.
 constexpr double kBadge = 5.0 / 18;
 
-QString shapeFile(Connection connection) {
-  return QStringLiteral(":/icons/%1.svg").arg(QLatin1String(nameOf(connection)));
+/// The shape, one pixel high and wide.
+QPicture shapeOf(Connection connection) {
+  QPicture shape;
+  shape.load(QStringLiteral(":/icons/%1.pic").arg(QLatin1String(nameOf(connection))));
+  return shape;
 }
 
 void drawBadge(QPainter& painter, double size) {
@@ -34,7 +37,9 @@ QPixmap pixmap(Connection connection, bool updateAvailable, int size, double sca
   QPixmap image(pixels, pixels);
   image.fill(Qt::transparent);
   QPainter painter(&image);
-  QSvgRenderer(shapeFile(connection)).render(&painter, QRectF(0, 0, pixels, pixels));
+  painter.scale(pixels, pixels);
+  painter.drawPicture(0, 0, shapeOf(connection));
+  painter.resetTransform();
   if (updateAvailable) drawBadge(painter, pixels);
   painter.end();
   image.setDevicePixelRatio(scale);

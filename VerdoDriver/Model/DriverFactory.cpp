@@ -24,9 +24,10 @@ class RealDriver : public DriverHandle {
 std::shared_ptr<DriverHandle> RealDriverFactory::makeDriver(
     const DriverConfig& config, std::shared_ptr<DriverLog> log,
     std::weak_ptr<DriverObserver> observer) {
-  DriverConfig proxied = config;
-  proxied.proxyFor = proxyFor_;
-  return std::make_shared<RealDriver>(proxied, std::move(log), std::move(observer), timings_);
+  DriverConfig here = config;
+  here.proxyFor = proxyFor_;
+  if (!extraCaCertPath_.empty()) here.extraCaCertPath = extraCaCertPath_;
+  return std::make_shared<RealDriver>(here, std::move(log), std::move(observer), timings_);
 }
 
 }  // namespace verdo

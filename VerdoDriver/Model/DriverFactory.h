@@ -8,6 +8,7 @@
 #include "VerdoDriverCore/Contract/Timings.h"
 
 #include <memory>
+#include <string>
 #include <utility>
 
 namespace verdo {
@@ -43,9 +44,13 @@ class DriverFactory {
 /// Runs of the driver itself.
 class RealDriverFactory : public DriverFactory {
  public:
-  /// `proxyFor`: as in the configuration; null: what the environment says.
-  explicit RealDriverFactory(ProxyFor proxyFor = {}, const Timings& timings = {})
-      : proxyFor_(std::move(proxyFor)), timings_(timings) {}
+  /// `proxyFor`: as in the configuration; null: what the environment says. `extraCaCertPath`
+  /// may be empty.
+  explicit RealDriverFactory(ProxyFor proxyFor = {}, const Timings& timings = {},
+                             std::string extraCaCertPath = {})
+      : proxyFor_(std::move(proxyFor)),
+        timings_(timings),
+        extraCaCertPath_(std::move(extraCaCertPath)) {}
   std::shared_ptr<DriverHandle> makeDriver(const DriverConfig& config,
                                            std::shared_ptr<DriverLog> log,
                                            std::weak_ptr<DriverObserver> observer) override;
@@ -53,6 +58,7 @@ class RealDriverFactory : public DriverFactory {
  private:
   const ProxyFor proxyFor_;
   const Timings timings_;
+  const std::string extraCaCertPath_;
 };
 
 }  // namespace verdo

@@ -2,6 +2,7 @@
 
 #include "VerdoDriver/Model/Background.h"
 #include "VerdoDriver/Model/MainThread.h"
+#include "VerdoDriverCore/Network/CertificateFile.h"
 
 #include <QPointer>
 #include <exception>
@@ -35,6 +36,9 @@ void ModelHttp::sendThrough(const std::string& proxy, HttpRequest request, Compl
     if (!session_ || proxy_ != proxy) {
       HttpSession::Options options;
       options.proxy = proxy_ = proxy;
+      if (!extraCaCertPath_.empty()) {
+        options.caCertificates = loadCertificatesBesideRoots(extraCaCertPath_);
+      }
       session_ = std::make_unique<HttpSession>(options);
     }
   } catch (const std::exception& error) {

@@ -16,7 +16,7 @@ using ProxyFor = std::function<std::string(const std::string& url)>;
 
 /// Short requests of the model, answered on the main thread. Redirects are not followed, a reply
 /// longer than 1 MiB is an error, and so is one that takes more than a minute, however steadily it
-/// trickles in. The system's roots are trusted. Main thread only.
+/// trickles in. The system's roots are trusted, and what the user adds. Main thread only.
 ///
 /// Completions come asynchronously, each exactly once, but not after this object has gone: its
 /// owner may therefore capture itself.
@@ -24,8 +24,9 @@ class ModelHttp : public QObject {
  public:
   using Completion = std::function<void(const HttpResult&)>;
 
-  /// `proxyFor` may be null.
-  explicit ModelHttp(ProxyFor proxyFor = {}) : proxyFor_(std::move(proxyFor)) {}
+  /// `proxyFor` may be null; `extraCaCertPath`, a PEM file of certificates to trust, empty.
+  explicit ModelHttp(ProxyFor proxyFor = {}, std::string extraCaCertPath = {})
+      : proxyFor_(std::move(proxyFor)), extraCaCertPath_(std::move(extraCaCertPath)) {}
 
   /// Sends the request with this limit of inactivity. The network thread starts with the first
   /// request, and ends, cancelling what is in flight, with this object.
@@ -37,6 +38,7 @@ class ModelHttp : public QObject {
   void sendThrough(const std::string& proxy, HttpRequest request, Completion completion);
 
   const ProxyFor proxyFor_;
+  const std::string extraCaCertPath_;
   std::string proxy_;  ///< of the session
   std::unique_ptr<HttpSession> session_;
 };

@@ -12,8 +12,10 @@ namespace verdo {
 class PairingClient : public PairingService {
  public:
   /// `clientHeader` names the app and its version to the server: "app/1.2.3".
-  explicit PairingClient(std::string clientHeader, ProxyFor proxyFor = {})
-      : clientHeader_(std::move(clientHeader)), http_(std::move(proxyFor)) {}
+  explicit PairingClient(std::string clientHeader, ProxyFor proxyFor = {},
+                         std::string extraCaCertPath = {})
+      : clientHeader_(std::move(clientHeader)),
+        http_(std::move(proxyFor), std::move(extraCaCertPath)) {}
 
   void start(const std::string& server, bool allowInsecure, const std::string& host,
              StartCompletion completion) override;

@@ -35,8 +35,10 @@ class UpdateChecker : public QObject {
   using Completion = std::function<void(const Outcome&)>;
 
   /// `currentVersion` is that of the running app.
-  explicit UpdateChecker(std::string currentVersion, ProxyFor proxyFor = {})
-      : currentVersion_(std::move(currentVersion)), http_(std::move(proxyFor)) {}
+  explicit UpdateChecker(std::string currentVersion, ProxyFor proxyFor = {},
+                         std::string extraCaCertPath = {})
+      : currentVersion_(std::move(currentVersion)),
+        http_(std::move(proxyFor), std::move(extraCaCertPath)) {}
 
   /// Where a server keeps its manifest; absent when its URL is not one.
   [[nodiscard]] static std::optional<std::string> manifestURL(const std::string& server);

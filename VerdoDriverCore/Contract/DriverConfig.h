@@ -31,9 +31,10 @@ struct DriverConfig {
   bool noSweep = false;                   ///< skip the sweep of task spaces at start
   bool insecure = false;                  ///< allow plain http to a host that is not loopback
   std::optional<std::string> caCertPath;  ///< PEM file; its certificates become the only anchors
-  bool dryRun = false;                    ///< check configuration and server, then end
-  bool checkLLM = false;                  ///< validate the LLM key before serving
-  std::string llmKey;                     ///< provider key; empty: there is none
+  std::optional<std::string> extraCaCertPath;  ///< PEM file, trusted beside the system's roots
+  bool dryRun = false;                         ///< check configuration and server, then end
+  bool checkLLM = false;                       ///< validate the LLM key before serving
+  std::string llmKey;                          ///< provider key; empty: there is none
   std::string llmBase = DriverConstants::llmDefaultBase;  ///< base URL of the provider
   std::optional<std::string> clientHeader;  ///< value of the X-VERDO-Driver-Client header
   std::optional<std::string> envFilePath;   ///< absent: DriverConstants::envFile()

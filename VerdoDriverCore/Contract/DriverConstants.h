@@ -10,6 +10,8 @@ inline constexpr const char* tokenEnv = "VERDO_DRIVER_TOKEN";
 inline constexpr const char* serverEnv = "VERDO_SERVER_URL";
 inline constexpr const char* llmKeyEnv = "VERDO_LLM_API_KEY";
 inline constexpr const char* llmBaseEnv = "VERDO_LLM_BASE_URL";
+/// The app's alone: the headless front end has an option that replaces the system's roots.
+inline constexpr const char* extraCaCertEnv = "VERDO_EXTRA_CA_CERT";
 
 inline constexpr const char* defaultServer = "http://127.0.0.1:8765";
 inline constexpr const char* defaultExecutor = "ego-browser nodejs";

@@ -4,9 +4,11 @@
 
 #include <cerrno>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <vector>
 
+#include <curl/curl.h>
 #include <openssl/bio.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
@@ -73,6 +75,12 @@ std::string loadCertificates(const std::string& path) {
   if (file.bad()) throw PyError("OSError", pyErrnoText(errno, path));
   if (certificates.empty()) throw PyError("SSLError", "no certificate in " + path);
   return certificates;
+}
+
+std::string loadCertificatesBesideRoots(const std::string& path) {
+  const char* const rootsPath = curl_version_info(CURLVERSION_NOW)->cainfo;
+  std::ifstream file(rootsPath ? rootsPath : "");  // without roots, there are none beside
+  return std::string(std::istreambuf_iterator<char>(file), {}) + "\n" + loadCertificates(path);
 }
 
 }  // namespace verdo

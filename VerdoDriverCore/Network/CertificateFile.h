@@ -9,4 +9,7 @@ namespace verdo {
 /// cannot be read, "SSLError" with "no certificate in {path}" when nothing was found.
 std::string loadCertificates(const std::string& path);
 
+/// The same behind the system's roots, as libcurl finds them by itself: as PEM text, too.
+std::string loadCertificatesBesideRoots(const std::string& path);
+
 }  // namespace verdo

@@ -167,7 +167,11 @@ HttpSession::Options DriverRunner::sessionFor(const std::string& url) const {
 
 std::shared_ptr<Api> DriverRunner::makeApi() {
   auto session = sessionFor(server_);
-  if (config_.caCertPath) session.caCertificates = loadCertificates(*config_.caCertPath);
+  if (config_.caCertPath) {
+    session.caCertificates = loadCertificates(*config_.caCertPath);
+  } else if (config_.extraCaCertPath) {
+    session.caCertificates = loadCertificatesBesideRoots(*config_.extraCaCertPath);
+  }
   Api::Options options;
   options.base = server_;
   options.token = config_.token;

@@ -2,6 +2,11 @@
 #include "VerdoDriver/UI/PopoverView.h"
 #include "tests/Support/ScriptedModel.h"
 
+#include <QApplication>
+#include <QBackingStore>
+#include <QHideEvent>
+#include <QScreen>
+
 /// Only there in programs that are checked for addresses. malloc's own figure says little: it
 /// counts what it keeps for threads that have ended.
 extern "C" [[gnu::weak]] std::size_t __sanitizer_get_current_allocated_bytes();
@@ -100,6 +105,25 @@ TEST_F(Day, LeavesMemoryBehindOrComplaints) {
     EXPECT_LT(__sanitizer_get_current_allocated_bytes(), before + kPicture);
   }
   EXPECT_EQ(warnings.join("; ").toStdString(), "");
+}
+
+TEST_F(Day, KeepsThePictureOfAHiddenPopoverOrShowsNone) {
+  menuBar.showPopover();
+  spin();
+  const QWidget* const window = QApplication::activeWindow();
+  ASSERT_TRUE(window && window->backingStore());
+  const auto onScreen = [&] { return window->screen()->grabWindow(window->winId()).toImage(); };
+  const QImage first = onScreen();
+  EXPECT_EQ(first.size(), window->size());
+  QHideEvent minimised;
+  QCoreApplication::sendEvent(const_cast<QWidget*>(window), &minimised);
+  EXPECT_EQ(onScreen(), first) << "once minimised";
+  menuBar.hidePopover();
+  spin();
+  EXPECT_LE(window->backingStore()->size().width(), 1);
+  menuBar.showPopover();
+  spin();
+  EXPECT_EQ(onScreen(), first) << "shown again";
 }
 
 }  // namespace

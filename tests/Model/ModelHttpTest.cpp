@@ -1,10 +1,13 @@
 #include "LocalService/LocalService.h"
+#include "VerdoDriver/Model/DriverFactory.h"
 #include "VerdoDriver/Model/PairingClient.h"
 #include "VerdoDriver/Model/SafeLink.h"
 #include "VerdoDriver/Model/Semver.h"
 #include "VerdoDriver/Model/UpdateChecker.h"
 #include "tests/Support/AppLogCapture.h"
+#include "tests/Support/Certificates.h"
 #include "tests/Support/MainLoop.h"
+#include "tests/Support/RecordingDriverLog.h"
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
@@ -175,6 +178,33 @@ TEST(SafeLink, UnsafeLinkIsOpened) {
     EXPECT_FALSE(SafeLink::allowed(link, "http://h")) << link;
   }
   EXPECT_FALSE(SafeLink::allowed("http://h/a", "https://h"));
+}
+
+TEST(ExtraAuthority, IsNotTrustedByEveryRequestToTheService) {
+  const Certificates ours;
+  local::LocalService service({.certificate = ours.certificate(), .privateKey = ours.privateKey()});
+  service.start();
+  const auto outcomes = [&](const std::string& extra) {
+    PairingClient client("app/1.2.3", {}, extra);
+    UpdateChecker checker("1.9.9", {}, extra);
+    std::vector<std::string> told;
+    const auto tell = [&](auto reply) { told.push_back(reply ? "answered" : text(reply.error())); };
+    client.start(service.url(), false, "box", tell);
+    EXPECT_TRUE(spinUntil([&] { return told.size() == 1; }));
+    checker.check(service.url(), false, tell);
+    EXPECT_TRUE(spinUntil([&] { return told.size() == 2; }));
+    DriverConfig config(service.url(), service.token());
+    config.dryRun = true;
+    config.execCommand = "true";
+    const auto reason = RealDriverFactory({}, {}, extra)
+                            .makeDriver(config, std::make_shared<RecordingDriverLog>(), {})
+                            ->run();
+    told.push_back(reason == ExitReason::clean() ? "answered" : reason.message());
+    return told;
+  };
+  EXPECT_THAT(outcomes(ours.authority()), ElementsAre("answered", "answered", "answered"));
+  EXPECT_THAT(outcomes(""), testing::Each(HasSubstr("certificate")));
+  EXPECT_THAT(outcomes("/no/such.pem"), testing::Each(HasSubstr("/no/such.pem")));
 }
 
 }  // namespace

@@ -212,9 +212,12 @@ class Pinned : public ApiFixture {
  protected:
   Pinned() : ApiFixture({.certificate = ours().certificate(), .privateKey = ours().privateKey()}) {}
 
-  std::string helloWith(const std::string& authorities) {
+  std::string helloWith(const std::string& authorities, bool isBesideRoots = false) {
     HttpSession::Options trust;
-    if (!authorities.empty()) trust.caCertificates = loadCertificates(authorities);
+    if (!authorities.empty()) {
+      trust.caCertificates =
+          isBesideRoots ? loadCertificatesBesideRoots(authorities) : loadCertificates(authorities);
+    }
     make(options(), trust);
     return failureOf([&] { api->hello(); });
   }
@@ -253,6 +256,7 @@ TEST_F(Pinned, SystemsAuthoritiesAreTrustedAsWell) {
   bool isPermitted = false;
   std::string unpinned;
   std::string pinned;
+  std::string beside;
   std::thread([&] {
     isPermitted = ::unshare(CLONE_NEWNS) == 0 &&
                   ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
@@ -260,9 +264,11 @@ TEST_F(Pinned, SystemsAuthoritiesAreTrustedAsWell) {
     if (!isPermitted) return;
     unpinned = helloWith("");
     pinned = helloWith(other.authority());
+    beside = helloWith(other.authority(), true);
   }).join();
   if (!isPermitted) GTEST_SKIP() << "no mount namespaces here";
   EXPECT_EQ(unpinned, "");
+  EXPECT_EQ(beside, "");
   EXPECT_THAT(pinned, StartsWith("GET /api/driver/hello -> URLError: "));
 }
 
