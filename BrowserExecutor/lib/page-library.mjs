@@ -8,44 +8,7 @@ import path from 'node:path';
 
 import { environment } from 'puppeteer-core/internal/environment.js';
 import { ScreenRecorder } from 'puppeteer-core/internal/node/ScreenRecorder.js';
-import {
-  CdpBrowserContext,
-  CdpElementHandle,
-  CdpFrame,
-  CdpHTTPResponse,
-  CdpJSHandle,
-  CdpKeyboard,
-  CdpMouse,
-  CdpPage,
-  CdpTouchscreen,
-  ElementHandle,
-  Frame,
-  JSHandle,
-  Locator,
-  Page,
-  PuppeteerError,
-  TimeoutError,
-  connect,
-} from 'puppeteer-core/lib/esm/puppeteer/puppeteer-core-browser.js';
+
+export * from 'puppeteer-core/lib/esm/puppeteer/puppeteer-core-browser.js';
 
 environment.value = { fs, path, ScreenRecorder }; // for what reads and writes files
-
-export {
-  CdpBrowserContext,
-  CdpElementHandle,
-  CdpFrame,
-  CdpHTTPResponse,
-  CdpJSHandle,
-  CdpKeyboard,
-  CdpMouse,
-  CdpPage,
-  CdpTouchscreen,
-  ElementHandle,
-  Frame,
-  JSHandle,
-  Locator,
-  Page,
-  PuppeteerError,
-  TimeoutError,
-  connect,
-};
