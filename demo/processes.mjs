@@ -5,7 +5,10 @@ import { createInterface } from 'node:readline'
 export class Processes {
   #running = new Map()
 
-  /** Starts a program. With `show`, its standard error is shown line by line behind its name. */
+  /**
+   * Starts a program. With `show`, its standard error is shown line by line behind its name,
+   * or given to `show` line by line.
+   */
   start(name, path, args, { env = process.env, show = false } = {}) {
     const child = spawn(path, args, { env, stdio: ['ignore', 'pipe', show ? 'pipe' : 'inherit'] })
     const ended = new Promise((resolve, reject) => {
@@ -14,9 +17,8 @@ export class Processes {
     })
     ended.catch(() => {})
     if (show) {
-      createInterface({ input: child.stderr }).on('line', (line) =>
-        console.log(`${name} | ${line}`),
-      )
+      const toConsole = (line) => console.log(`${name} | ${line}`)
+      createInterface({ input: child.stderr }).on('line', show === true ? toConsole : show)
     }
     this.#running.set(name, { child, ended })
     return { child, ended }

@@ -10,7 +10,7 @@ import { setTimeout as sleep } from 'node:timers/promises';
 import { fileURLToPath } from 'node:url';
 
 const BUILT = fileURLToPath(new URL('../../build/release/bin/verdo-browser', import.meta.url));
-const PROGRAM = process.env.VERDO_BROWSER_PROGRAM ?? BUILT;
+export const PROGRAM = process.env.VERDO_BROWSER_PROGRAM ?? BUILT;
 const SCRIPT_TIMEOUT = 20_000;
 
 /** Waits until `condition` gives something truthy, and returns it. */
