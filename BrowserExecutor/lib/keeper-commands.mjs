@@ -93,13 +93,17 @@ export async function login({ env, tell }, name) {
   }
   findChromium(env, { visible: true });
   const logins = new Logins(env);
-  logins.prepare();
   const closing = new AbortController();
   for (const signal of ['SIGINT', 'SIGTERM', 'SIGHUP']) process.once(signal, () => closing.abort());
-  tell('log in in the window; when it is closed, what you logged in to is kept');
   const before = logins.read(name) ?? logins.read() ?? { cookies: [], storage: [] };
-  const { directory } = logins;
-  const kept = await LoginWindow.show({ env, directory, login: before, signal: closing.signal });
+  const profile = logins.createWindowProfile();
+  const kept = await LoginWindow.show({
+    env,
+    profile,
+    login: before,
+    signal: closing.signal,
+    onReady: () => tell('log in in the window; when it is closed, what you logged in to is kept'),
+  });
   logins.write(name, kept);
   if (name !== undefined) await renew({ env, tell }, name);
   const sites = new Set(kept.cookies.map(({ domain }) => domain.replace(/^\./, '')));

@@ -1,8 +1,11 @@
 /** Puts a login into a browser context, and reads its cookies from one. */
 
+import { setTimeout as sleep } from 'node:timers/promises';
+
 import { PipeSession } from './pipe-session.mjs';
 
 const COMMAND_TIMEOUT = 10_000;
+const CLOSE_INTERVAL = 10;
 const EMPTY_PAGE = Buffer.from('<!doctype html>').toString('base64');
 
 /** What a cookie is set with, of what is told about it. */
@@ -49,7 +52,8 @@ export async function giveLogin(pipe, { cookies, storage }, contextId) {
 
 // Storage belongs to an origin, so a page of each is needed: an empty one, without the network.
 async function giveStorage(pipe, storage, context) {
-  const { targetId } = await pipe.send('Target.createTarget', { url: 'about:blank', ...context });
+  const page = { url: 'about:blank', background: true, ...context };
+  const { targetId } = await pipe.send('Target.createTarget', page);
   const session = await PipeSession.attach(pipe, targetId);
   try {
     session.on('Fetch.requestPaused', ({ requestId }) => {
@@ -61,7 +65,18 @@ async function giveStorage(pipe, storage, context) {
     await session.send('Fetch.enable', { patterns: [{ urlPattern: '*' }] });
     for (const { origin, items } of storage) await giveItems(session, origin, items);
   } finally {
-    await pipe.send('Target.closeTarget', { targetId }).catch(() => {});
+    await closePage(pipe, targetId);
+  }
+}
+
+// Returns once it is gone: until then it counts as a page of its context, which scripts may get.
+async function closePage(pipe, targetId) {
+  const limit = { timeout: COMMAND_TIMEOUT };
+  await pipe.send('Target.closeTarget', { targetId }, limit).catch(() => {});
+  for (const deadline = Date.now() + COMMAND_TIMEOUT; Date.now() < deadline; ) {
+    const { targetInfos } = await pipe.send('Target.getTargets', {}, limit);
+    if (!targetInfos.some((target) => target.targetId === targetId)) return;
+    await sleep(CLOSE_INTERVAL);
   }
 }
 

@@ -9,9 +9,12 @@ import os from 'node:os';
 import path from 'node:path';
 
 import { ensureOwnDirectory, hasOwnDirectory } from './paths.mjs';
+import { identify } from './process-identity.mjs';
 
 const FORMAT = 1;
 const BASE = 'base.json';
+const WINDOW_PREFIX = 'window-';
+const OWNER = 'owner.json';
 
 /**
  * @typedef {object} Login
@@ -32,14 +35,18 @@ export class Logins {
     this.#directory = path.join(base, 'verdo-browser');
   }
 
-  /** Where they are kept. */
-  get directory() {
-    return this.#directory;
-  }
-
-  /** Sees to the directory, which is the user's alone. @throws {Error} when it cannot be used */
-  prepare() {
-    ensureOwnDirectory(this.#directory, 'XDG_STATE_HOME');
+  /**
+   * Creates a directory for the files of a browser in which a person logs in, mode 0700, and
+   * removes those that killed processes have left: there are logins in them, too.
+   * @returns {string} absolute path
+   * @throws {Error} when it cannot be created
+   */
+  createWindowProfile() {
+    this.#prepare();
+    this.#removeLeftovers();
+    const profile = fs.mkdtempSync(path.join(this.#directory, WINDOW_PREFIX));
+    fs.writeFileSync(path.join(profile, OWNER), JSON.stringify(identify(process.pid)));
+    return profile;
   }
 
   /**
@@ -68,7 +75,7 @@ export class Logins {
    * @throws {Error} when it cannot be written; what was kept before is still there then
    */
   write(name, { cookies, storage }) {
-    this.prepare();
+    this.#prepare();
     const file = this.#file(name);
     const fresh = `${file}.${process.pid}`;
     const text = JSON.stringify({ format: FORMAT, name, cookies, storage });
@@ -90,10 +97,34 @@ export class Logins {
     return had;
   }
 
+  #prepare() {
+    ensureOwnDirectory(this.#directory, 'XDG_STATE_HOME');
+  }
+
+  #removeLeftovers() {
+    for (const entry of fs.readdirSync(this.#directory)) {
+      const file = path.join(this.#directory, entry);
+      const writer = /\.json\.(\d+)$/.exec(entry)?.[1];
+      const isWindow = entry.startsWith(WINDOW_PREFIX);
+      if ((writer && !identify(writer)) || (isWindow && !hasLivingOwner(file))) {
+        fs.rmSync(file, { recursive: true, force: true, maxRetries: 10, retryDelay: 100 });
+      }
+    }
+  }
+
   // A name may hold what no file name can.
   #file(name) {
     if (name === undefined) return path.join(this.#directory, BASE);
     const hash = createHash('sha256').update(name).digest('hex');
     return path.join(this.#directory, `space-${hash}.json`);
+  }
+}
+
+function hasLivingOwner(profile) {
+  try {
+    const { pid, start } = JSON.parse(fs.readFileSync(path.join(profile, OWNER), 'utf8'));
+    return identify(pid)?.start === start;
+  } catch {
+    return false; // it was killed before it could say so
   }
 }
