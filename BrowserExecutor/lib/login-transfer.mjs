@@ -73,7 +73,7 @@ async function giveStorage(pipe, storage, context) {
 async function closePage(pipe, targetId) {
   const limit = { timeout: COMMAND_TIMEOUT };
   await pipe.send('Target.closeTarget', { targetId }, limit).catch(() => {});
-  for (const deadline = Date.now() + COMMAND_TIMEOUT; Date.now() < deadline; ) {
+  for (const deadline = Date.now() + COMMAND_TIMEOUT; Date.now() < deadline;) {
     const { targetInfos } = await pipe.send('Target.getTargets', {}, limit);
     if (!targetInfos.some((target) => target.targetId === targetId)) return;
     await sleep(CLOSE_INTERVAL);

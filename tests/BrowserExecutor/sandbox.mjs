@@ -26,7 +26,11 @@ export async function waitFor(what, condition, timeout = 10_000) {
 
 /** A home of its own for one test; its keeper ends with the test. */
 export class Sandbox {
-  constructor(t) {
+  /**
+   * @param {import('node:test').TestContext} t
+   * @param {{uid?: number}} [options] whose home it is, for root; this user's unless given
+   */
+  constructor(t, { uid } = {}) {
     this.root = fs.mkdtempSync(path.join(os.tmpdir(), 'vb-'));
     this.directory = path.join(this.root, 'verdo-browser');
     this.socket = path.join(this.directory, 'keeper.sock');
@@ -38,12 +42,24 @@ export class Sandbox {
       TMPDIR: this.temporary,
       XDG_RUNTIME_DIR: this.root,
     };
+    this.program = PROGRAM;
+    if (uid !== undefined) this.#giveTo(uid);
     t.after(() => this.#cleanUp());
+  }
+
+  // With a copy of the program, which may lie where others have no way in.
+  #giveTo(uid) {
+    this.identity = { uid, gid: uid };
+    const copy = path.join(this.root, 'program');
+    fs.cpSync(path.dirname(fs.realpathSync(PROGRAM)), copy, { recursive: true });
+    this.program = path.join(copy, path.basename(fs.realpathSync(PROGRAM)));
+    for (const directory of [this.root, this.temporary]) fs.chownSync(directory, uid, uid);
   }
 
   /** Starts the program with a script; `result` settles when its output has closed. */
   start(script, { args = ['nodejs'], env = {} } = {}) {
-    const child = spawn(process.execPath, [PROGRAM, ...args], {
+    const child = spawn(process.execPath, [this.program, ...args], {
+      ...this.identity,
       cwd: this.root,
       detached: true,
       env: { ...this.env, ...env },
