@@ -14,8 +14,6 @@ import { Chromium } from './chromium.mjs';
 import { ClientChannel } from './client-channel.mjs';
 import { SilentBrowserError } from './devtools-pipe.mjs';
 import { KeeperLog } from './keeper-log.mjs';
-import { giveLogin, readCookies } from './login-transfer.mjs';
-import { Logins } from './logins.mjs';
 import {
   createProfile,
   removeLeftoverProfiles,
@@ -25,6 +23,7 @@ import {
 import { identify } from './process-identity.mjs';
 import { PROTOCOL_VERSION } from './protocol.mjs';
 import { SpaceBrowser } from './space-browser.mjs';
+import { SpaceLogins } from './space-logins.mjs';
 import { TaskSpaces } from './task-spaces.mjs';
 
 /** How long a keeper whose browser did not start waits for a client to tell the reason to. */
@@ -49,8 +48,8 @@ export class Keeper {
   #ready;
   #logins;
   #spaces = new TaskSpaces(() => this.#chromium.pipe, {
-    prepare: (space) => this.#giveLogin(space),
-    retire: (space) => this.#keepLogin(space),
+    prepare: (space) => this.#logins.give(space),
+    retire: (space) => this.#logins.keep(space),
   });
   #channels = new Map(); // of each client: what it has here
   #hadClient = false;
@@ -85,7 +84,7 @@ export class Keeper {
     this.#env = env;
     this.#idleExit = idleExit;
     this.#log = new KeeperLog(paths.log);
-    this.#logins = new Logins(env);
+    this.#logins = new SpaceLogins({ env, pipe: () => this.#chromium.pipe, log: this.#log });
   }
 
   /**
@@ -198,7 +197,7 @@ export class Keeper {
     const { view } = client;
     view?.release();
     client.view = null;
-    if (view && !this.#ending && !this.#isUsed(view.space)) this.#keepLogin(view.space);
+    if (view && !this.#ending && !this.#isUsed(view.space)) this.#logins.keep(view.space);
     if (client.downloads) removeProfile(client.downloads);
     client.downloads = null;
   }
@@ -300,37 +299,9 @@ export class Keeper {
     return { directory: client.downloads };
   }
 
-  /** Gives a new task space its own login, or else a copy of the base one. */
-  async #giveLogin(space) {
-    try {
-      const own = this.#logins.read(space.name);
-      space.hasOwnLogin = own !== null;
-      const login = own ?? this.#logins.read();
-      if (login) await giveLogin(this.#chromium.pipe, login, space.contextId);
-    } catch (error) {
-      this.#log.write(
-        `task space ${JSON.stringify(space.name)} is without login: ${error.message}`,
-      );
-    }
-  }
-
-  // Sites renew their cookies: the login of a task space is kept as it was left.
-  async #keepLogin(space) {
-    if (!space.hasOwnLogin) return;
-    try {
-      const login = this.#logins.read(space.name);
-      if (!login) return; // forgotten meanwhile
-      const cookies = await readCookies(this.#chromium.pipe, space.contextId);
-      this.#logins.write(space.name, { ...login, cookies });
-    } catch (error) {
-      const name = JSON.stringify(space.name);
-      this.#log.write(`the login of task space ${name} is kept as it was: ${error.message}`);
-    }
-  }
-
   async #renewLogin({ name }) {
     const space = this.#spaces.find(name);
-    if (space) await this.#giveLogin(space);
+    if (space) await this.#logins.give(space);
     return { found: space !== undefined };
   }
 
