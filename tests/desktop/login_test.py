@@ -37,8 +37,9 @@ class Site(http.server.BaseHTTPRequestHandler):
             self.answer(f"""<body><script>document.body.append(
                         localStorage.getItem("user"), "; {self.cookies()}")</script>""")
         else:
-            self.answer("""<title>Log in</title>
-                        <form method=post><input name=user autofocus></form>""")
+            self.answer("""<title>A form</title>
+                        <form method=post><input name=user autofocus
+                        onfocus="document.title = 'Log in'"></form>""")
 
     def cookies(self):
         return "; ".join(sorted(self.headers.get("Cookie", "none").split("; ")))
