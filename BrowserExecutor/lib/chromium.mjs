@@ -106,7 +106,8 @@ export class Chromium {
     this.#child = spawn(program, flags, {
       cwd: profile,
       detached: true,
-      env: chromiumEnvironment(env),
+      // A dump of a crash holds what the pages held: it goes with the profile.
+      env: { ...chromiumEnvironment(env), BREAKPAD_DUMP_LOCATION: path.join(profile, 'crashes') },
       stdio: ['ignore', 'ignore', 'pipe', 'pipe', 'pipe'],
     });
     const [, , stderr, commands, replies] = this.#child.stdio;

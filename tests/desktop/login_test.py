@@ -132,7 +132,8 @@ class LoginTest(unittest.TestCase):
         self.assertEqual([self.script("newer"), self.script("bank")], [nobody, ann])
         self.assertEqual(self.command("forget"), "nothing was kept\n")
         self.assertEqual(self.modes(), {".": 0o700})
-        self.assertFalse(os.path.exists(f"{self.desktop.home}/.local/share/verdo"))
+        for place in (".local/share/verdo", ".config/chromium"):  # nothing is left elsewhere
+            self.assertFalse(os.path.exists(f"{self.desktop.home}/{place}"), place)
 
     def test_survives_every_end_of_the_window(self):
         env = {k: v for k, v in self.desktop.env.items() if k != "DISPLAY"}
