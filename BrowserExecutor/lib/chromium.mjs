@@ -24,6 +24,7 @@ const FLAGS = [
   '--disable-component-update',
   '--disable-sync',
   '--disable-dev-shm-usage',
+  '--site-per-process', // the default of a browser with a window: a site's process is its own
 ];
 
 const HEADLESS_FLAGS = ['--headless', '--disable-gpu', '--window-size=1280,800'];

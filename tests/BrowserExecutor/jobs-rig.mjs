@@ -24,9 +24,7 @@ export class JobsRig {
     t.after(() => rig.#processes.stopAll()); // before the sandbox is removed
     rig.sandbox = new Sandbox(t);
     const chromium = path.join(rig.sandbox.root, 'chromium');
-    // Frames of other sites get processes of their own, as in a Chromium with windows.
-    const flags = '--remote-debugging-port=0 --site-per-process';
-    const command = `exec chromium-headless-shell "$@" ${flags}`;
+    const command = 'exec chromium-headless-shell "$@" --remote-debugging-port=0';
     fs.writeFileSync(chromium, `#!/bin/sh\n${command}\n`, { mode: 0o755 });
     rig.sandbox.env.VERDO_BROWSER_CHROMIUM = chromium;
     const local = `${PROGRAMS}/verdo-local-service`;
