@@ -71,23 +71,28 @@ export function hasOwnDirectory(directory, variable = 'XDG_RUNTIME_DIR') {
  */
 export function ensureOwnDirectory(directory, variable = 'XDG_RUNTIME_DIR') {
   try {
-    fs.mkdirSync(directory, { recursive: true, mode: 0o700 });
+    makeDirectories(directory, 0o700);
     hasOwnDirectory(directory, variable);
     fs.chmodSync(directory, 0o700);
   } catch (error) {
-    throw error.code ? unusable(directory, reasonFor(directory, error), variable) : error;
+    throw error.code ? unusable(directory, error.message, variable) : error;
   }
 }
 
-// Where the file system is read-only, node says that a parent does not exist.
-function reasonFor(directory, error) {
-  let parent = path.dirname(directory);
-  while (!fs.existsSync(parent)) parent = path.dirname(parent);
+/**
+ * Creates a directory with its parents. Node's own way gives wrong reasons where a file system is
+ * read-only, and never ends under /proc.
+ * @param {string} directory absolute
+ * @param {number} [mode] of what is created
+ * @throws {Error} the system's
+ */
+export function makeDirectories(directory, mode = 0o777) {
+  if (fs.existsSync(directory)) return;
+  makeDirectories(path.dirname(directory), mode);
   try {
-    fs.accessSync(parent, fs.constants.W_OK);
-    return error.message;
-  } catch (cause) {
-    return cause.message;
+    fs.mkdirSync(directory, { mode });
+  } catch (error) {
+    if (error.code !== 'EEXIST') throw error; // somebody else has just made it
   }
 }
 

@@ -1,7 +1,8 @@
 /** The options of openTaskSpace: what there is, and what may be in them. */
 
-import fs from 'node:fs';
 import path from 'node:path';
+
+import { makeDirectories } from './paths.mjs';
 
 /** What each option takes, and how it is told. */
 const OPTIONS = {
@@ -60,7 +61,7 @@ export function checkNames(call, options, known) {
 
 function usableDirectory(name) {
   const directory = path.resolve(name);
-  fs.mkdirSync(directory, { recursive: true });
+  makeDirectories(directory);
   return directory;
 }
 

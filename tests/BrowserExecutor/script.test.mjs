@@ -187,6 +187,8 @@ test('what keeps the browser from starting is said with its remedy', async (t) =
   fs.writeFileSync(notADirectory, '');
   const broken = path.join(sandbox.root, 'broken');
   fs.writeFileSync(broken, '#!/bin/sh\necho no display >&2\nexit 3\n', { mode: 0o755 });
+  const taken = path.join(sandbox.root, 'taken');
+  fs.mkdirSync(path.join(taken, 'verdo-browser', 'keeper.sock'), { recursive: true });
   const cases = [
     {
       env: { PATH: nodeOnly },
@@ -197,6 +199,8 @@ test('what keeps the browser from starting is said with its remedy', async (t) =
     { env: { VERDO_BROWSER_IDLE_EXIT: 'soon' }, stderr: /number of seconds, not 'soon'/ },
     { env: { XDG_RUNTIME_DIR: `/tmp/${'x'.repeat(90)}` }, stderr: /shorter directory/ },
     { env: { XDG_RUNTIME_DIR: notADirectory }, stderr: /set XDG_RUNTIME_DIR/ },
+    { env: { XDG_RUNTIME_DIR: taken }, stderr: /keeper.sock is in the way: remove it/ },
+    { env: { XDG_RUNTIME_DIR: '/proc/self' }, stderr: /cannot use the directory \/proc\/self/ },
   ];
   for (const { env, stderr: expected } of cases) {
     const { code, stderr } = await sandbox.run('await openTaskSpace("a")', { env });
