@@ -33,6 +33,9 @@ const TELL_TIMEOUT = 2_000;
 /** How long clients may take to read the keeper's last words. */
 const FAREWELL_TIMEOUT = 1_000;
 
+/** How often it looks whether it can still be found. */
+const SOCKET_INTERVAL = 3_000;
+
 /** How long a page may take for a sum before it counts as hanging. */
 const PAGE_SILENCE_LIMIT = 3_000;
 
@@ -55,6 +58,7 @@ export class Keeper {
   #channels = new Map(); // of each client: what it has here
   #hadClient = false;
   #idleTimer;
+  #socketTimer;
   #ending;
   #watch = new BrowserWatch({
     ping: () => this.#chromium.ping(),
@@ -121,6 +125,7 @@ export class Keeper {
 
   async #end(reason, asker) {
     clearTimeout(this.#idleTimer);
+    clearInterval(this.#socketTimer);
     this.#log.write(`ends: ${reason}`);
     this.#server?.close(); // removes the socket's file
     const farewell = { event: 'ending', reason, lost: this.#spaces.names };
@@ -143,6 +148,22 @@ export class Keeper {
       this.#server.listen(this.#paths.socket, resolve);
       process.umask(umask);
     });
+    this.#watchSocket();
+  }
+
+  // Whoever clears the directory, as the system does when the user logs out, leaves a keeper that
+  // no script finds and that lets no other one start.
+  #watchSocket() {
+    const inode = () => {
+      try {
+        return fs.statSync(this.#paths.socket).ino;
+      } catch {
+        return null;
+      }
+    };
+    const ours = inode();
+    const check = () => inode() !== ours && this.end('its socket was removed');
+    this.#socketTimer = setInterval(check, SOCKET_INTERVAL);
   }
 
   async #startBrowser() {
