@@ -2,7 +2,7 @@
 
 import { asScript, endOfCall, limitCalls, registerPage } from './call-limits.mjs';
 import { Downloads } from './downloads.mjs';
-import { Page, connect } from './page-library.mjs';
+import { Page, TimeoutError, connect } from './page-library.mjs';
 import { checkNames } from './space-options.mjs';
 import { KeeperTransport } from './transport.mjs';
 
@@ -91,10 +91,17 @@ export class SpacePages {
     const lossOf = () => (connection.usable ? null : connection.lostError().message);
     const space = new SpacePages(options, tell, lossOf);
     const isOurs = (target) => target._targetId === targetId;
-    const page = await (await browser.waitForTarget(isOurs)).page();
+    const target = await browser.waitForTarget(isOurs);
+    const page = await target.page().catch((error) => {
+      if (!(error instanceof TimeoutError)) throw error;
+      // The keeper replaces a page that hangs, unless it is in use.
+      throw new TimeoutError(
+        `openTaskSpace: ${target.url()} does not answer, another script keeps it busy`,
+      );
+    });
     spaces.set(browser, space);
     space.downloads = new Downloads({
-      browser: (await page.createCDPSession()).connection(),
+      browser: page._client().connection(),
       findDirectory: async () =>
         options.downloads ?? (await connection.request('downloads')).directory,
     });
