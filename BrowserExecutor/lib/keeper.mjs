@@ -59,6 +59,7 @@ export class Keeper {
   #hadClient = false;
   #idleTimer;
   #socketTimer;
+  #isFound = () => false;
   #ending;
   #watch = new BrowserWatch({
     ping: () => this.#chromium.ping(),
@@ -127,7 +128,7 @@ export class Keeper {
     clearTimeout(this.#idleTimer);
     clearInterval(this.#socketTimer);
     this.#log.write(`ends: ${reason}`);
-    this.#server?.close(); // removes the socket's file
+    if (this.#isFound()) this.#server.close(); // removes the socket's file, whosever it is
     const farewell = { event: 'ending', reason, lost: this.#spaces.names };
     const others = [...this.#channels.keys()].filter((channel) => channel !== asker);
     await within(FAREWELL_TIMEOUT, Promise.all(others.map((channel) => channel.end(farewell))));
@@ -162,7 +163,8 @@ export class Keeper {
       }
     };
     const ours = inode();
-    const check = () => inode() !== ours && this.end('its socket was removed');
+    this.#isFound = () => inode() === ours;
+    const check = () => this.#isFound() || this.end('its socket was removed');
     this.#socketTimer = setInterval(check, SOCKET_INTERVAL);
   }
 
