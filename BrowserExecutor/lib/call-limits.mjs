@@ -304,7 +304,9 @@ class Call {
   #lack(report) {
     if (NAVIGATIONS.has(this.#name)) return 'not loaded';
     if (this.#waitsForHidden) return 'still visible';
-    return report?.lack ?? (/^waitFor/.test(this.#name) ? 'it did not happen' : 'no answer');
+    if (report) return report.lack;
+    const waits = this.#subject instanceof Locator || /^waitFor/.test(this.#name);
+    return waits ? 'it did not happen' : 'no answer';
   }
 
   #defaultLimit() {
