@@ -36,8 +36,8 @@ const FAREWELL_TIMEOUT = 1_000;
 /** How often it looks whether it can still be found. */
 const SOCKET_INTERVAL = 3_000;
 
-/** How long a page may take for a sum before it counts as hanging. */
-const PAGE_SILENCE_LIMIT = 3_000;
+/** How long a page may take for a sum before it counts as hanging: what it shows is lost then. */
+const PAGE_SILENCE_LIMIT = 10_000;
 
 const seconds = (milliseconds) => `${milliseconds / 1000} s`;
 

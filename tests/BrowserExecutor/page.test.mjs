@@ -332,5 +332,5 @@ test('a page that hangs is replaced for the next script, and holds nobody else u
   assert.equal((await stuck.result).signal, 'SIGKILL');
   const next = await sandbox.run(`cliLog((await openTaskSpace('stuck')).url())`);
   assert.equal(next.stdout, 'about:blank\n');
-  assert.match(next.stderr, /page of task space "stuck" .*did not answer for 3 s: it was closed/);
+  assert.match(next.stderr, /page of task space "stuck" .*did not answer for 10 s: it was closed/);
 });
