@@ -7,6 +7,7 @@ import { permittedParams } from './command-rules.mjs';
 import { errorReply } from './envelope.mjs';
 
 const COMMAND_TIMEOUT = 20_000;
+const FRAMES_TIMEOUT = 1_000;
 
 export class SpaceBrowser {
   #pipe;
@@ -114,8 +115,8 @@ export class SpaceBrowser {
       this.#detach(sessionId); // its event tells the client, as for any other end
       return {};
     },
-    // A page's session hears of that page's downloads only. The browser's hears of all that the
-    // context has, of pop-ups that are gone as well; the session is ours, for it can do anything.
+    // A page's session hears of that page's downloads only, not of a pop-up's. The browser's hears
+    // of those of other task spaces, too; the session is ours, for it can do anything.
     'Browser.setDownloadBehavior': async (params) => {
       const method = 'Browser.setDownloadBehavior';
       const permitted = this.#permitted({ method, params });
@@ -135,9 +136,16 @@ export class SpaceBrowser {
   async #listenToDownloads() {
     const attach = 'Target.attachToBrowserTarget';
     const { sessionId } = await this.#pipe.send(attach, {}, { timeout: COMMAND_TIMEOUT });
+    const ours = new Map(); // of each download: whether it is of this task space, to come
+    let told = Promise.resolve();
     this.#pipe.listen(sessionId, (method, frame) => {
       if (!method.startsWith('Browser.download')) return;
-      this.#notify(method, JSON.parse(frame.text()).params);
+      const { params } = JSON.parse(frame.text());
+      const { guid, frameId } = params;
+      if (frameId) ours.set(guid, this.#hasFrame(frameId));
+      const isOurs = ours.get(guid);
+      if (/^(completed|canceled)$/.test(params.state)) ours.delete(guid);
+      told = told.then(async () => (await isOurs) && this.#notify(method, params));
     });
     return sessionId;
   }
@@ -149,6 +157,18 @@ export class SpaceBrowser {
     } catch (error) {
       this.#refuse({ id }, error.message);
     }
+  }
+
+  // Main frames and frames of other sites are targets; the others only their page knows.
+  async #hasFrame(frameId) {
+    if (this.#space.targets.has(frameId)) return true;
+    for (const [sessionId, parent] of this.#sessions) {
+      if (parent !== undefined) continue;
+      const limit = { sessionId, timeout: FRAMES_TIMEOUT };
+      const tree = await this.#pipe.send('Page.getFrameTree', {}, limit).catch(() => null);
+      if (JSON.stringify(tree).includes(`"id":"${frameId}"`)) return true;
+    }
+    return false;
   }
 
   #forward(message) {

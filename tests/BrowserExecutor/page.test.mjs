@@ -262,7 +262,8 @@ test('files go both ways, and pop-ups, frames of other sites and dialogs are rea
 test('each download is for the call that waits for it, whichever page begins it', async (t) => {
   const sandbox = new Sandbox(t);
   const origin = await serve(t, {
-    '/': '<a id=pop target=_blank href=/file>p</a>',
+    '/': '<a id=pop target=_blank href=/file>p</a><iframe src="/inner"></iframe>',
+    '/inner': '<a href=/file>i</a>',
     '/file': (_, response) => {
       const name = encodeURIComponent(`${'\u8a9e'.repeat(100)}.txt`);
       const disposition = `attachment; filename*=UTF-8''${name}`;
@@ -282,6 +283,10 @@ test('each download is for the call that waits for it, whichever page begins it'
     }
     await told(page, () => page.goto('${origin}/file'))
     await told(page, () => page.click('#pop'))
+    await told(page, () => page.frames()[1].click('a'))
+    const stranger = await openTaskSpace('stranger')
+    await stranger.goto('${origin}/')
+    await Promise.all([page, stranger].map((one) => told(one, () => one.click('#pop'))))
     const other = await page.browser().newPage()
     cliLog(await other.evaluate(() => navigator.userAgent))
     await told(other, () => other.goto('${origin}/file'))`);
@@ -289,8 +294,7 @@ test('each download is for the call that waits for it, whichever page begins it'
   assertLines(stdout, [
     /^TimeoutError: waitForDownload: it did not happen within 100 ms on /,
     /^TypeError: mine$/,
-    name,
-    name,
+    ...Array(5).fill(name),
     /^Driver\/1$/,
     name,
   ]);
