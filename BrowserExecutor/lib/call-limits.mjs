@@ -7,41 +7,38 @@
 import { AsyncLocalStorage } from 'node:async_hooks';
 
 import { reportElements } from './element-report.mjs';
-import {
-  CdpBrowserContext,
-  CdpElementHandle,
-  CdpFrame,
-  CdpHTTPResponse,
-  CdpJSHandle,
-  CdpKeyboard,
-  CdpMouse,
-  CdpPage,
-  CdpTouchscreen,
-  ElementHandle,
-  Frame,
-  JSHandle,
-  Locator,
-  Page,
-  PuppeteerError,
-  TimeoutError,
-} from './page-library.mjs';
+import * as library from './page-library.mjs';
 
 /** What a script calls on. */
 const CLASSES = [
-  CdpBrowserContext,
-  CdpElementHandle,
-  CdpFrame,
-  CdpHTTPResponse,
-  CdpJSHandle,
-  CdpKeyboard,
-  CdpMouse,
-  CdpPage,
-  CdpTouchscreen,
-  ElementHandle,
-  Frame,
-  JSHandle,
-  Locator,
-  Page,
+  library.Accessibility,
+  library.Browser,
+  library.CdpBrowser,
+  library.CdpBrowserContext,
+  library.CdpElementHandle,
+  library.CdpFrame,
+  library.CdpHTTPRequest,
+  library.CdpHTTPResponse,
+  library.CdpJSHandle,
+  library.CdpKeyboard,
+  library.CdpMouse,
+  library.CdpPage,
+  library.CdpTarget,
+  library.CdpTouchscreen,
+  library.CdpWebWorker,
+  library.Coverage,
+  library.Dialog,
+  library.ElementHandle,
+  library.FileChooser,
+  library.Frame,
+  library.HTTPRequest,
+  library.JSHandle,
+  library.Locator,
+  library.Page,
+  library.PageTarget,
+  library.Tracing,
+  library.WebWorker,
+  library.WorkerTarget,
 ];
 
 /** The limit of a call on what belongs to no page, in milliseconds. */
@@ -52,7 +49,7 @@ const LONGEST_TIMER = 2 ** 31 - 1;
 
 /** Methods that have no end to wait for, or call the script's listeners. */
 const WITHOUT_LIMIT =
-  /^(_|constructor$|on$|off$|once$|emit$|listenerCount$|removeAllListeners$|screencast$)/;
+  /^(_|constructor$|on$|off$|once$|emit$|listenerCount$|removeAllListeners$|screencast$|finalizeI)/;
 
 const NAVIGATIONS = new Set([
   'goBack',
@@ -82,7 +79,13 @@ const SELECTING = new Set([
 /** Calls that run the script's own code, whose errors are the script's own. */
 const RUNNING = /evaluate|eval$|^map$|^filter$|^waitForFunction$/i;
 
-/** Set while the library works for a call: what it calls itself is part of that call. */
+/** Calls whose options are not their last argument: which one it is. */
+const OPTIONS_AT = { send: 2, waitForFunction: 1 };
+
+/**
+ * Set while the library works for a call: what it calls itself is part of that call. It is a signal
+ * that the call has ended.
+ */
 const insideCall = new AsyncLocalStorage();
 
 /** What each locator was made of: root and selector. */
@@ -94,31 +97,50 @@ const pages = new WeakMap();
 /** Of each page: tells why its connection is lost, if it is. */
 const losses = new WeakMap();
 
+/** Readies a page before a call gives it. */
+let preparePage;
+
 /** The errors that say already what they have to. */
 const explained = new WeakSet();
 
 /**
  * Makes a page known, for what is said about its calls.
- * @param {Page} page
+ * @param {library.Page} page
  * @param {() => string | null} lossOf tells why its connection is lost, if it is
  */
 export function registerPage(page, lossOf) {
   losses.set(page, lossOf);
-  for (const device of [page.keyboard, page.mouse, page.touchscreen]) pages.set(device, page);
+  const { accessibility, coverage, keyboard, mouse, touchscreen, tracing } = page;
+  for (const part of [accessibility, coverage, keyboard, mouse, touchscreen, tracing]) {
+    pages.set(part, page);
+  }
+  page.on('workercreated', (worker) => pages.set(worker, page));
+}
+
+/** The signal that the call which is under way has ended, in time or not. @returns {AbortSignal} */
+export function endOfCall() {
+  return insideCall.getStore();
 }
 
 /**
- * Runs code of the script's that a call was given: the calls in it are its own.
- * @template T
- * @param {() => T} action
- * @returns {T}
+ * Runs code of the script's that a call was given: its calls and its errors are its own.
+ * @param {() => unknown} action
  */
-export function asScript(action) {
-  return insideCall.exit(action);
+export async function asScript(action) {
+  try {
+    await insideCall.exit(action);
+  } catch (error) {
+    if (error instanceof Error) explained.add(error);
+    throw error;
+  }
 }
 
-/** Puts the limits on the methods of the library's objects. Call it once. */
-export function limitCalls() {
+/**
+ * Puts the limits on the methods of the library's objects. Call it once.
+ * @param {(page: library.Page) => Promise<void>} prepare readies a page before a call gives it
+ */
+export function limitCalls(prepare) {
+  preparePage = prepare;
   unrefTimersOfCalls();
   for (const { prototype } of CLASSES) {
     for (const [name, property] of Object.entries(Object.getOwnPropertyDescriptors(prototype))) {
@@ -145,18 +167,26 @@ function unrefTimersOfCalls() {
 }
 
 function limited(name, method) {
-  return function call(...args) {
+  return function limitedCall(...args) {
     if (insideCall.getStore()) return method.apply(this, args);
-    const result = insideCall.run(true, () => method.apply(this, args));
-    if (result instanceof Locator) {
+    const ending = new AbortController();
+    const result = insideCall.run(ending.signal, () => method.apply(this, args));
+    if (result instanceof library.Locator) {
       const made = { root: this, selector: args[0] };
       origins.set(result, name === 'locator' ? made : origins.get(this));
     }
     if (!(result instanceof Promise)) return result;
     const site = {};
-    Error.captureStackTrace(site, call);
-    return new Call(name, this, args, site).limit(result);
+    Error.captureStackTrace(site, limitedCall);
+    const call = new Call(name, this, args, site);
+    return call.limit(result).finally(() => ending.abort());
   };
+}
+
+// The library speaks through sessions of its own all the time: only a script's have limits.
+function limitSession(session, page) {
+  session.send = limited('send', session.send);
+  if (page) pages.set(session, page);
 }
 
 /** One call of a script's that is under way. */
@@ -179,9 +209,9 @@ class Call {
     this.#root = origin?.root ?? subject;
     this.#selector = origin ? origin.selector : SELECTING.has(name) ? args[0] : undefined;
     // Not any text: it could be one that is typed into a field for a password.
-    const what = this.#selector ?? (name === 'goto' ? args[0] : undefined);
+    const what = this.#selector ?? (/^(goto|send)$/.test(name) ? args[0] : undefined);
     if (typeof what === 'string') this.#told = ` '${shortened(what)}'`;
-    const { timeout, hidden } = Object(args.at(-1));
+    const { timeout, hidden } = Object(optionsOf(name, args));
     this.#waitsForHidden = hidden === true;
     this.#limit = typeof timeout === 'number' ? timeout : this.#defaultLimit();
   }
@@ -190,14 +220,18 @@ class Call {
   async limit(result) {
     let timer;
     const late = (_, reject) => {
-      const expire = () => this.#limit > 0 && reject(new TimeoutError());
+      const expire = () => this.#limit > 0 && reject(new library.TimeoutError());
       timer = setTimeout(expire, this.#limit > 0 ? this.#limit : LONGEST_TIMER);
     };
     try {
-      return await Promise.race([result, new Promise(late)]);
+      const value = await Promise.race([result, new Promise(late)]);
+      if (value instanceof library.CDPSession) limitSession(value, this.#page);
+      if (value instanceof library.Page) await preparePage(value);
+
+      return value;
     } catch (error) {
       if (error instanceof Error && !explained.has(error)) {
-        await insideCall.run(true, () => this.#explain(error));
+        await insideCall.run(AbortSignal.abort(), () => this.#explain(error));
       }
       throw error;
     } finally {
@@ -208,11 +242,11 @@ class Call {
   async #explain(error) {
     const elapsed = performance.now() - this.#begin;
     const isLibrarys =
-      error instanceof PuppeteerError ||
+      error instanceof library.PuppeteerError ||
       !RUNNING.test(this.#name) ||
       /failed to find element|^Execution context|detached/.test(error.message);
     if (isLibrarys) error.message = await this.#message(error, elapsed);
-    if (error.cause instanceof PuppeteerError) delete error.cause; // it says nothing more
+    if (error.cause instanceof library.PuppeteerError) delete error.cause; // it says nothing more
     const frames = this.#site.stack.split('\n').filter((line) => /^\s+at /.test(line));
     error.stack = [`${error.name}: ${error.message}`, ...frames].join('\n');
     explained.add(error);
@@ -225,7 +259,7 @@ class Call {
     const page = this.#page;
     const place = page ? ` on ${shortened(page.url())}` : '';
     const begin = `${this.#name}${this.#told}`;
-    if (error instanceof TimeoutError) {
+    if (error instanceof library.TimeoutError) {
       return `${begin}: ${this.#lack(report)} within ${duration(this.#limit)}${found}${place}`;
     }
     const loss = page && losses.get(page)?.();
@@ -238,11 +272,13 @@ class Call {
   #lack(report) {
     if (NAVIGATIONS.has(this.#name)) return 'not loaded';
     if (this.#waitsForHidden) return 'still visible';
-    return report?.lack ?? (/^waitFor/.test(this.#name) ? 'it did not happen' : 'no answer');
+    if (report) return report.lack;
+    const waits = this.#subject instanceof library.Locator || /^waitFor/.test(this.#name);
+    return waits ? 'it did not happen' : 'no answer';
   }
 
   #defaultLimit() {
-    if (this.#subject instanceof Locator) return this.#subject.timeout;
+    if (this.#subject instanceof library.Locator) return this.#subject.timeout;
     const page = this.#page;
     if (!page) return DEFAULT_LIMIT;
     return NAVIGATIONS.has(this.#name)
@@ -252,12 +288,19 @@ class Call {
 
   get #page() {
     const root = this.#root;
-    if (root instanceof Page) return root;
-    if (root instanceof Frame) return root.page();
-    if (root instanceof CdpHTTPResponse) return root.frame()?.page();
-    if (root instanceof JSHandle) return root.frame?.page(); // only elements know their frame
+    if (root instanceof library.Page) return root;
+    if (root instanceof library.Frame) return root.page();
+    if (root instanceof library.CdpHTTPResponse || root instanceof library.HTTPRequest) {
+      return root.frame()?.page();
+    }
+    if (root instanceof library.JSHandle) return root.frame?.page(); // only elements know their frame
     return pages.get(root);
   }
+}
+
+function optionsOf(name, args) {
+  if (Object.hasOwn(OPTIONS_AT, name)) return args[OPTIONS_AT[name]];
+  return RUNNING.test(name) ? undefined : args.at(-1); // the arguments of the script's own code
 }
 
 function duration(milliseconds) {

@@ -120,11 +120,11 @@ export class ClientChannel {
 
 function parseRequest(line) {
   try {
-    const { id, method, params = {}, sessionId } = decode(line);
+    const { id, method, params: given, sessionId } = decode(line);
+    const params = given ?? {};
     const valid =
       Number.isSafeInteger(id) &&
       typeof method === 'string' &&
-      params !== null &&
       typeof params === 'object' &&
       (sessionId === undefined || typeof sessionId === 'string');
     return valid ? { id, method, params, sessionId } : null;

@@ -3,49 +3,55 @@
 import fs from 'node:fs/promises';
 import path from 'node:path';
 
-const MAX_NAME_LENGTH = 120;
+/** Of a name and of its extension; file systems take 255 of both, and there may be a number, too. */
+const MAX_NAME_BYTES = 120;
 
 /** @typedef {{path: string, name: string, url: string}} Download */
 
 export class Downloads {
-  #page;
+  #browser;
   #findDirectory;
   #directory;
-  #session = null;
+  #allowed;
   #running = new Map(); // by the browser's id of each
   #waiting = [];
 
   /**
    * @param {object} options
-   * @param {object} options.page any page of the task space
+   * @param {object} options.browser the DevTools connection
    * @param {() => Promise<string>} options.findDirectory gives where the files go; asked once
    */
-  constructor({ page, findDirectory }) {
-    this.#page = page;
+  constructor({ browser, findDirectory }) {
+    this.#browser = browser;
     this.#findDirectory = findDirectory;
   }
 
   /** Allows downloads from now on: each gets the name that its site suggests. */
-  async allow() {
-    if (this.#session && !this.#session.detached) return;
-    this.#directory ??= await this.#findDirectory();
-    const session = await this.#page.createCDPSession();
-    session.on('Browser.downloadWillBegin', (event) => this.#begin(event));
-    session.on('Browser.downloadProgress', (event) => this.#progress(event));
-    await session.send('Browser.setDownloadBehavior', {
+  allow() {
+    return (this.#allowed ??= this.#allow());
+  }
+
+  /**
+   * @param {AbortSignal} givenUp who asks does not wait any more: the download is for the next
+   * @returns {Promise<Download>} the next download that begins; fulfils when its file is there
+   */
+  next(givenUp) {
+    return new Promise((resolve, reject) => this.#waiting.push({ resolve, reject, givenUp }));
+  }
+
+  async #allow() {
+    this.#directory = await this.#findDirectory();
+    this.#browser.on('Browser.downloadWillBegin', (event) => this.#begin(event));
+    this.#browser.on('Browser.downloadProgress', (event) => this.#progress(event));
+    await this.#browser.send('Browser.setDownloadBehavior', {
       behavior: 'allowAndName',
       downloadPath: this.#directory,
       eventsEnabled: true,
     });
-    this.#session = session;
-  }
-
-  /** @returns {Promise<Download>} the next download that begins; fulfils when its file is there */
-  next() {
-    return new Promise((resolve, reject) => this.#waiting.push({ resolve, reject }));
   }
 
   #begin({ guid, url, suggestedFilename }) {
+    this.#waiting = this.#waiting.filter(({ givenUp }) => !givenUp.aborted);
     const waiter = this.#waiting.shift();
     this.#running.set(guid, { url, name: safeName(suggestedFilename), waiter });
   }
@@ -67,26 +73,36 @@ export class Downloads {
     }
   }
 
-  // A link, not a rename, since that would replace a file that has the name.
+  // The name is taken first, since a rename replaces a file that has it. Not all file systems have
+  // links.
   async #place(source, name) {
     const { name: stem, ext } = path.parse(name);
     for (let i = 0; ; ++i) {
       const file = path.join(this.#directory, i === 0 ? name : `${stem} (${i})${ext}`);
       try {
-        await fs.link(source, file);
-        await fs.unlink(source);
-        return file;
+        await (await fs.open(file, 'wx')).close();
       } catch (error) {
-        if (error.code !== 'EEXIST') throw error;
+        if (error.code === 'EEXIST') continue;
+        throw error;
       }
+      await fs.rename(source, file).catch(async (error) => {
+        await fs.unlink(file);
+        throw error;
+      });
+      return file;
     }
   }
 }
 
 /** The site chooses the name, but neither the place nor what a terminal makes of it. */
 function safeName(suggested) {
-  const base = path.basename(suggested.replace(/[\u0000-\u001f\u007f\\]/g, '_'));
+  const base = path.basename(suggested.replace(/[\u0000-\u001f\u007f-\u009f\\]/g, '_'));
   const { name, ext } = path.parse(base);
   if (/^\.*$/.test(base)) return 'download';
-  return `${name.slice(0, MAX_NAME_LENGTH)}${ext.slice(0, MAX_NAME_LENGTH)}`;
+  return `${cut(name)}${cut(ext)}`;
+}
+
+function cut(text) {
+  const { read } = new TextEncoder().encodeInto(text, new Uint8Array(MAX_NAME_BYTES));
+  return text.slice(0, read);
 }

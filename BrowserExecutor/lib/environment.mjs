@@ -45,7 +45,8 @@ export function keeperEnvironment(env) {
  * @returns {NodeJS.ProcessEnv} a copy
  */
 export function chromiumEnvironment(env) {
-  return without(env, (name) => OURS.test(name));
+  // Where names of files are not UTF-8, it would call a download of any other letters "download".
+  return { ...without(env, (name) => OURS.test(name)), LC_CTYPE: 'C.UTF-8' };
 }
 
 function isForeignToKeeper(name) {

@@ -32,8 +32,8 @@ const TELL_TIMEOUT = 2_000;
 /** How long clients may take to read the keeper's last words. */
 const FAREWELL_TIMEOUT = 1_000;
 
-/** How long a page may take for a sum before it counts as hanging. */
-const PAGE_SILENCE_LIMIT = 3_000;
+/** How long a page may take for a sum before it counts as hanging: what it shows is lost then. */
+const PAGE_SILENCE_LIMIT = 10_000;
 
 const seconds = (milliseconds) => `${milliseconds / 1000} s`;
 
@@ -54,6 +54,8 @@ export class Keeper {
   #channels = new Map(); // of each client: what it has here
   #hadClient = false;
   #idleTimer;
+  #directoryWatch;
+  #isFound = () => false;
   #ending;
   #watch = new BrowserWatch({
     ping: () => this.#chromium.ping(),
@@ -120,8 +122,9 @@ export class Keeper {
 
   async #end(reason, asker) {
     clearTimeout(this.#idleTimer);
+    this.#directoryWatch?.close();
     this.#log.write(`ends: ${reason}`);
-    this.#server?.close(); // removes the socket's file
+    if (this.#isFound()) this.#server.close(); // removes the socket's file, whosever it is
     const farewell = { event: 'ending', reason, lost: this.#spaces.names };
     const others = [...this.#channels.keys()].filter((channel) => channel !== asker);
     await within(FAREWELL_TIMEOUT, Promise.all(others.map((channel) => channel.end(farewell))));
@@ -142,6 +145,28 @@ export class Keeper {
       this.#server.listen(this.#paths.socket, resolve);
       process.umask(umask);
     });
+    this.#watchSocket();
+  }
+
+  // Whoever clears the directory, as the system does when the user logs out, leaves a keeper that
+  // no script finds and that lets no other one start.
+  #watchSocket() {
+    const inode = () => {
+      try {
+        return fs.statSync(this.#paths.socket).ino;
+      } catch {
+        return null;
+      }
+    };
+    const ours = inode();
+    this.#isFound = () => inode() === ours;
+    const check = () => this.#isFound() || this.end('its socket was removed');
+    try {
+      this.#directoryWatch = fs.watch(this.#paths.directory, check);
+      this.#directoryWatch.on('error', check);
+    } catch (error) {
+      this.#log.write(`nobody will tell when the socket is removed: ${error.message}`);
+    }
   }
 
   async #startBrowser() {

@@ -94,8 +94,14 @@ export function createScriptApi({ env, write, tell }) {
     connections.add(connection);
     if (!ended) connection.hold();
     const { SpacePages } = await library;
-    const page = await SpacePages.open({ connection, page: reply.page, options, tell });
-    return { connection, page, options };
+    try {
+      const page = await SpacePages.open({ connection, page: reply.page, options, tell });
+      return { connection, page, options };
+    } catch (error) {
+      const told = connection.usable ? error : connection.lostError();
+      connection.close();
+      throw told;
+    }
   }
 
   // A keeper that runs may end just now, because it was idle or because its browser hangs.

@@ -17,7 +17,8 @@ export function describeScriptError(error, filename) {
   const line = /^(?:\s+at .*\b)?script:(\d+)/m.exec(stack)?.[1];
   const where = line ? `script line ${line}` : 'script';
   const frames = stack.split('\n').filter((text) => /^\s+at /.test(text));
-  const cause = error.cause === undefined ? [] : [`caused by: ${util.inspect(error.cause)}`];
+  const causes = [error.cause, ...[error.errors ?? []].flat()].filter((one) => one !== undefined);
+  const cause = causes.map((one) => `caused by: ${util.inspect(one)}`);
   const headline = `verdo-browser: ${where}: ${error.name}: ${error.message}`;
   return [headline, ...sourceExcerpt(stack), ...frames, ...cause].join('\n');
 }

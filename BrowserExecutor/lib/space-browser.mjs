@@ -6,7 +6,8 @@
 import { permittedParams } from './command-rules.mjs';
 import { errorReply } from './envelope.mjs';
 
-const ATTACH_TIMEOUT = 20_000;
+const COMMAND_TIMEOUT = 20_000;
+const FRAMES_TIMEOUT = 1_000;
 
 export class SpaceBrowser {
   #pipe;
@@ -15,6 +16,7 @@ export class SpaceBrowser {
   #sessions = new Map(); // id of each session of this client → the id of its parent, if any
   #discovering = false;
   #attaching = false;
+  #downloads = null; // the session of ours that hears of them, to come
 
   /**
    * @param {object} options
@@ -49,11 +51,7 @@ export class SpaceBrowser {
       return;
     }
     try {
-      const params = permittedParams(message, {
-        contextId: this.#space.contextId,
-        hasTarget: (targetId) => this.#space.targets.has(targetId),
-      });
-      this.#forward({ id, method, params, sessionId });
+      this.#forward({ id, method, params: this.#permitted(message), sessionId });
     } catch (error) {
       this.#refuse(message, error.message);
     }
@@ -73,6 +71,12 @@ export class SpaceBrowser {
       if (parent === undefined) this.#detach(sessionId);
     }
     this.#sessions.clear();
+    this.#downloads
+      ?.then((sessionId) => {
+        this.#pipe.dropSession(sessionId, 'the client is gone');
+        this.#detach(sessionId);
+      })
+      .catch(() => {});
   }
 
   /** Hears that the browser ended a session. @param {{sessionId: string}} params */
@@ -111,7 +115,40 @@ export class SpaceBrowser {
       this.#detach(sessionId); // its event tells the client, as for any other end
       return {};
     },
+    // A page's session hears of that page's downloads only, not of a pop-up's. The browser's hears
+    // of those of other task spaces, too; the session is ours, for it can do anything.
+    'Browser.setDownloadBehavior': async (params) => {
+      const method = 'Browser.setDownloadBehavior';
+      const permitted = this.#permitted({ method, params });
+      this.#downloads ??= this.#listenToDownloads();
+      const sessionId = await this.#downloads;
+      return this.#pipe.send(method, permitted, { sessionId, timeout: COMMAND_TIMEOUT });
+    },
   };
+
+  #permitted(command) {
+    return permittedParams(command, {
+      contextId: this.#space.contextId,
+      hasTarget: (targetId) => this.#space.targets.has(targetId),
+    });
+  }
+
+  async #listenToDownloads() {
+    const attach = 'Target.attachToBrowserTarget';
+    const { sessionId } = await this.#pipe.send(attach, {}, { timeout: COMMAND_TIMEOUT });
+    const ours = new Map(); // of each download: whether it is of this task space, to come
+    let told = Promise.resolve();
+    this.#pipe.listen(sessionId, (method, frame) => {
+      if (!method.startsWith('Browser.download')) return;
+      const { params } = JSON.parse(frame.text());
+      const { guid, frameId } = params;
+      if (frameId) ours.set(guid, this.#hasFrame(frameId));
+      const isOurs = ours.get(guid);
+      if (/^(completed|canceled)$/.test(params.state)) ours.delete(guid);
+      told = told.then(async () => (await isOurs) && this.#notify(method, params));
+    });
+    return sessionId;
+  }
 
   async #answer({ id, params = {} }, answer) {
     try {
@@ -120,6 +157,18 @@ export class SpaceBrowser {
     } catch (error) {
       this.#refuse({ id }, error.message);
     }
+  }
+
+  // Main frames and frames of other sites are targets; the others only their page knows.
+  async #hasFrame(frameId) {
+    if (this.#space.targets.has(frameId)) return true;
+    for (const [sessionId, parent] of this.#sessions) {
+      if (parent !== undefined) continue;
+      const limit = { sessionId, timeout: FRAMES_TIMEOUT };
+      const tree = await this.#pipe.send('Page.getFrameTree', {}, limit).catch(() => null);
+      if (JSON.stringify(tree).includes(`"id":"${frameId}"`)) return true;
+    }
+    return false;
   }
 
   #forward(message) {
@@ -137,7 +186,7 @@ export class SpaceBrowser {
     const { sessionId } = await this.#pipe.send(
       'Target.attachToTarget',
       { targetId: targetInfo.targetId, flatten: true },
-      { timeout: ATTACH_TIMEOUT },
+      { timeout: COMMAND_TIMEOUT },
     );
     if (this.#channel.closed) {
       this.#detach(sessionId);

@@ -1,12 +1,12 @@
 /** The pages of an open task space, as a script has them. */
 
-import { asScript, limitCalls, registerPage } from './call-limits.mjs';
+import { asScript, endOfCall, limitCalls, registerPage } from './call-limits.mjs';
 import { Downloads } from './downloads.mjs';
-import { Page, connect } from './page-library.mjs';
+import { Page, TimeoutError, connect } from './page-library.mjs';
 import { checkNames } from './space-options.mjs';
 import { KeeperTransport } from './transport.mjs';
 
-/** The space of each page. @type {WeakMap<Page, SpacePages>} */
+/** The space of each connection. @type {WeakMap<import('puppeteer-core').Browser, SpacePages>} */
 const spaces = new WeakMap();
 
 Object.assign(Page.prototype, {
@@ -41,13 +41,21 @@ Object.assign(Page.prototype, {
    */
   async waitForDownload(action, options = {}) {
     checkNames('waitForDownload', options, ['timeout']);
-    const { downloads } = spaces.get(this);
+    const { downloads } = spaces.get(this.browser());
     await downloads.allow();
-    return alongside(action, downloads.next());
+    const begin = async () => {
+      try {
+        await action();
+      } catch (error) {
+        // A navigation ends so when what it finds is a download.
+        if (!/net::ERR_ABORTED/.test(error?.message)) throw error;
+      }
+    };
+    return alongside(begin, downloads.next(endOfCall()));
   },
 });
 
-limitCalls();
+limitCalls((page) => spaces.get(page.browser())?.prepare(page));
 
 /** What an action brings about, or the action's own error. */
 async function alongside(action, outcome) {
@@ -83,14 +91,23 @@ export class SpacePages {
     const lossOf = () => (connection.usable ? null : connection.lostError().message);
     const space = new SpacePages(options, tell, lossOf);
     const isOurs = (target) => target._targetId === targetId;
-    const page = await (await browser.waitForTarget(isOurs)).page();
+    const target = await browser.waitForTarget(isOurs);
+    const page = await target.page().catch((error) => {
+      if (!(error instanceof TimeoutError)) throw error;
+      // The keeper replaces a page that hangs, unless it is in use.
+      throw new TimeoutError(
+        `openTaskSpace: ${target.url()} does not answer, another script keeps it busy`,
+      );
+    });
+    spaces.set(browser, space);
     space.downloads = new Downloads({
-      page,
+      browser: page._client().connection(),
       findDirectory: async () =>
         options.downloads ?? (await connection.request('downloads')).directory,
     });
-    await space.#prepare(page);
-    browser.on('targetcreated', (target) => space.#prepareNew(target));
+    await space.prepare(page);
+    // What gives a page prepares it, which needs nothing when it is gone again.
+    browser.on('targetcreated', (target) => target.page().catch(() => {}));
     if (options.downloads) await space.downloads.allow();
     return page;
   }
@@ -101,23 +118,13 @@ export class SpacePages {
     this.#lossOf = lossOf;
   }
 
-  // A page that is gone before it is prepared needs nothing.
-  async #prepareNew(target) {
-    try {
-      const page = await target.page();
-      if (page) await this.#prepare(page);
-    } catch {
-      // It was a pop-up that closed itself at once.
-    }
-  }
-
-  #prepare(page) {
+  /** Gives a page what the options say. @param {Page} page @returns {Promise<void>} */
+  prepare(page) {
     if (!this.#prepared.has(page)) this.#prepared.set(page, this.#prepareOnce(page));
     return this.#prepared.get(page);
   }
 
   async #prepareOnce(page) {
-    spaces.set(page, this);
     registerPage(page, this.#lossOf);
     page.on('dialog', (dialog) => this.#dismiss(page, dialog));
     const { userAgent, locale, timezone } = this.#options;

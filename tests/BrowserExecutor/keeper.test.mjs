@@ -81,6 +81,7 @@ test('after each kind of end nothing is left, and the next script starts anew', 
     'keeper told to stop': (sandbox) => sandbox.output('', { args: ['stop'] }),
     'keeper SIGTERM': (_, { keeper }) => process.kill(keeper, 'SIGTERM'),
     'browser killed': (_, { main }) => process.kill(main, 'SIGKILL'),
+    'socket removed': (sandbox) => fs.rmSync(sandbox.socket),
   };
   for (const [name, end] of Object.entries(ends)) {
     await t.test(name, async (t) => {

@@ -27,6 +27,10 @@ test('a failing script names its line and exits 1', async (t) => {
     { script: '\n\nthrow new RangeError("hm")', stderr: /script line 3: RangeError: hm/ },
     { script: 'await 1\nawait Promise.reject(new Error("r"))', stderr: /script line 2: Error: r/ },
     { script: 'setTimeout(() => {\n  null.x\n})', stderr: /script line 2: TypeError/ },
+    {
+      script: 'await Promise.any([Promise.reject(9)])',
+      stderr: /AggregateError.*\ncaused by: 9\n/,
+    },
     { script: 'throw "text"', stderr: /script threw 'text'/ },
     { script: 'await new Promise(() => {})', stderr: /waits for something/ },
     { script: 'await openTaskSpace("")', stderr: /script line 1: TypeError: .*name/ },
