@@ -183,8 +183,8 @@ function connect(socketPath) {
     const socket = net.connect(socketPath);
     socket.once('connect', () => resolve(socket));
     socket.once('error', (error) => {
-      // No socket, or one that a killed keeper left behind.
-      if (error.code === 'ENOENT' || error.code === 'ECONNREFUSED') resolve(null);
+      // No socket, one that a killed keeper left behind, or that of one which is just dying.
+      if (['ENOENT', 'ECONNREFUSED', 'ECONNRESET'].includes(error.code)) resolve(null);
       else if (error.code === 'EAGAIN') reject(new SilentKeeperError('the browser keeper is full'));
       else reject(new Error(`cannot connect to the browser keeper: ${error.message}`));
     });

@@ -87,8 +87,8 @@ test('after each kind of end nothing is left, and the next script starts anew', 
     await t.test(name, async (t) => {
       const sandbox = new Sandbox(t);
       const waiting = sandbox.start(`${OPEN}
-        await (await openTaskSpace('b')).evaluate('new Promise(() => {})')`);
-      await waitFor('the script to wait', () => waiting.stdout.includes('42'));
+        const b = await openTaskSpace('b'); cliLog('open'); await b.evaluate('new Promise(() => {})')`);
+      await waitFor('the script to wait', () => waiting.stdout.includes('open'));
       const family = sandbox.family();
       assert.match(
         await sandbox.output('', { args: ['status'] }),
