@@ -82,12 +82,14 @@ test('a call that fails says which, where, after how long and what there was', a
     page.setDefaultTimeout(300)
     await attempt(() => page.waitForFunction((delay) => new Promise((resolve) =>
       setTimeout(resolve, delay, 'late')).then(() => true), { timeout: 9000 }, 400).then(() => 'ok'))
+    page.setDefaultTimeout(9000)
     await attempt(() => page.evaluate((own) => new Promise((resolve) =>
       setTimeout(resolve, 100, own)), { timeout: 50 }))
-    await attempt(() => page.evaluate(() => new Promise(() => {})))
     const session = await page.createCDPSession()
     const worker = new Promise((resolve) => page.once('workercreated', resolve))
     await page.evaluate(() => { new Worker(URL.createObjectURL(new Blob(['']))) })
+    page.setDefaultTimeout(300)
+    await attempt(() => page.evaluate(() => new Promise(() => {})))
     await attempt(async () => (await worker).evaluate('for (;;);'))
     await attempt(() => page.evaluate(() => { for (;;); }))
     await attempt(() => session.send('Runtime.evaluate', { expression: '1', timeout: 5 }))
