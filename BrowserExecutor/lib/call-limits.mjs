@@ -227,7 +227,6 @@ class Call {
       const value = await Promise.race([result, new Promise(late)]);
       if (value instanceof library.CDPSession) limitSession(value, this.#page);
       if (value instanceof library.Page) await preparePage(value);
-
       return value;
     } catch (error) {
       if (error instanceof Error && !explained.has(error)) {
