@@ -5,6 +5,7 @@
 #include "tests/Support/Leaks.h"
 #include "tests/Support/RecordingLog.h"
 #include "tests/Support/RecordingObserver.h"
+#include "tests/Support/Sanitized.h"
 #include "tests/Support/ScopedEnv.h"
 #include "tests/Support/TempDir.h"
 
@@ -19,13 +20,6 @@
 #include <gmock/gmock.h>
 
 namespace verdo::test {
-
-/// Sanitizers slow everything down: what measures speed or volume asks for less under them.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-inline constexpr bool kSanitized = true;
-#else
-inline constexpr bool kSanitized = false;
-#endif
 
 /// A service, a home directory and, once started, a run against that service on a thread of its
 /// own, with every time constant a fiftieth of the real one. When the test ends, the run is
