@@ -131,6 +131,7 @@ Api::Reply Api::request(const Call& call) {
   request.url = options_.base + call.path;
   if (!isBaseValid_) fail(ServerError::Kind::server, name + " -> ValueError: bad URL");
   request.timeout = call.timeout;
+  request.trace = options_.trace;
   request.headers = protocolHeaders();
   request.headers.insert(request.headers.end(), call.headers.begin(), call.headers.end());
   if (call.body) {

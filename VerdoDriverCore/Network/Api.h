@@ -35,6 +35,8 @@ class Api {
     std::optional<std::string> clientHeader;  ///< X-VERDO-Driver-Client
     SecretScrub scrub;                        ///< what no message may hold, besides the token
     Timings timings;                          ///< of them: the time-outs and throttlePause
+    /// Of the latest call, for a caller of one call at a time; null: nobody asks.
+    std::shared_ptr<HttpTrace> trace;
   };
 
   Api(Options options, std::shared_ptr<HttpSession> session);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "VerdoDriverCore/Network/HttpTrace.h"
 #include "VerdoDriverCore/System/ByteBuffer.h"
 #include "VerdoDriverCore/System/Sync.h"
 
@@ -56,6 +57,7 @@ struct HttpRequest {
   bool followRedirects = false;
   std::size_t maxBody = 64u << 20;     ///< a longer collected body is an error, bytes
   std::shared_ptr<HttpBodySink> sink;  ///< null: the body is collected in the response
+  std::shared_ptr<HttpTrace> trace;    ///< to be filled in; null: nobody asks
 };
 
 struct HttpResponse {

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include <fmt/format.h>
+#include <openssl/x509_vfy.h>
 
 namespace verdo {
 namespace {
@@ -42,6 +43,46 @@ std::shared_ptr<const ByteBuffer> readWhole(const HttpBodySource& source) {
   while (end != limit) end += read(end, static_cast<std::size_t>(limit - end));
   body->commit(end);
   return body;
+}
+
+/// Host and port of a proxy, which may be written with a scheme, a user and a password.
+std::string withoutPassword(std::string_view proxy) {
+  if (const auto scheme = proxy.find("://"); scheme != std::string_view::npos) {
+    proxy.remove_prefix(scheme + 3);
+  }
+  if (const auto user = proxy.rfind('@'); user != std::string_view::npos) {
+    proxy.remove_prefix(user + 1);
+  }
+  return std::string(proxy.substr(0, proxy.find('/')));
+}
+
+/// The proxy of the environment that libcurl says it takes, in a line of its trace: which one it is
+/// for an address, exceptions counted, it tells nowhere else.
+std::string proxyNamedIn(std::string_view line) {
+  constexpr std::string_view kBegin = "Uses proxy env variable ";
+  constexpr std::string_view kEquals = " == '";
+  const auto equals = line.find(kEquals);
+  if (!line.starts_with(kBegin) || equals == std::string_view::npos) return "";
+  const auto variable = line.substr(kBegin.size(), equals - kBegin.size());
+  if (variable == "no_proxy" || variable == "NO_PROXY") return "";
+  const auto value = equals + kEquals.size();
+  return withoutPassword(line.substr(value, line.rfind('\'') - value));
+}
+
+HttpTrace::Certificate certificateOf(long verdict) {
+  switch (verdict) {
+    // libcurl itself compares the names, once OpenSSL has found nothing amiss. It reports OpenSSL's
+    // verdict only after that: until then it is unspecified.
+    case X509_V_OK:
+    case X509_V_ERR_UNSPECIFIED:
+      return HttpTrace::Certificate::otherName;
+    case X509_V_ERR_CERT_HAS_EXPIRED:
+      return HttpTrace::Certificate::expired;
+    case X509_V_ERR_CERT_NOT_YET_VALID:
+      return HttpTrace::Certificate::notYetValid;
+    default:
+      return HttpTrace::Certificate::untrusted;
+  }
 }
 
 TransportError::Kind kindOf(CURLcode code) {
@@ -88,6 +129,13 @@ HttpTransfer::HttpTransfer(HttpRequest req, HttpSession::Completion done,
   // Whether a connection can be shared, its TLS handshake tells at once. Without TLS only the first
   // reply would tell, and a long poll's comes late.
   if (request.url.starts_with("https:") && !request.sink) set(CURLOPT_PIPEWAIT, 1L);
+  if (request.trace) {
+    *request.trace = {};
+    set(CURLOPT_VERBOSE, 1L);
+    set(CURLOPT_DEBUGFUNCTION, &HttpTransfer::onTrace);
+    set(CURLOPT_DEBUGDATA, this);
+    if (!isLoopback(request.url)) request.trace->proxy = withoutPassword(options.proxy);
+  }
   if (request.sink) set(CURLOPT_BUFFERSIZE, kDownloadPiece);
   set(CURLOPT_SSLVERSION, long{CURL_SSLVERSION_TLSv1_2});
   if (!options.caCertificates.empty()) setTrust(options.caCertificates);
@@ -284,18 +332,78 @@ int HttpTransfer::onProgress(void* self, curl_off_t, curl_off_t downNow, curl_of
   return 0;
 }
 
+int HttpTransfer::onTrace(CURL*, curl_infotype kind, char* text, std::size_t size, void* self) {
+  auto& transfer = *static_cast<HttpTransfer*>(self);
+  HttpTrace& trace = *transfer.request.trace;
+  if (kind == CURLINFO_TEXT) {
+    const auto proxy = proxyNamedIn({text, size});
+    if (!proxy.empty()) trace.proxy = proxy;
+  } else if (kind == CURLINFO_SSL_DATA_OUT) {
+    trace.stage = std::max(trace.stage, HttpTrace::Stage::securing);
+  } else if (kind == CURLINFO_HEADER_OUT) {
+    const bool isForProxy = std::string_view(text, size).starts_with("CONNECT ");
+    trace.stage =
+        std::max(trace.stage, isForProxy ? HttpTrace::Stage::tunnelling : HttpTrace::Stage::asking);
+  }
+  return 0;
+}
+
+void HttpTransfer::fillTrace(CURLcode code) {
+  using Stage = HttpTrace::Stage;
+  HttpTrace& trace = *request.trace;
+  const auto number = [this](CURLINFO what) {
+    long value = 0;
+    curl_easy_getinfo(handle.get(), what, &value);
+    return value;
+  };
+  const auto text = [this](CURLINFO what) {
+    char* value = nullptr;
+    curl_easy_getinfo(handle.get(), what, &value);
+    return std::string(value ? value : "");
+  };
+  trace.status = status();
+  trace.proxyStatus = static_cast<int>(number(CURLINFO_HTTP_CONNECTCODE));
+  trace.systemError = static_cast<int>(number(CURLINFO_OS_ERRNO));
+  trace.address = text(CURLINFO_PRIMARY_IP);
+  trace.contentType = text(CURLINFO_CONTENT_TYPE);
+  trace.redirect = text(CURLINFO_REDIRECT_URL);
+  curl_header* date = nullptr;
+  if (curl_easy_header(handle.get(), "Date", 0, CURLH_HEADER, -1, &date) == CURLHE_OK) {
+    const time_t seconds = curl_getdate(date->value, nullptr);
+    if (seconds >= 0) trace.date = std::chrono::system_clock::from_time_t(seconds);
+  }
+  if (code == CURLE_PEER_FAILED_VERIFICATION) {
+    trace.certificate = certificateOf(number(CURLINFO_SSL_VERIFYRESULT));
+  }
+  if (trace.status > 0) {
+    trace.stage = Stage::answered;
+  } else if (code == CURLE_COULDNT_RESOLVE_PROXY) {
+    trace.stage = Stage::resolvingProxy;
+  } else if (trace.stage == Stage::preparing) {
+    curl_off_t resolved = 0;  // microseconds
+    curl_easy_getinfo(handle.get(), CURLINFO_NAMELOOKUP_TIME_T, &resolved);
+    trace.stage = resolved > 0 ? Stage::connecting : Stage::resolving;
+  }
+}
+
 void HttpTransfer::finish(CURLcode code) {
   if (code == CURLE_OK) {
+    if (request.trace) fillTrace(code);
     response_.status = status();
     completion(std::move(response_));
   } else if (bodyTooLong_) {
     fail({TransportError::Kind::other,
-          fmt::format("The response is longer than {} bytes", request.maxBody)});
+          fmt::format("The response is longer than {} bytes", request.maxBody)},
+         code);
   } else {
-    fail({kindOf(code), errorText[0] != 0 ? errorText : curl_easy_strerror(code)});
+    fail({kindOf(code), errorText[0] != 0 ? errorText : curl_easy_strerror(code)}, code);
   }
 }
 
-void HttpTransfer::fail(TransportError error) { completion(tl::make_unexpected(std::move(error))); }
+void HttpTransfer::fail(TransportError error, CURLcode code) {
+  // What was refused has gone no way.
+  if (request.trace && !refusal_) fillTrace(code);
+  completion(tl::make_unexpected(std::move(error)));
+}
 
 }  // namespace verdo

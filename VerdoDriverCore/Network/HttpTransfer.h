@@ -52,7 +52,8 @@ struct HttpTransfer {
   Connection connection() const;
   /// Gives the completion what libcurl ended with.
   void finish(CURLcode code);
-  void fail(TransportError error);
+  /// `code` is what libcurl ended with, if it was libcurl that ended it.
+  void fail(TransportError error, CURLcode code = CURLE_ABORTED_BY_CALLBACK);
 
   std::int64_t identifier = 0;
   HttpRequest request;
@@ -72,6 +73,7 @@ struct HttpTransfer {
   static int onProgress(void* self, curl_off_t downTotal, curl_off_t downNow, curl_off_t upTotal,
                         curl_off_t upNow);
   static int onSending(void* self, char* remoteIp, char* localIp, int remotePort, int localPort);
+  static int onTrace(CURL* handle, curl_infotype kind, char* text, std::size_t size, void* self);
   static int onSocketOpened(void* self, curl_socket_t socket, curlsocktype purpose);
   template <typename Value>
   void set(CURLoption option, Value value);
@@ -81,6 +83,7 @@ struct HttpTransfer {
   void setBody();
   void addHeader(const std::string& name, const std::string& rest);
   int status() const;
+  void fillTrace(CURLcode code);
 
   std::optional<TransportError> refusal_;
   HttpBodySource::Read read_;
