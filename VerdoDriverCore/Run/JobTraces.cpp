@@ -4,7 +4,7 @@
 #include "VerdoDriverCore/Contract/Executor.h"
 #include "VerdoDriverCore/Jobs/Browser.h"
 #include "VerdoDriverCore/Jobs/StagingDirectory.h"
-#include "VerdoDriverCore/Run/Runner.h"
+#include "VerdoDriverCore/Run/Preparation.h"
 #include "VerdoDriverCore/Run/SpaceClaim.h"
 #include "VerdoDriverCore/System/UniqueFd.h"
 
@@ -89,7 +89,7 @@ std::string JobTraces::removeBrowserData(const std::string& directory,
   std::error_code error;
   if (!std::filesystem::is_directory(std::filesystem::symlink_status(directory, error))) return "";
   if (isBrowserRunning(directory) && !options_.browser.empty()) {
-    auto environment = DriverRunner::childEnvironment(options_.browser, {});
+    auto environment = executorEnvironment(options_.browser, {});
     environment.erase(kRuntimeDir);
     if (!runtimeDir.empty()) environment[kRuntimeDir] = runtimeDir;
     Browser({options_.browser, {"verdo-browser", "stop"}, std::move(environment)},

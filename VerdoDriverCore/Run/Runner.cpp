@@ -5,31 +5,17 @@
 #include "VerdoDriverCore/Contract/ServerURLPolicy.h"
 #include "VerdoDriverCore/Jobs/StagingDirectory.h"
 #include "VerdoDriverCore/Network/Api.h"
-#include "VerdoDriverCore/Network/CertificateFile.h"
 #include "VerdoDriverCore/Network/ChatClient.h"
-#include "VerdoDriverCore/Process/Shlex.h"
-#include "VerdoDriverCore/Process/Which.h"
 #include "VerdoDriverCore/Run/Driver.h"
+#include "VerdoDriverCore/Run/Preparation.h"
 #include "VerdoDriverCore/Run/SpaceClaim.h"
 #include "VerdoDriverCore/Values/Url.h"
 #include "VerdoDriverCore/Values/Utf8.h"
-
-#include <algorithm>
-#include <cstdlib>
 
 #include <fmt/format.h>
 #include <signal.h>
 
 namespace verdo {
-
-namespace {
-
-std::string howToGive(const char* variable, const std::string& envFile) {
-  return fmt::format("export {0}=..., or put {0}=... in {1} (chmod 600). Issue one in the UI.",
-                     variable, envFile);
-}
-
-}  // namespace
 
 DriverRunner::DriverRunner(DriverConfig config, std::shared_ptr<LogSink> log,
                            std::weak_ptr<DriverObserver> observer, Timings timings)
@@ -57,12 +43,12 @@ ExitReason DriverRunner::runImpl() {
   ::signal(SIGPIPE, SIG_IGN);
   const std::string envFile = config_.envFilePath.value_or(DriverConstants::envFile());
   if (const auto refused = settleConfig(envFile)) return *refused;
-  auto executor = findExecutor();
+  auto executor = findExecutor(config_);
   if (const auto* missing = std::get_if<ExitReason>(&executor)) return *missing;
 
   std::shared_ptr<Api> api;
   try {
-    api = makeApi();
+    api = makeApi(config_, timings_);
   } catch (const PyError& error) {
     return ExitReason::badConfig(pyDescribe(error));
   }
@@ -89,11 +75,7 @@ ExitReason DriverRunner::runImpl() {
 
 /// Fills in what the configuration leaves open. Gives the reason when nothing can run with it.
 std::optional<ExitReason> DriverRunner::settleConfig(const std::string& envFile) {
-  server_ = withoutTrailingSlashes(config_.server.empty() ? DriverConstants::defaultServer
-                                                          : config_.server);
-  if (config_.llmBase.empty()) config_.llmBase = DriverConstants::llmDefaultBase;
-  config_.llmBase = withoutTrailingSlashes(std::move(config_.llmBase));
-
+  settleAddresses(config_);
   if (config_.token.empty()) {
     return ExitReason::badConfig("no driver token: " +
                                  howToGive(DriverConstants::tokenEnv, envFile));
@@ -103,32 +85,16 @@ std::optional<ExitReason> DriverRunner::settleConfig(const std::string& envFile)
   for (const auto& [name, secret] : secrets) {
     if (const auto refusal = secretRefusal(name, secret)) return ExitReason::badConfig(*refusal);
   }
-  if (const auto refusal = ServerURLPolicy::refusal(server_, config_.insecure)) {
+  if (const auto refusal = ServerURLPolicy::refusal(config_.server, config_.insecure)) {
     return ExitReason::badConfig(*refusal);
   }
-  if (const auto refusal = ServerURLPolicy::pathRefusal(server_)) {
+  if (const auto refusal = ServerURLPolicy::pathRefusal(config_.server)) {
     return ExitReason::badConfig(*refusal);
   }
   if (const auto refusal = ServerURLPolicy::providerRefusal(config_.llmBase)) {
     return ExitReason::badConfig(*refusal);
   }
   return std::nullopt;
-}
-
-std::variant<ExecutorCommand, ExitReason> DriverRunner::findExecutor() const {
-  std::vector<std::string> argv;
-  try {
-    argv = Shlex::split(config_.execCommand);
-  } catch (const Shlex::Error& error) {
-    return ExitReason::noExecutor(fmt::format("executor command `{}` cannot be split: {}",
-                                              config_.execCommand, error.what()));
-  }
-  const std::string program = argv.empty() ? "" : argv.front();
-  const auto path = argv.empty() ? std::nullopt : Which::find(program, config_.extraPathDirs);
-  if (!path) {
-    return ExitReason::noExecutor("executor not found: " + (program.empty() ? "(empty)" : program));
-  }
-  return ExecutorCommand{*path, std::move(argv), childEnvironment(*path, config_.extraPathDirs)};
 }
 
 /// Serves jobs until the run ends, the task spaces that an earlier run left swept first.
@@ -156,35 +122,6 @@ ExitReason DriverRunner::serve(const Hello& hello, std::shared_ptr<Api> api,
       config_.idleExit ? std::optional(fromSeconds(*config_.idleExit)) : std::nullopt;
   hasServed_ = true;
   return driver->serve(config_.serveJobs, idleExit);
-}
-
-HttpSession::Options DriverRunner::sessionFor(const std::string& url) const {
-  HttpSession::Options session;
-  session.pingTimeout = timings_.pingTimeout;
-  if (config_.proxyFor) session.proxy = config_.proxyFor(url);
-  return session;
-}
-
-std::shared_ptr<Api> DriverRunner::makeApi() {
-  auto session = sessionFor(server_);
-  if (config_.caCertPath) {
-    session.caCertificates = loadCertificates(*config_.caCertPath);
-  } else if (config_.extraCaCertPath) {
-    session.caCertificates = loadCertificatesBesideRoots(*config_.extraCaCertPath);
-  }
-  Api::Options options;
-  options.base = server_;
-  options.token = config_.token;
-  options.clientHeader = config_.clientHeader;
-  options.scrub.add(config_.llmKey);
-  options.timings = timings_;
-  // The key itself stays here, and so does a password in the provider's URL.
-  const bool hasKey = !config_.llmKey.empty();
-  options.llmInfo =
-      JV::Object{{"present", hasKey},
-                 {"last4", hasKey ? JV(DriverConstants::lastFour(config_.llmKey)) : JV()},
-                 {"base_url", withoutUserInfo(config_.llmBase)}};
-  return std::make_shared<Api>(std::move(options), std::make_shared<HttpSession>(session));
 }
 
 /// Says hello and tells what came of it; or gives the reason when the run ends there.
@@ -238,9 +175,7 @@ std::optional<ExitReason> DriverRunner::validateKey() {
   const std::string last = DriverConstants::lastFour(config_.llmKey);
   KeyCheck check;
   try {
-    const auto client = std::make_shared<ChatClient>(
-        config_.llmKey, config_.llmBase, [](const std::string&) {},
-        std::make_shared<HttpSession>(sessionFor(config_.llmBase)), SecretScrub{config_.token});
+    const auto client = makeKeyCheck(config_, timings_);
     {
       MutexLock lock(lock_);
       keyCheck_ = client;
@@ -277,7 +212,9 @@ std::shared_ptr<Driver> DriverRunner::makeDriver(const Hello& hello, std::shared
   options.pollWait = config_.pollWait;
   options.llmKey = config_.llmKey;
   options.llmBase = config_.llmBase;
-  if (!config_.llmKey.empty()) options.providerSession = sessionFor(config_.llmBase);
+  if (!config_.llmKey.empty()) {
+    options.providerSession = sessionFor(config_, config_.llmBase, timings_);
+  }
   options.spaces = {fromSeconds(hello.idleClose), fromSeconds(hello.reapInterval),
                     hello.spacePattern, timings_};
   options.timings = timings_;
@@ -292,8 +229,8 @@ std::shared_ptr<Driver> DriverRunner::makeDriver(const Hello& hello, std::shared
     }
     if (const auto listener = observer.lock()) listener->driverSharesSpaces(holder);
   };
-  auto claim = std::make_unique<SpaceClaim>(StagingDirectory::defaultCache(), server_, hello.userId,
-                                            tellHolder);
+  auto claim = std::make_unique<SpaceClaim>(StagingDirectory::defaultCache(), config_.server,
+                                            hello.userId, tellHolder);
   return std::make_shared<Driver>(std::move(options), std::move(api), log_, std::move(browser),
                                   std::move(claim), observer_);
 }
@@ -341,25 +278,6 @@ void DriverRunner::killJobsNow() {
 std::string DriverRunner::hostname(const std::string& url) {
   const auto parsed = Url::parse(url);
   return parsed ? parsed->host() : withoutUserInfo(url);
-}
-
-Environment DriverRunner::childEnvironment(const std::string& execPath,
-                                           const std::vector<std::string>& extraPathDirs) {
-  Environment environment = currentEnvironment();
-  environment.erase(DriverConstants::tokenEnv);
-  environment.erase(DriverConstants::llmKeyEnv);
-  std::vector<std::string> pieces;
-  const auto add = [&](const std::string& piece) {
-    const bool known = std::find(pieces.begin(), pieces.end(), piece) != pieces.end();
-    if (!piece.empty() && !known) pieces.push_back(piece);
-  };
-  const auto slash = execPath.rfind('/');
-  add(slash == std::string::npos ? "" : execPath.substr(0, slash));
-  for (const auto& directory : extraPathDirs) add(directory);
-  const auto path = environment.find("PATH");
-  pieces.push_back(path == environment.end() ? Which::kDefaultPath : path->second);
-  environment["PATH"] = fmt::format("{}", fmt::join(pieces, ":"));
-  return environment;
 }
 
 }  // namespace verdo

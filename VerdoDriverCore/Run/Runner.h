@@ -6,8 +6,6 @@
 #include "VerdoDriverCore/Contract/LogSink.h"
 #include "VerdoDriverCore/Contract/Timings.h"
 #include "VerdoDriverCore/Jobs/Browser.h"
-#include "VerdoDriverCore/Network/HttpSession.h"
-#include "VerdoDriverCore/Process/Spawn.h"
 #include "VerdoDriverCore/Run/Hello.h"
 #include "VerdoDriverCore/System/Sync.h"
 
@@ -15,7 +13,6 @@
 #include <optional>
 #include <string>
 #include <variant>
-#include <vector>
 
 namespace verdo {
 
@@ -52,28 +49,20 @@ class DriverRunner {
 
   /// The host of a URL, for messages; the text itself when it has none.
   static std::string hostname(const std::string& url);
-  /// This process's environment for executor children: PATH begins with the executor's directory
-  /// and `extraPathDirs`, and neither secret is in it.
-  static Environment childEnvironment(const std::string& execPath,
-                                      const std::vector<std::string>& extraPathDirs);
 
  private:
   ExitReason runImpl();
   std::optional<ExitReason> settleConfig(const std::string& envFile);
-  std::variant<ExecutorCommand, ExitReason> findExecutor() const;
   std::variant<Hello, ExitReason> sayHello(Api& api);
   std::optional<ExitReason> checkKey(const std::string& envFile);
   std::optional<ExitReason> validateKey() EXCLUDES(lock_);
-  std::shared_ptr<Api> makeApi();
-  HttpSession::Options sessionFor(const std::string& url) const;
   std::shared_ptr<Driver> makeDriver(const Hello& hello, std::shared_ptr<Api> api,
                                      ExecutorCommand executor);
   ExitReason serve(const Hello& hello, std::shared_ptr<Api> api, ExecutorCommand executor)
       EXCLUDES(lock_);
   bool isStopRequested() EXCLUDES(lock_);
 
-  DriverConfig config_;
-  std::string server_;      ///< the resolved URL; the running thread's
+  DriverConfig config_;     ///< settled when the run begins; the running thread's
   bool hasServed_ = false;  ///< the running thread's
   const std::shared_ptr<LogSink> log_;
   const std::weak_ptr<DriverObserver> observer_;

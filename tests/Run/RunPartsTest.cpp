@@ -1,3 +1,4 @@
+#include "VerdoDriverCore/Run/Preparation.h"
 #include "VerdoDriverCore/Run/Runner.h"
 #include "VerdoDriverCore/Run/SpacePattern.h"
 #include "VerdoDriverCore/Run/StderrLogSink.h"
@@ -86,7 +87,7 @@ TEST(DriverRunner, GivesExecutorsAPathButNoSecrets) {
   const auto environment = [](std::optional<std::string> path, const std::string& execPath,
                               const std::vector<std::string>& extra) {
     const ScopedEnv variable("PATH", path);
-    return DriverRunner::childEnvironment(execPath, extra);
+    return executorEnvironment(execPath, extra);
   };
   const Environment given =
       environment("/usr/bin:/a", "/opt/bin/x", {"/a", "", "/opt/bin", "/a", "/b"});
