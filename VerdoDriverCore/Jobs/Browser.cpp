@@ -224,27 +224,29 @@ void Browser::waitForClose(const std::string& space) {
   MutexLock lock(*spaceLock);
 }
 
-std::vector<JV> Browser::listSpaces(const Event* interrupt) try {
-  std::vector<JV> spaces;
-  for (const auto& line : run(LIST_JS, interrupt).lines) {
+Browser::SpaceList Browser::askForSpaces(const Event* interrupt) {
+  SpaceList list{run(LIST_JS, interrupt), {}};
+  for (const auto& line : list.script.lines) {
     const auto marker = line.find(kSpacesMarker);
     if (marker == std::string::npos) continue;
-    const JV answer = parseJson(std::string_view(line).substr(marker + kSpacesMarker.size()));
-    if (const auto* list = answer.asArray()) {
-      std::copy_if(list->begin(), list->end(), std::back_inserter(spaces),
-                   [](const JV& entry) { return entry.asObject() != nullptr; });
+    try {
+      const JV answer = parseJson(std::string_view(line).substr(marker + kSpacesMarker.size()));
+      if (const auto* all = answer.asArray()) {
+        std::copy_if(all->begin(), all->end(), std::back_inserter(list.spaces.emplace()),
+                     [](const JV& entry) { return entry.asObject() != nullptr; });
+      }
+    } catch (const PyError&) {
+      // No answer, then.
     }
     break;
   }
-  return spaces;
-} catch (const PyError&) {
-  // An executor without spaces to tell of is as good as one that cannot tell.
-  return {};
+  return list;
 }
 
 std::vector<std::string> Browser::spaceNames(const Event* interrupt) {
   std::vector<std::string> names;
-  for (const JV& space : listSpaces(interrupt)) {
+  // An executor without spaces to tell of is as good as one that cannot tell.
+  for (const JV& space : askForSpaces(interrupt).spaces.value_or(std::vector<JV>{})) {
     if (auto name = pyStrIfTruthy(space.find("name"))) names.push_back(std::move(*name));
   }
   return names;

@@ -53,9 +53,13 @@ class Browser {
       const Event* interrupt = nullptr) EXCLUDES(lock_);
   /// Blocks while the space is being closed.
   void waitForClose(const std::string& space) EXCLUDES(lock_);
-  /// The task spaces that the browser knows, each an object; empty when no answer could be read.
-  std::vector<JV> listSpaces(const Event* interrupt = nullptr);
-  /// The names of those spaces, without the ones that have none.
+  /// What came of asking for the task spaces that the browser knows.
+  struct SpaceList {
+    Result script;                          ///< how the script ended
+    std::optional<std::vector<JV>> spaces;  ///< each an object; absent: no answer could be read
+  };
+  SpaceList askForSpaces(const Event* interrupt = nullptr);
+  /// The names of those spaces, as far as they could be read, without the ones that have none.
   std::vector<std::string> spaceNames(const Event* interrupt = nullptr);
 
   /// The driver stops: from now on each script, those at work included, has

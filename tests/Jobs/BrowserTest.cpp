@@ -52,7 +52,7 @@ TEST_F(BrowserTest, SendsItsTwoScripts) {
   EXPECT_FALSE(printing("", "", 1).closeSpace("x"));
   EXPECT_THAT(log->lines(), ElementsAre(Line{'i', "space 'it\\'s \"é\"\\n': close -> exit 0"},
                                         Line{'w', "space 'x': close -> exit 1"}));
-  browser({"swallow", script}).listSpaces();
+  browser({"swallow", script}).askForSpaces();
   EXPECT_EQ(contentOf(script),
             "const spaces = await listTaskSpaces()\n"
             "cliLog('__SPACES__' + JSON.stringify(spaces || []))\n");
@@ -69,7 +69,8 @@ TEST_F(BrowserTest, ReadsTheFirstAnswerOnly) {
       {"__SPACES__\n", {}}};
   for (const auto& [out, spaces] : cases) {
     Lines texts;
-    for (const JV& space : printing(out, "", 1).listSpaces()) texts.push_back(PyJSON::text(space));
+    const auto answer = printing(out, "", 1).askForSpaces().spaces.value_or(std::vector<JV>{});
+    for (const JV& space : answer) texts.push_back(PyJSON::text(space));
     EXPECT_EQ(texts, spaces) << out;
   }
   const std::string named = "__SPACES__[{\"name\": \"a\"}, {\"name\": \"\"}, {}, {\"name\": 7}]";
