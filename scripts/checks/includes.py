@@ -6,7 +6,7 @@ import subprocess
 import sys
 
 CORE = [f'VerdoDriverCore/{name}' for name in
-        ('System', 'Values', 'Process', 'Contract', 'Network', 'Jobs', 'Run')]
+        ('System', 'Values', 'Process', 'Contract', 'Network', 'Jobs', 'Run', 'Doctor')]
 APP = [f'VerdoDriver/{name}' for name in ('Model', 'UI', 'MenuBar', 'App')]
 PLATFORM = 'VerdoDriver/Platform'
 LAYERS = [*CORE, *APP, PLATFORM, 'VerdoDriverCLI', 'LocalService', 'bench', 'tests']

@@ -13,16 +13,24 @@
 
 namespace verdo::test {
 
-/// A certificate for 127.0.0.1 that is its own authority, and its key, as PEM files.
+/// A certificate that is its own authority, and its key, as PEM files.
 class Certificates {
  public:
-  Certificates() {
+  struct Options {
+    const char* name = "IP:127.0.0.1";  ///< that it is made out to
+    // When it is valid, seconds from now.
+    long from = -3600;
+    long until = 24 * 3600;
+  };
+
+  Certificates() : Certificates(Options{}) {}
+  explicit Certificates(const Options& options) {
     const auto key = owned(EVP_EC_gen("P-256"), &EVP_PKEY_free);
     const auto made = owned(X509_new(), &X509_free);
     X509_set_version(made.get(), X509_VERSION_3);
     ASN1_INTEGER_set(X509_get_serialNumber(made.get()), 1);
-    X509_gmtime_adj(X509_getm_notBefore(made.get()), -3600);
-    X509_gmtime_adj(X509_getm_notAfter(made.get()), 24 * 3600);
+    X509_gmtime_adj(X509_getm_notBefore(made.get()), options.from);
+    X509_gmtime_adj(X509_getm_notAfter(made.get()), options.until);
     X509_set_pubkey(made.get(), key.get());
     // Two of the same name could not be told apart.
     const std::string name = "CA " + directory_.path().substr(directory_.path().size() - 6);
@@ -31,7 +39,7 @@ class Certificates {
                                reinterpret_cast<const unsigned char*>(name.c_str()), -1, -1, 0);
     X509_set_issuer_name(made.get(), subject);
     extend(made.get(), NID_basic_constraints, "critical,CA:TRUE");
-    extend(made.get(), NID_subject_alt_name, "IP:127.0.0.1");
+    extend(made.get(), NID_subject_alt_name, options.name);
     check(X509_sign(made.get(), key.get(), EVP_sha256()) > 0);
     check(PEM_write_X509(owned(std::fopen(certificate().c_str(), "w"), &std::fclose).get(),
                          made.get()) == 1);
