@@ -124,6 +124,26 @@ void defineLLM(Group group, Options& options) {
   group.flag("--check-llm", options.config.checkLLM, "Validate the LLM key before serving");
 }
 
+const char* const kDoctorFooter =
+    "The options of verdo-driver count, too, before or behind the word: --server,\n"
+    "--env-file, --ca-cert, --exec, --extra-path, --llm-base, --insecure, …\n\n"
+    "Exit status: 0 all that is needed works, 1 something does not, 2 bad usage,\n"
+    "130 stopped.";
+
+/// After the help flag, which it takes over.
+CLI::App* defineDoctor(CLI::App& app, DoctorOptions& doctor) {
+  auto* command = app.add_subcommand("doctor", "Find out why the driver does not work");
+  command->fallthrough();  // the options of a run mean the same here
+  auto* thorough = command->add_flag("--thorough", doctor.thorough,
+                                     "Poll once and post large bodies, too; may delay one job");
+  auto* json = command->add_flag("--json", doctor.json, "Print one JSON object");
+  auto* report = command->add_flag("--report", doctor.report, "Print a text fit for a bug report");
+  for (auto* option : {thorough, json, report}) option->group("Doctor");
+  command->get_formatter()->column_width(kNameWidth);
+  command->footer(kDoctorFooter);
+  return command;
+}
+
 void define(CLI::App& app, Options& options, std::string& color) {
   app.set_help_flag("");  // defined last, so that its group comes last
   defineService(Group(app, "Service"), options);
@@ -160,6 +180,8 @@ std::variant<Options, Ended> parseCommandLine(int argc, const char* const* argv)
   Options options;
   std::string color = "auto";
   define(app, options, color);
+  DoctorOptions doctor;
+  const auto* const doctorCommand = defineDoctor(app, doctor);
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp&) {
@@ -172,6 +194,8 @@ std::variant<Options, Ended> parseCommandLine(int argc, const char* const* argv)
   if (options.config.sweepAll && options.config.noSweep) {
     return usageError("--sweep-all and --no-sweep exclude each other");
   }
+  if (doctor.json && doctor.report) return usageError("--json and --report exclude each other");
+  if (doctorCommand->parsed()) options.doctor = doctor;
   if (color != "auto") options.color = color == "always";
   return options;
 }

@@ -8,14 +8,22 @@
 
 namespace verdo::cli {
 
+/// What `verdo-driver doctor` is asked for beyond the run's options.
+struct DoctorOptions {
+  bool thorough = false;  ///< --thorough
+  bool json = false;      ///< --json
+  bool report = false;    ///< --report; never with --json
+};
+
 /// What the command line says. Secrets are not among it: they come from the environment or the
 /// env file, never from where every process listing shows them.
 struct Options {
-  DriverConfig config;                 ///< with everything that the command line alone can set
-  std::optional<std::string> server;   ///< --server
-  std::optional<std::string> llmBase;  ///< --llm-base
-  std::optional<std::string> exec;     ///< --exec
-  std::optional<bool> color;           ///< --color; absent: as the terminal has it
+  DriverConfig config;                  ///< with everything that the command line alone can set
+  std::optional<std::string> server;    ///< --server
+  std::optional<std::string> llmBase;   ///< --llm-base
+  std::optional<std::string> exec;      ///< --exec
+  std::optional<bool> color;            ///< --color; absent: as the terminal has it
+  std::optional<DoctorOptions> doctor;  ///< `doctor`: look what is wrong instead of serving
 };
 
 /// A command line that runs nothing: help, version, or a usage error.

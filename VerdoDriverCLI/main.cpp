@@ -1,4 +1,5 @@
 #include "VerdoDriverCLI/Config.h"
+#include "VerdoDriverCLI/DoctorCommand.h"
 #include "VerdoDriverCLI/Options.h"
 #include "VerdoDriverCLI/SignalThread.h"
 #include "VerdoDriverCLI/SuspendWatch.h"
@@ -80,6 +81,18 @@ int serve(verdo::cli::Options options, const verdo::Secrets& secrets) {
   return reason.code();
 }
 
+int examine(verdo::cli::Options options, const verdo::Secrets& secrets) {
+  const verdo::cli::DoctorCommand command(std::move(options), secrets);
+  try {
+    verdo::cli::handleStopSignals([&command] { command.stop(); },
+                                  [] { exitNow(verdo::ExitReason::stopped().code()); });
+  } catch (const std::system_error& error) {
+    std::fprintf(stderr, "cannot start a thread: %s\n", error.what());
+    return verdo::ExitReason::serverUnreachable({}).code();
+  }
+  exitNow(command.run());  // while the signals' thread may still use the command
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -92,5 +105,7 @@ int main(int argc, char** argv) {
     std::fputs(ended->text.c_str(), ended->status == 0 ? stdout : stderr);
     return ended->status;
   }
-  exitNow(serve(std::move(std::get<verdo::cli::Options>(parsed)), secrets));
+  auto& options = std::get<verdo::cli::Options>(parsed);
+  exitNow(options.doctor ? examine(std::move(options), secrets)
+                         : serve(std::move(options), secrets));
 }

@@ -120,6 +120,62 @@ TEST_F(TheProgram, EndsWithTheWrongStatusOrWithoutAWord) {
   }
 }
 
+TEST_F(TheProgram, DoctorEndsWithTheWrongStatusOrTellsASecret) {
+  const TempDir files;
+  const std::string line =
+      "VERDO_DRIVER_TOKEN=" + service.token() + "\nVERDO_LLM_API_KEY=" + service.providerKey();
+  const auto open = files.write("open.env", line, std::filesystem::perms{0644});
+  const auto own = files.write("own.env", line);
+  const struct {
+    Arguments arguments;
+    std::string token;
+    int status;
+    std::string output;
+  } cases[] = {
+      {{}, service.token(), 0, "driver token from the environment, LLM key none\n"},
+      {{"--env-file", own, "--llm-base", service.providerUrl()},
+       "",
+       0,
+       "driver token from the env file, LLM key from the env file\n"},
+      {{"--json"}, service.token(), 0, "{\"healthy\": true, \"version\": \"2026.09.04\", "},
+      {{"--report"}, service.token(), 0, "server: 127.0.0.1\n✓ ok       configuration"},
+      {{"--thorough", "--poll-wait", "0"}, service.token(), 0, "posts of 8 MiB come through\n"},
+      {{}, "", 1, "✗ failed   configuration    there is no driver token\n"},
+      {{},
+       "another",
+       1,
+       "✗ failed   hello            the service does not accept the driver token"},
+      {{}, service.token() + "\r\nX: 1", 1, "the driver token holds a control character"},
+      {{"--env-file", open}, "", 1, "others than you may read or change " + open + "\n"},
+      {{"--env-file", files.path()}, "", 1, files.path() + " cannot be read: "},
+      {{"--json", "--env-file", open}, "", 1, "{\"healthy\": false, "},
+      {{"--json", "--report"}, service.token(), 2, ""},
+      {{"--exec"}, service.token(), 2, ""},
+  };
+  for (const auto& row : cases) {
+    SCOPED_TRACE(row.output);
+    environment["VERDO_DRIVER_TOKEN"] = row.token;
+    auto all = arguments({"doctor"});
+    all.insert(all.end(), row.arguments.begin(), row.arguments.end());
+    Program program(all, environment);
+    EXPECT_EQ(program.wait(), row.status);
+    EXPECT_THAT(program.output(), HasSubstr(row.output));
+    EXPECT_EQ(program.output().empty(), row.status == 2);
+    for (const auto& secret : {service.token(), service.providerKey()}) {
+      EXPECT_THAT(program.output() + program.errors(), Not(HasSubstr(secret)));
+    }
+    const bool isLate = all.size() > 5 && all[5] == "--thorough";
+    EXPECT_EQ(program.errors().starts_with("! polling once: a job"), isLate);
+  }
+  hangOn("list");
+  environment["VERDO_DRIVER_TOKEN"] = service.token();
+  Program program(arguments({"doctor"}), environment);
+  ASSERT_TRUE(hangs());
+  program.signal(SIGINT);
+  EXPECT_EQ(program.wait(), 130);
+  EXPECT_TRUE(eventually([&] { return processesOf(home()).empty(); }));
+}
+
 TEST_F(TheProgram, LosesTheStatusOfEveryJobWhereSigchldWasIgnored) {
   const auto id = addJob("say a");
   Program program(arguments({"--serve-jobs", "1"}), environment,
