@@ -5,13 +5,15 @@ target_include_directories(verdo_options INTERFACE ${CMAKE_SOURCE_DIR} ${VERDO_G
 target_compile_options(verdo_options INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wnon-virtual-dtor -Woverloaded-virtual
   -fstack-protector-strong)
-if(CMAKE_UNITY_BUILD AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-  # It warns of headers, and takes each source that is compiled with others for one.
-  target_compile_options(verdo_options INTERFACE -Wno-subobject-linkage)
+if(CMAKE_UNITY_BUILD)
+  # GCC warns of headers, and takes each source that is compiled with others for one.
+  target_compile_options(verdo_options INTERFACE
+    $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wno-subobject-linkage>)
 endif()
-if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
-  target_compile_options(verdo_options INTERFACE -Wthread-safety)
-endif()
+foreach(language CXX OBJCXX)
+  target_compile_options(verdo_options INTERFACE
+    $<$<COMPILE_LANG_AND_ID:${language},Clang,AppleClang>:-Wthread-safety>)
+endforeach()
 
 if(VERDO_SANITIZE STREQUAL "address")
   set(flags -fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
@@ -20,7 +22,8 @@ elseif(VERDO_SANITIZE STREQUAL "thread")
 elseif(VERDO_SANITIZE)
   message(FATAL_ERROR "VERDO_SANITIZE takes address or thread, not '${VERDO_SANITIZE}'")
 endif()
-target_compile_options(verdo_options INTERFACE ${flags})
+# Sources in Objective-C++ are, on Linux, another compiler's.
+target_compile_options(verdo_options INTERFACE "$<$<COMPILE_LANGUAGE:CXX>:${flags}>")
 target_link_options(verdo_options INTERFACE ${flags})
 
 find_program(CCACHE ccache)
