@@ -1,5 +1,7 @@
 #include "VerdoDriver/App/ControlChannel.h"
 
+#include "VerdoDriver/Platform/LocalPeer.h"
+
 #include <QDir>
 #include <QSocketNotifier>
 #include <QTimer>
@@ -40,20 +42,15 @@ struct LocalSocket {
     }
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
     fd = UniqueFd(::socket(AF_UNIX, SOCK_STREAM, 0));
-    if (fd) ::fcntl(fd.get(), F_SETFD, FD_CLOEXEC);
+    if (!fd) return;
+    ::fcntl(fd.get(), F_SETFD, FD_CLOEXEC);
+    LocalPeer::prepare(fd.get());
   }
   const sockaddr* generic() const { return reinterpret_cast<const sockaddr*>(&address); }
 
   sockaddr_un address{};
   UniqueFd fd;
 };
-
-/// Where no other user's socket can pose as the app's.
-bool isOwn(int fd) {
-  ucred peer{};
-  socklen_t size = sizeof peer;
-  return ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && peer.uid == ::geteuid();
-}
 
 std::string lockOf(const std::string& socketPath) { return socketPath + ".lock"; }
 
@@ -93,7 +90,7 @@ class ControlServer::Caller : public QObject {
   }
   /// What a service has said may be longer than the system takes at once.
   void write() {
-    const ssize_t size = ::send(fd_.get(), reply_.data(), reply_.size(), MSG_NOSIGNAL);
+    const ssize_t size = LocalPeer::send(fd_.get(), reply_);
     if (size < 0 && errno != EAGAIN && errno != EINTR) return end();
     reply_.erase(0, static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
     if (reply_.empty()) return end();
@@ -138,9 +135,8 @@ std::optional<std::string> askRunningApp(const std::string& socketPath, const st
   }
   const std::string line = command + "\n";
   if (::connect(socket.fd.get(), socket.generic(), sizeof socket.address) != 0 ||
-      !isOwn(socket.fd.get()) ||
-      ::send(socket.fd.get(), line.data(), line.size(), MSG_NOSIGNAL) !=
-          static_cast<ssize_t>(line.size())) {
+      !LocalPeer::isOwn(socket.fd.get()) ||  // no other user's socket can pose as the app's
+      LocalPeer::send(socket.fd.get(), line) != static_cast<ssize_t>(line.size())) {
     return std::nullopt;
   }
   std::string reply;
@@ -198,6 +194,7 @@ void ControlServer::accept() {
     }
     ::fcntl(caller.get(), F_SETFD, FD_CLOEXEC);
     setNonBlocking(caller.get());
+    LocalPeer::prepare(caller.get());
     new Caller(std::move(caller), this);
     ++callers_;
   }

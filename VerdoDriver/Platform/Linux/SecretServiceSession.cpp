@@ -2,8 +2,6 @@
 
 #include "VerdoDriver/Platform/Linux/SecretServiceError.h"
 
-// Its way of putting secrets into messages, without its way of finding them.
-#define SECRET_API_SUBJECT_TO_CHANGE
 #include <libsecret/secret.h>
 
 namespace verdo {
