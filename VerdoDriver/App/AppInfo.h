@@ -2,7 +2,7 @@
 
 #include <string>
 
-/// What this build of the app is.
+/// What this build of the app is; its bundle says so, where it has one.
 namespace verdo::AppInfo {
 
 /// "com.pellmar.verdodriver": names the app wherever the system asks for a unique name.

@@ -10,7 +10,10 @@
 #include "VerdoDriver/Model/AppLog.h"
 #include "VerdoDriver/Model/SecretTask.h"
 #include "VerdoDriver/Model/StatusReport.h"
+#include "VerdoDriver/Platform/AgentWindow.h"
 #include "VerdoDriver/Platform/NativeSettings.h"
+#include "VerdoDriver/Platform/SystemIcon.h"
+#include "VerdoDriver/Platform/SystemLog.h"
 #include "VerdoDriver/Platform/TrayWatch.h"
 #include "VerdoDriver/UI/PopoverView.h"
 #include "VerdoDriverCore/Contract/DriverConstants.h"
@@ -90,6 +93,7 @@ int run(int argc, char** argv, const AppDelegate::Options& options) {
   std::optional<DisplayGuard> guard(std::in_place);
   QApplication app(argc, argv);
   guard.reset();
+  AgentWindow::becomeAgent();
   QApplication::setQuitOnLastWindowClosed(false);
   QApplication::setApplicationName(QStringLiteral("verdo-driver"));
   QApplication::setApplicationDisplayName(QStringLiteral("Verdo Driver"));
@@ -125,7 +129,8 @@ int run(int argc, char** argv, const AppDelegate::Options& options) {
           },
       .defaultServerURL = AppInfo::defaultServerURL(),
   };
-  MenuBarController menuBar(*model, std::make_unique<PopoverView>(*model, host));
+  MenuBarController menuBar(*model, std::make_unique<PopoverView>(*model, host),
+                            {.icon = systemIcon, .present = AgentWindow::present});
   whenTrayIsKnown(&menuBar, [&menuBar] { menuBar.makeStatusItem(); });
   AppDelegate delegate(*model, menuBar, [] { QCoreApplication::exit(0); });
   running = &delegate;
@@ -151,6 +156,7 @@ int main(int argc, char** argv) {
   giveBackLargeBlocks();
   keepEndedChildren();
   eraseSecretsFromEnvironment();
+  openSystemLog(AppInfo::bundleID());
   const std::span<char*> arguments(argv + 1, argv + argc);
   if (has(arguments, "--help")) return std::fputs(kUsage, stdout) < 0 ? 1 : 0;
   if (has(arguments, "--version")) return std::printf("%s\n", AppInfo::version().c_str()) < 0;

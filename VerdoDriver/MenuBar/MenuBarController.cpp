@@ -44,8 +44,12 @@ QString plainTooltip(const std::string& text) {
 
 }  // namespace
 
-MenuBarController::MenuBarController(AppModel& model, std::unique_ptr<QWidget> popover)
-    : model_(model), window_(std::make_unique<QDialog>()), popover_(popover.get()) {
+MenuBarController::MenuBarController(AppModel& model, std::unique_ptr<QWidget> popover,
+                                     System system)
+    : model_(model),
+      system_(std::move(system)),
+      window_(std::make_unique<QDialog>()),
+      popover_(popover.get()) {
   auto* layout = new QVBoxLayout(window_.get());
   layout->setSizeConstraint(QLayout::SetFixedSize);  // the window follows its content
   layout->addWidget(popover.release());
@@ -69,11 +73,16 @@ void MenuBarController::makeStatusItem() {
   statusItem_->show();
 }
 
+QIcon MenuBarController::iconFor(const Look& look) const {
+  QIcon icon = system_.icon ? system_.icon(look.connection, look.updateAvailable) : QIcon();
+  return icon.isNull() ? StatusItemIconRenderer::icon(look.connection, look.updateAvailable) : icon;
+}
+
 void MenuBarController::updateIcon() {
   const Look look{model_.connection(), model_.updateAvailable()};
   if (look_ != look) {
     look_ = look;
-    const QIcon icon = StatusItemIconRenderer::icon(look.connection, look.updateAvailable);
+    const QIcon icon = iconFor(look);
     window_->setWindowIcon(icon);
     if (statusItem_) statusItem_->setIcon(icon);
   }
@@ -96,6 +105,7 @@ void MenuBarController::showPopover() {
   window_->adjustSize();
   if (isPlaced_) position();
   window_->show();
+  if (isPlaced_ && system_.present) system_.present(window_->winId());
   window_->raise();
   window_->activateWindow();
   AppLog::menuBar.debug("[MenuBar] popover shown");

@@ -6,6 +6,7 @@
 #include <QSystemTrayIcon>
 #include <QWidget>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <optional>
 
@@ -18,8 +19,16 @@ namespace verdo {
 class MenuBarController : public QObject {
   Q_OBJECT
  public:
+  /// What the system does better than Qt; empty where it does not.
+  struct System {
+    /// The icon in the system's own symbols; null where it has none for this.
+    std::function<QIcon(Connection connection, bool updateAvailable)> icon;
+    /// Gives the popover's window, which was just shown beside the icon, its place among others.
+    std::function<void(WId window)> present;
+  };
+
   /// `popover` is what the window shows; the controller takes it. `model` outlives it.
-  MenuBarController(AppModel& model, std::unique_ptr<QWidget> popover);
+  MenuBarController(AppModel& model, std::unique_ptr<QWidget> popover, System system = {});
   ~MenuBarController() override;
 
   /// A tray icon may be made now: until then none is. To be called once.
@@ -51,7 +60,10 @@ class MenuBarController : public QObject {
   void position();
   void letGoOfPicture();
 
+  QIcon iconFor(const Look& look) const;
+
   AppModel& model_;
+  const System system_;
   std::unique_ptr<QWidget> window_;
   QWidget* const popover_;                       ///< in the window
   std::unique_ptr<QSystemTrayIcon> statusItem_;  ///< null until it may be made

@@ -2,26 +2,14 @@
 
 #include "VerdoDriver/Model/AppLog.h"
 #include "VerdoDriver/Platform/Linux/GLibHandles.h"
+#include "VerdoDriver/Platform/ProxyEnvironment.h"
 
-#include <algorithm>
-#include <array>
-#include <cstdlib>
 #include <string_view>
 
 namespace verdo {
 namespace {
 
 constexpr std::chrono::seconds kLimit{5};
-
-/// What libcurl reads; http_proxy in capitals it ignores on purpose.
-bool isInEnvironment() {
-  constexpr std::array kNames = {"https_proxy", "HTTPS_PROXY", "http_proxy", "all_proxy",
-                                 "ALL_PROXY"};
-  return std::any_of(kNames.begin(), kNames.end(), [](const char* name) {
-    const char* const value = std::getenv(name);
-    return value && *value;
-  });
-}
 
 /// GLib says "socks" for a proxy of version 5 that also looks up names, and "direct" for none.
 std::string asLibcurlNamesIt(std::string_view proxy) {
@@ -34,7 +22,7 @@ std::string asLibcurlNamesIt(std::string_view proxy) {
 }  // namespace
 
 std::string desktopProxyFor(const std::string& url) {
-  if (isInEnvironment()) return {};
+  if (environmentNamesProxy()) return {};
   const BoundedGLibCalls calls(kLimit);
   GLibPtr<GError> error;
   const std::unique_ptr<gchar*, decltype(&g_strfreev)> proxies(

@@ -17,6 +17,7 @@ void Object::letGo() {
     CFRelease(value);
   }
   countObject(-1);
+  keepForEver(this);
 }
 
 const Object& object(CFTypeRef ref) { return *static_cast<const Object*>(ref); }
@@ -24,7 +25,7 @@ const Object& object(CFTypeRef ref) { return *static_cast<const Object*>(ref); }
 CFStringRef constant(const char* name, CFTypeID type) {
   auto* const made = new Object(type, name);
   made->isConstant = true;
-  countObject(-1);
+  made->letGo();
   return reinterpret_cast<CFStringRef>(made);
 }
 
@@ -83,7 +84,6 @@ void CFRelease(CFTypeRef ref) {
   const Object& it = object(ref);
   if (it.isConstant) return;
   if (it.owners <= 0) return countOverRelease();
-  // What is gone is kept, so that one release too many is counted and harms nothing.
   if (--it.owners == 0) const_cast<Object&>(it).letGo();
 }
 

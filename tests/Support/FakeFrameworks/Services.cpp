@@ -66,6 +66,11 @@ int liveObjects() { return live; }
 int overReleases() { return tooMany; }
 void countObject(int change) { live += change; }
 void countOverRelease() { ++tooMany; }
+void keepForEver(const void* memory) {
+  static auto& kept = *new std::vector<const void*>;
+  const std::lock_guard lock(guard);
+  kept.push_back(memory);
+}
 void setStatus(const std::string& function, std::int32_t status) { statuses[function] = status; }
 std::int32_t statusOf(const std::string& function) { return statuses[function]; }
 KeychainItems& keychain() {
@@ -154,7 +159,9 @@ IOReturn IOPMAssertionRelease(IOPMAssertionID id) {
 
 os_log_t os_log_create(const char* subsystem, const char* category) {
   record(std::string("os_log_create ") + subsystem + " " + category);
-  return reinterpret_cast<os_log_t>(new std::string(category));  // the system's for ever, too
+  auto* const log = new std::string(category);
+  keepForEver(log);
+  return reinterpret_cast<os_log_t>(log);
 }
 
 void fakeLog(os_log_t log, os_log_type_t type, const char* format, ...) {

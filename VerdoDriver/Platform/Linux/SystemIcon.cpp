@@ -1,0 +1,7 @@
+#include "VerdoDriver/Platform/SystemIcon.h"
+
+namespace verdo {
+
+QIcon systemIcon(Connection, bool) { return {}; }
+
+}  // namespace verdo
