@@ -1,5 +1,5 @@
-// Path monitors, which call a block, and the blocks themselves (their layout is public: "Block
-// Implementation Specification" of clang). A monitor's queue runs here on a thread for each update.
+// Path monitors, which call a block, and the blocks themselves, whose layout clang publishes. A
+// monitor's queue runs here on a thread for each update.
 
 #include "tests/Support/FakeFrameworks/FakeFrameworks.h"
 
