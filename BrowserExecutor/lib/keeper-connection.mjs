@@ -15,7 +15,7 @@ import {
 
 /** A keeper that takes longer to say hello hangs: it does nothing that takes time. */
 const HELLO_TIMEOUT = 5_000;
-export const REQUEST_TIMEOUT = 30_000;
+const REQUEST_TIMEOUT = 30_000;
 
 /** The keeper is there and does not answer. */
 export class SilentKeeperError extends Error {}

@@ -119,7 +119,7 @@ function launchKeeper(paths, env) {
  * @param {import('./paths.mjs').KeeperPaths} paths
  * @returns {string} what was done, for a person
  */
-export function endHangingKeeper(paths) {
+function endHangingKeeper(paths) {
   let record;
   try {
     record = JSON.parse(fs.readFileSync(paths.lock, 'utf8'));

@@ -18,7 +18,7 @@ import {
   createProfile,
   removeLeftoverProfiles,
   removeLeftoverSocket,
-  removeProfile,
+  removeDirectory,
 } from './paths.mjs';
 import { identify } from './process-identity.mjs';
 import { PROTOCOL_VERSION } from './protocol.mjs';
@@ -130,7 +130,7 @@ export class Keeper {
     await within(FAREWELL_TIMEOUT, Promise.all(others.map((channel) => channel.end(farewell))));
     await this.#chromium?.end();
     for (const client of this.#channels.values()) this.#releaseClient(client);
-    if (this.#profile) removeProfile(this.#profile);
+    if (this.#profile) removeDirectory(this.#profile);
     if (asker) await within(FAREWELL_TIMEOUT, asker.end(farewell));
     this.onEnded();
   }
@@ -223,7 +223,7 @@ export class Keeper {
     view?.release();
     client.view = null;
     if (view && !this.#ending && !this.#isUsed(view.space)) this.#logins.keep(view.space);
-    if (client.downloads) removeProfile(client.downloads);
+    if (client.downloads) removeDirectory(client.downloads);
     client.downloads = null;
   }
 

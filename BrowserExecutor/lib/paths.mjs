@@ -132,18 +132,18 @@ export function createProfile(directory) {
  */
 export function removeLeftoverProfiles(directory) {
   for (const entry of fs.readdirSync(directory)) {
-    if (entry.startsWith(PROFILE_PREFIX)) removeProfile(path.join(directory, entry));
+    if (entry.startsWith(PROFILE_PREFIX)) removeDirectory(path.join(directory, entry));
   }
 }
 
 /**
- * Removes a profile directory. A browser that is just ending may still write into it: what cannot
- * be removed now is removed by the next keeper.
- * @param {string} profile
+ * Removes a directory of the browser's: a profile, or downloads. One that is just ending may still
+ * write into it; what cannot be removed of a profile now is removed by the next keeper.
+ * @param {string} directory
  */
-export function removeProfile(profile) {
+export function removeDirectory(directory) {
   try {
-    fs.rmSync(profile, { recursive: true, force: true, maxRetries: 5, retryDelay: 50 });
+    fs.rmSync(directory, { recursive: true, force: true, maxRetries: 5, retryDelay: 50 });
   } catch {
     // Left for removeLeftoverProfiles of the next keeper.
   }
