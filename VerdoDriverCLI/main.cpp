@@ -1,6 +1,8 @@
 #include "VerdoDriverCLI/Config.h"
 #include "VerdoDriverCLI/DoctorCommand.h"
 #include "VerdoDriverCLI/Options.h"
+#include "VerdoDriverCLI/ServiceManager.h"
+#include "VerdoDriverCLI/ServiceReport.h"
 #include "VerdoDriverCLI/SignalThread.h"
 #include "VerdoDriverCLI/SuspendWatch.h"
 #include "VerdoDriverCore/Contract/Secrets.h"
@@ -55,15 +57,21 @@ int serve(verdo::cli::Options options, const verdo::Secrets& secrets) {
     return verdo::ExitReason::badConfig({}).code();
   }
 
-  const auto runner = std::make_shared<verdo::DriverRunner>(std::move(config), log);
+  const auto report = std::make_shared<verdo::cli::ServiceReport>(verdo::cli::tellServiceManager,
+                                                                  verdo::cli::watchdogInterval());
+  const auto runner = std::make_shared<verdo::DriverRunner>(std::move(config), log, report);
   std::optional<verdo::cli::SuspendWatch> suspendWatch;
   try {
-    verdo::cli::handleStopSignals([runner] { runner->stop(); },
-                                  [runner, log] {
-                                    log->warn("stopping at once");
-                                    runner->killJobsNow();
-                                    exitNow(verdo::ExitReason::stopped().code());
-                                  });
+    verdo::cli::handleStopSignals(
+        [runner, report] {
+          report->driverStopping();
+          runner->stop();
+        },
+        [runner, log] {
+          log->warn("stopping at once");
+          runner->killJobsNow();
+          exitNow(verdo::ExitReason::stopped().code());
+        });
     suspendWatch.emplace([runner] { runner->networkChanged(); }, kSuspendLook,
                          verdo::timeSuspended);
   } catch (const std::system_error& error) {
@@ -71,6 +79,7 @@ int serve(verdo::cli::Options options, const verdo::Secrets& secrets) {
     return verdo::ExitReason::serverUnreachable({}).code();  // as the run itself without threads
   }
   const verdo::ExitReason reason = runner->run();
+  report->ended(reason.message().empty() ? "ended" : reason.message());
   if (reason.kind() == verdo::ExitReason::Kind::noExecutor && !isExecutorNamed) {
     log->warn(kExecutorAdvice);
   }

@@ -29,6 +29,11 @@ class DriverObserver {
   /// run leaves those of others alone. `holder` names that driver for a person; empty once this run
   /// has taken over from it.
   virtual void driverSharesSpaces(const std::string& holder) { static_cast<void>(holder); }
+  /// The serve loop is at work: every few seconds from the hello on, on its own thread. Silence for
+  /// half a minute means that it hangs.
+  virtual void driverIsAlive() {}
+  /// The run takes no job any more and ends those at work. The last signs of life were before this.
+  virtual void driverStopping() {}
 };
 
 }  // namespace verdo

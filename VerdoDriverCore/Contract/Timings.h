@@ -29,6 +29,7 @@ struct Timings {
   // Polling for jobs.
   Duration pollRetryFirst = std::chrono::seconds(1);     ///< first pause of a failed poll; doubles
   Duration pollRetryLongest = std::chrono::seconds(30);  ///< longest pause between two polls
+  Duration aliveInterval = std::chrono::seconds(5);      ///< longest between two signs of life
   Duration laneWait = std::chrono::seconds(5);           ///< one wait for a free lane
   /// Two empty replies in a row that came within emptyPollQuick of their requests are followed by
   /// emptyPollPause, so that a server that does not hold polls is not hammered.

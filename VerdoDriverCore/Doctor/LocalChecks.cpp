@@ -144,7 +144,7 @@ Finding checkExecutor(const DriverConfig& config, Timings::Duration limit, const
   }
   const auto& command = std::get<ExecutorCommand>(found);
   Browser browser(command, limit, std::make_shared<NoLog>(), timings);
-  const auto list = browser.askForSpaces(&interrupted);
+  const auto list = browser.askForSpaces({&interrupted});
   if (list.spaces) {
     return Finding::ok(kExecutorCheck, fmt::format("{} answers, with {} task space(s)",
                                                    command.path, list.spaces->size()));

@@ -101,7 +101,7 @@ class Browser::RunningScript {
   ChildProcess& child_;
 };
 
-Browser::Result Browser::run(const std::string& script, const Event* interrupt) try {
+Browser::Result Browser::run(const std::string& script, const ScriptWait& wait) try {
   const auto begin = Clock::now();
   const auto child = Spawn::launch(command_.path, command_.argv, command_.env, false);
   const RunningScript running(*this, *child);
@@ -124,12 +124,12 @@ Browser::Result Browser::run(const std::string& script, const Event* interrupt) 
   const auto isRead = [&](Duration look) {
     return collector.outputEnded().waitFor(look) && collector.errorsEnded().waitFor(look);
   };
-  if (await(hasExited, begin, interrupt) && await(isRead, begin, interrupt)) {
+  if (await(hasExited, begin, wait) && await(isRead, begin, wait)) {
     const std::int32_t exit = child->wait();
     child->release();
     return {exit, collector.lines()};
   }
-  if (!interrupt || !interrupt->isSet()) {
+  if (!wait.isInterrupted()) {
     MutexLock lock(lock_);
     hasHungStopping_ = hasHungStopping_ || stoppingSince_.has_value();
   }
@@ -144,11 +144,12 @@ Browser::Result Browser::run(const std::string& script, const Event* interrupt) 
 }
 
 bool Browser::await(const std::function<bool(Duration look)>& isDone, Clock::time_point begin,
-                    const Event* interrupt) {
+                    const ScriptWait& wait) {
   for (;;) {
     const auto left = deadlineOf(begin) - Clock::now();
     if (isDone(std::clamp(left, Duration::zero(), timings_.childPoll))) return true;
-    if (left <= Duration::zero() || (interrupt && interrupt->isSet())) return false;
+    if (left <= Duration::zero() || wait.isInterrupted()) return false;
+    if (wait.onLook) wait.onLook();
   }
 }
 
@@ -199,7 +200,7 @@ std::shared_ptr<Mutex> Browser::lockOf(const std::string& space) {
 }
 
 bool Browser::closeSpace(const std::string& space, const std::function<bool()>& isTaken,
-                         const Event* interrupt) {
+                         const ScriptWait& wait) {
   Result result;
   {
     // Held while the script runs: two closes of one space must not overlap, and who takes the
@@ -207,7 +208,7 @@ bool Browser::closeSpace(const std::string& space, const std::function<bool()>& 
     const auto spaceLock = lockOf(space);
     MutexLock lock(*spaceLock);
     if (isTaken()) return false;
-    result = run(closeScript(space), interrupt);
+    result = run(closeScript(space), wait);
   }
   const std::string text =
       fmt::format("space {}: close -> exit {}", PyJSON::pyRepr(space), result.exit);
@@ -224,8 +225,8 @@ void Browser::waitForClose(const std::string& space) {
   MutexLock lock(*spaceLock);
 }
 
-Browser::SpaceList Browser::askForSpaces(const Event* interrupt) {
-  SpaceList list{run(LIST_JS, interrupt), {}};
+Browser::SpaceList Browser::askForSpaces(const ScriptWait& wait) {
+  SpaceList list{run(LIST_JS, wait), {}};
   for (const auto& line : list.script.lines) {
     const auto marker = line.find(kSpacesMarker);
     if (marker == std::string::npos) continue;
@@ -243,10 +244,10 @@ Browser::SpaceList Browser::askForSpaces(const Event* interrupt) {
   return list;
 }
 
-std::vector<std::string> Browser::spaceNames(const Event* interrupt) {
+std::vector<std::string> Browser::spaceNames(const ScriptWait& wait) {
   std::vector<std::string> names;
   // An executor without spaces to tell of is as good as one that cannot tell.
-  for (const JV& space : askForSpaces(interrupt).spaces.value_or(std::vector<JV>{})) {
+  for (const JV& space : askForSpaces(wait).spaces.value_or(std::vector<JV>{})) {
     if (auto name = pyStrIfTruthy(space.find("name"))) names.push_back(std::move(*name));
   }
   return names;

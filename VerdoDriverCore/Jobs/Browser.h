@@ -25,6 +25,15 @@ struct ExecutorCommand {
   Environment env;
 };
 
+/// What the caller of a script does while it waits.
+struct ScriptWait {
+  /// Ends the script as soon as it is set, as a time-out would; null: nothing does.
+  const Event* interrupt = nullptr;
+  std::function<void()> onLook = {};  ///< at every look, Timings::childPoll apart; null: nothing
+
+  bool isInterrupted() const { return interrupt && interrupt->isSet(); }
+};
+
 /// Runs short scripts of the driver's own in the browser: listing and closing task spaces. Any
 /// thread may call any operation; closes of one space are serialised.
 class Browser {
@@ -42,15 +51,13 @@ class Browser {
 
   const ExecutorCommand& command() const { return command_; }
 
-  // An event given to these ends the script as soon as it is set, as a time-out would.
-
   /// Runs one script to its end, or to its time-out. Never throws for what the script does.
-  Result run(const std::string& script, const Event* interrupt = nullptr) EXCLUDES(lock_);
+  Result run(const std::string& script, const ScriptWait& wait = {}) EXCLUDES(lock_);
   /// Closes a task space and logs how that went. True when the executor said it worked. `isTaken`
   /// is asked right before, with the space's lock held: when it says so, nothing is done.
   bool closeSpace(
       const std::string& space, const std::function<bool()>& isTaken = [] { return false; },
-      const Event* interrupt = nullptr) EXCLUDES(lock_);
+      const ScriptWait& wait = {}) EXCLUDES(lock_);
   /// Blocks while the space is being closed.
   void waitForClose(const std::string& space) EXCLUDES(lock_);
   /// What came of asking for the task spaces that the browser knows.
@@ -58,9 +65,9 @@ class Browser {
     Result script;                          ///< how the script ended
     std::optional<std::vector<JV>> spaces;  ///< each an object; absent: no answer could be read
   };
-  SpaceList askForSpaces(const Event* interrupt = nullptr);
+  SpaceList askForSpaces(const ScriptWait& wait = {});
   /// The names of those spaces, as far as they could be read, without the ones that have none.
-  std::vector<std::string> spaceNames(const Event* interrupt = nullptr);
+  std::vector<std::string> spaceNames(const ScriptWait& wait = {});
 
   /// The driver stops: from now on each script, those at work included, has
   /// Timings::scriptStopping, with the grace in which it is ended.
@@ -77,7 +84,7 @@ class Browser {
   Clock::time_point deadlineOf(Clock::time_point begin) EXCLUDES(lock_);
   /// Looks at `isDone` until it says so; false when the script's time is up before.
   bool await(const std::function<bool(Duration look)>& isDone, Clock::time_point begin,
-             const Event* interrupt);
+             const ScriptWait& wait);
   Duration graceStopping() const;
   TerminationTimings grace() EXCLUDES(lock_);
   std::shared_ptr<Mutex> lockOf(const std::string& space) EXCLUDES(lock_);

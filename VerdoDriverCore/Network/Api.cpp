@@ -69,7 +69,8 @@ JV Api::hello() {
   return objectOf(request(call));
 }
 
-std::optional<JsonReading> Api::poll(double wait, std::vector<std::string> busy) {
+std::optional<JsonReading> Api::poll(double wait, std::vector<std::string> busy,
+                                     const HttpHeartbeat& heartbeat) {
   Call call;
   call.path = fmt::format("/api/driver/poll?wait={}", static_cast<std::int64_t>(wait));
   if (!busy.empty()) {
@@ -84,6 +85,7 @@ std::optional<JsonReading> Api::poll(double wait, std::vector<std::string> busy)
   call.timeout = fromSeconds(wait) + options_.timings.pollMargin;
   call.untilStop = true;
   call.mayBringDefect = true;
+  call.heartbeat = heartbeat;
   return request(call).object;
 }
 
@@ -139,7 +141,7 @@ Api::Reply Api::request(const Call& call) {
     request.body = call.body;
   }
 
-  const HttpResult result = perform(request, call.untilStop);
+  const HttpResult result = perform(request, call);
   if (!result) {
     const TransportError& error = result.error();
     fail(ServerError::Kind::server,
@@ -194,20 +196,20 @@ void Api::fail(ServerError::Kind kind, const std::string& message, ServerError::
   throw ServerError(kind, scrub().scrubbed(message), cause);
 }
 
-HttpResult Api::perform(const HttpRequest& request, bool untilStop) {
+HttpResult Api::perform(const HttpRequest& request, const Call& call) {
   while (true) {
-    HttpResult result = performOnce(request, untilStop);
+    HttpResult result = performOnce(request, call);
     if (!isDropped(result)) return result;
   }
 }
 
-HttpResult Api::performOnce(HttpRequest request, bool untilStop) {
+HttpResult Api::performOnce(HttpRequest request, const Call& call) {
   std::int64_t identifier = 0;
   const auto begin = [&](const std::shared_ptr<HttpTask>& task) {
     identifier = task->identifier();
-    enter(task, untilStop);
+    enter(task, call.untilStop);
   };
-  HttpResult result = session_->perform(std::move(request), begin);
+  HttpResult result = session_->perform(std::move(request), begin, call.heartbeat);
   leave(identifier);
   return result;
 }

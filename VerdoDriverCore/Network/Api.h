@@ -51,8 +51,9 @@ class Api {
   JV hello();
   /// Waits up to `wait` seconds for a job, naming the lanes that are busy here. Absent when the
   /// service has nothing. A reply with a job in it may have a defect: what cannot be read of one
-  /// job must not end all polling.
-  std::optional<JsonReading> poll(double wait, std::vector<std::string> busy);
+  /// job must not end all polling. `heartbeat` is what the caller does while it waits.
+  std::optional<JsonReading> poll(double wait, std::vector<std::string> busy,
+                                  const HttpHeartbeat& heartbeat = {});
   /// Posts a batch of output lines (a finished LineBatch). An empty object when the service
   /// answered nothing. A throttled post (429) counts as a failed one: nothing was taken.
   /// `timeoutCap` lowers the time-out.
@@ -96,6 +97,7 @@ class Api {
     Headers headers;
     bool untilStop = false;       ///< refused and cancelled once polling has stopped
     bool mayBringDefect = false;  ///< in a job, the reply's "job"; else a defect is a failure
+    HttpHeartbeat heartbeat = {};
   };
   /// A reply that is no failure. Without an object the service had nothing to say.
   struct Reply {
@@ -110,8 +112,8 @@ class Api {
                          bool mayHaveDefect) const;
   [[noreturn]] void fail(ServerError::Kind kind, const std::string& message,
                          ServerError::Cause cause = ServerError::Cause::other) const;
-  HttpResult perform(const HttpRequest& request, bool untilStop);
-  HttpResult performOnce(HttpRequest request, bool untilStop) EXCLUDES(pollLock_);
+  HttpResult perform(const HttpRequest& request, const Call& call);
+  HttpResult performOnce(HttpRequest request, const Call& call) EXCLUDES(pollLock_);
   HttpResult performInto(FileDownload& file, HttpRequest request, const OnTask& onTask)
       EXCLUDES(pollLock_);
   void enter(const std::shared_ptr<HttpTask>& task, bool untilStop) EXCLUDES(pollLock_);

@@ -5,6 +5,7 @@
 #include "VerdoDriverCore/System/Sync.h"
 
 #include <stdexcept>
+#include <utility>
 
 #include <curl/curl.h>
 
@@ -110,7 +111,10 @@ HttpResult HttpSession::perform(HttpRequest request,
   if (onTask) onTask(started);
   started->start();
   try {
-    while (heartbeat.act && !reply->waitFor(heartbeat.every)) heartbeat.act();
+    auto turns = loop_->nextTurn();
+    while (heartbeat.act && !reply->waitFor(heartbeat.every)) {
+      if (const auto now = loop_->nextTurn(); std::exchange(turns, now) != now) heartbeat.act();
+    }
   } catch (...) {
     started->cancel();
     reply->take();

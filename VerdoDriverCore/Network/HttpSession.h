@@ -85,7 +85,8 @@ struct TransportError {
 /// A response, or why there is none.
 using HttpResult = tl::expected<HttpResponse, TransportError>;
 
-/// What the blocked caller of a request does from time to time while it waits.
+/// What the blocked caller of a request does from time to time while the request is looked after:
+/// not when the session's thread hangs.
 struct HttpHeartbeat {
   std::chrono::steady_clock::duration every{};
   std::function<void()> act;  ///< null: nothing; an exception ends the request and is passed on

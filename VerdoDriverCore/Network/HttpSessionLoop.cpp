@@ -70,6 +70,11 @@ void HttpSessionLoop::dropConnections() {
   poller_.wakeUp();
 }
 
+std::uint64_t HttpSessionLoop::nextTurn() {
+  poller_.wakeUp();
+  return turns_;
+}
+
 void HttpSessionLoop::shutDown() {
   {
     MutexLock lock(lock_);
@@ -82,6 +87,7 @@ void HttpSessionLoop::shutDown() {
 void HttpSessionLoop::run() {
   setThreadName("http");
   while (readMailbox()) {
+    ++turns_;
     failUnwatched();
     expireOverdue();
     dropIfDue();

@@ -5,6 +5,8 @@
 #include "VerdoDriverCore/Network/Poller.h"
 #include "VerdoDriverCore/System/Sync.h"
 
+#include <atomic>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <optional>
@@ -35,6 +37,9 @@ class HttpSessionLoop {
   void resume(std::int64_t identifier) EXCLUDES(lock_);
   /// As HttpSession::dropConnections().
   void dropConnections() EXCLUDES(lock_);
+  /// How many turns the loop has made, one more of which this brings about: a count that stays the
+  /// same for seconds shows a thread that hangs.
+  std::uint64_t nextTurn();
   /// Cancels everything and joins the thread.
   void shutDown() EXCLUDES(lock_);
 
@@ -80,6 +85,8 @@ class HttpSessionLoop {
   const HttpSession::Options options_;
   Poller poller_;
   std::thread thread_;
+
+  std::atomic<std::uint64_t> turns_ = 0;
 
   Mutex lock_;
   std::int64_t lastIdentifier_ GUARDED_BY(lock_) = 0;

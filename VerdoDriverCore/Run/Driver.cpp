@@ -27,6 +27,10 @@ Driver::Driver(Options options, std::shared_ptr<Api> api, std::shared_ptr<LogSin
       pollWait_(options_.pollWait),
       retryDelay_(options_.timings.pollRetryFirst) {}
 
+void Driver::sweepSpaces(TaskSpaces::Sweep sweep) {
+  spaces_->sweepAtStart(sweep, [this] { reportAlive(); });
+}
+
 ExitReason Driver::serve(std::optional<int> serveJobs, std::optional<Duration> idleExit) {
   bool isServed = false;
   try {
@@ -38,6 +42,7 @@ ExitReason Driver::serve(std::optional<int> serveJobs, std::optional<Duration> i
     throw;
   }
   if (!isServed) return shutdown();
+  reportStopping();
   stopping_.set();
   spaces_->interrupt();
   spaces_->waitForReaper(options_.timings.shutdownPerWorker);
@@ -47,6 +52,7 @@ ExitReason Driver::serve(std::optional<int> serveJobs, std::optional<Duration> i
 bool Driver::serveUntilEnd(std::optional<int> serveJobs, std::optional<Duration> idleExit) {
   int quickEmptyReplies = 0;
   while (!stopping_.isSet() && !tokenRevoked_.isSet()) {
+    reportAlive();
     if (hasServed(serveJobs, idleExit)) return true;
     // Once enough were served, the last ones only have to finish.
     const bool enough = serveJobs && jobs_->served() >= *serveJobs;
@@ -78,7 +84,8 @@ Driver::PollOutcome Driver::pollOnce() {
   std::optional<JsonReading> reply;
   const auto asked = Clock::now();
   try {
-    reply = api_->poll(pollWait_.seconds(), jobs_->lanes());
+    reply = api_->poll(pollWait_.seconds(), jobs_->lanes(),
+                       {options_.timings.aliveInterval, [this] { reportAlive(); }});
   } catch (const ServerError& failure) {
     switch (failure.kind()) {
       case ServerError::Kind::auth:
@@ -120,9 +127,27 @@ Driver::PollOutcome Driver::waitAfterFailure(const std::exception& failure) {
       fmt::format("{}; retrying in {}s", forLog(message), static_cast<std::int64_t>(seconds)));
   isRetrying_ = true;
   if (const auto observer = observer_.lock()) observer->driverRetrying(message, seconds);
-  if (stopping_.waitFor(retryDelay_)) return PollOutcome::ended;
+  pause(retryDelay_);
+  if (stopping_.isSet()) return PollOutcome::ended;
   retryDelay_ = std::min(2 * retryDelay_, options_.timings.pollRetryLongest);
   return PollOutcome::served;
+}
+
+/// Waits, as the serve loop may: alive, and until the run stops.
+void Driver::pause(Duration duration) const {
+  const auto end = Clock::now() + duration;
+  for (auto left = duration; left > Duration::zero(); left = end - Clock::now()) {
+    if (stopping_.waitFor(std::min(left, options_.timings.aliveInterval))) return;
+    reportAlive();
+  }
+}
+
+void Driver::reportAlive() const {
+  if (const auto observer = observer_.lock()) observer->driverIsAlive();
+}
+
+void Driver::reportStopping() const {
+  if (const auto observer = observer_.lock()) observer->driverStopping();
 }
 
 /// Starts the job that a poll brought. False when it brought none.
@@ -175,6 +200,7 @@ void Driver::tokenWasRevoked() {
 }
 
 ExitReason Driver::shutdown() {
+  reportStopping();
   const bool wasAsked = stopping_.isSet();
   stop();
   api_->stopPolling();  // no job waits for its files any more

@@ -35,7 +35,7 @@ class Driver : public JobHost, public std::enable_shared_from_this<Driver> {
          std::weak_ptr<DriverObserver> observer);
 
   /// Closes leftover task spaces. Before serve(), on the same thread.
-  void sweepSpaces(TaskSpaces::Sweep sweep) { spaces_->sweepAtStart(sweep); }
+  void sweepSpaces(TaskSpaces::Sweep sweep);
   /// Serves until told to stop, until `serveJobs` jobs were served or nothing came for `idleExit`
   /// (absent or zero: no limit). Blocks. Nothing is left at work when it returns or throws.
   [[nodiscard]] ExitReason serve(std::optional<int> serveJobs, std::optional<Duration> idleExit);
@@ -69,6 +69,9 @@ class Driver : public JobHost, public std::enable_shared_from_this<Driver> {
   PollOutcome waitAfterFailure(const std::exception& failure);
   void learnFrom(const ServerError& failure, Duration waited);
   bool accept(JsonReading reply);
+  void reportAlive() const;
+  void reportStopping() const;
+  void pause(Duration duration) const;
   ExitReason shutdown();
 
   const Options options_;

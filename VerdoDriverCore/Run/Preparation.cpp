@@ -43,6 +43,9 @@ Environment executorEnvironment(const std::string& execPath,
   Environment environment = currentEnvironment();
   environment.erase(DriverConstants::tokenEnv);
   environment.erase(DriverConstants::llmKeyEnv);
+  // What the service manager says to this process alone.
+  for (const char* name : {"NOTIFY_SOCKET", "WATCHDOG_PID", "WATCHDOG_USEC"})
+    environment.erase(name);
   std::vector<std::string> pieces;
   const auto add = [&](const std::string& piece) {
     const bool known = std::find(pieces.begin(), pieces.end(), piece) != pieces.end();

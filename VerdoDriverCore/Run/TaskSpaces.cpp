@@ -26,17 +26,18 @@ void TaskSpaces::touch(const std::string& name) {
 
 bool TaskSpaces::hasClaim() { return !claim_ || claim_->take(); }
 
-bool TaskSpaces::close(const std::string& name, const Event* interrupt) {
-  return browser_->closeSpace(name, [&] { return isUsed_(name); }, interrupt);
+bool TaskSpaces::close(const std::string& name, const ScriptWait& wait) {
+  return browser_->closeSpace(name, [&] { return isUsed_(name); }, wait);
 }
 
-void TaskSpaces::sweepAtStart(Sweep sweep) {
+void TaskSpaces::sweepAtStart(Sweep sweep, const std::function<void()>& onLook) {
   if (!hasClaim()) return;
+  const ScriptWait wait{&interrupted_, onLook};
   std::vector<std::string> closed;
-  for (const auto& name : browser_->spaceNames(&interrupted_)) {
+  for (const auto& name : browser_->spaceNames(wait)) {
     if (interrupted_.isSet()) break;
     if (isUsed_(name) || (sweep == Sweep::own && !isOurs(name))) continue;
-    if (close(name, &interrupted_)) closed.push_back(name);
+    if (close(name, wait)) closed.push_back(name);
   }
   reportSweep(closed);
 }
@@ -50,7 +51,7 @@ void TaskSpaces::sweepAtEnd() {
   for (const auto& name : browser_->spaceNames()) {
     if (isUsed_(name) || !isOurs(name)) continue;
     if (browser_->hasHungStopping() || Clock::now() >= deadline) break;
-    if (close(name, nullptr)) closed.push_back(name);
+    if (close(name, {})) closed.push_back(name);
   }
   reportSweep(closed);
 }
@@ -76,14 +77,14 @@ void TaskSpaces::startReaper() try {
 
 void TaskSpaces::reapIdle() {
   if (!hasClaim()) return;
-  const auto existing = browser_->spaceNames(&interrupted_);
+  const auto existing = browser_->spaceNames({&interrupted_});
   if (interrupted_.isSet()) return;
   forgetOthers(existing);
   std::vector<std::string> closed;
   for (const auto& name : existing) {
     if (interrupted_.isSet()) break;
     if (isUsed_(name) || !isOurs(name) || !isIdle(name)) continue;
-    if (close(name, &interrupted_)) closed.push_back(name);
+    if (close(name, {&interrupted_})) closed.push_back(name);
     // One that would not close gets its idle time anew, instead of another try at every look.
     MutexLock lock(lock_);
     lastUse_.erase(name);

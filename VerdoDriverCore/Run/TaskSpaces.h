@@ -42,8 +42,9 @@ class TaskSpaces : public std::enable_shared_from_this<TaskSpaces> {
   /// A job uses the space just now.
   void touch(const std::string& name) EXCLUDES(lock_);
 
-  /// Closes leftover spaces before serving. interrupt() ends it.
-  void sweepAtStart(Sweep sweep);
+  /// Closes leftover spaces before serving. interrupt() ends it. `onLook` is called all the time
+  /// meanwhile.
+  void sweepAtStart(Sweep sweep, const std::function<void()>& onLook = {});
   /// Closes our leftover spaces once the jobs have ended: within Timings::sweepStopping, and not
   /// beyond the first script that gives no answer.
   void sweepAtEnd();
@@ -65,7 +66,7 @@ class TaskSpaces : public std::enable_shared_from_this<TaskSpaces> {
   bool isOurs(const std::string& name) const { return options_.pattern.isFoundIn(name); }
   bool hasClaim();
   bool isIdle(const std::string& name) EXCLUDES(lock_);
-  bool close(const std::string& name, const Event* interrupt);
+  bool close(const std::string& name, const ScriptWait& wait);
   void reportSweep(const std::vector<std::string>& closed);
   void forgetOthers(const std::vector<std::string>& existing) EXCLUDES(lock_);
 

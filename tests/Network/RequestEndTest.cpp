@@ -19,6 +19,35 @@ class FirstByte : public HttpBodySink {
   Event came;
 };
 
+class Heartbeat : public ApiFixture {};
+
+TEST_F(Heartbeat, GoesOnAlthoughNobodyLooksAfterTheRequest) {
+  service.faults().add({.delay = 60s});
+  std::atomic<int> beats = 0;
+  std::shared_ptr<HttpTask> waiting;
+  std::thread caller([&] {
+    EXPECT_FALSE(session->perform(helloRequest(), [&](const auto& task) { waiting = task; },
+                                  {1ms, [&] { ++beats; }}));
+  });
+  EXPECT_TRUE(eventually([&] { return beats > 10; }));
+  Event goOn;
+  Event hangs;
+  const auto task = session->task(helloRequest(), [&](const HttpResult&) {
+    hangs.set();
+    goOn.waitFor(20s);
+  });
+  task->start();
+  task->cancel();
+  EXPECT_TRUE(hangs.waitFor(20s));
+  int before = beats;
+  EXPECT_FALSE(eventually([&] { return beats > before + 1; }, 100ms));  // one may be on its way
+  goOn.set();
+  before = beats;
+  EXPECT_TRUE(eventually([&] { return beats > before + 10; }));
+  waiting->cancel();
+  caller.join();
+}
+
 class Cancel : public ApiFixture {
  protected:
   /// Sends the request, waits until `ready`, and cancels.

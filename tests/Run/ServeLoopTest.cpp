@@ -39,6 +39,57 @@ TEST_F(ServeLoop, FailingPollsHammerTheServerOrComeTooLate) {
   EXPECT_TRUE(observer->waitFor("retrying 0.02", 2));
 }
 
+TEST_F(ServeLoop, LongWaitLooksLikeALoopThatHangs) {
+  timings.aliveInterval = 10ms;
+  const std::pair<const char*, std::function<void()>> waits[] = {
+      {"a poll", [] {}},
+      {"a pause after a failed one",
+       [this] {
+         timings.pollRetryFirst = 100s;
+         answerWith("poll", 500);
+       }},
+      {"a lane", [this] { addJob(waitScript(), {.label = "only"}); }},
+      {"the first sweep",
+       [this] {
+         setSpaces({"u1-a"});
+         hangOn("list");
+       }},
+  };
+  config.maxJobs = 1;
+  for (const auto& [name, prepare] : waits) {
+    SCOPED_TRACE(name);
+    forget();
+    prepare();
+    start();
+    ASSERT_TRUE(observer->waitFor("connected"));
+    const int before = observer->signsOfLife;
+    EXPECT_TRUE(eventually([&] { return observer->signsOfLife >= before + 10; }, kLong));
+    EXPECT_EQ(stopAndFinish(), ExitReason::stopped());
+  }
+}
+
+/// Never comes back from what it is told.
+class StuckObserver : public RecordingObserver {
+ public:
+  void driverRetrying(const std::string& message, double seconds) override {
+    RecordingObserver::driverRetrying(message, seconds);
+    goOn.waitFor(20s);
+  }
+  Event goOn;
+};
+
+TEST_F(ServeLoop, LoopThatHangsLooksAlive) {
+  timings.aliveInterval = 1ms;
+  const auto stuck = std::make_shared<StuckObserver>();
+  observer = stuck;
+  answerWith("poll", 500);
+  start();
+  ASSERT_TRUE(observer->waitFor("retrying"));
+  const int before = observer->signsOfLife;
+  EXPECT_FALSE(eventually([&] { return observer->signsOfLife > before; }, 100ms));
+  stuck->goOn.set();
+}
+
 TEST_F(ServeLoop, PollsThatComeBackAtOnceSpin) {
   timings.emptyPollPause = 50ms;
   timings.emptyPollQuick = 200ms;

@@ -3,6 +3,8 @@
 #include "VerdoDriverCore/Contract/DriverObserver.h"
 #include "tests/Support/Recorder.h"
 
+#include <atomic>
+
 #include <fmt/format.h>
 
 namespace verdo::test {
@@ -29,9 +31,12 @@ class RecordingObserver : public DriverObserver {
     events_.add(fmt::format("retrying {} {}", retryInSeconds, message));
   }
   void driverRecovered() override { events_.add("recovered"); }
+  void driverIsAlive() override { ++signsOfLife; }
   void driverSharesSpaces(const std::string& holder) override {
     events_.add(fmt::format("shares [{}]", holder));
   }
+
+  std::atomic<int> signsOfLife = 0;
 
   std::vector<std::string> events() const { return events_.all(); }
   /// True as soon as `count` reports begin with this text, false after 20 s.

@@ -2,6 +2,9 @@
 #include "tests/Support/Leaks.h"
 #include "tests/Support/Program.h"
 
+#include <sys/socket.h>
+#include <sys/un.h>
+
 namespace verdo::test {
 namespace {
 
@@ -51,6 +54,64 @@ TEST_F(TheProgram, HelpVersionOrUsageEndWithTheWrongStatus) {
     EXPECT_THAT(program.output(), testing::MatchesRegex(row.output));
     EXPECT_THAT(program.errors(), testing::MatchesRegex(row.errors));
   }
+}
+
+/// The socket on which a service manager hears its services.
+class NotifySocket {
+ public:
+  explicit NotifySocket(const std::string& path) : fd_(::socket(AF_UNIX, SOCK_DGRAM, 0)) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    const timeval limit{20, 0};
+    ::setsockopt(fd_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    EXPECT_EQ(::bind(fd_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  }
+  /// The next message; empty when none comes for 20 s.
+  std::string next() const {
+    char buffer[4096];
+    const auto size = ::recv(fd_.get(), buffer, sizeof buffer, 0);
+    return {buffer, static_cast<std::size_t>(std::max<ssize_t>(size, 0))};
+  }
+
+ private:
+  UniqueFd fd_;
+};
+
+TEST_F(TheProgram, ServiceManagerHearsOfItTooEarlyOrNotAtAll) {
+  const TempDir files;
+  const std::string path = files.path() + "/notify";
+  const NotifySocket manager(path);
+  environment["NOTIFY_SOCKET"] = path;
+  environment["WATCHDOG_USEC"] = "3000000";
+  answerWith("hello", 503, "no", 1);
+  {
+    Program refused(arguments(), environment);
+    EXPECT_EQ(refused.wait(), 1);
+    EXPECT_EQ(manager.next(), "STATUS=connecting");
+    EXPECT_THAT(manager.next(), testing::MatchesRegex("STATUS=[^\n]*/hello -> 503[^\n]*"));
+  }
+  Program program(arguments(), environment);
+  EXPECT_EQ(manager.next(), "STATUS=connecting");
+  EXPECT_EQ(manager.next(), "READY=1\nSTATUS=serving local; idle");
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(manager.next(), "WATCHDOG=1");  // the second in a poll
+  addJob("sleep 100", {.label = "mail"});
+  EXPECT_EQ(manager.next(), "STATUS=serving local; busy: mail");
+  ASSERT_TRUE(service.jobs().waitForLine(1, "ready", kLong));
+  for (const pid_t pid : processesOf(home())) {
+    if (pid == program.pid()) continue;
+    const std::string itsEnvironment = contentOf(fmt::format("/proc/{}/environ", pid));
+    EXPECT_THAT(itsEnvironment, HasSubstr("PATH="));
+    for (const char* name : {"NOTIFY_SOCKET", "WATCHDOG_"}) {
+      EXPECT_THAT(itsEnvironment, Not(HasSubstr(name)));
+    }
+  }
+  program.signal(SIGTERM);
+  std::string told = "WATCHDOG=1";
+  while (told == "WATCHDOG=1") told = manager.next();
+  EXPECT_EQ(told, "STOPPING=1\nSTATUS=stopping; busy: mail");
+  EXPECT_EQ(manager.next(), "STATUS=stopping");
+  EXPECT_EQ(program.wait(), 130);
 }
 
 TEST_F(TheProgram, DumpsCoreWithoutAThreadToBeHad) {
