@@ -3,7 +3,7 @@
 import { setTimeout as sleep } from 'node:timers/promises';
 
 import { findChromium } from './chromium.mjs';
-import { findKeeper } from './keeper-launcher.mjs';
+import { findKeeper, tellOtherVersion } from './keeper-launcher.mjs';
 import { LoginWindow } from './login-window.mjs';
 import { Logins } from './logins.mjs';
 import { checkName } from './protocol.mjs';
@@ -24,11 +24,13 @@ const NOT_RUNNING = 'not running\n';
 export async function status({ env, tell }) {
   const keeper = await findKeeper(env, tell);
   if (!keeper) return NOT_RUNNING;
+  tellOtherVersion(keeper, tell);
   const { pid, browser, spaces } = await keeper.request('status');
   const { socket, log } = keeperPaths(env);
   const count = `${spaces.length} task space${spaces.length === 1 ? '' : 's'}`;
   const lines = [
     `running, pid ${pid}, ${browser || 'browser starting'}`,
+    `version ${keeper.keeper.version ?? 'older than it can tell'}`,
     `socket ${socket}`,
     `log ${log}`,
     count,
@@ -40,6 +42,7 @@ export async function status({ env, tell }) {
 export async function list({ env, tell }) {
   const keeper = await findKeeper(env, tell);
   if (!keeper) return '';
+  tellOtherVersion(keeper, tell);
   return tableOf((await keeper.request('list')).spaces);
 }
 
@@ -128,7 +131,7 @@ export async function forget({ env, tell }, name) {
 
 async function renew({ env, tell }, name) {
   const keeper = await findKeeper(env, tell);
-  if (!keeper?.isOfOurVersion) return;
+  if (!keeper?.speaksOurProtocol) return;
   await keeper.request('renew', { name });
 }
 

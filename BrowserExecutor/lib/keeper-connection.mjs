@@ -36,7 +36,10 @@ export class KeeperConnection {
   /** Gets each DevTools message, a JSON text. @type {(message: string) => void} */
   onDevTools = () => {};
 
-  /** What hello told: protocol and pid. */
+  /**
+   * What hello told; old keepers tell no version.
+   * @type {{protocol: number, pid: number, version?: string}}
+   */
   keeper = { protocol: 0, pid: 0 };
 
   /**
@@ -80,7 +83,7 @@ export class KeeperConnection {
   }
 
   /** Whether the keeper speaks all of our protocol, not only what every version does. */
-  get isOfOurVersion() {
+  get speaksOurProtocol() {
     return this.keeper.protocol === PROTOCOL_VERSION;
   }
 

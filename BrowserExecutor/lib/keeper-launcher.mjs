@@ -11,6 +11,7 @@ import { KeeperConnection, SilentKeeperError } from './keeper-connection.mjs';
 import { idleExitMilliseconds } from './keeper-settings.mjs';
 import { ensureOwnDirectory, hasOwnDirectory, keeperPaths } from './paths.mjs';
 import { killIdentified } from './process-identity.mjs';
+import { VERSION } from './version.mjs';
 
 const START_TIMEOUT = 20_000;
 const POLL_INTERVAL = 20;
@@ -45,12 +46,12 @@ export async function findKeeper(env, tell) {
  * @param {NodeJS.ProcessEnv} env
  * @param {(text: string) => void} tell gets what the user has to know
  * @returns {Promise<KeeperConnection>}
- * @throws {Error} when there is no Chromium, the running keeper is of another version, or none
+ * @throws {Error} when there is no Chromium, the running keeper speaks another protocol, or none
  *   comes up within 20 s
  */
 export async function startKeeper(env, tell) {
   const connection = (await findKeeper(env, tell)) ?? (await launch(env));
-  requireOurVersion(connection);
+  requireOurProtocol(connection);
   return connection;
 }
 
@@ -58,12 +59,27 @@ export async function startKeeper(env, tell) {
  * @param {KeeperConnection} connection closed unless its keeper speaks our protocol
  * @throws {Error} then
  */
-export function requireOurVersion(connection) {
-  if (connection.isOfOurVersion) return;
+export function requireOurProtocol(connection) {
+  if (connection.speaksOurProtocol) return;
   connection.close();
-  throw new Error(
-    `the running browser keeper (pid ${connection.keeper.pid}) is of another version: ` +
-      'verdo-browser stop ends it, with its task spaces',
+  throw new Error(describeOtherVersion(connection));
+}
+
+/**
+ * Tells when the keeper is of another version, as one is that an upgrade found running: it goes on
+ * with the program that it was started with.
+ * @param {KeeperConnection} connection
+ * @param {(text: string) => void} tell
+ */
+export function tellOtherVersion(connection, tell) {
+  if (connection.keeper.version !== VERSION) tell(describeOtherVersion(connection));
+}
+
+function describeOtherVersion({ keeper: { pid, version } }) {
+  return (
+    `the browser keeper (pid ${pid}) runs ${version ? `version ${version}` : 'an older version'}, ` +
+    `this is ${VERSION}: verdo-browser stop ends it, with its task spaces, and the next script ` +
+    'starts the new one'
   );
 }
 

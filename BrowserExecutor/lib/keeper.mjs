@@ -25,6 +25,7 @@ import { PROTOCOL_VERSION } from './protocol.mjs';
 import { SpaceBrowser } from './space-browser.mjs';
 import { SpaceLogins } from './space-logins.mjs';
 import { TaskSpaces } from './task-spaces.mjs';
+import { VERSION } from './version.mjs';
 
 /** How long a keeper whose browser did not start waits for a client to tell the reason to. */
 const TELL_TIMEOUT = 2_000;
@@ -64,7 +65,7 @@ export class Keeper {
   });
 
   #methods = {
-    hello: () => ({ protocol: PROTOCOL_VERSION, pid: process.pid }),
+    hello: () => ({ protocol: PROTOCOL_VERSION, pid: process.pid, version: VERSION }),
     list: async () => ({ spaces: await this.#spaces.list() }),
     status: () => this.#status(),
     open: (params, channel) => this.#open(params, channel),

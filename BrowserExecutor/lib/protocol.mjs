@@ -10,7 +10,7 @@
  *
  * | method    | params     | result                                                               |
  * |-----------|------------|----------------------------------------------------------------------|
- * | hello     |            | protocol: PROTOCOL_VERSION, pid                                      |
+ * | hello     |            | protocol: PROTOCOL_VERSION, pid, version: of the program             |
  * | list      |            | spaces: an array of TaskSpaceInfo (task-spaces.mjs)                  |
  * | status    |            | pid, browser (product and version), spaces (as list)                 |
  * | complete  | name, keep | found, closed                                                        |
@@ -21,7 +21,7 @@
  * | renew     | name       | found; an open task space gets the login that is kept for it         |
  *
  * hello, list, status, complete and stop have been the same in every version, so that a program can
- * look after a keeper of another one.
+ * look after a keeper of another one; only the first ones told no version.
  *
  * After "open" the connection is a DevTools connection, too, to a browser that has the pages of
  * that task space and nothing else (space-browser.mjs). Its messages, either way, are DevTools'

@@ -2,7 +2,12 @@
 
 import { formatValues } from './cli-log.mjs';
 import { KeeperLostError } from './keeper-connection.mjs';
-import { findKeeper, requireOurVersion, startKeeper } from './keeper-launcher.mjs';
+import {
+  findKeeper,
+  requireOurProtocol,
+  startKeeper,
+  tellOtherVersion,
+} from './keeper-launcher.mjs';
 import { checkName } from './protocol.mjs';
 import { checkNames, checkOptions } from './space-options.mjs';
 
@@ -21,6 +26,7 @@ export function createScriptApi({ env, write, tell }) {
   const spaces = new Map(); // of each name: its connection, page and options, to come
   const connections = new Set();
   let ended = false;
+  let hasToldVersion = false;
 
   /**
    * Prints values as one line, joined by blanks, or as the lines that they have: texts as they
@@ -120,7 +126,8 @@ export function createScriptApi({ env, write, tell }) {
 
   async function openThrough(connection, name) {
     try {
-      requireOurVersion(connection);
+      requireOurProtocol(connection);
+      tellVersionOnce(connection);
       const reply = await connection.request('open', { name }, { timeout: OPEN_TIMEOUT });
       return { connection, reply };
     } catch (error) {
@@ -133,6 +140,7 @@ export function createScriptApi({ env, write, tell }) {
   async function ask(method, params) {
     const keeper = await findKeeper(env, tell);
     if (!keeper) return null;
+    tellVersionOnce(keeper);
     try {
       return await keeper.request(method, params);
     } catch (error) {
@@ -142,6 +150,14 @@ export function createScriptApi({ env, write, tell }) {
     } finally {
       keeper.close();
     }
+  }
+
+  function tellVersionOnce(connection) {
+    if (hasToldVersion) return;
+    tellOtherVersion(connection, (text) => {
+      hasToldVersion = true;
+      tell(text);
+    });
   }
 
   function tellLoss({ message, lost }) {

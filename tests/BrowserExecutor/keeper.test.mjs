@@ -3,6 +3,7 @@
 import assert from 'node:assert/strict';
 import fs from 'node:fs';
 import net from 'node:net';
+import path from 'node:path';
 import test from 'node:test';
 
 import {
@@ -157,7 +158,7 @@ test(
   },
 );
 
-test('a keeper of another version can be looked at and ended, and is not used', async (t) => {
+test('a keeper of another protocol can be looked at and ended, and is not used', async (t) => {
   const sandbox = new Sandbox(t);
   fs.mkdirSync(sandbox.directory, { mode: 0o700 });
   const seen = [];
@@ -181,14 +182,55 @@ test('a keeper of another version can be looked at and ended, and is not used', 
   t.after(() => server.close());
   const { code, stderr } = await sandbox.run(OPEN);
   assert.equal(code, 1);
-  assert.match(stderr, /keeper \(pid 4711\) is of another version: verdo-browser stop ends it/);
-  assert.match(await sandbox.output('', { args: ['list'] }), /"old" {2}open/);
+  const older =
+    /keeper \(pid 4711\) runs an older version, this is [\d.]+: verdo-browser stop ends it/;
+  assert.match(stderr, older);
+  const list = await sandbox.run('', { args: ['list'] });
+  assert.match(list.stdout, /"old" {2}open/);
+  assert.match(list.stderr, older);
   assert.equal(await sandbox.output('', { args: ['close', 'old'] }), 'closed\n');
   assert.equal(await sandbox.output('', { args: ['stop'] }), 'stopped\n');
   assert.deepEqual(
     seen.filter((method) => method !== 'hello'),
     ['list', 'complete', 'stop'],
   );
+});
+
+test('a keeper that an upgrade finds running goes on, and says which version it is', async (t) => {
+  const sandbox = new Sandbox(t);
+  const upgraded = sandbox.program;
+  sandbox.program = sandbox.copyProgram();
+  const now = (await sandbox.output('', { args: ['--version'] })).split(' ')[1].trim();
+  const home = path.dirname(sandbox.program);
+  for (const name of fs.readdirSync(home, { recursive: true }).filter((f) => f.endsWith('.mjs'))) {
+    const file = path.join(home, name);
+    fs.writeFileSync(file, fs.readFileSync(file, 'utf8').replaceAll(now, '2001.02.03'));
+  }
+  const same = await sandbox.run(OPEN);
+  assert.deepEqual([same.stdout, same.stderr], ['42\n', '']);
+
+  sandbox.program = upgraded;
+  const { keeper } = sandbox.family();
+  const told =
+    `verdo-browser: the browser keeper (pid ${keeper}) runs version 2001.02.03, this is ${now}: ` +
+    'verdo-browser stop ends it, with its task spaces, and the next script starts the new one\n';
+  const count = 'cliLog((await listTaskSpaces()).length);';
+  for (const [text, output] of [
+    [`${OPEN}; await openTaskSpace('b')`, '42\n'],
+    [`${count} ${count}`, '2\n2\n'],
+  ]) {
+    const script = await sandbox.run(text);
+    assert.deepEqual([script.stdout, script.stderr], [output, told]);
+  }
+  assert.equal((await sandbox.run('', { args: ['list'] })).stderr, told);
+  const status = await sandbox.run('', { args: ['status'] });
+  assert.match(status.stdout, /^version 2001\.02\.03$/m);
+  assert.equal(status.stderr, told);
+
+  const stop = await sandbox.run('', { args: ['stop'] });
+  assert.deepEqual([stop.stdout, stop.stderr], ['stopped\n', '']);
+  const next = await sandbox.run(OPEN);
+  assert.deepEqual([next.stdout, next.stderr], ['42\n', '']);
 });
 
 test('a keeper that nobody needs ends, but not before', async (t) => {

@@ -50,10 +50,15 @@ export class Sandbox {
   // With a copy of the program, which may lie where others have no way in.
   #giveTo(uid) {
     this.identity = { uid, gid: uid };
+    this.program = this.copyProgram();
+    for (const directory of [this.root, this.temporary]) fs.chownSync(directory, uid, uid);
+  }
+
+  /** A copy of the program, to be changed. @returns {string} its path */
+  copyProgram() {
     const copy = path.join(this.root, 'program');
     fs.cpSync(path.dirname(fs.realpathSync(PROGRAM)), copy, { recursive: true });
-    this.program = path.join(copy, path.basename(fs.realpathSync(PROGRAM)));
-    for (const directory of [this.root, this.temporary]) fs.chownSync(directory, uid, uid);
+    return path.join(copy, path.basename(fs.realpathSync(PROGRAM)));
   }
 
   /** Starts the program with a script; `result` settles when its output has closed. */
