@@ -12,7 +12,8 @@ const USAGE = `Usage: verdo-browser COMMAND
   status          tell whether the browser runs, and its task spaces
   stop            end the browser and all task spaces
 
-  --help, --version
+  --version       show the version and end
+  --help          show this and end
 
 A script is JavaScript for node, with top-level await and these functions:
   openTaskSpace(name, {viewport, userAgent, locale, timezone, downloads}) gives a page
@@ -23,6 +24,8 @@ Environment:
   VERDO_BROWSER_IDLE_EXIT  seconds after which an unused browser ends (60)
   XDG_RUNTIME_DIR          where the browser's socket is, in verdo-browser (~/.cache/verdo/browser)
   XDG_STATE_HOME           where logins are kept, in verdo-browser (~/.local/state)
+
+Exit status: 0 done, 1 the command or the script failed, 2 bad usage.
 `;
 
 /** Of each command: what runs it, and how many arguments it takes. */

@@ -38,12 +38,24 @@ using namespace verdo;
 
 constexpr int kNotRunning = 3;
 constexpr const char* kUsage =
-    "Usage: verdo-driver-app [--show | --status | --quit | --version | --help]\n"
+    "Usage: verdo-driver-app [OPTION]\n"
     "\n"
-    "Runs the Verdo Driver in the tray. With an app that runs already:\n"
-    "  --show     opens its window (as a second start without an option does)\n"
-    "  --status   prints its state as JSON; exit status 3 when none runs\n"
-    "  --quit     ends it, once the driver has stopped; exit status 3 when none runs\n";
+    "Runs the Verdo Driver in the tray; when one runs already, opens its window.\n"
+    "\n"
+    "  --show              Start with the window open\n"
+    "  --status            Print the running app's state as JSON\n"
+    "  --quit              End the running app, once its driver has stopped\n"
+    "  -VERDOImportLegacy  Take over token and key of a driver that starts itself in a\n"
+    "                      terminal, and remove it; not into an app that has a token\n"
+    "  --version           Show the version and end\n"
+    "  --help              Show this and end\n"
+    "\n"
+    "Environment:\n"
+    "  VERDO_EXTRA_CA_CERT  PEM file of certificates to trust beside the system's\n"
+    "  VERDO_LLM_BASE_URL   Base URL of the LLM provider\n"
+    "\n"
+    "Exit status: 0 done, 1 the app cannot start or has lost its display,\n"
+    "3 no app runs (--status, --quit).\n";
 
 constexpr const char* kDoesNotAnswer = "verdo-driver-app: an app is running, but does not answer\n";
 
