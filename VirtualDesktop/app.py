@@ -1,5 +1,6 @@
 """The tray app on a desktop of its own, with the service, and with a person's hands and eyes."""
 
+import configparser
 import json
 import os
 import re
@@ -11,7 +12,17 @@ from desktop import Desktop, wait_for
 from panel import Panel, window_places
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-NAME = "verdo-driver"
+APP_ID = "com.pellmar.verdodriver"
+
+
+def window_class():
+    """Of its windows on X11: what desktops find its desktop entry by."""
+    entry = configparser.ConfigParser(interpolation=None)
+    entry.read(f"{ROOT}/packaging/desktop/{APP_ID}.desktop")
+    return entry["Desktop Entry"]["StartupWMClass"]
+
+
+NAME = window_class()
 KEY = "provider-key"
 UNTIL_TOLD = "until [ -e $HOME/go ]; do sleep 0.05; done"  # a job
 # Runs a job's payload as a shell script.

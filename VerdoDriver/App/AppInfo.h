@@ -5,7 +5,8 @@
 /// What this build of the app is; its bundle says so, where it has one.
 namespace verdo::AppInfo {
 
-/// "com.pellmar.verdodriver": names the app wherever the system asks for a unique name.
+/// "com.pellmar.verdodriver": names the app wherever the system asks for a unique name, and on
+/// Linux its desktop entry and icon (packaging/desktop).
 std::string bundleID();
 
 /// Such as "2026.09.04".

@@ -101,7 +101,8 @@ void serveControl(ControlServer& control, AppModel& model, MenuBarController& me
 }
 
 int run(int argc, char** argv, const AppDelegate::Options& options) {
-  QGuiApplication::setDesktopFileName(QStringLiteral("verdo-driver-app"));
+  // By this name desktops find the entry of our windows, and with it their title and icon.
+  QGuiApplication::setDesktopFileName(QString::fromStdString(AppInfo::bundleID()));
   std::optional<DisplayGuard> guard(std::in_place);
   QApplication app(argc, argv);
   guard.reset();

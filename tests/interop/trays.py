@@ -17,7 +17,7 @@ from notifier import ITEM, WATCHER, NotifierTray
 from panel import Panel, window_places
 from screen import picture
 
-NAME = "verdo-driver"
+NAME, APP_ID = "verdo-driver", "com.pellmar.verdodriver"  # its windows on X11, on Wayland
 WORDS = "Verdo Driver — not set up"
 BAR = 40  # pixels at the edge of the screen, more than any of the panels has
 XFCE = """<?xml version="1.0"?><channel name="xfce4-panel" version="1.0">
@@ -115,7 +115,7 @@ class Sway:
 
     def windows(self):
         def of(node):
-            if node.get("app_id") == "verdo-driver-app":
+            if node.get("app_id") == APP_ID:
                 yield tuple(node["rect"].values())
             for child in node["nodes"] + node["floating_nodes"]:
                 yield from of(child)
@@ -125,7 +125,7 @@ class Sway:
         return True  # sway puts it where it wants
 
     def press_escape(self):
-        self.desktop.run("swaymsg", '[app_id="verdo-driver-app"] kill')
+        self.desktop.run("swaymsg", f'[app_id="{APP_ID}"] kill')
 
 
 class Item:

@@ -88,8 +88,12 @@ void logFailure(const char* operation, const std::string& reason) {
 
 }  // namespace
 
-AutostartEntry::AutostartEntry(std::string executable, std::string path, std::string link)
-    : executable_(std::move(executable)), path_(std::move(path)), link_(std::move(link)) {}
+AutostartEntry::AutostartEntry(std::string executable, std::string icon, std::string path,
+                               std::string link)
+    : executable_(std::move(executable)),
+      icon_(std::move(icon)),
+      path_(std::move(path)),
+      link_(std::move(link)) {}
 
 std::string AutostartEntry::defaultPath() {
   return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation).toStdString() +
@@ -159,7 +163,7 @@ void AutostartEntry::setEnabled(bool enabled) {
       {"Name", "Verdo Driver"},
       {"Comment", "Lets this computer work for Verdo"},
       {"Exec", exec()},
-      {"Icon", "verdo-driver"},
+      {"Icon", icon_},
       {"Terminal", "false"},
       {kGnomeEnabled, "true"},
   };

@@ -13,9 +13,9 @@ namespace verdo {
 /// some start nothing then. For such a path the entry names a link, beside the user's data.
 class AutostartEntry : public LoginItemManaging {
  public:
-  /// `executable` is the absolute path that is to be started.
-  explicit AutostartEntry(std::string executable, std::string path = defaultPath(),
-                          std::string link = defaultLink());
+  /// `executable` is the absolute path that is to be started, `icon` the name of the app's icon.
+  AutostartEntry(std::string executable, std::string icon, std::string path = defaultPath(),
+                 std::string link = defaultLink());
 
   /// "$XDG_CONFIG_HOME/autostart/verdo-driver.desktop".
   static std::string defaultPath();
@@ -38,6 +38,7 @@ class AutostartEntry : public LoginItemManaging {
   std::string makeLink() const;
 
   const std::string executable_;
+  const std::string icon_;
   const std::string path_;
   const std::string link_;
 };

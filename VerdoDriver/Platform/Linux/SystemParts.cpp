@@ -44,7 +44,7 @@ SystemParts makeSystemParts(const std::string& appId,
       std::vector<std::shared_ptr<PowerAssertion>>{std::make_shared<LogindInhibitor>(systemBus),
                                                    std::make_shared<DesktopInhibitor>(sessionBus)});
   parts.loginItems = std::make_shared<AutostartEntry>(
-      AutostartEntry::programFor(QCoreApplication::applicationFilePath().toStdString()));
+      AutostartEntry::programFor(QCoreApplication::applicationFilePath().toStdString()), appId);
   parts.wakeMonitor = std::make_unique<LogindWakeMonitor>(systemBus);
   QObject::connect(parts.wakeMonitor.get(), &WakeMonitor::woke, parts.wakeMonitor.get(),
                    [clock] { clock->catchUp(); });

@@ -37,7 +37,7 @@ TEST(Autostart, ClaimsWhatTheDesktopDoesNotDo) {
   const ScopedEnv data("XDG_DATA_HOME", config / "no plain path");
   const std::string path = config / "autostart/verdo-driver.desktop";
   const AppLogCapture log;
-  AutostartEntry entry("/o/100%/\"$HOME\"/`id`/a\\b");
+  AutostartEntry entry("/o/100%/\"$HOME\"/`id`/a\\b", "the.icon");
   entry.refresh();
   EXPECT_FALSE(entry.isEnabled()) << "made without being asked for";
 
@@ -45,6 +45,7 @@ TEST(Autostart, ClaimsWhatTheDesktopDoesNotDo) {
   for (const std::string off : {"Hidden=true\n", "X-GNOME-Autostart-enabled=false\n"}) {
     entry.setEnabled(true);
     EXPECT_TRUE(entry.isEnabled());
+    EXPECT_NE(contentOf(path).find("\nIcon=the.icon\n"), std::string::npos);
     config.write("autostart/verdo-driver.desktop", stale + off);
     EXPECT_FALSE(entry.isEnabled());
     entry.refresh();
@@ -87,7 +88,7 @@ TEST(Autostart, StartsNothingForAnAwkwardPath) {
     std::filesystem::create_directory(dir / name);
     const auto program = dir.write(name + "/app", "#!/bin/sh\necho " + number + " >" + dir / "ran",
                                    std::filesystem::perms::owner_all);
-    AutostartEntry entry(program);
+    AutostartEntry entry(program, "the.icon");
     if (name == "plain") {
       entry.setEnabled(true);
       EXPECT_FALSE(std::filesystem::exists(link));
@@ -100,7 +101,7 @@ TEST(Autostart, StartsNothingForAnAwkwardPath) {
     EXPECT_EQ(std::system(("gio launch '" + path + "'").c_str()), 0) << name;
     EXPECT_TRUE(eventually([&] { return contentOf(dir / "ran") == number + "\n"; })) << name;
   }
-  AutostartEntry("/o/$app").setEnabled(false);
+  AutostartEntry("/o/$app", "the.icon").setEnabled(false);
   EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(link)));
 }
 
