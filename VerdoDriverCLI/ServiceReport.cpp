@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <iterator>
-#include <utility>
 
 #include <fmt/format.h>
 
@@ -69,7 +68,7 @@ void ServiceReport::driverIsAlive() {
 
 void ServiceReport::driverStopping() {
   MutexLock lock(lock_);
-  if (std::exchange(isStopping_, true)) return;
+  isStopping_ = true;
   // From now on the service manager's limit for a stop holds, not its watchdog's.
   tellState("STOPPING=1\n");
 }

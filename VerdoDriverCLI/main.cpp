@@ -62,16 +62,12 @@ int serve(verdo::cli::Options options, const verdo::Secrets& secrets) {
   const auto runner = std::make_shared<verdo::DriverRunner>(std::move(config), log, report);
   std::optional<verdo::cli::SuspendWatch> suspendWatch;
   try {
-    verdo::cli::handleStopSignals(
-        [runner, report] {
-          report->driverStopping();
-          runner->stop();
-        },
-        [runner, log] {
-          log->warn("stopping at once");
-          runner->killJobsNow();
-          exitNow(verdo::ExitReason::stopped().code());
-        });
+    verdo::cli::handleStopSignals([runner] { runner->stop(); },
+                                  [runner, log] {
+                                    log->warn("stopping at once");
+                                    runner->killJobsNow();
+                                    exitNow(verdo::ExitReason::stopped().code());
+                                  });
     suspendWatch.emplace([runner] { runner->networkChanged(); }, kSuspendLook,
                          verdo::timeSuspended);
   } catch (const std::system_error& error) {
