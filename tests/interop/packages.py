@@ -34,7 +34,7 @@ class Service:
 
     def __init__(self, program):
         self.program, self.token, self.control = program, "token-of-ann", "control-of-the-test"
-        self.port = 0
+        self.port = self.lanes = 0
         self.start()
 
     def start(self):
@@ -55,8 +55,10 @@ class Service:
         with urllib.request.build_opener(urllib.request.ProxyHandler({})).open(request) as answer:
             return json.load(answer)
 
-    def run_job(self, script, lane="mail"):
-        job = self.ask("jobs", {"label": lane, "payload": script, "task_space": "u1-mail"})["id"]
+    def run_job(self, script):
+        """In a lane that no open poll has named as busy, for a quick start."""
+        self.lanes += 1
+        job = self.ask("jobs", {"label": f"lane {self.lanes}", "payload": script, "task_space": "u1-mail"})["id"]
         answer = self.ask(f"jobs/{job}/wait?for=done&timeout=60")["job"]
         lines = self.ask(f"jobs/{job}/lines?from=0&wait=0")["lines"]
         return answer, lines
@@ -239,7 +241,7 @@ def check_stop(driver, service):
     print(f"     it took {took:.1f} s")
     check("no process of a job or a browser is left", driver.processes() == [])
     check("the service has heard of the job's end",
-          service.ask(f"jobs/{job}")["exit_code"] == 143, service.ask(f"jobs/{job}"))
+          service.ask(f"jobs/{job}")["exit_code"] == -15, service.ask(f"jobs/{job}"))
 
 
 def main(build, mirror):
