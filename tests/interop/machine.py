@@ -1,7 +1,6 @@
 """A Debian machine of one's own: a fresh installation in a folder, booted with its systemd."""
 
 import os
-import signal
 import subprocess
 import time
 
@@ -82,7 +81,7 @@ class Machine:
                         "sh", "-c", f"cd; {script}", check=check, text=text)
 
     def close(self):
-        os.kill(self.first, signal.SIGKILL)
+        self.child.kill()  # and with it, as it was asked to, the machine
         self.child.wait()
         with open(os.path.join(self.group, "cgroup.events"), encoding="ascii") as file:
             wait_for(lambda: file.seek(0) == 0 and "populated 0" in file.read(), "the machine's end")
