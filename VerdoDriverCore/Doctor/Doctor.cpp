@@ -49,7 +49,8 @@ std::vector<Finding> Doctor::run(const OnFinding& onFinding) {
   add(configuration());
   examineService(add);
   addUnlessStopped("executor", [this] {
-    return checkExecutor(options_.config, options_.executorTimeout, options_.timings, interrupted_);
+    return checkExecutor(options_.config, options_.executorTimeout, options_.timings, interrupted_,
+                         options_.remedies);
   });
   addUnlessStopped(kKeyCheck, [this] { return key(); });
   if (options_.secretStore) addUnlessStopped("secret store", options_.secretStore);
@@ -74,7 +75,7 @@ std::vector<Finding> Doctor::run(const OnFinding& onFinding) {
 
 Finding Doctor::configuration() const {
   if (options_.configurationDefect) return *options_.configurationDefect;
-  return checkConfiguration(options_.config, options_.envFile);
+  return checkConfiguration(options_.config, options_.envFile, options_.remedies);
 }
 
 /// From the address to the hello, which is the only request: it shows the whole way, also without a
@@ -89,7 +90,7 @@ void Doctor::examineService(const OnFinding& add) {
     add(Finding::skipped("server address", why));
     return skipAll(why);
   }
-  const Finding address = checkAddress(options_.config);
+  const Finding address = checkAddress(options_.config, options_.remedies);
   add(address);
   if (address.hasFailed()) return skipAll("the server address is of no use");
   std::shared_ptr<Api> api;
@@ -108,16 +109,16 @@ void Doctor::examineService(const OnFinding& add) {
 }
 
 void Doctor::examineReply(const OnFinding& add, Api& api) {
-  const auto hello = checkHello(api, *trace_, options_.config);
+  const auto hello = checkHello(api, *trace_, options_.config, options_.remedies);
   if (trace_->stage == HttpTrace::Stage::preparing) {
     skipRoute(add, "the request could not be made");
-    add(Finding::failed(kHelloCheck, "the request could not be made",
-                        "Check the values of the options.", hello.failure));
+    add(Finding::failed(kHelloCheck, "the request could not be made", options_.remedies.values,
+                        hello.failure));
     return;
   }
-  const auto route =
-      examineRoute({*trace_, *Url::parse(options_.config.server), hello.failure,
-                    options_.config.caCertPath.has_value(), std::chrono::system_clock::now()});
+  const auto route = examineRoute({*trace_, *Url::parse(options_.config.server), hello.failure,
+                                   options_.config.caCertPath.has_value(),
+                                   std::chrono::system_clock::now(), options_.remedies});
   for (const auto& finding : route) add(finding);
   const auto broken = std::find_if(route.begin(), route.end(),
                                    [](const Finding& finding) { return finding.hasFailed(); });
@@ -138,9 +139,7 @@ Finding Doctor::key() {
   if (options_.config.llmKey.empty()) {
     return Finding::skipped(kKeyCheck, "there is none, so this driver does browser jobs only");
   }
-  const std::string remedy =
-      "Give the provider's base URL with --llm-base: "
-      "http(s)://HOST[:PORT][/PATH]";
+  const std::string& remedy = options_.remedies.provider;
   if (const auto refusal = ServerURLPolicy::providerRefusal(options_.config.llmBase)) {
     return Finding::failed(kKeyCheck, *refusal, remedy);
   }
@@ -155,7 +154,7 @@ Finding Doctor::key() {
     keyCheck_ = client;
     if (isStopped()) client->cancel();
   }
-  auto finding = checkKey(*client, options_.config);
+  auto finding = checkKey(*client, options_.config, options_.remedies);
   MutexLock lock(lock_);
   keyCheck_.reset();
   return finding;

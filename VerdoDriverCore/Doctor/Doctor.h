@@ -3,6 +3,7 @@
 #include "VerdoDriverCore/Contract/DriverConfig.h"
 #include "VerdoDriverCore/Contract/Timings.h"
 #include "VerdoDriverCore/Doctor/Finding.h"
+#include "VerdoDriverCore/Doctor/Remedies.h"
 #include "VerdoDriverCore/Network/HttpTrace.h"
 #include "VerdoDriverCore/System/Sync.h"
 
@@ -29,8 +30,9 @@ class Doctor {
     /// Why the front end could not make a configuration; `config` is then what it knows without.
     std::optional<Finding> configurationDefect;
     std::string envFile;  ///< where a headless driver's settings come from; empty: from elsewhere
-    std::function<Finding()> secretStore;  ///< the front end's check of it; null: none
-    std::string cache;                     ///< empty: StagingDirectory::defaultCache()
+    Remedies remedies = Remedies::ofCommandLine();  ///< in the front end's words
+    std::function<Finding()> secretStore;           ///< the front end's check of it; null: none
+    std::string cache;                              ///< empty: StagingDirectory::defaultCache()
     /// Poll once for a job and post large bodies too: shows proxies that allow neither.
     bool thorough = false;
     Timings::Duration executorTimeout = std::chrono::seconds(45);

@@ -57,7 +57,7 @@ std::string firstLine(const std::vector<std::string>& lines) {
 
 std::string inMegabytes(std::uintmax_t bytes) { return fmt::format("{} MB", bytes / 1'000'000); }
 
-std::optional<Finding> certificateDefect(const DriverConfig& config) {
+std::optional<Finding> certificateDefect(const DriverConfig& config, const Remedies& remedies) {
   const auto path = config.caCertPath ? config.caCertPath : config.extraCaCertPath;
   if (!path) return std::nullopt;
   try {
@@ -65,18 +65,19 @@ std::optional<Finding> certificateDefect(const DriverConfig& config) {
     return std::nullopt;
   } catch (const PyError& error) {
     return Finding::failed(kConfigurationCheck, fmt::format("the CA file {} is of no use", *path),
-                           "Name a readable PEM file with certificates in it.", error.what());
+                           remedies.caFile, error.what());
   }
 }
 
-Finding missingExecutor(const DriverConfig& config, const std::string& reason) {
+Finding missingExecutor(const DriverConfig& config, const std::string& reason,
+                        const Remedies& remedies) {
   std::string program;
   try {
     const auto words = Shlex::split(config.execCommand);
     if (!words.empty()) program = words.front();
   } catch (const Shlex::Error&) {
     return Finding::failed(kExecutorCheck, "the executor's command cannot be split into words",
-                           "Mend the quotes in --exec.", reason);
+                           remedies.executorCommand, reason);
   }
   struct stat status{};
   if (program.find('/') != std::string::npos && ::stat(program.c_str(), &status) == 0) {
@@ -84,21 +85,20 @@ Finding missingExecutor(const DriverConfig& config, const std::string& reason) {
         kExecutorCheck,
         fmt::format("{} {}", program,
                     S_ISDIR(status.st_mode) ? "is a directory" : "may not be executed"),
-        S_ISDIR(status.st_mode) ? "Name the program in it with --exec." : "chmod +x " + program);
+        S_ISDIR(status.st_mode) ? remedies.executorProgram : "chmod +x " + program);
   }
-  return Finding::failed(kExecutorCheck, reason,
-                         "Install ego-browser or verdo-browser, or name another executor with "
-                         "--exec; --extra-path DIR searches DIR too.");
+  return Finding::failed(kExecutorCheck, reason, remedies.executor);
 }
 
 }  // namespace
 
-Finding checkConfiguration(const DriverConfig& config, const std::string& envFile) {
-  if (auto defect = certificateDefect(config)) return *std::move(defect);
+Finding checkConfiguration(const DriverConfig& config, const std::string& envFile,
+                           const Remedies& remedies) {
+  if (auto defect = certificateDefect(config, remedies)) return *std::move(defect);
   if (config.token.empty()) {
-    return Finding::failed(kConfigurationCheck, "there is no driver token",
-                           envFile.empty() ? "Connect this computer to the website."
-                                           : howToGive(DriverConstants::tokenEnv, envFile));
+    return Finding::failed(
+        kConfigurationCheck, "there is no driver token",
+        envFile.empty() ? remedies.connect : howToGive(DriverConstants::tokenEnv, envFile));
   }
   std::error_code missing;
   if (envFile.empty() || !std::filesystem::exists(envFile, missing)) {
@@ -113,10 +113,8 @@ Finding checkConfiguration(const DriverConfig& config, const std::string& envFil
   return Finding::ok(kConfigurationCheck, "complete; only you can read " + envFile);
 }
 
-Finding checkAddress(const DriverConfig& config) {
-  const std::string remedy =
-      "Give the address that the web service shows, as in --server "
-      "https://verdo.example";
+Finding checkAddress(const DriverConfig& config, const Remedies& remedies) {
+  const std::string& remedy = remedies.address;
   if (ServerURLPolicy::refusal(config.server, true)) {
     return Finding::failed(kAddressCheck, "it must not hold a user name or password", remedy);
   }
@@ -131,16 +129,16 @@ Finding checkAddress(const DriverConfig& config) {
         kAddressCheck,
         fmt::format("{} is plain http to another computer: the token would travel in clear",
                     config.server),
-        "Use https://, or pass --insecure on a network that you trust.");
+        remedies.plainHttp);
   }
   return Finding::ok(kAddressCheck, config.server);
 }
 
 Finding checkExecutor(const DriverConfig& config, Timings::Duration limit, const Timings& timings,
-                      const Event& interrupted) {
+                      const Event& interrupted, const Remedies& remedies) {
   auto found = findExecutor(config);
   if (const auto* missing = std::get_if<ExitReason>(&found)) {
-    return missingExecutor(config, missing->message());
+    return missingExecutor(config, missing->message(), remedies);
   }
   const auto& command = std::get<ExecutorCommand>(found);
   Browser browser(command, limit, std::make_shared<NoLog>(), timings);
@@ -168,9 +166,7 @@ Finding checkExecutor(const DriverConfig& config, Timings::Duration limit, const
         fmt::format("ends with status {} when asked for its task spaces", list.script.exit),
         "Run it by hand and see what it says.");
   }
-  return failed(
-      "answers, but not as a browser executor does",
-      "Name the executor with --exec, with its arguments: \"verdo-browser nodejs\", say.");
+  return failed("answers, but not as a browser executor does", remedies.executorAnswer);
 }
 
 Finding checkCache(const std::string& directory, std::uintmax_t minFree) try {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "VerdoDriverCore/Doctor/Finding.h"
+#include "VerdoDriverCore/Doctor/Remedies.h"
 #include "VerdoDriverCore/Network/HttpTrace.h"
 #include "VerdoDriverCore/Values/Url.h"
 
@@ -17,6 +18,7 @@ struct RouteEvidence {
   std::string failure;    ///< what the request failed with; empty: it did not
   bool hasOwnCa = false;  ///< only certificates of the user's own choice are trusted
   std::chrono::system_clock::time_point now;  ///< this computer's clock
+  Remedies remedies;
 };
 
 /// The names of the checks below, in their order.

@@ -34,16 +34,14 @@ Finding badHello(const std::string& reason, const std::string& remedy, const std
 bool isWebPage(const HttpTrace& trace) { return trace.contentType.starts_with("text/html"); }
 
 /// A hello whose reply was not the service's, or a refusal.
-Finding refusedHello(const HttpTrace& trace, const std::string& said) {
+Finding refusedHello(const HttpTrace& trace, const std::string& said, const Remedies& remedies) {
   if (trace.status == 0) {
     return badHello("connected, but no reply came",
                     "Check the port in the server address, and whether the service runs.", said);
   }
   if (trace.status == 401) {
     return badHello("the service does not accept the driver token: it is wrong, or was revoked",
-                    "Issue a new one in the web service's Browser driver card, and put it in the "
-                    "place of the old one.",
-                    said);
+                    remedies.renewToken, said);
   }
   if (trace.status == 426) {
     return badHello(
@@ -111,18 +109,19 @@ std::string obstacleFor(std::size_t bytes, Api& api, const HttpTrace& trace) try
 
 }  // namespace
 
-HelloOutcome checkHello(Api& api, const HttpTrace& trace, const DriverConfig& config) {
+HelloOutcome checkHello(Api& api, const HttpTrace& trace, const DriverConfig& config,
+                        const Remedies& remedies) {
   JV reply;
   try {
     reply = api.hello();
   } catch (const ServerError& error) {
-    return {refusedHello(trace, error.what()), error.what()};
+    return {refusedHello(trace, error.what(), remedies), error.what()};
   }
   const auto answer = Hello::from(reply, config);
   if (const auto* refusal = std::get_if<ExitReason>(&answer)) {
     const auto protocol = pyInt(reply.find("protocol"));
     return {protocol ? otherProtocol(*protocol, refusal->message())
-                     : refusedHello(trace, refusal->message()),
+                     : refusedHello(trace, refusal->message(), remedies),
             ""};
   }
   const auto& hello = std::get<Hello>(answer);
@@ -216,7 +215,7 @@ Finding checkLargeBodies(Api& api, const HttpTrace& trace) {
                          obstacle);
 }
 
-Finding checkKey(ChatClient& client, const DriverConfig& config) {
+Finding checkKey(ChatClient& client, const DriverConfig& config, const Remedies& remedies) {
   const auto check = client.validate();
   const std::string host = DriverRunner::hostname(config.llmBase);
   const std::string key =
@@ -225,17 +224,12 @@ Finding checkKey(ChatClient& client, const DriverConfig& config) {
     case KeyCheck::Verdict::accepted:
       return Finding::ok(kKeyCheck, "the provider accepts it", key);
     case KeyCheck::Verdict::rejected:
-      return Finding::failed(kKeyCheck, "the provider rejects it",
-                             "Make a new key at the provider's, and put it in place of this one "
-                             "(VERDO_LLM_API_KEY); check that --llm-base is its provider.",
-                             key);
+      return Finding::failed(kKeyCheck, "the provider rejects it", remedies.renewKey, key);
     case KeyCheck::Verdict::unreachable:
       break;
   }
   return Finding::warning(kKeyCheck, "the provider could not be asked about it",
-                          "Check --llm-base, and that nothing stands between this computer and "
-                          "the provider.",
-                          fmt::format("{}: {}", key, check.reason));
+                          remedies.providerAway, fmt::format("{}: {}", key, check.reason));
 }
 
 }  // namespace verdo

@@ -2,6 +2,7 @@
 
 #include "VerdoDriverCore/Contract/DriverConfig.h"
 #include "VerdoDriverCore/Doctor/Finding.h"
+#include "VerdoDriverCore/Doctor/Remedies.h"
 #include "VerdoDriverCore/Network/Api.h"
 #include "VerdoDriverCore/Network/ChatClient.h"
 #include "VerdoDriverCore/Network/HttpTrace.h"
@@ -28,7 +29,8 @@ struct HelloOutcome {
 
 /// Says hello and judges the answer. That the request failed on its way is for who looks at the
 /// trace.
-HelloOutcome checkHello(Api& api, const HttpTrace& trace, const DriverConfig& config);
+HelloOutcome checkHello(Api& api, const HttpTrace& trace, const DriverConfig& config,
+                        const Remedies& remedies);
 
 /// Polls once with the configuration's wait. A job that comes is left to its lease.
 Finding checkLongPoll(Api& api, const HttpTrace& trace, double wait);
@@ -37,6 +39,6 @@ Finding checkLongPoll(Api& api, const HttpTrace& trace, double wait);
 Finding checkLargeBodies(Api& api, const HttpTrace& trace);
 
 /// Asks the provider about the key.
-Finding checkKey(ChatClient& client, const DriverConfig& config);
+Finding checkKey(ChatClient& client, const DriverConfig& config, const Remedies& remedies);
 
 }  // namespace verdo
