@@ -79,7 +79,7 @@ QIcon MenuBarController::iconFor(const Look& look) const {
 }
 
 void MenuBarController::updateIcon() {
-  const Look look{model_.connection(), model_.updateAvailable()};
+  const Look look{model_.connection(), model_.releases().updateAvailable()};
   if (look_ != look) {
     look_ = look;
     const QIcon icon = iconFor(look);

@@ -1,9 +1,7 @@
 #include "VerdoDriver/Model/AppModel.h"
 
 #include "VerdoDriver/Model/AppLog.h"
-#include "VerdoDriver/Model/EgoLocator.h"
 #include "VerdoDriver/Model/MainThread.h"
-#include "VerdoDriver/Model/SafeLink.h"
 #include "VerdoDriver/Model/SecretTask.h"
 #include "VerdoDriverCore/Values/Url.h"
 
@@ -21,17 +19,14 @@ AppModel::AppModel(Parts parts)
       settings_(std::move(parts.settings)),
       secrets_(parts.system.secrets),
       loginItems_(std::move(parts.system.loginItems)),
-      updateChecker_(std::move(parts.updateChecker)),
       wakeMonitor_(std::move(parts.system.wakeMonitor)),
       pathMonitor_(std::move(parts.system.pathMonitor)),
       findEgo_(parts.egoPath),
       openURL_(parts.openURL),
       logPath_(std::move(parts.logPath)),
-      llmBase_(parts.llmBase),
-      clientHeader_(std::move(parts.clientHeader)),
       browserPackage_(std::move(parts.system.browserPackage)),
-      manifestInterval_(parts.manifestInterval),
       storedSecrets_(parts.system.secrets, *settings_),
+      configSource_(*settings_, secrets_, parts.llmBase, std::move(parts.clientHeader)),
       supervisor_(parts.factory, log_, clock_),
       keepAwake_(std::move(parts.system.powerAssertion), clock_, settings_->keepAwakeMode()),
       connectFlow_(parts.factory, secrets_, *settings_, log_, parts.egoPath, parts.llmBase),
@@ -48,7 +43,7 @@ AppModel::AppModel(Parts parts)
                  forgetFailures();
                  connectFlow_.connect(draft, std::move(done));
                },
-           .refreshManifest = [this] { refreshManifest(); },
+           .refreshManifest = [this] { releases_.refresh(); },
            .restartDriver = [this] { storedSecrets_.refresh([this] { restartDriver(); }); }}),
       removal_({.supervisor = &supervisor_,
                 .settings = settings_.get(),
@@ -56,6 +51,11 @@ AppModel::AppModel(Parts parts)
                 .loginItems = loginItems_,
                 .log = log_,
                 .removeTraces = std::move(parts.removeTraces)}),
+      releases_({.checker = std::move(parts.updateChecker),
+                 .settings = settings_.get(),
+                 .clock = clock_,
+                 .openURL = openURL_,
+                 .manifestInterval = parts.manifestInterval}),
       egoPath_(findEgo_()) {
   wire();
 }
@@ -78,11 +78,10 @@ void AppModel::wire() {
     QObject::connect(&supervisor_, signal, this, &AppModel::touch);
   }
   QObject::connect(&supervisor_, &DriverSupervisor::updateAvailableChanged, this, [this] {
-    updateAvailable_ = updateAvailable_ || supervisor_.updateAvailable();
-    touch();
+    if (supervisor_.updateAvailable()) releases_.updateWasNamed();
   });
   QObject::connect(&supervisor_, &DriverSupervisor::exited, this, [this](const ExitReason& reason) {
-    if (reason.kind() == ExitReason::Kind::outOfDate) refreshManifest();
+    if (reason.kind() == ExitReason::Kind::outOfDate) releases_.refresh();
   });
   QObject::connect(settings_.get(), &SettingsStore::keepAwakeModeChanged, this,
                    [this](KeepAwakeMode mode) {
@@ -107,6 +106,7 @@ void AppModel::wire() {
     touch();
   });
   QObject::connect(&legacyImport_, &LegacyImport::changed, this, &AppModel::touch);
+  QObject::connect(&releases_, &Releases::changed, this, &AppModel::touch);
   secrets_->listen([this](SecretEvent event) { heard(event); });
 }
 
@@ -165,10 +165,10 @@ void AppModel::launched() {
     return;
   }
   const auto done = std::exchange(launchDone_, nullptr);
-  refreshManifest();
+  releases_.refresh();
   if (settings_->autoStart()) {
     AppLog::lifecycle.info("[AppModel] configured + autoStart — starting the driver");
-    supervisor_.start(configProvider());
+    supervisor_.start(configSource_.provider());
   }
   if (done) done(false);
 }
@@ -198,7 +198,7 @@ void AppModel::popoverOpened() {
   storedSecrets_.refresh();
   egoPath_ = findEgo_();
   legacyImport_.detect();
-  if (!lastManifest_ || clock_->now() - *lastManifest_ >= manifestInterval_) refreshManifest();
+  releases_.refreshIfOld();
   touch();
 }
 
@@ -206,52 +206,11 @@ Connection AppModel::connection() const {
   return connectionOf(isConfigured(), supervisor_.state(), !supervisor_.busyLanes().empty());
 }
 
-DriverSupervisor::ConfigProvider AppModel::configProvider() {
-  return [self = QPointer(this)](const DriverSupervisor::ConfigReply& reply) {
-    if (self) {
-      self->provideConfig(reply);
-    } else {
-      reply(std::nullopt);
-    }
-  };
-}
-
-void AppModel::provideConfig(const DriverSupervisor::ConfigReply& reply) const {
-  if (settings_->serverURL().empty()) return reply(std::nullopt);
-  using Pair = std::pair<std::string, std::string>;
-  const auto read = [secrets = secrets_]() -> SecretStore::Result<Pair> {
-    const auto token = secrets->read(SecretAccount::driverToken);
-    if (!token) return tl::make_unexpected(token.error());
-    const auto key = secrets->read(SecretAccount::llmKey);
-    if (!key) return tl::make_unexpected(key.error());
-    return Pair{token->value_or(""), key->value_or("")};
-  };
-  askSecretStore(read, [self = QPointer(this), reply](const SecretStore::Result<Pair>& pair) {
-    if (!self) return;
-    if (!pair) return reply(tl::make_unexpected(pair.error()));
-    reply(self->configOf(pair->first, pair->second));
-  });
-}
-
-std::optional<DriverConfig> AppModel::configOf(const std::string& token,
-                                               const std::string& key) const {
-  if (settings_->serverURL().empty() || token.empty()) return std::nullopt;
-  DriverConfig config(settings_->serverURL(), token);
-  config.execCommand = EgoLocator::command();
-  config.extraPathDirs = EgoLocator::extraPathDirs();
-  config.llmKey = key;
-  if (!llmBase_.empty()) config.llmBase = llmBase_;
-  config.insecure = settings_->allowInsecure();
-  config.maxJobsCeiling = DriverConstants::maxJobsCeiling;
-  config.clientHeader = clientHeader_;
-  return config;
-}
-
 void AppModel::restartDriver() {
   if (supervisor_.hasCurrentRun() || std::holds_alternative<DriverBackoff>(supervisor_.state())) {
     return supervisor_.restart();
   }
-  supervisor_.start(configProvider());
+  supervisor_.start(configSource_.provider());
 }
 
 void AppModel::stopDriver() { supervisor_.stop(DriverSupervisor::kStopTimeout); }
@@ -287,10 +246,7 @@ void AppModel::removeEverything() {
 
 void AppModel::removed(const Removal::Left& left) {
   supervisor_.forgetHistory();
-  manifest_.reset();
-  updateAvailable_ = false;
-  lastManifest_.reset();
-  if (manifestToken_) manifestToken_->cancel();
+  releases_.forget();
   removalReport_ =
       left.empty() ? "Everything was removed."
                    : fmt::format("Not removed: {}. Everything else was.", fmt::join(left, "; "));
@@ -394,7 +350,7 @@ void AppModel::connected(const ConnectResult& result) {
   if (!result.saved) return;
   storedSecrets_.refresh([this] {
     restartDriver();
-    refreshManifest();
+    releases_.refresh();
   });
 }
 
@@ -406,60 +362,15 @@ void AppModel::openLog() {
   openURL_(QUrl::fromLocalFile(QString::fromStdString(logPath_)).toEncoded().toStdString());
 }
 
-void AppModel::openDownload() {
-  if (const auto link = downloadURL()) openURL_(*link);
-}
-
-void AppModel::openEgoInstall() {
-  if (const auto link = egoInstallURL()) openURL_(*link);
-}
-
 void AppModel::openVerifyURL() {
   const auto* waiting = std::get_if<PairingWaiting>(&pairing());
   if (waiting) openURL_(waiting->verifyURL);
-}
-
-void AppModel::refreshManifest() {
-  if (settings_->serverURL().empty()) return;
-  lastManifest_ = clock_->now();
-  scheduleManifest();
-  updateChecker_->check(settings_->serverURL(), settings_->allowInsecure(),
-                        [self = QPointer(this)](const UpdateChecker::Outcome& outcome) {
-                          if (self && outcome) self->takeManifest(*outcome);
-                        });
-}
-
-void AppModel::takeManifest(const AppManifest& manifest) {
-  manifest_ = manifest;
-  updateAvailable_ = updateAvailable_ || updateChecker_->isNewer(manifest);
-  if (manifest.dmgURL && !downloadURL()) {
-    AppLog::update.info("[AppModel] dmg_url refused (not https / same-origin): " +
-                        *manifest.dmgURL);
-  }
-  touch();
 }
 
 void AppModel::cancelAttempts() {
   onboarding_.cancel();
   connectFlow_.cancel();
   secrets_->cancelPrompt();
-}
-
-void AppModel::scheduleManifest() {
-  if (manifestToken_) manifestToken_->cancel();
-  manifestToken_ = clock_->after(kManifestDay, [self = QPointer(this)] {
-    if (self) self->refreshManifest();
-  });
-}
-
-std::optional<std::string> AppModel::downloadURL() const {
-  if (!manifest_) return std::nullopt;
-  return SafeLink::allowed(manifest_->dmgURL, settings_->serverURL());
-}
-
-std::optional<std::string> AppModel::egoInstallURL() const {
-  if (!manifest_) return std::nullopt;
-  return SafeLink::allowed(manifest_->egoInstallURL, settings_->serverURL());
 }
 
 }  // namespace verdo

@@ -1,14 +1,15 @@
 #pragma once
 
+#include "VerdoDriver/Model/ConfigSource.h"
 #include "VerdoDriver/Model/Connection.h"
 #include "VerdoDriver/Model/DriverSupervisor.h"
 #include "VerdoDriver/Model/KeepAwakeController.h"
 #include "VerdoDriver/Model/LegacyImport.h"
 #include "VerdoDriver/Model/Onboarding.h"
+#include "VerdoDriver/Model/Releases.h"
 #include "VerdoDriver/Model/Removal.h"
 #include "VerdoDriver/Model/StoredSecrets.h"
 #include "VerdoDriver/Model/SystemParts.h"
-#include "VerdoDriver/Model/UpdateChecker.h"
 
 #include <QObject>
 #include <cstdint>
@@ -25,11 +26,6 @@ namespace verdo {
 class AppModel : public QObject {
   Q_OBJECT
  public:
-  /// Between two questions for the manifest that nobody asked for.
-  static constexpr std::chrono::hours kManifestInterval{1};
-  /// While the app runs, the manifest is asked for at least so often.
-  static constexpr std::chrono::hours kManifestDay{24};
-
   /// What the model is made of; all of it is there.
   struct Parts {
     SystemParts system;
@@ -46,7 +42,7 @@ class AppModel : public QObject {
     std::string logPath;                          ///< of what openLog() opens
     std::string llmBase;                          ///< of the provider; empty: the default one
     std::string clientHeader;                     ///< how the app presents itself to the service
-    Clock::Duration manifestInterval = kManifestInterval;
+    Clock::Duration manifestInterval = Releases::kManifestInterval;
   };
   explicit AppModel(Parts parts);
   ~AppModel() override;
@@ -66,8 +62,6 @@ class AppModel : public QObject {
   const StoredSecrets& storedSecrets() const { return storedSecrets_; }
   /// The path of the browser tool, as last looked for; absent when there is none.
   const std::optional<std::string>& egoPath() const { return egoPath_; }
-  const std::optional<AppManifest>& manifest() const { return manifest_; }
-  bool updateAvailable() const { return updateAvailable_; }
   const PairingState& pairing() const { return pairFlow_.state(); }
   /// A pairing was begun, and the server has not answered yet.
   bool isAskingForCode() const { return isAskingForCode_; }
@@ -88,10 +82,6 @@ class AppModel : public QObject {
   const std::optional<std::string>& removalReport() const { return removalReport_; }
   std::optional<SecretPlace> secretPlace() const { return settings().secretPlace(); }
   bool launchesAtLogin() const { return loginItems_->isEnabled(); }
-  /// Where the newest release can be had, and the browser tool; absent when the manifest names
-  /// none, or one that must not be opened.
-  std::optional<std::string> downloadURL() const;
-  std::optional<std::string> egoInstallURL() const;
   const std::string& browserPackage() const { return browserPackage_; }
 
   const SettingsStore& settings() const { return *settings_; }
@@ -99,6 +89,8 @@ class AppModel : public QObject {
   const DriverSupervisor& supervisor() const { return supervisor_; }
   DriverSupervisor& supervisor() { return supervisor_; }
   LegacyImport& legacyImport() { return legacyImport_; }
+  const Releases& releases() const { return releases_; }
+  Releases& releases() { return releases_; }
   Clock& clock() const { return *clock_; }
 
   // What the user can do.
@@ -118,12 +110,8 @@ class AppModel : public QObject {
   void saveKey(const std::string& llmKey);
   void setLaunchAtLogin(bool launch);
   void openLog();
-  /// These open downloadURL(), egoInstallURL() and the approve page of the pairing that waits; each
-  /// does nothing while there is none.
-  void openDownload();
-  void openEgoInstall();
+  /// Opens the approve page of the pairing that waits; does nothing while there is none.
   void openVerifyURL();
-  void refreshManifest();
   /// Calls off whatever waits for the user: a pairing, a connect, a window of the keyring.
   void cancelAttempts();
 
@@ -143,29 +131,20 @@ class AppModel : public QObject {
   void secretFailed(const char* what, const SecretError& error, IsOver isOver);
   void forgetFailures();
   void removed(const Removal::Left& left);
-  void takeManifest(const AppManifest& manifest);
   void endKeyCheck(std::uint64_t check);
-  void provideConfig(const DriverSupervisor::ConfigReply& reply) const;
-  std::optional<DriverConfig> configOf(const std::string& token, const std::string& key) const;
-  DriverSupervisor::ConfigProvider configProvider();
   void connected(const ConnectResult& result);
-  void scheduleManifest();
 
   const std::shared_ptr<Clock> clock_;
   const std::shared_ptr<DriverLog> log_;
   const std::unique_ptr<SettingsStore> settings_;
   const std::shared_ptr<SecretStore> secrets_;
   const std::shared_ptr<LoginItemManaging> loginItems_;
-  const std::unique_ptr<UpdateChecker> updateChecker_;
   const std::unique_ptr<WakeMonitor> wakeMonitor_;
   const std::unique_ptr<PathMonitor> pathMonitor_;
   const ConnectFlow::EgoPath findEgo_;
   const PairFlow::OpenURL openURL_;
   const std::string logPath_;
-  const std::string llmBase_;
-  const std::string clientHeader_;
   const std::string browserPackage_;
-  const Clock::Duration manifestInterval_;
 
   StoredSecrets storedSecrets_;
   DriverSupervisor supervisor_;
@@ -174,15 +153,13 @@ class AppModel : public QObject {
   PairFlow pairFlow_;
   Onboarding onboarding_;
   LegacyImport legacyImport_;
+  ConfigSource configSource_;
   Removal removal_;
+  Releases releases_;
 
   std::function<void(bool)> launchDone_;  ///< until it was called
   std::optional<bool> lastPathSatisfied_;
   std::optional<std::string> egoPath_;
-  std::optional<AppManifest> manifest_;
-  bool updateAvailable_ = false;
-  std::optional<Clock::TimePoint> lastManifest_;  ///< when it was asked for
-  std::shared_ptr<ClockToken> manifestToken_;
   std::optional<StatusText> connectFailure_;
   std::optional<std::string> secretFailure_;
   IsOver isSecretFailureOver_;

@@ -98,7 +98,7 @@ Headline headlineOf(const AppModel& model) {
 }
 
 std::string browserAdvice(const AppModel& model) {
-  if (model.egoInstallURL() || model.browserPackage().empty()) return "";
+  if (model.releases().egoInstallURL() || model.browserPackage().empty()) return "";
   return fmt::format("The package {} will do, too.", model.browserPackage());
 }
 

@@ -58,7 +58,8 @@ std::string statusReport(const AppModel& model, bool isPopoverVisible) {
   JV::Object report{
       {"connection", nameOf(connection)},
       {"word", wordOf(connection)},
-      {"tooltip", tooltipOf(connection, supervisor.busyLanes(), model.updateAvailable())},
+      {"tooltip",
+       tooltipOf(connection, supervisor.busyLanes(), model.releases().updateAvailable())},
       {"icon", nameOf(connection)},
       {"server", withoutUserInfo(model.settings().serverURL())},
       {"user", orNull(supervisor.username())},
@@ -75,7 +76,7 @@ std::string statusReport(const AppModel& model, bool isPopoverVisible) {
       {"title", headline.title},
       {"detail", headline.detail},
       {"action", nameOf(headline.action)},
-      {"updateAvailable", model.updateAvailable()},
+      {"updateAvailable", model.releases().updateAvailable()},
       {"pairing", pairingOf(model)},
       {"secretStore", secretStoreOf(model)},
       {"spacesHolder", supervisor.spacesHolder().empty() ? JV() : JV(supervisor.spacesHolder())},

@@ -21,8 +21,8 @@ QString accountOf(const AppModel& model) {
 
 /// Whether a click on the button would do anything.
 bool isPossible(Action action, const AppModel& model) {
-  if (action == Action::downloadUpdate) return model.downloadURL().has_value();
-  if (action == Action::installEgo) return model.egoInstallURL().has_value();
+  if (action == Action::downloadUpdate) return model.releases().downloadURL().has_value();
+  if (action == Action::installEgo) return model.releases().egoInstallURL().has_value();
   return action != Action::none;
 }
 
@@ -134,9 +134,9 @@ void HeaderView::act() {
     case Action::unlock:
       return model_.unlockSecrets();
     case Action::installEgo:
-      return model_.openEgoInstall();
+      return model_.releases().openEgoInstall();
     case Action::downloadUpdate:
-      return model_.openDownload();
+      return model_.releases().openDownload();
     case Action::retryNow:
       return model_.supervisor().kick();
     case Action::setUp:

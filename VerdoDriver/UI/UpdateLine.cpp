@@ -10,8 +10,8 @@ UpdateLine::UpdateLine(AppModel& model, QWidget* parent)
     : QWidget(parent),
       model_(model),
       text_(new Label(Label::Style::text, Label::Fit::elide, this)),
-      download_(
-          new Button(Button::Kind::plain, "Download", this, [this] { model_.openDownload(); })) {
+      download_(new Button(Button::Kind::plain, "Download", this,
+                           [this] { model_.releases().openDownload(); })) {
   auto* layout = Look::row();
   setLayout(layout);
   layout->setContentsMargins(Look::kMargin, Look::kGrid, Look::kMargin, Look::kGrid);
@@ -20,14 +20,14 @@ UpdateLine::UpdateLine(AppModel& model, QWidget* parent)
 }
 
 void UpdateLine::refresh() {
-  setVisible(model_.updateAvailable());
-  if (!model_.updateAvailable()) return;
-  const auto& manifest = model_.manifest();
+  setVisible(model_.releases().updateAvailable());
+  if (!model_.releases().updateAvailable()) return;
+  const auto& manifest = model_.releases().manifest();
   const QString version = manifest && manifest->appVersion
                               ? "Version " + Look::shown(*manifest->appVersion, 24)
                               : QString("A new version");
   text_->tell(version + " is available");
-  download_->setVisible(model_.downloadURL().has_value());
+  download_->setVisible(model_.releases().downloadURL().has_value());
 }
 
 }  // namespace verdo

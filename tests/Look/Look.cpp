@@ -236,8 +236,8 @@ const std::vector<Scene>& scenes() {
          service.manifest().patch(
              {{"app_version", "2026.10.01"}, {"dmg_url", "https://verdo.example/driver"}});
          app.setUp(service.url());
-         app.model.refreshManifest();
-         EXPECT_TRUE(spinUntil([&] { return app.model.updateAvailable(); }));
+         app.model.releases().refresh();
+         EXPECT_TRUE(spinUntil([&] { return app.model.releases().updateAvailable(); }));
          app.model.settings().setServerURL(ScriptedModel::kServer);
          app.goOnline();
        }},

@@ -230,10 +230,10 @@ TEST_F(AppModelTest, OffersAnAddressThatItMustNotOpenOrRefusesItTimeAndAgain) {
   settings.setAutoStart(false);
   store("token-1234");
   launch();
-  ASSERT_TRUE(spinUntil([&] { return model->manifest().has_value(); }));
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(model->downloadURL(), std::nullopt);
-  model->openDownload();
-  model->openEgoInstall();
+  ASSERT_TRUE(spinUntil([&] { return model->releases().manifest().has_value(); }));
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(model->releases().downloadURL(), std::nullopt);
+  model->releases().openDownload();
+  model->releases().openEgoInstall();
   EXPECT_EQ(opened, std::vector<std::string>{"https://ego.example/install"});
   model->openLog();
   EXPECT_EQ(opened.back(), "file:///a%20%231/log") << "opens another place";

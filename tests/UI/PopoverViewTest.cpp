@@ -294,7 +294,7 @@ TEST_F(PopoverViewTest, LeavesAUserWithoutABrowserToolAloneOrNamesTwo) {
   EXPECT_TRUE(window.label("The package verdo-browser will do, too."));
   EXPECT_FALSE(window.button("Install"));
   service.manifest().patch({{"ego_install_url", service.url() + "/ego"}});
-  app.model.refreshManifest();
+  app.model.releases().refresh();
   ASSERT_TRUE(spinUntil([&] { return window.button("Install") != nullptr; }));
   EXPECT_FALSE(window.label("verdo-browser"));
   app.opened.clear();
