@@ -39,6 +39,7 @@ void AppDelegate::sessionEnds() {
 
 void AppDelegate::displayIsLost() {
   AppLog::lifecycle.error("[AppDelegate] the display is gone — stopping the driver");
+  model_.checkup().close();
   model_.supervisor().endRunsNow(kSessionEndLimit);
 }
 

@@ -61,6 +61,8 @@ constexpr const char* kDoesNotAnswer = "verdo-driver-app: an app is running, but
 
 /// For the secret queue before the process ends.
 constexpr std::chrono::milliseconds kSecretLimit{500};
+/// For a check that the user has begun, which may have to end an executor.
+constexpr std::chrono::seconds kCheckupLimit{6};
 
 bool has(std::span<char*> arguments, std::string_view option) {
   return std::any_of(arguments.begin(), arguments.end(),
@@ -153,6 +155,7 @@ int run(int argc, char** argv, const AppDelegate::Options& options) {
                    [&delegate] { delegate.sessionEnds(); });
   const DisplayLoss displayLoss([&] {
     delegate.displayIsLost();
+    model->checkup().end(kCheckupLimit);
     endProcess(1, *log, *nativeSettings());
   });
   delegate.didFinishLaunching(options);
@@ -160,6 +163,7 @@ int run(int argc, char** argv, const AppDelegate::Options& options) {
   const int status = QApplication::exec();
   AppLog::lifecycle.info("[AppDelegate] terminated");
   endSecretWork(kSecretLimit);
+  model->checkup().end(kCheckupLimit);
   endProcess(status, *log, *nativeSettings());
 }
 

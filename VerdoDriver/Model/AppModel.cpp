@@ -56,6 +56,9 @@ AppModel::AppModel(Parts parts)
                  .clock = clock_,
                  .openURL = openURL_,
                  .manifestInterval = parts.manifestInterval}),
+      checkup_({.source = &configSource_,
+                .settings = settings_.get(),
+                .factory = std::move(parts.factory)}),
       egoPath_(findEgo_()) {
   wire();
 }
@@ -107,6 +110,7 @@ void AppModel::wire() {
   });
   QObject::connect(&legacyImport_, &LegacyImport::changed, this, &AppModel::touch);
   QObject::connect(&releases_, &Releases::changed, this, &AppModel::touch);
+  QObject::connect(&checkup_, &Checkup::changed, this, &AppModel::touch);
   secrets_->listen([this](SecretEvent event) { heard(event); });
 }
 
@@ -371,6 +375,7 @@ void AppModel::cancelAttempts() {
   onboarding_.cancel();
   connectFlow_.cancel();
   secrets_->cancelPrompt();
+  checkup_.close();
 }
 
 }  // namespace verdo

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "VerdoDriver/Model/Checkup.h"
 #include "VerdoDriver/Model/ConfigSource.h"
 #include "VerdoDriver/Model/Connection.h"
 #include "VerdoDriver/Model/DriverSupervisor.h"
@@ -91,6 +92,8 @@ class AppModel : public QObject {
   LegacyImport& legacyImport() { return legacyImport_; }
   const Releases& releases() const { return releases_; }
   Releases& releases() { return releases_; }
+  const Checkup& checkup() const { return checkup_; }
+  Checkup& checkup() { return checkup_; }
   Clock& clock() const { return *clock_; }
 
   // What the user can do.
@@ -112,7 +115,8 @@ class AppModel : public QObject {
   void openLog();
   /// Opens the approve page of the pairing that waits; does nothing while there is none.
   void openVerifyURL();
-  /// Calls off whatever waits for the user: a pairing, a connect, a window of the keyring.
+  /// Calls off whatever waits for the user, or works for nobody else: a pairing, a connect, a
+  /// window of the keyring, a check.
   void cancelAttempts();
 
  Q_SIGNALS:
@@ -147,15 +151,16 @@ class AppModel : public QObject {
   const std::string browserPackage_;
 
   StoredSecrets storedSecrets_;
+  ConfigSource configSource_;
   DriverSupervisor supervisor_;
   KeepAwakeController keepAwake_;
   ConnectFlow connectFlow_;
   PairFlow pairFlow_;
   Onboarding onboarding_;
   LegacyImport legacyImport_;
-  ConfigSource configSource_;
   Removal removal_;
   Releases releases_;
+  Checkup checkup_;
 
   std::function<void(bool)> launchDone_;  ///< until it was called
   std::optional<bool> lastPathSatisfied_;

@@ -6,6 +6,7 @@
 #include "VerdoDriverCore/Contract/DriverObserver.h"
 #include "VerdoDriverCore/Contract/ExitReason.h"
 #include "VerdoDriverCore/Contract/Timings.h"
+#include "VerdoDriverCore/Doctor/Doctor.h"
 
 #include <memory>
 #include <string>
@@ -31,7 +32,17 @@ class DriverHandle {
   virtual void networkChanged() = 0;
 };
 
-/// Makes driver runs; a seam for tests. Main thread only.
+/// An examination as the app sees it: see Doctor.
+class DoctorHandle {
+ public:
+  virtual ~DoctorHandle() = default;
+  /// Makes all checks and tells of each, on the caller's thread. Called once.
+  virtual void run(const Doctor::OnFinding& onFinding) = 0;
+  /// Makes run() return soon. Never waits; any thread, at any time.
+  virtual void stop() = 0;
+};
+
+/// Makes driver runs, and what examines whether one would work; a seam for tests. Main thread only.
 class DriverFactory {
  public:
   virtual ~DriverFactory() = default;
@@ -39,6 +50,8 @@ class DriverFactory {
   virtual std::shared_ptr<DriverHandle> makeDriver(const DriverConfig& config,
                                                    std::shared_ptr<DriverLog> log,
                                                    std::weak_ptr<DriverObserver> observer) = 0;
+  /// Examines what a run with the configuration of these options would be made with.
+  virtual std::shared_ptr<DoctorHandle> makeDoctor(const Doctor::Options& options) = 0;
 };
 
 /// Runs of the driver itself.
@@ -54,8 +67,11 @@ class RealDriverFactory : public DriverFactory {
   std::shared_ptr<DriverHandle> makeDriver(const DriverConfig& config,
                                            std::shared_ptr<DriverLog> log,
                                            std::weak_ptr<DriverObserver> observer) override;
+  std::shared_ptr<DoctorHandle> makeDoctor(const Doctor::Options& options) override;
 
  private:
+  DriverConfig onThisComputer(const DriverConfig& config) const;
+
   const ProxyFor proxyFor_;
   const Timings timings_;
   const std::string extraCaCertPath_;

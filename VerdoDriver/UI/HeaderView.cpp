@@ -11,6 +11,8 @@ namespace {
 
 using Action = Headline::Action;
 
+constexpr int kGap = 12;  ///< between the shape and the texts
+
 /// "ada · verdo.example", or the one of the two that is known.
 QString accountOf(const AppModel& model) {
   const auto url = Url::parse(model.settings().serverURL());
@@ -24,6 +26,14 @@ bool isPossible(Action action, const AppModel& model) {
   if (action == Action::downloadUpdate) return model.releases().downloadURL().has_value();
   if (action == Action::installEgo) return model.releases().egoInstallURL().has_value();
   return action != Action::none;
+}
+
+/// The driver does not do its work, and nothing is under way that may change that by itself soon.
+bool isInTrouble(const AppModel& model) {
+  if (model.isRemoving() || model.supervisor().isStopping()) return false;
+  const auto connection = model.connection();
+  return connection == Connection::offline || connection == Connection::stopped ||
+         model.supervisor().retry() || model.connectFailure();
 }
 
 /// What becomes of the browser's task spaces while another driver looks after them.
@@ -57,7 +67,9 @@ HeaderView::HeaderView(AppModel& model, const PopoverHost& host, QWidget* parent
           new Button(Button::Kind::plain, "Start", buttons_, [this] { model_.restartDriver(); })),
       restart_(
           new Button(Button::Kind::plain, "Restart", buttons_, [this] { model_.restartDriver(); })),
-      stop_(new Button(Button::Kind::plain, "Stop", buttons_, [this] { model_.stopDriver(); })) {
+      stop_(new Button(Button::Kind::plain, "Stop", buttons_, [this] { model_.stopDriver(); })),
+      check_(new Button(Button::Kind::quiet, "Something wrong? Check", this,
+                        [this] { model_.checkup().begin(); })) {
   shape_->setFixedSize(Look::kShape, Look::kShape);
 
   auto* texts = new QVBoxLayout;
@@ -73,11 +85,20 @@ HeaderView::HeaderView(AppModel& model, const PopoverHost& host, QWidget* parent
   buttons->addStretch();
   texts->addWidget(buttons_);
 
-  auto* layout = new QHBoxLayout(this);
-  layout->setContentsMargins(Look::kMargin, Look::kMargin, Look::kMargin, Look::kMargin);
-  layout->setSpacing(12);
-  layout->addWidget(shape_, 0, Qt::AlignTop);
-  layout->addLayout(texts, 1);
+  auto* head = Look::row();
+  head->setSpacing(kGap);
+  head->addWidget(shape_, 0, Qt::AlignTop);
+  head->addLayout(texts, 1);
+  auto* check = Look::row();
+  // A quiet button's text, not its edge, stands below the others.
+  check->setContentsMargins(Look::kShape + kGap - Look::kGrid, 0, 0, 0);
+  check->addWidget(check_);
+  check->addStretch();
+  auto* rows = Look::column(this);
+  rows->setContentsMargins(Look::kMargin, Look::kMargin, Look::kMargin, Look::kMargin);
+  rows->setSpacing(Look::kGrid / 2);
+  rows->addLayout(head);
+  rows->addLayout(check);
 }
 
 void HeaderView::refresh(bool isSetupOpen) {
@@ -100,6 +121,7 @@ void HeaderView::refresh(bool isSetupOpen) {
   secretFailure_->tell(model_.secretFailure().value_or(""));
   prompt_->tell(QString(model_.isPromptOpen() ? kSecretPromptText : ""));
   refreshButtons(headline, isSetupOpen);
+  check_->setVisible(isInTrouble(model_) && model_.checkup().state() == Checkup::State::closed);
   buttons_->setEnabled(!model_.isRemoving());
 }
 

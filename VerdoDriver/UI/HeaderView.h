@@ -54,6 +54,7 @@ class HeaderView : public QWidget {
   Button* start_;
   Button* restart_;
   Button* stop_;
+  Button* check_;
 };
 
 }  // namespace verdo

@@ -71,7 +71,7 @@ int Label::heightForWidth(int width) const {
 
 /// As much of the text as there is room for.
 QString Label::fitting(int width) const {
-  if (fit_ == Fit::elide) return fontMetrics().elidedText(text(), Qt::ElideMiddle, width);
+  if (fit_ == Fit::elide) return fontMetrics().elidedText(text(), Qt::ElideMiddle, width - 1);
   QTextLayout layout(text(), font());
   breakLines(layout, width, kMaxLines + 1);
   if (layout.lineCount() <= kMaxLines) return text();

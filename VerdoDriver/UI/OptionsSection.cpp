@@ -29,10 +29,13 @@ OptionsSection::OptionsSection(AppModel& model, QWidget* parent)
       autoStart_(new CheckBox("Start automatically", bodyWidget())),
       keepAwake_(new QComboBox(bodyWidget())),
       secretPlace_(new Label(Label::Style::fact, Label::Fit::wrap, bodyWidget())),
+      check_(new Button(Button::Kind::plain, "Check the driver", bodyWidget(),
+                        [this] { model_.checkup().begin(); })),
       removeAll_(new Button(Button::Kind::plain, "Remove everything…", bodyWidget(),
                             [this] { confirm_->ask(kRemovalQuestion); })),
       confirm_(new Confirm("Remove", bodyWidget(), [this] { model_.removeEverything(); })) {
   for (CheckBox* box : {launchAtLogin_, autoStart_}) body()->addWidget(box);
+  check_->setAccessibleDescription("Looks for what keeps it from working");
   autoStart_->setAccessibleDescription("Connects as soon as the app runs");
   for (const auto mode : kKeepAwakeModes) keepAwake_->addItem(wordsFor(mode));
   keepAwake_->setFixedHeight(Look::kRow);
@@ -47,6 +50,8 @@ OptionsSection::OptionsSection(AppModel& model, QWidget* parent)
   body()->addSpacing(Look::kGrid / 2);
   body()->addWidget(secretPlace_);
   body()->addSpacing(Look::kGrid / 2);
+  body()->addWidget(check_, 0, Qt::AlignLeft);
+  body()->addSpacing(Look::kGrid);
   body()->addWidget(removeAll_, 0, Qt::AlignLeft);
   body()->addWidget(confirm_);
 

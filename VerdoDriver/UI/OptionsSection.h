@@ -29,6 +29,7 @@ class OptionsSection : public Fold {
   CheckBox* autoStart_;
   QComboBox* keepAwake_;
   Label* secretPlace_;
+  Button* check_;
   Button* removeAll_;
   Confirm* confirm_;
 };

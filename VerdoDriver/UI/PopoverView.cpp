@@ -1,6 +1,7 @@
 #include "VerdoDriver/UI/PopoverView.h"
 
 #include "VerdoDriver/Model/Headline.h"
+#include "VerdoDriver/UI/CheckupView.h"
 #include "VerdoDriver/UI/Footer.h"
 #include "VerdoDriver/UI/Hairline.h"
 #include "VerdoDriver/UI/HeaderView.h"
@@ -32,6 +33,8 @@ PopoverView::PopoverView(AppModel& model, const PopoverHost& host, QWidget* pare
       header_(new HeaderView(model, host, content_)),
       updateHairline_(new Hairline(content_)),
       update_(new UpdateLine(model, content_)),
+      checkupLine_(new Hairline(content_)),
+      checkup_(new CheckupView(model, content_)),
       setup_(new SetupSection(model, host.defaultServerURL, content_)),
       options_(new OptionsSection(model, content_)),
       footer_(new Footer(model, host, content_)) {
@@ -41,7 +44,8 @@ PopoverView::PopoverView(AppModel& model, const PopoverHost& host, QWidget* pare
   rows->setSpacing(0);
   for (QWidget* widget : {static_cast<QWidget*>(migration_), static_cast<QWidget*>(migrationLine_),
                           static_cast<QWidget*>(header_), static_cast<QWidget*>(updateHairline_),
-                          static_cast<QWidget*>(update_)}) {
+                          static_cast<QWidget*>(update_), static_cast<QWidget*>(checkupLine_),
+                          static_cast<QWidget*>(checkup_)}) {
     rows->addWidget(widget);
   }
   rows->addWidget(new Hairline(content_));
@@ -70,6 +74,9 @@ PopoverView::PopoverView(AppModel& model, const PopoverHost& host, QWidget* pare
     if (isVisible()) refresh();
   });
   connect(header_, &HeaderView::setupWanted, setup_, &SetupSection::lead);
+  connect(
+      checkup_, &CheckupView::opened, this, [this] { scroll_->ensureWidgetVisible(checkup_); },
+      Qt::QueuedConnection);  // once it has its place
   connect(setup_, &SetupSection::turned, this, [this] { header_->refresh(setup_->isOpen()); });
 }
 
@@ -124,6 +131,8 @@ void PopoverView::refresh() {
   header_->refresh(setup_->isOpen());
   update_->refresh();
   updateHairline_->setVisible(!update_->isHidden());
+  checkup_->refresh();
+  checkupLine_->setVisible(!checkup_->isHidden());
   options_->refresh();
   footer_->refresh();
   if (!isCounting()) {

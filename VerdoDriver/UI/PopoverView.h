@@ -10,6 +10,7 @@ class QScrollArea;
 
 namespace verdo {
 
+class CheckupView;
 class Footer;
 class Hairline;
 class HeaderView;
@@ -54,6 +55,8 @@ class PopoverView : public QWidget {
   HeaderView* header_;
   Hairline* updateHairline_;
   UpdateLine* update_;
+  Hairline* checkupLine_;
+  CheckupView* checkup_;
   SetupSection* setup_;
   OptionsSection* options_;
   Footer* footer_;

@@ -59,6 +59,49 @@ void legacy(ScriptedModel& app) {
   app.model.legacyImport().detect();
 }
 
+/// A check that has come so far.
+void check(ScriptedModel& app, const std::vector<Finding>& findings, bool isOver = true) {
+  app.model.checkup().begin();
+  auto& doctor = app.doctor();
+  for (const auto& finding : findings) doctor.find(finding);
+  if (isOver) doctor.end();
+  EXPECT_TRUE(spinUntil([&] {
+    return app.model.checkup().findings().size() == findings.size() &&
+           (app.model.checkup().state() == Checkup::State::done) == isOver;
+  }));
+}
+
+std::vector<Finding> well() {
+  return {Finding::ok("configuration", "complete"),
+          Finding::ok("server address", ScriptedModel::kServer),
+          Finding::ok("name resolution", "verdo.example resolves", "192.0.2.1"),
+          Finding::ok("proxy", "none is used"),
+          Finding::ok("connection", "made"),
+          Finding::ok("TLS", "the server's certificate is trusted"),
+          Finding::warning("clock", "this computer's clock is 60 minutes ahead of the server's",
+                           "Set the clock, or have it set over the network (timedatectl set-ntp "
+                           "true): links and certificates run out at the wrong time."),
+          Finding::ok("hello", "the service knows this driver, for 4 job(s) at once"),
+          Finding::ok("executor", "/usr/bin/ego-browser answers, with 2 task space(s)"),
+          Finding::ok("LLM key", "the provider accepts it"),
+          Finding::ok("secret store", "the keyring is open", "gnome-keyring-daemon"),
+          Finding::ok("disk", "81204 MB free in /home/ada/.cache/verdo")};
+}
+
+std::vector<Finding> unreachable(const std::string& said) {
+  auto findings = well();
+  findings.resize(4);
+  findings.push_back(Finding::failed(
+      "connection", "port 443 of the server cannot be reached",
+      "Check that this computer is online, and that no firewall (or a missing proxy or VPN) is in "
+      "the way.",
+      said));
+  for (const char* name : {"TLS", "clock", "hello"}) {
+    findings.push_back(Finding::skipped(name, "connection has failed"));
+  }
+  return findings;
+}
+
 const std::vector<Scene>& scenes() {
   static const std::vector<Scene> all{
       {"not-set-up", [](auto& app, auto&) { app.askStore(); }},
@@ -240,6 +283,25 @@ const std::vector<Scene>& scenes() {
          EXPECT_TRUE(spinUntil([&] { return app.model.releases().updateAvailable(); }));
          app.model.settings().setServerURL(ScriptedModel::kServer);
          app.goOnline();
+       }},
+      {"check-running",
+       [](auto& app, auto&) {
+         stopped(app, ExitReason::serverUnreachable(kLong));
+         check(app, unreachable(kLong), false);
+       }},
+      {"check-failed",
+       [](auto& app, auto&) {
+         stopped(app, ExitReason::serverUnreachable("Connection timed out"));
+         auto findings = unreachable("URLError: Failed to connect to verdo.example port 443");
+         const auto rest = well();
+         findings.insert(findings.end(), rest.begin() + 8, rest.end());
+         check(app, findings);
+       }},
+      {"check-well",
+       [](auto& app, auto&) {
+         app.setUp();
+         app.goOnline();
+         check(app, well());
        }},
       {"right-to-left",
        [](auto& app, auto&) {

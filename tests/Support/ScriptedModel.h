@@ -66,6 +66,11 @@ class ScriptedModel {
     factory->runs.back()->end(reason);
     EXPECT_TRUE(spinUntil([&] { return !model.supervisor().hasCurrentRun(); }));
   }
+  /// Waits for the doctor of a check that was begun.
+  ScriptedDoctor& doctor(std::size_t number = 1) {
+    EXPECT_TRUE(spinUntil([&] { return factory->doctors.size() == number; }));
+    return *factory->doctors.back();
+  }
   /// Pairs up to the code.
   void pair(const std::string& code = "K7QM-2XWA") {
     model.startPairing(kServer, false, "sk-typed");

@@ -3,6 +3,8 @@
 #include "tests/Support/PopoverWindow.h"
 
 #include <QAccessible>
+#include <QClipboard>
+#include <QGuiApplication>
 #include <QTimer>
 
 namespace verdo::test {
@@ -141,6 +143,9 @@ TEST_F(PopoverViewTest, HasAControlWithoutNameOrOutOfTheReachOfKeys) {
   window.press("Options");
   window.type("DeepSeek key", "sk-other");
   app.goOnline();
+  app.model.checkup().begin();
+  app.doctor().end();
+  ASSERT_TRUE(spinUntil([&] { return window.button("Check again") != nullptr; }));
   int controls = 0;
   for (const auto* control : window.view->findChildren<QWidget*>()) {
     if (!control->isVisible() || !(control->focusPolicy() & Qt::TabFocus)) {
@@ -153,7 +158,7 @@ TEST_F(PopoverViewTest, HasAControlWithoutNameOrOutOfTheReachOfKeys) {
     ASSERT_TRUE(iface) << control->metaObject()->className();
     EXPECT_FALSE(iface->text(QAccessible::Name).isEmpty()) << control->metaObject()->className();
   }
-  EXPECT_GE(controls, 14);
+  EXPECT_GE(controls, 18);
 
   // The tab key goes down the screen.
   QPoint last(-1, -1);
@@ -201,6 +206,67 @@ TEST_F(PopoverViewTest, QuitsWhileBusyWithoutAskingOrAsksTwice) {
   EXPECT_EQ(window.quits, 3);
   app.model.stopDriver();  // no clock shows it
   EXPECT_TRUE(spinUntil([&] { return window.label("Stopping…") != nullptr; }));
+}
+
+TEST_F(PopoverViewTest, ChecksOutOfSightOrOutOfReach) {
+  const auto settle = [&] {
+    for (int i = 0; i < 3; ++i) spin();
+  };
+  show();
+  window.press("Options");
+  EXPECT_TRUE(window.button("Check the driver"));  // also without a setup
+  app.setUp();
+  app.goOnline();
+  settle();
+  EXPECT_FALSE(window.button("Something wrong? Check"));
+  app.observer()->driverRetrying("gone", 15);
+  settle();
+  EXPECT_TRUE(window.button("Something wrong? Check"));
+  app.end(ExitReason::tokenRevoked(""));
+  settle();
+  window.press("Something wrong? Check");
+  auto& doctor = app.doctor();
+  settle();
+  EXPECT_FALSE(window.button("Something wrong? Check") || window.button("Copy report"));
+  EXPECT_TRUE(window.label("Checking…"));
+  EXPECT_EQ(window.focusWidget(), window.button("Cancel"));
+
+  // What begins a browser may take the focus from the popover, which hides it.
+  window.hide();
+  doctor.find(Finding::ok("proxy", "none is used"));
+  doctor.find(Finding::failed("<b>TLS</b>", "not trusted", "Do not go on.", "who said so"));
+  doctor.find(Finding::skipped("hello", "TLS has failed"));
+  doctor.end();
+  ASSERT_TRUE(spinUntil([&] { return app.model.checkup().state() == Checkup::State::done; }));
+  show();
+  EXPECT_TRUE(window.label("One check has failed."));
+  for (const char* text : {"none is used", "<b>TLS</b>", "not trusted", "→ Do not go on.",
+                           "who said so", "not tried: TLS has failed"}) {
+    EXPECT_TRUE(window.label(text)) << text;
+  }
+  for (const auto& [sign, name] : {std::pair("✓", "ok"), {"✗", "failed"}, {"–", "skipped"}}) {
+    EXPECT_EQ(window.label(sign)->accessibleName(), name);
+  }
+  window.press("Copy report");
+  EXPECT_TRUE(window.button("Copied"));
+  EXPECT_EQ(QGuiApplication::clipboard()->text().toStdString(), app.model.checkup().report());
+  EXPECT_EQ(doctor.stops, 0);
+
+  window.press("Check again");
+  settle();
+  EXPECT_FALSE(window.label("not trusted"));
+  auto& second = app.doctor(2);
+  second.end();
+  ASSERT_TRUE(spinUntil([&] { return window.label("All that is needed works.") != nullptr; }));
+  EXPECT_TRUE(window.button("Copy report"));
+  window.press("Done");
+  settle();
+  EXPECT_FALSE(window.button("Check again"));
+  window.press("Something wrong? Check");
+  auto& third = app.doctor(3);
+  settle();
+  window.press("Cancel");
+  EXPECT_EQ(third.stops, 1);
 }
 
 TEST_F(PopoverViewTest, GoesOnSayingWhatIsNotTrueAnyMore) {

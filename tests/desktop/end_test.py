@@ -1,8 +1,9 @@
-"""Ends of the tray app that nobody asked it for."""
+"""Ends of the tray app: unasked for, and under a check."""
 
 import os
 import unittest
 
+from accessible import complaints
 from app import UNTIL_TOLD, App
 from desktop import wait_for
 
@@ -24,3 +25,22 @@ class EndTest(unittest.TestCase):
         self.assertEqual(app.child.wait(20), 1)
         self.assertFalse(os.path.exists(f"/proc/{job}"))
         self.assertIn("job 1: finished", app.text(".local/state/verdo-driver/driver.log"))
+
+    def test_leaves_a_check_behind(self):
+        app = self.app
+        app.configure()
+        app.start("--show")
+        app.wait(connection="online")
+        app.click("Stop")  # what it asks the executor itself would hold the quit up
+        app.wait(title="Stopped")
+        app.script("bin/ego-browser", "#!/bin/sh\ntrap '' TERM\necho $$ >$HOME/asked\n"
+                   "while :; do sleep 0.1; done\n")
+        app.click("Options")
+        app.click("Check the driver")
+        asked = int(wait_for(lambda: app.text("asked"), "the check of the executor"))
+        app.find("the service knows this driver.*", "label")
+        app.find("Cancel")
+        self.assertEqual(complaints(app.reader.shown()), [])
+        app.desktop.run(app.program, "--quit")
+        self.assertEqual(app.child.wait(20), 0)
+        self.assertFalse(os.path.exists(f"/proc/{asked}"))

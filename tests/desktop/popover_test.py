@@ -126,8 +126,14 @@ class PopoverTest(unittest.TestCase):
         self.check_walk("Restart", "Stop", "Setup", "Server URL", "DeepSeek key",
                         "Remove the DeepSeek key", "Connect to website", "Forget token", "Options",
                         "Launch at login", "Start automatically", "While connected",
-                        "Remove everything…", "Open log",
-                        "Quit")
+                        "Check the driver", "Remove everything…", "Open log", "Quit")
+        self.go("Check the driver")
+        app.type("<Return>")
+        app.find("All that is needed works.", seconds=20)
+        self.assertEqual(self.focused().name, "Done")
+        app.type("<Return>")
+        wait_for(lambda: "Done" not in {node.name for node in app.reader.shown()},
+                 "the end of the check")
         self.go("Launch at login")
         app.type("<space>")
         wait_for(lambda: os.listdir(app.desktop.make(".config/autostart")), "the autostart entry")
