@@ -28,11 +28,19 @@ void AppDelegate::didFinishLaunching(const Options& options) {
 }
 
 void AppDelegate::quit() {
+  isRestarting_ = false;
   AppLog::lifecycle.info("[AppDelegate] quit requested — stopping the driver first");
   stopWithin(DriverSupervisor::kStopTimeout);
 }
 
+void AppDelegate::restart() {
+  AppLog::lifecycle.info("[AppDelegate] restart requested — stopping the driver first");
+  isRestarting_ = true;
+  stopWithin(DriverSupervisor::kStopTimeout);
+}
+
 void AppDelegate::sessionEnds() {
+  isRestarting_ = false;
   AppLog::lifecycle.info("[AppDelegate] the session ends — stopping the driver first");
   stopWithin(kSessionEndLimit);
 }

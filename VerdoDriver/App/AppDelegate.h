@@ -26,6 +26,10 @@ class AppDelegate : public QObject {
   void didFinishLaunching(const Options& options);
   /// Stops the driver, for 75 s at most, and ends. Asking again changes nothing.
   void quit();
+  /// As quit(); but whoever ends the process starts the program anew, unless a wish to quit or the
+  /// end of the session comes meanwhile.
+  void restart();
+  bool isRestarting() const { return isRestarting_; }
   /// Stops the driver and ends within kSessionEndLimit; jobs that go on are killed.
   void sessionEnds();
   /// Stops the driver within kSessionEndLimit, and blocks until then: no event loop runs any more.
@@ -41,6 +45,7 @@ class AppDelegate : public QObject {
   MenuBarController& menuBar_;
   std::function<void()> end_;  ///< until it was called
   bool isStopping_ = false;
+  bool isRestarting_ = false;
   bool hasStopped_ = false;
 };
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 class QSettings;
 
 namespace verdo {
@@ -13,5 +15,9 @@ class FileLog;
 /// destructors of the libraries would run under the threads of a driver, or of a call to the
 /// keyring, that is still at work, and crash them.
 [[noreturn]] void endProcess(int status, FileLog& log, QSettings& settings);
+
+/// The same, but the program at this path goes on in the place of this one, in the same process and
+/// with its window open. Where it cannot be started, the program ends with status 1.
+[[noreturn]] void restartProcess(const std::string& program, FileLog& log, QSettings& settings);
 
 }  // namespace verdo

@@ -14,6 +14,7 @@
 #include "VerdoDriver/Platform/NativeSettings.h"
 #include "VerdoDriver/Platform/SystemIcon.h"
 #include "VerdoDriver/Platform/SystemLog.h"
+#include "VerdoDriver/Platform/SystemParts.h"
 #include "VerdoDriver/Platform/TrayWatch.h"
 #include "VerdoDriver/UI/PopoverView.h"
 #include "VerdoDriverCore/Contract/DriverConstants.h"
@@ -95,7 +96,10 @@ void serveControl(ControlServer& control, AppModel& model, MenuBarController& me
     menuBar.showPopover();
     return std::string("shown");
   });
-  control.handle("status", [&] { return statusReport(model, menuBar.isPopoverVisible()); });
+  control.handle("status", [&] {
+    model.releases().lookAtProgram();
+    return statusReport(model, menuBar.isPopoverVisible());
+  });
   control.handle("quit", [&delegate] {
     delegate.quit();
     return std::string("quitting");
@@ -118,6 +122,8 @@ int run(int argc, char** argv, const AppDelegate::Options& options) {
   QLocale::setDefault(QLocale::c());
   QGuiApplication::setLayoutDirection(Qt::LeftToRight);
 
+  const std::string program = programPath();  // before another one lies there
+
   ControlServer control;
   if (!control.listen(controlSocketPath())) {
     if (hasShownAnother()) return 0;
@@ -138,6 +144,7 @@ int run(int argc, char** argv, const AppDelegate::Options& options) {
   AppDelegate* running = nullptr;
   const PopoverHost host{
       .quit = [&running] { running->quit(); },
+      .restart = [&running] { running->restart(); },
       .shape =
           [](Connection connection, int size, double scale) {
             return StatusItemIconRenderer::pixmap(connection, false, size, scale);
@@ -164,6 +171,7 @@ int run(int argc, char** argv, const AppDelegate::Options& options) {
   AppLog::lifecycle.info("[AppDelegate] terminated");
   endSecretWork(kSecretLimit);
   model->checkup().end(kCheckupLimit);
+  if (delegate.isRestarting()) restartProcess(program, *log, *nativeSettings());
   endProcess(status, *log, *nativeSettings());
 }
 

@@ -55,6 +55,7 @@ AppModel::AppModel(Parts parts)
                  .settings = settings_.get(),
                  .clock = clock_,
                  .openURL = openURL_,
+                 .isProgramReplaced = std::move(parts.system.isProgramReplaced),
                  .manifestInterval = parts.manifestInterval}),
       checkup_({.source = &configSource_,
                 .settings = settings_.get(),

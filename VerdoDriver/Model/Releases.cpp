@@ -4,10 +4,12 @@
 #include "VerdoDriver/Model/SafeLink.h"
 
 #include <QPointer>
+#include <utility>
 
 namespace verdo {
 
 void Releases::refresh() {
+  lookAtProgram();
   if (parts_.settings->serverURL().empty()) return;
   lastManifest_ = parts_.clock->now();
   schedule();
@@ -20,7 +22,15 @@ void Releases::refresh() {
 void Releases::refreshIfOld() {
   const bool isOld =
       !lastManifest_ || parts_.clock->now() - *lastManifest_ >= parts_.manifestInterval;
-  if (isOld) refresh();
+  if (isOld) return refresh();
+  lookAtProgram();
+}
+
+void Releases::lookAtProgram() {
+  const bool isDue = parts_.isProgramReplaced && parts_.isProgramReplaced();
+  if (std::exchange(restartDue_, isDue) == isDue) return;
+  if (isDue) AppLog::update.info("[Releases] another program has taken this one's place");
+  Q_EMIT changed();
 }
 
 void Releases::updateWasNamed() {

@@ -77,6 +77,7 @@ std::string statusReport(const AppModel& model, bool isPopoverVisible) {
       {"detail", headline.detail},
       {"action", nameOf(headline.action)},
       {"updateAvailable", model.releases().updateAvailable()},
+      {"restartDue", model.releases().restartDue()},
       {"pairing", pairingOf(model)},
       {"secretStore", secretStoreOf(model)},
       {"spacesHolder", supervisor.spacesHolder().empty() ? JV() : JV(supervisor.spacesHolder())},

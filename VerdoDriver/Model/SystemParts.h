@@ -6,6 +6,7 @@
 #include "VerdoDriver/Model/SecretStore.h"
 #include "VerdoDriver/Model/SystemEvents.h"
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -21,6 +22,9 @@ struct SystemParts {
   std::unique_ptr<PathMonitor> pathMonitor;  ///< optional
   /// Of the package that brings a browser tool; empty where there is none.
   std::string browserPackage;
+  /// Whether another program lies where the running one was started from; not so once that is gone
+  /// for good. Cheap. Null where it cannot be told.
+  std::function<bool()> isProgramReplaced;
 };
 
 }  // namespace verdo

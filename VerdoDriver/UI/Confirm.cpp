@@ -8,6 +8,10 @@
 
 namespace verdo {
 
+QString jobsRunning(std::size_t jobs) {
+  return jobs == 1 ? QString("A job is running") : QString("%1 jobs are running").arg(jobs);
+}
+
 Confirm::Confirm(const QString& verb, QWidget* parent, std::function<void()> action)
     : QWidget(parent),
       action_(std::move(action)),

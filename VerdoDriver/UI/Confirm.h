@@ -1,12 +1,16 @@
 #pragma once
 
 #include <QWidget>
+#include <cstddef>
 #include <functional>
 
 namespace verdo {
 
 class Button;
 class Label;
+
+/// "A job is running", or how many are, for a question about them.
+QString jobsRunning(std::size_t jobs);
 
 /// Asks once more, in place, before something that cannot be undone. Hidden until it asks.
 class Confirm : public QWidget {

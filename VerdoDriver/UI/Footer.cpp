@@ -36,8 +36,7 @@ Footer::Footer(AppModel& model, const PopoverHost& host, QWidget* parent)
 void Footer::quit() {
   const auto jobs = model_.supervisor().busyLanes().size();
   if (jobs == 0 || model_.supervisor().isStopping()) return host_.quit();
-  confirm_->ask(QString("%1 running. Quit anyway?")
-                    .arg(jobs == 1 ? QString("A job is") : QString("%1 jobs are").arg(jobs)));
+  confirm_->ask(jobsRunning(jobs) + ". Quit anyway?");
 }
 
 void Footer::refresh() {

@@ -8,6 +8,7 @@
 #include "VerdoDriver/UI/Look.h"
 #include "VerdoDriver/UI/MigrationBanner.h"
 #include "VerdoDriver/UI/OptionsSection.h"
+#include "VerdoDriver/UI/RestartLine.h"
 #include "VerdoDriver/UI/SetupSection.h"
 #include "VerdoDriver/UI/UpdateLine.h"
 
@@ -32,6 +33,7 @@ PopoverView::PopoverView(AppModel& model, const PopoverHost& host, QWidget* pare
       migrationLine_(new Hairline(content_)),
       header_(new HeaderView(model, host, content_)),
       updateHairline_(new Hairline(content_)),
+      restart_(new RestartLine(model, host, content_)),
       update_(new UpdateLine(model, content_)),
       checkupLine_(new Hairline(content_)),
       checkup_(new CheckupView(model, content_)),
@@ -44,8 +46,8 @@ PopoverView::PopoverView(AppModel& model, const PopoverHost& host, QWidget* pare
   rows->setSpacing(0);
   for (QWidget* widget : {static_cast<QWidget*>(migration_), static_cast<QWidget*>(migrationLine_),
                           static_cast<QWidget*>(header_), static_cast<QWidget*>(updateHairline_),
-                          static_cast<QWidget*>(update_), static_cast<QWidget*>(checkupLine_),
-                          static_cast<QWidget*>(checkup_)}) {
+                          static_cast<QWidget*>(restart_), static_cast<QWidget*>(update_),
+                          static_cast<QWidget*>(checkupLine_), static_cast<QWidget*>(checkup_)}) {
     rows->addWidget(widget);
   }
   rows->addWidget(new Hairline(content_));
@@ -130,7 +132,8 @@ void PopoverView::refresh() {
   setup_->refresh();
   header_->refresh(setup_->isOpen());
   update_->refresh();
-  updateHairline_->setVisible(!update_->isHidden());
+  restart_->refresh();
+  updateHairline_->setVisible(!update_->isHidden() || !restart_->isHidden());
   checkup_->refresh();
   checkupLine_->setVisible(!checkup_->isHidden());
   options_->refresh();

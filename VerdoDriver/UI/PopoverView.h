@@ -16,6 +16,7 @@ class Hairline;
 class HeaderView;
 class MigrationBanner;
 class OptionsSection;
+class RestartLine;
 class SetupSection;
 class UpdateLine;
 
@@ -54,6 +55,7 @@ class PopoverView : public QWidget {
   Hairline* migrationLine_;
   HeaderView* header_;
   Hairline* updateHairline_;
+  RestartLine* restart_;
   UpdateLine* update_;
   Hairline* checkupLine_;
   CheckupView* checkup_;

@@ -20,8 +20,10 @@ UpdateLine::UpdateLine(AppModel& model, QWidget* parent)
 }
 
 void UpdateLine::refresh() {
-  setVisible(model_.releases().updateAvailable());
-  if (!model_.releases().updateAvailable()) return;
+  // What was installed is the newest, for all that is known until it runs.
+  const bool isNews = model_.releases().updateAvailable() && !model_.releases().restartDue();
+  setVisible(isNews);
+  if (!isNews) return;
   const auto& manifest = model_.releases().manifest();
   const QString version = manifest && manifest->appVersion
                               ? "Version " + Look::shown(*manifest->appVersion, 24)

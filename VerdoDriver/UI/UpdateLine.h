@@ -9,7 +9,8 @@ namespace verdo {
 class Button;
 class Label;
 
-/// Says that there is a newer release, and leads to it. Hidden while there is none.
+/// Says that there is a newer release, and leads to it. Hidden while there is none, and
+/// while an installed one waits for a restart.
 class UpdateLine : public QWidget {
   Q_OBJECT
  public:

@@ -9,6 +9,7 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <signal.h>
 #include <sys/file.h>
 
 namespace verdo::test {
@@ -37,6 +38,34 @@ TEST(EndProcess, RunsDestructorsUnderWorkingThreadsOrLosesWhatWasSaid) {
   EXPECT_THAT(contentOf(dir / "driver.log"), testing::EndsWith(" the last line\n"));
   EXPECT_THAT(contentOf(dir / "config/verdo-driver/settings.ini"),
               testing::HasSubstr("choice=kept"));
+}
+
+TEST(RestartProcess, LosesWhatWasSaidOrLeavesNothingRunning) {
+  const TempDir dir;
+  const ScopedEnv config("XDG_CONFIG_HOME", dir / "config");
+  const auto restart = [&](const std::string& program) {
+    FileLog log(dir.path());
+    log.write("the last line");
+    ::signal(SIGPIPE, SIG_IGN);
+    ::dup2(STDERR_FILENO, 77);
+    const auto settings = nativeSettings();
+    settings->setValue("choice", "kept");
+    restartProcess(program, log, *settings);
+  };
+  // "yes" ends by the signal once nobody reads it.
+  const auto program = dir.write("program", R"(#!/bin/sh
+[ -e /proc/$$/fd/77 ] && echo leaks >&2
+{ yes; echo $? >&2; } | head -c1 >&2
+echo "with $1" >&2
+exit 4)",
+                                 std::filesystem::perms(0700));
+  EXPECT_EXIT(restart(program), testing::ExitedWithCode(4),
+              testing::AllOf(testing::HasSubstr("with --show"), testing::HasSubstr("141"),
+                             testing::Not(testing::HasSubstr("leaks"))));
+  EXPECT_THAT(contentOf(dir / "driver.log"), testing::EndsWith(" the last line\n"));
+  EXPECT_THAT(contentOf(dir / "config/verdo-driver/settings.ini"),
+              testing::HasSubstr("choice=kept"));
+  EXPECT_EXIT(restart(dir / "none"), testing::ExitedWithCode(1), "");
 }
 
 }  // namespace verdo::test

@@ -303,6 +303,20 @@ const std::vector<Scene>& scenes() {
          app.goOnline();
          check(app, well());
        }},
+      {"restart-due",
+       [](auto& app, auto&) {
+         app.setUp();
+         app.goOnline();
+         app.isProgramReplaced = true;
+         app.model.releases().lookAtProgram();
+       }},
+      {"restart-busy",
+       [](auto& app, auto& window) {
+         app.isProgramReplaced = true;
+         app.model.releases().lookAtProgram();
+         busy(app, {"ada:mail", "ada:crm"});
+         window.press("Restart the app");
+       }},
       {"right-to-left",
        [](auto& app, auto&) {
          app.setUp();

@@ -7,6 +7,8 @@
 
 #include <atomic>
 
+#include <fmt/format.h>
+
 namespace verdo::test {
 namespace {
 
@@ -86,7 +88,8 @@ class AppModelTest : public AppFixture {
                    .loginItems = loginItem,
                    .wakeMonitor = std::unique_ptr<WakeMonitor>(wake),
                    .pathMonitor = std::unique_ptr<PathMonitor>(path),
-                   .browserPackage = {}},
+                   .browserPackage = {},
+                   .isProgramReplaced = [this] { return isProgramReplaced; }},
         .settings = std::make_unique<SettingsStore>(std::make_unique<QSettings>(
             QString::fromStdString(home / "settings"), QSettings::IniFormat)),
         .factory = factory,
@@ -118,6 +121,7 @@ class AppModelTest : public AppFixture {
   const std::shared_ptr<CountingAssertion> assertion = std::make_shared<CountingAssertion>();
   const std::shared_ptr<ScriptedLogin> loginItem = std::make_shared<ScriptedLogin>();
   Removal::Left traces;
+  bool isProgramReplaced = false;
   ScriptedPath* path = nullptr;
   ScriptedWake* wake = nullptr;
   std::vector<std::string> opened;
@@ -239,6 +243,27 @@ TEST_F(AppModelTest, OffersAnAddressThatItMustNotOpenOrRefusesItTimeAndAgain) {
   EXPECT_EQ(opened.back(), "file:///a%20%231/log") << "opens another place";
   const auto lines = appLog.lines();
   EXPECT_EQ(std::count_if(lines.begin(), lines.end(), holding("dmg_url refused")), 1);
+}
+
+TEST_F(AppModelTest, SeesNoUpgradeOfItsProgramOrOneThatIsGone) {
+  settings.setAutoStart(false);
+  store("token-1234");
+  launch();
+  ASSERT_TRUE(spinUntil([&] { return launchedAs.has_value(); }));
+  const auto tells = [&](bool isDue) {
+    return testing::Matches(HasSubstr(fmt::format(R"("restartDue": {})", isDue)))(
+        statusReport(*model, false));
+  };
+  EXPECT_TRUE(tells(false));
+  isProgramReplaced = true;
+  bool told = false;
+  QObject::connect(model.get(), &AppModel::changed, model.get(), [&] { told = true; });
+  clock->advance(Releases::kManifestDay);
+  EXPECT_TRUE(tells(true));
+  EXPECT_TRUE(spinUntil([&] { return told; }));
+  isProgramReplaced = false;
+  model->popoverOpened();  // the manifest was asked for just now
+  EXPECT_TRUE(tells(false));
 }
 
 TEST_F(AppModelTest, RunsOnWithWhatTheUserTookAway) {

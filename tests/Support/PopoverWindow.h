@@ -17,6 +17,7 @@ class PopoverWindow : public QWidget {
   explicit PopoverWindow(AppModel& model)
       : view(new PopoverView(model,
                              {.quit = [this] { ++quits; },
+                              .restart = [this] { ++restarts; },
                               .shape =
                                   [](Connection connection, int size, double scale) {
                                     return StatusItemIconRenderer::pixmap(connection, false, size,
@@ -65,6 +66,7 @@ class PopoverWindow : public QWidget {
 
   PopoverView* const view;
   int quits = 0;
+  int restarts = 0;
 };
 
 }  // namespace verdo::test

@@ -93,6 +93,7 @@ class ScriptedModel {
   const std::shared_ptr<ScriptedPairing> pairing = std::make_shared<ScriptedPairing>();
   std::vector<std::string> opened;  ///< addresses
   Removal::Left traces;             ///< of jobs, that cannot be removed
+  bool isProgramReplaced = false;
   AppModel model;
 
  private:
@@ -109,7 +110,8 @@ class ScriptedModel {
                                      .loginItems = std::make_shared<NoopLoginItemManager>(),
                                      .wakeMonitor = {},
                                      .pathMonitor = {},
-                                     .browserPackage = "verdo-browser"},
+                                     .browserPackage = "verdo-browser",
+                                     .isProgramReplaced = [this] { return isProgramReplaced; }},
                           .settings = std::make_unique<SettingsStore>(std::make_unique<QSettings>(
                               QString::fromStdString(home / "settings"), QSettings::IniFormat)),
                           .factory = factory,

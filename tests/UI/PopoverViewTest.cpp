@@ -143,6 +143,8 @@ TEST_F(PopoverViewTest, HasAControlWithoutNameOrOutOfTheReachOfKeys) {
   window.press("Options");
   window.type("DeepSeek key", "sk-other");
   app.goOnline();
+  app.isProgramReplaced = true;
+  app.model.releases().lookAtProgram();
   app.model.checkup().begin();
   app.doctor().end();
   ASSERT_TRUE(spinUntil([&] { return window.button("Check again") != nullptr; }));
@@ -158,7 +160,7 @@ TEST_F(PopoverViewTest, HasAControlWithoutNameOrOutOfTheReachOfKeys) {
     ASSERT_TRUE(iface) << control->metaObject()->className();
     EXPECT_FALSE(iface->text(QAccessible::Name).isEmpty()) << control->metaObject()->className();
   }
-  EXPECT_GE(controls, 18);
+  EXPECT_GE(controls, 19);
 
   // The tab key goes down the screen.
   QPoint last(-1, -1);
@@ -206,6 +208,31 @@ TEST_F(PopoverViewTest, QuitsWhileBusyWithoutAskingOrAsksTwice) {
   EXPECT_EQ(window.quits, 3);
   app.model.stopDriver();  // no clock shows it
   EXPECT_TRUE(spinUntil([&] { return window.label("Stopping…") != nullptr; }));
+}
+
+TEST_F(PopoverViewTest, RestartsUnderJobsUnaskedOrWithoutNeed) {
+  app.setUp();
+  show();
+  app.goOnline();
+  app.model.releases().updateWasNamed();
+  ASSERT_TRUE(spinUntil([&] { return window.label("A new version is available") != nullptr; }));
+  EXPECT_FALSE(window.button("Restart the app"));
+  app.isProgramReplaced = true;
+  app.model.releases().lookAtProgram();
+  ASSERT_TRUE(spinUntil([&] { return window.button("Restart the app") != nullptr; }));
+  EXPECT_FALSE(window.label("is available"));
+  app.observer()->driverBusyLanesChanged({"ada:crm", "ada:mail"});
+  spin();
+  window.press("Restart the app");
+  EXPECT_TRUE(window.label("2 jobs are running and will be ended."));
+  window.press("Cancel");
+  EXPECT_EQ(window.restarts, 0);
+  window.press("Restart the app");
+  window.press("Restart the app");
+  EXPECT_EQ(window.restarts, 1);
+  app.isProgramReplaced = false;  // it was removed
+  app.model.releases().lookAtProgram();
+  EXPECT_TRUE(spinUntil([&] { return !window.button("Restart the app"); }));
 }
 
 TEST_F(PopoverViewTest, ChecksOutOfSightOrOutOfReach) {

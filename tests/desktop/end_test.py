@@ -1,6 +1,7 @@
-"""Ends of the tray app: unasked for, and under a check."""
+"""Ends of the tray app: unasked for, under a check, and to start anew."""
 
 import os
+import shutil
 import unittest
 
 from accessible import complaints
@@ -25,6 +26,34 @@ class EndTest(unittest.TestCase):
         self.assertEqual(app.child.wait(20), 1)
         self.assertFalse(os.path.exists(f"/proc/{job}"))
         self.assertIn("job 1: finished", app.text(".local/state/verdo-driver/driver.log"))
+
+    def test_the_program_is_upgraded_and_removed(self):
+        app = self.app
+        built, app.program = app.program, os.path.join(app.desktop.make("app"), "verdo-driver-app")
+
+        def put():
+            shutil.copy(built, app.program + ".new")
+            os.rename(app.program + ".new", app.program)
+        put()
+        app.configure()
+        app.start("--show")
+        app.wait(connection="online", restartDue=False)
+        app.service.ask("jobs", {"label": "ada:mail", "payload": UNTIL_TOLD})
+        app.wait(connection="busy")
+        put()
+        app.wait(restartDue=True)
+        app.click("Restart the app")
+        app.find(r"A job is running and will be ended\. Restart anyway\?")
+        app.click("Restart the app")
+        # The same process, so that whoever has started it still knows it.
+        app.wait(connection="online", restartDue=False, popoverVisible=True)
+        self.assertEqual(os.readlink(f"/proc/{app.child.pid}/exe"), app.program)
+        self.assertIn("job 1: finished", app.text(".local/state/verdo-driver/driver.log"))
+        gone, app.program = app.program, built
+        os.remove(gone)
+        self.assertFalse(app.status()["restartDue"])
+        app.desktop.run(app.program, "--quit")
+        self.assertEqual(app.child.wait(20), 0)
 
     def test_leaves_a_check_behind(self):
         app = self.app

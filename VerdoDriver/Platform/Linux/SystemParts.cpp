@@ -7,6 +7,7 @@
 #include "VerdoDriver/Platform/Linux/DesktopInhibitor.h"
 #include "VerdoDriver/Platform/Linux/LogindInhibitor.h"
 #include "VerdoDriver/Platform/Linux/LogindWakeMonitor.h"
+#include "VerdoDriver/Platform/Linux/ProgramFile.h"
 #include "VerdoDriver/Platform/Linux/RouteMonitor.h"
 #include "VerdoDriver/Platform/Linux/SecretStoreChoice.h"
 
@@ -43,14 +44,19 @@ SystemParts makeSystemParts(const std::string& appId,
   parts.powerAssertion = std::make_shared<PowerAssertionGroup>(
       std::vector<std::shared_ptr<PowerAssertion>>{std::make_shared<LogindInhibitor>(systemBus),
                                                    std::make_shared<DesktopInhibitor>(sessionBus)});
-  parts.loginItems = std::make_shared<AutostartEntry>(
-      AutostartEntry::programFor(QCoreApplication::applicationFilePath().toStdString()), appId);
+  parts.loginItems = std::make_shared<AutostartEntry>(programPath(), appId);
   parts.wakeMonitor = std::make_unique<LogindWakeMonitor>(systemBus);
   QObject::connect(parts.wakeMonitor.get(), &WakeMonitor::woke, parts.wakeMonitor.get(),
                    [clock] { clock->catchUp(); });
   parts.pathMonitor = std::make_unique<RouteMonitor>();
   parts.browserPackage = "verdo-browser";
+  parts.isProgramReplaced = [program = ProgramFile(programPath())] { return program.isReplaced(); };
   return parts;
+}
+
+// Qt asks the system once, and remembers the answer.
+std::string programPath() {
+  return AutostartEntry::programFor(QCoreApplication::applicationFilePath().toStdString());
 }
 
 std::string hostName() { return QSysInfo::machineHostName().toStdString(); }

@@ -24,8 +24,13 @@ SystemParts makeSystemParts(const std::string& appId, const std::optional<Secret
   QObject::connect(parts.wakeMonitor.get(), &WakeMonitor::woke, parts.wakeMonitor.get(),
                    [clock] { clock->catchUp(); });
   parts.pathMonitor = std::make_unique<NetworkPathMonitor>();
+  // isProgramReplaced is left out: the Finder replaces no bundle whose program runs, and no package
+  // does it behind the app's back.
   return parts;
 }
+
+// A program that is started past the system would not be the bundle's.
+std::string programPath() { return {}; }
 
 std::string hostName() { return QSysInfo::machineHostName().toStdString(); }
 
