@@ -37,6 +37,7 @@ namespace {
 
 using namespace verdo;
 
+constexpr int kUsageError = 2;
 constexpr int kNotRunning = 3;
 constexpr const char* kUsage =
     "Usage: verdo-driver-app [OPTION]\n"
@@ -56,7 +57,7 @@ constexpr const char* kUsage =
     "  VERDO_LLM_BASE_URL   Base URL of the LLM provider\n"
     "\n"
     "Exit status: 0 done, 1 the app cannot start or has lost its display,\n"
-    "3 no app runs (--status, --quit).\n";
+    "2 bad usage, 3 no app runs (--status, --quit).\n";
 
 constexpr const char* kDoesNotAnswer = "verdo-driver-app: an app is running, but does not answer\n";
 
@@ -68,6 +69,14 @@ constexpr std::chrono::seconds kCheckupLimit{6};
 bool has(std::span<char*> arguments, std::string_view option) {
   return std::any_of(arguments.begin(), arguments.end(),
                      [&](const char* argument) { return option == argument; });
+}
+
+/// The first word that nobody knows; null: none. Qt's own options begin with one dash.
+const char* unknownOption(std::span<char*> arguments) {
+  const auto found = std::find_if(arguments.begin(), arguments.end(), [](std::string_view word) {
+    return word.starts_with("--") && word != "--show";
+  });
+  return found == arguments.end() ? nullptr : *found;
 }
 
 /// Another app runs, and shows itself now.
@@ -187,6 +196,11 @@ int main(int argc, char** argv) {
   if (has(arguments, "--version")) return std::printf("%s\n", AppInfo::version().c_str()) < 0;
   if (has(arguments, "--status")) return command("status", true);
   if (has(arguments, "--quit")) return command("quit", false);
+  if (const char* unknown = unknownOption(arguments)) {
+    std::fprintf(stderr, "verdo-driver-app: unknown option %s (see verdo-driver-app --help)\n",
+                 unknown);
+    return kUsageError;
+  }
   if (hasShownAnother()) return 0;
   return run(argc, argv,
              {.importLegacy = has(arguments, "-VERDOImportLegacy"),

@@ -155,6 +155,14 @@ class TextsTest(unittest.TestCase):
             self.assertGreater(len(told.all), 5)
         self.each(check)
 
+    def test_misspelt_option_is_not_taken_for_none(self):
+        def check(program, _):
+            ended = subprocess.run([os.path.join(PROGRAMS, program), "--frobnicate"], timeout=20,
+                                   capture_output=True, text=True, check=False)
+            self.assertEqual(ended.returncode, 2)
+            self.assertRegex(ended.stderr, f"^{program}: .*--frobnicate.*see {program} --help")
+        self.each(check)
+
     def test_manual_pages(self):
         def check(program, told):
             entries, doctor, page = in_manual(program)
