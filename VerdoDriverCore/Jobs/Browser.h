@@ -29,7 +29,8 @@ struct ExecutorCommand {
 struct ScriptWait {
   /// Ends the script as soon as it is set, as a time-out would; null: nothing does.
   const Event* interrupt = nullptr;
-  std::function<void()> onLook = {};  ///< at every look, Timings::childPoll apart; null: nothing
+  /// At every look, Timings::childPoll apart; null: nothing.
+  std::function<void()> onLook = {};  // NOLINT(readability-redundant-member-init): may be left out
 
   bool isInterrupted() const { return interrupt && interrupt->isSet(); }
 };

@@ -79,6 +79,7 @@ class Day : public testing::Test {
 
   ScriptedModel app;
   PopoverHost host{.quit = [] {},
+                   .restart = [] {},
                    .shape = [](Connection, int, double) { return QPixmap(); },
                    .defaultServerURL = ScriptedModel::kServer};
   MenuBarController menuBar{app.model, std::make_unique<PopoverView>(app.model, host)};
