@@ -1,9 +1,8 @@
 /** Jobs as the web service gives them: its stand-in, a driver, and a look into their Chromium. */
 
 import assert from 'node:assert/strict';
-import crypto from 'node:crypto';
+import { once } from 'node:events';
 import fs from 'node:fs';
-import http from 'node:http';
 import path from 'node:path';
 
 import { Processes } from '../../demo/processes.mjs';
@@ -11,7 +10,8 @@ import { Service } from '../../demo/service.mjs';
 import { PROGRAM, Sandbox, waitFor } from './sandbox.mjs';
 
 const PROGRAMS = path.dirname(PROGRAM);
-const WEBSOCKET_TEXT = 0x81;
+/** Of the packages that verdo-browser is built with; this node has no web socket of its own. */
+const LIBRARY = path.resolve(PROGRAMS, '../BrowserExecutor/npm/node_modules/ws/wrapper.mjs');
 
 /** A service, a sandbox whose Chromium can be looked into, and drivers, one after the other. */
 export class JobsRig {
@@ -33,7 +33,7 @@ export class JobsRig {
   }
 
   /** Starts a driver with four lanes that serves once this fulfils. */
-  async startDriver(...options) {
+  async startDriver() {
     const { url, token } = this.#service;
     // The next job of a lane comes with the next poll.
     const polling = ['--max-jobs', '4', '--poll-wait', '1'];
@@ -42,7 +42,7 @@ export class JobsRig {
     this.#processes.start(
       'driver',
       `${PROGRAMS}/verdo-driver`,
-      ['--server', url, ...executor, ...polling, ...options],
+      ['--server', url, ...executor, ...polling],
       {
         env: { ...this.sandbox.env, VERDO_DRIVER_TOKEN: token },
         show: (line) => (this.log += `${line}\n`),
@@ -63,7 +63,6 @@ export class JobsRig {
     const id = await service.addJob({ label: `job ${++this.#queued}`, payload, ...job });
     return {
       printed: () => service.waitForLines(id),
-      cancel: () => service.cancel(id),
       done: async () => {
         const { exit_code: exit, error } = await service.waitUntilDone(id);
         return { exit, error, lines: await service.lines(id) };
@@ -97,38 +96,13 @@ export class JobsRig {
   }
 }
 
-/** One short command over a web socket, which this node has no client for. */
-function askDevTools(url, method) {
-  const headers = {
-    Connection: 'Upgrade',
-    Upgrade: 'websocket',
-    'Sec-WebSocket-Version': 13,
-    'Sec-WebSocket-Key': crypto.randomBytes(16).toString('base64'),
-  };
-  return new Promise((resolve, reject) => {
-    const request = http.get(url.replace('ws:', 'http:'), { headers }).on('error', reject);
-    request.once('upgrade', (_, socket, head) => {
-      let received = head;
-      const receive = (bytes) => {
-        received = Buffer.concat([received, bytes]);
-        const text = textOfFrame(received);
-        if (text === null) return;
-        socket.destroy();
-        resolve(JSON.parse(text));
-      };
-      socket.on('data', receive).on('error', reject);
-      const command = Buffer.from(JSON.stringify({ id: 1, method }));
-      // A client masks what it sends; a mask of zeros changes nothing.
-      const start = Buffer.from([WEBSOCKET_TEXT, 0x80 | command.length, 0, 0, 0, 0]);
-      socket.write(Buffer.concat([start, command]));
-    });
-  });
-}
-
-/** The text of a server's only frame, of up to 64 KiB; null until it is complete. */
-function textOfFrame(bytes) {
-  if (bytes.length < 4) return null;
-  assert.equal(bytes[0], WEBSOCKET_TEXT);
-  const [length, begin] = bytes[1] < 126 ? [bytes[1], 2] : [bytes.readUInt16BE(2), 4];
-  return bytes.length < begin + length ? null : bytes.toString('utf8', begin, begin + length);
+/** The reply to one command over DevTools' web socket. */
+async function askDevTools(url, method) {
+  const { WebSocket } = await import(LIBRARY);
+  const socket = new WebSocket(url);
+  await once(socket, 'open');
+  socket.send(JSON.stringify({ id: 1, method }));
+  const [reply] = await once(socket, 'message');
+  socket.terminate();
+  return JSON.parse(reply);
 }

@@ -5,7 +5,6 @@ import fs from 'node:fs';
 import path from 'node:path';
 import test from 'node:test';
 
-import { formatValues } from '../../BrowserExecutor/lib/cli-log.mjs';
 import { Sandbox } from './sandbox.mjs';
 
 test('a failing script names its line and exits 1', async (t) => {
@@ -50,35 +49,15 @@ test('a script has what node has, and prints in order to the last byte', async (
   fs.writeFileSync(path.join(sandbox.root, 'data.json'), '{"n": 7}');
   const stdout = await sandbox.output(
     `#!/usr/bin/env node
-     cliLog('two\\nlines'); console.log('console'); cliLog({ a: [1, null] }); cliLog(undefined)
-     cliLog(new Map([[1, 2]])); const circle = {}; circle.self = circle; cliLog(circle)
+     cliLog('two\\nlines', '%s', ''); console.log('console'); cliLog()
+     cliLog({ a: [1, null] }, undefined, 7n, new Map([[1, 2]]), Symbol('s'))
+     const circle = {}; circle.self = circle; cliLog(circle)
      cliLog((await import('./part.mjs')).default + require('./data.json').n)
      setTimeout(() => cliLog('x'.repeat(300000) + 'end'), 20)`,
   );
-  const lines = stdout.split('\n');
-  assert.deepEqual(lines.slice(0, 5), [
-    'two',
-    'lines',
-    'console',
-    '{ a: [ 1, null ] }',
-    'undefined',
-  ]);
-  assert.deepEqual(lines.slice(5, 8), [
-    'Map(1) { 1 => 2 }',
-    '<ref *1> { self: [Circular *1] }',
-    'part7',
-  ]);
-  assert.equal(lines[8].length, 300003);
-});
-
-test('cliLog shows texts as they are and other values as console.log does', () => {
-  const cases = [
-    [[], ''],
-    [['two\nlines', '%s', ''], 'two\nlines %s '],
-    [[undefined, null, 7n, Symbol('s')], 'undefined null 7n Symbol(s)'],
-    [[{ a: [1, 'b'] }, new Map([[1, 2]])], "{ a: [ 1, 'b' ] } Map(1) { 1 => 2 }"],
-  ];
-  for (const [values, text] of cases) assert.equal(formatValues(...values), text);
+  const printed = `two\nlines %s \nconsole\n\n{ a: [ 1, null ] } undefined 7n Map(1) { 1 => 2 } Symbol(s)
+<ref *1> { self: [Circular *1] }\npart7\n`;
+  assert.ok(stdout === `${printed}${'x'.repeat(300000)}end\n`, stdout.slice(0, 300));
 });
 
 test('what a script printed before it failed arrives whole and in order', async (t) => {
