@@ -49,6 +49,7 @@ async function shareLogins(t) {
     return (await (await rig.queue(script)).done()).exit; // its job names no space to be closed
   };
   assert.deepEqual(await Promise.all([logIn('ann'), logIn('bob')]), [['user=ann'], ['user=bob']]);
+  assert.equal(rig.sandbox.keepers().length, 1);
   const seen = await Promise.all([who('ann'), who('bob'), who('eve'), kill()]);
   assert.deepEqual(seen, [['user=ann'], ['user=bob'], ['nobody'], -9]);
   const spaces = `cliLog((await listTaskSpaces()).map(({ name }) => name).sort().join())`;

@@ -23,12 +23,7 @@ function assertLines(stdout, expected) {
 
 test('a page is read, driven, pictured and printed', async (t) => {
   const sandbox = new Sandbox(t);
-  const origin = await serve(t, {
-    '/': HOME,
-    '/form': `<title>Form</title><form><input id=name><select id=size><option>s<option>l</select>
-      <button id=go type=button onclick="document.title = document.querySelector('#name').value +
-        document.querySelector('#size').value">Go</button></form>`,
-  });
+  const origin = await serve(t, { '/': HOME });
   const stdout = await sandbox.output(`
     const page = await openTaskSpace('read', { viewport: { width: 640, height: 480 },
       userAgent: 'Driver/1', locale: 'de-DE', timezone: 'Asia/Tokyo' })
@@ -37,14 +32,9 @@ test('a page is read, driven, pictured and printed', async (t) => {
     cliLog(await page.evaluate((a, b) => [a.list.length + b, innerWidth, navigator.userAgent,
       navigator.language, (1.5).toLocaleString(), new Date(0).getHours()].join(),
       { list: [1, 2] }, 'x'))
-    await page.goto('${origin}/form')
-    await page.type('#name', 'ann')
-    await page.select('#size', 'l')
-    await page.locator('#go').click()
-    cliLog(await page.title())
     await page.screenshot({ path: 'shot.png' })
     cliLog(Buffer.from(await page.pdf()).subarray(0, 4).toString())`);
-  const expected = `Home seen ${origin}/#top\n2x,640,Driver/1,de-DE,1,5,9\nannl\n%PDF\n`;
+  const expected = `Home seen ${origin}/#top\n2x,640,Driver/1,de-DE,1,5,9\n%PDF\n`;
   assert.equal(stdout, expected);
   const png = fs.readFileSync(path.join(sandbox.root, 'shot.png'));
   assert.deepEqual([png.toString('latin1', 1, 4), png.readUInt32BE(16)], ['PNG', 640]);

@@ -1,7 +1,7 @@
 /** Fixtures: a private home for one test, scripts run in it, and a look at its processes. */
 
 import assert from 'node:assert/strict';
-import { spawn } from 'node:child_process';
+import { execFileSync, spawn } from 'node:child_process';
 import fs from 'node:fs';
 import http from 'node:http';
 import os from 'node:os';
@@ -163,31 +163,10 @@ export function readProc(file) {
   }
 }
 
-/** Inodes of the sockets that a process holds. */
-export function socketInodes(pid) {
-  const inodes = [];
-  for (const fd of fs.readdirSync(`/proc/${pid}/fd`)) {
-    try {
-      const target = fs.readlinkSync(`/proc/${pid}/fd/${fd}`);
-      inodes.push(/^socket:\[(\d+)\]$/.exec(target)?.[1]);
-    } catch {
-      // Closed since the folder was read.
-    }
-  }
-  return inodes.filter(Boolean);
-}
-
-/** Inodes of all listening TCP sockets. */
-export function listeningInodes() {
-  const rows = ['tcp', 'tcp6'].flatMap((name) =>
-    readProc(`/proc/net/${name}`).split('\n').slice(1),
-  );
-  return new Set(
-    rows
-      .map((row) => row.trim().split(/\s+/))
-      .filter((f) => f[3] === '0A')
-      .map((f) => f[9]),
-  );
+/** The processes that listen on TCP. */
+export function listeners() {
+  const sockets = execFileSync('ss', ['-Hltnp'], { encoding: 'utf8' });
+  return [...sockets.matchAll(/pid=(\d+)/g)].map(([, pid]) => Number(pid));
 }
 
 /** An HTTP server on loopback for one test. Gives its origin. */
