@@ -1,11 +1,11 @@
 #include "VerdoDriver/App/FileLog.h"
 #include "VerdoDriverCore/System/UniqueFd.h"
 #include "tests/Support/AppLogCapture.h"
+#include "tests/Support/FullDisk.h"
 #include "tests/Support/Leaks.h"
 #include "tests/Support/TempDir.h"
 
 #include <algorithm>
-#include <csignal>
 #include <set>
 #include <thread>
 
@@ -13,7 +13,6 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <sys/file.h>
-#include <sys/resource.h>
 
 namespace verdo::test {
 namespace {
@@ -61,16 +60,12 @@ TEST(FileLog, TearsLinesOrFloodsTheSystemLogOnAFullDisk) {
   FileLog log(dir.path());
   log.write("fits");
   EXPECT_TRUE(log.flush(20s));
-  std::signal(SIGXFSZ, SIG_IGN);
-  rlimit limit{};
-  ::getrlimit(RLIMIT_FSIZE, &limit);
-  // Room for the beginning of one more line.
-  const rlimit full{.rlim_cur = fs::file_size(log.path()) + 10, .rlim_max = limit.rlim_max};
-  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &full), 0);
-  log.write("does not fit");
-  log.write("does not fit either");
-  EXPECT_TRUE(log.flush(20s));
-  ::setrlimit(RLIMIT_FSIZE, &limit);
+  {
+    const FullDisk disk(fs::file_size(log.path()) + 10);  // the beginning of one more line
+    log.write("does not fit");
+    log.write("does not fit either");
+    EXPECT_TRUE(log.flush(20s));
+  }
   log.write("fits again");
   EXPECT_TRUE(log.flush(20s));
   EXPECT_THAT(linesOf(log.path()), ElementsAre("fits", "fits again"));

@@ -1,21 +1,17 @@
 #include "LocalService/LocalService.h"
-#include "LocalService/ThreadCache.h"
 #include "VerdoDriverCore/System/Files.h"
-#include "VerdoDriverCore/System/Sync.h"
 #include "VerdoDriverCore/System/UniqueFd.h"
-#include "tests/Support/Leaks.h"
 
 #include <array>
 #include <cstdlib>
-#include <latch>
 #include <map>
 #include <string>
-#include <thread>
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <httplib.h>
 #include <netinet/in.h>
+#include <nlohmann/json.hpp>
 #include <sys/socket.h>
 
 namespace verdo::test {
@@ -64,17 +60,6 @@ TEST_F(LocalServiceRequest, WaitsForABodyThatIsNotAnnouncedOrCannotBe) {
   }
 }
 
-TEST_F(LocalServiceRequest, RefusesABodyThatIsWithinTheLimit) {
-  service.faults().add(local::bodyLimit("complete", 100));
-  const auto status = [&](const std::string& action, std::size_t size) {
-    const auto reply = client.Post("/api/driver/jobs/1/" + action, std::string(size, ' '), "");
-    return reply ? reply->status : 0;
-  };
-  EXPECT_EQ(status("complete", 101), 413);
-  EXPECT_EQ(status("complete", 100), 401);
-  EXPECT_EQ(status("lines", 101), 401);
-}
-
 TEST_F(LocalServiceRequest, ServesThoseWhoDidNotStartIt) {
   for (const auto& [given, status] : std::map<std::string, const char*>{
            {"Bearer " + service.controlToken(), "200"},
@@ -118,6 +103,16 @@ TEST_F(LocalServiceRequest, ServesAForeignWebPage) {
   }
 }
 
+TEST_F(LocalServiceRequest, ApprovesForAForeignPageOrShowsMarkupOfTheHostsName) {
+  const auto begun =
+      client.Post("/api/driver/pair/start", R"({"host": "Ann's <b>"})", "application/json");
+  const auto page = nlohmann::json::parse(begun->body)["verify_path"].get<std::string>();
+  EXPECT_THAT(client.Get(page)->body, testing::HasSubstr("&lt;b&gt;"));
+  // What another site sends in the user's name lacks what only the page knows.
+  const auto sent = client.Post(page, "decision=approve", "application/x-www-form-urlencoded");
+  EXPECT_EQ(sent->status, 403);
+}
+
 TEST_F(LocalServiceRequest, TakesAValueThatItCannotKeep) {
   const auto authorization = "Bearer " + service.controlToken();
   const struct {
@@ -141,20 +136,6 @@ TEST_F(LocalServiceRequest, TakesAValueThatItCannotKeep) {
   EXPECT_THAT(post("files", R"({"name": "a", "content_base64": "QUI="})", authorization),
               StartsWith("200"));
   EXPECT_EQ(client.Get("/files/a")->body, "AB");
-}
-
-TEST(ThreadCache, KeepsTheThreadsOfABurst) {
-  std::thread([] {}).join();  // with it comes a sanitizer's own thread
-  const auto before = threadNames().size();
-  constexpr int kTasks = 20;
-  local::ThreadCache cache(std::chrono::milliseconds(50));
-  std::latch together(kTasks);
-  for (int i = 0; i < kTasks; ++i) cache.run([&] { together.arrive_and_wait(); });
-  EXPECT_TRUE(eventually([&] { return threadNames().size() <= before; }));
-
-  Event again;
-  cache.run([&] { again.set(); });
-  EXPECT_TRUE(again.waitFor(std::chrono::seconds(10)));
 }
 
 }  // namespace

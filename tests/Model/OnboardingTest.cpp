@@ -39,21 +39,6 @@ class OnboardingTest : public AppFixture {
   std::optional<ConnectResult> result;
 };
 
-TEST_F(OnboardingTest, PairsAgainForAWrongKey) {
-  approve("wrong-key");
-  EXPECT_EQ(end(ExitReason::llmKeyRejected("")),
-            "DeepSeek rejected the key ····-key — Nothing saved — check the key and try again.");
-  onboarding.retry("good-key", note());
-  EXPECT_EQ(pairing.state(), PairingState(PairingConnecting{"ann"}));
-  EXPECT_EQ(end(ExitReason::clean()), "");
-  EXPECT_TRUE(result->saved && !onboarding.hasApproval());
-  EXPECT_EQ(stored(SecretAccount::driverToken) + stored(SecretAccount::llmKey),
-            "token-1234good-key");
-  EXPECT_EQ(settings.serverURL(), "https://verdo.example");
-  onboarding.retry("good-key", note());  // there is nothing left to retry
-  EXPECT_EQ(factory->runs.size(), 2u);
-}
-
 TEST_F(OnboardingTest, HidesWhatCameOfARetryAfterAnotherConnectHadItsTurn) {
   approve("key");
   connecting.connect({"https://other.example", "other", "other", false}, {});

@@ -12,7 +12,8 @@
 
 namespace verdo::test {
 
-/// The built verdo-driver as a child process. It is killed at the end of this object's life.
+/// The built program (verdo-driver, or the app in its tests) as a child process. It is killed at
+/// the end of this object's life.
 class Program {
  public:
   /// `starter` is a command that becomes the program that it is given, empty for none.
@@ -55,9 +56,13 @@ class Program {
   }
 
  private:
-  static std::unique_ptr<ChildProcess> launch(const Lines& arguments,
-                                              const Environment& environment, Lines argv) {
-    argv.emplace_back(VERDO_DRIVER_PROGRAM);
+  static std::unique_ptr<ChildProcess> launch(const Lines& arguments, Environment environment,
+                                              Lines argv) {
+    // Sanitizers of a child take their options from its environment.
+    for (const char* name : {"ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"}) {
+      if (const char* value = std::getenv(name)) environment[name] = value;
+    }
+    argv.emplace_back(VERDO_TESTED_PROGRAM);
     argv.insert(argv.end(), arguments.begin(), arguments.end());
     return Spawn::launch(argv.front(), argv, environment, false);
   }

@@ -1,36 +1,13 @@
 #include "VerdoDriver/Platform/Linux/AutostartEntry.h"
 #include "tests/Support/AppLogCapture.h"
+#include "tests/Support/FullDisk.h"
 #include "tests/Support/Leaks.h"
 #include "tests/Support/ScopedEnv.h"
 #include "tests/Support/TempDir.h"
 
-#include <csignal>
-
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 namespace verdo::test {
-namespace {
-
-/// No file can grow while it is there.
-class FullDisk {
- public:
-  FullDisk() {
-    std::signal(SIGXFSZ, SIG_IGN);
-    ::getrlimit(RLIMIT_FSIZE, &before_);
-    const rlimit full{.rlim_cur = 0, .rlim_max = before_.rlim_max};
-    ::setrlimit(RLIMIT_FSIZE, &full);
-  }
-  ~FullDisk() { ::setrlimit(RLIMIT_FSIZE, &before_); }
-  FullDisk(const FullDisk&) = delete;
-  FullDisk& operator=(const FullDisk&) = delete;
-
- private:
-  rlimit before_{};
-};
-
-}  // namespace
-
 TEST(Autostart, ClaimsWhatTheDesktopDoesNotDo) {
   const TempDir config;
   const ScopedEnv env("XDG_CONFIG_HOME", config.path());

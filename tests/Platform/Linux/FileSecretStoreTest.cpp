@@ -1,11 +1,10 @@
 #include "VerdoDriver/Platform/Linux/FileSecretStore.h"
 #include "tests/Support/AppLogCapture.h"
 #include "tests/Support/ErrorOf.h"
+#include "tests/Support/FullDisk.h"
 #include "tests/Support/TempDir.h"
 
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -31,13 +30,10 @@ TEST(FileStore, ShowsSecretsToOthersOrLosesThem) {
   for (const auto& line : log.lines()) EXPECT_EQ(line.find("secret-"), line.npos) << line;
 
   // A write that fails half-way.
-  ::signal(SIGXFSZ, SIG_IGN);
-  struct rlimit before{};
-  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
-  const struct rlimit small{4, before.rlim_max};
-  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
-  EXPECT_EQ(errorOf(store.write("much longer", kToken)).status, EFBIG);
-  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);
+  {
+    const FullDisk disk(4);
+    EXPECT_EQ(errorOf(store.write("much longer", kToken)).status, EFBIG);
+  }
   EXPECT_EQ(store.read(kToken).value(), "secret-Grüße");
   EXPECT_EQ(std::distance(fs::directory_iterator(directory), {}), 1) << "left half a secret behind";
   EXPECT_TRUE(store.remove(kToken));

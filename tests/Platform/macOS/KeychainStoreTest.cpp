@@ -1,4 +1,3 @@
-#include "VerdoDriver/Platform/macOS/CFHandle.h"
 #include "VerdoDriver/Platform/macOS/KeychainStore.h"
 #include "tests/Platform/macOS/FakeSystem.h"
 
@@ -44,20 +43,6 @@ TEST_F(KeychainStoreTest, AsksForAnotherItemThanItStores) {
                           "verdo.keychain [KeychainStore] removed driver-token",
                           "verdo.keychain [KeychainStore] stored driver-token (····ther)",
                           "verdo.keychain [KeychainStore] removed driver-token"));
-}
-
-TEST_F(KeychainStoreTest, LooksInTheDefaultKeychainInsteadOfTheGiven) {
-  const auto keychain = cfText("other.keychain");
-  KeychainStore elsewhere("service", keychain.get());
-  ASSERT_TRUE(elsewhere.write("value", SecretAccount::llmKey));
-  ASSERT_TRUE(elsewhere.read(SecretAccount::llmKey));
-  const auto calls = fake::calls();
-  ASSERT_EQ(calls.size(), 3U);
-  const auto search = testing::HasSubstr("kSecMatchSearchList={0=other.keychain}");
-  EXPECT_THAT(calls[0], search);
-  EXPECT_THAT(calls[1], testing::HasSubstr("kSecUseKeychain=other.keychain"));
-  EXPECT_THAT(calls[1], testing::Not(search));
-  EXPECT_THAT(calls[2], search);
 }
 
 TEST_F(KeychainStoreTest, TakesAFailureForAnEmptyStore) {
