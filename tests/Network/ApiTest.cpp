@@ -19,7 +19,7 @@ TEST_F(ApiRequests, HeadersOrBodiesDifferFromTheProtocol) {
   make(std::move(given));
   addJob("");
   api->hello();
-  api->poll(25.9, {});
+  api->poll(25.9, {"ü~/\xff", "b&c=#?"});
   api->lines(1, batch({"a\"b", "ä\x01"}));
   api->complete(1, -15, std::nullopt);
 
@@ -39,7 +39,8 @@ TEST_F(ApiRequests, HeadersOrBodiesDifferFromTheProtocol) {
       ElementsAre(host, accept, token, protocol, version, client,
                   Pair("X-VERDO-Driver-LLM",
                        R"({"present": false, "last4": null, "base_url": "https://p/\u00fc"})")));
-  EXPECT_EQ(requests[1].method + " " + requests[1].target, "GET /api/driver/poll?wait=25");
+  EXPECT_EQ(requests[1].method + " " + requests[1].target,
+            "GET /api/driver/poll?wait=25&busy=b%26c%3D%23%3F%2C%C3%BC~/%FF");
   EXPECT_THAT(requests[1].headers, ElementsAre(host, accept, token, protocol, version, client));
   EXPECT_EQ(requests[2].method + " " + requests[2].target, "POST /api/driver/jobs/1/lines");
   EXPECT_EQ(requests[2].body, "{\"lines\": [\"a\\\"b\", \"\\u00e4\\u0001\"]}");
@@ -50,22 +51,6 @@ TEST_F(ApiRequests, HeadersOrBodiesDifferFromTheProtocol) {
   EXPECT_EQ(requests[3].body, R"({"exit_code": -15, "error": null})");
   // All of it over one connection.
   EXPECT_EQ(service.acceptedConnections(), 1u);
-}
-
-TEST_F(ApiRequests, LanesAreNamedInAQueryThatMeansSomethingElse) {
-  const std::pair<std::vector<std::string>, const char*> cases[] = {
-      {{"b", "a"}, "&busy=a%2Cb"},
-      {{"a b&c=d#e?f%", "~-_./"}, "&busy=a%20b%26c%3Dd%23e%3Ff%25%2C~-_./"},
-      {{"Zürich", "日本"}, "&busy=Z%C3%BCrich%2C%E6%97%A5%E6%9C%AC"},
-      {{"\xff\n"}, "&busy=%FF%0A"},
-      {{""}, "&busy="},
-  };
-  for (const auto& [lanes, query] : cases) {
-    service.requests().clear();
-    api->poll(0.9, lanes);
-    EXPECT_EQ(service.requests().list().at(0).target,
-              std::string("/api/driver/poll?wait=0") + query);
-  }
 }
 
 TEST_F(ApiRequests, ReplyIsReadWrongly) {

@@ -1,6 +1,5 @@
 #include "VerdoDriverCore/Jobs/LLMLines.h"
 #include "VerdoDriverCore/Network/ChatRequest.h"
-#include "VerdoDriverCore/Network/JsonBody.h"
 #include "VerdoDriverCore/Values/JsonReader.h"
 #include "VerdoDriverCore/Values/PyJSON.h"
 #include "tests/Support/FailureOf.h"
@@ -53,21 +52,6 @@ TEST(ChatRequest, KeepsThePromptTwice) {
   const JV body = ChatRequest::body(std::move(payload));
   const JV& message = body.find("messages")->asArray()->front();
   EXPECT_EQ(message.find("content")->asString()->data(), text) << "copied";
-}
-
-TEST(JsonBody, SendsAnotherTextOrSize) {
-  std::string prompt;
-  while (prompt.size() < 200'000) prompt += "Öl, 油 \"";
-  const JV value = JV::Object{{"a", JV::Array{1, prompt, "é", prompt}}, {prompt, nullptr}};
-  const std::string text = PyJSON::text(value);
-  const JsonBody body(value);
-  EXPECT_EQ(body.size(), text.size());
-  for (const std::size_t room : {1'000u, 1'000'000u}) {
-    const auto read = body.open();
-    std::string sent, piece(room, '\0');
-    while (const auto size = read(piece.data(), room)) sent.append(piece, 0, size);
-    EXPECT_TRUE(sent == text) << room;
-  }
 }
 
 TEST(ChatRequest, MisjudgesAReply) {

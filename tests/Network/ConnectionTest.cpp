@@ -66,16 +66,6 @@ class SilentPath : public ApiFixture {
   std::unique_ptr<Front> front;
 };
 
-TEST_F(SilentPath, RequestGoesOverAConnectionThatTimedOut) {
-  EXPECT_EQ(failureOf([&] { api->hello(); }), "");
-  EXPECT_EQ(failureOf([&] { api->hello(); }), "");
-  EXPECT_EQ(front->connections(), 1);
-  EXPECT_EQ(front->swallow(), 1);
-  EXPECT_THAT(failureOf([&] { api->hello(); }), HasSubstr("Timeout was reached"));
-  EXPECT_EQ(failureOf([&] { api->hello(); }), "");
-  EXPECT_EQ(front->connections(), 2);
-}
-
 TEST_F(SilentPath, RequestThatSharesADeadConnectionWaitsForItsOwnTimeout) {
   auto poll = beginPoll();
   front->swallow();

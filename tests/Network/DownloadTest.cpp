@@ -19,7 +19,6 @@
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -44,33 +43,13 @@ namespace {
 using namespace std::chrono_literals;
 using testing::StartsWith;
 
-constexpr const char* kShaOfAbc =
-    "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
-constexpr const char* kShaOfNothing =
-    "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
-
 class Download : public ApiFixture {
  protected:
   std::string fetch(const std::string& url) { return api->download(url, path("file"), 5s); }
 };
 
-TEST_F(Download, FileIsReadableByOthersOrNotTheOneServed) {
-  const auto address = service.files().add({.name = "a b", .content = "abc"});
-  for (const auto& url : {address, service.url() + address}) {
-    EXPECT_EQ(fetch(url), kShaOfAbc);
-    EXPECT_EQ(contentOf(path("file")), "abc");
-    struct stat status{};
-    ASSERT_EQ(::stat(path("file").c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0777, 0600u);
-  }
-  // A longer file of before is not left at the end of a shorter one.
-  EXPECT_EQ(fetch(service.files().add({.name = "none", .content = ""})), kShaOfNothing);
-  EXPECT_EQ(contentOf(path("file")), "");
-}
-
 TEST_F(Download, FailureLeavesAFileOrIsNotNamed) {
   const std::pair<local::FileSpec, const char*> cases[] = {
-      {{.name = "a", .content = "x", .status = 404}, "HTTPError: HTTP 404"},
       {{.name = "c", .content = "x", .status = 304}, "HTTPError: HTTP 304"},
       {{.name = "d", .content = std::string(100'000, 'x'), .truncateAfter = 50'000}, "URLError: "},
       {{.name = "e", .redirect = "ftp://127.0.0.1/x"}, "URLError: "},
@@ -168,14 +147,6 @@ TEST_F(StalledDisk, HoldsUpOtherRequestsOrFailsTheDownload) {
   EXPECT_TRUE(work() == content);
   EXPECT_EQ(failure, "");
   EXPECT_EQ(sha256, local::sha256Hex(content));
-}
-
-TEST_F(StalledDisk, KeepsAFileThatWasCancelled) {
-  begin(kLong);
-  api->stopPolling();
-  EXPECT_LT(work().size(), content.size());
-  EXPECT_EQ(failure, "URLError: cancelled");
-  EXPECT_FALSE(std::filesystem::exists(path("file")));
 }
 
 TEST_F(StalledDisk, FailureOfAWriteIsNotNamedOrLeavesAFile) {

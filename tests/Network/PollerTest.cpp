@@ -91,10 +91,4 @@ TEST_F(PollerTest, SleepsThroughAWakeUpOrNeverSleepsAgain) {
   EXPECT_GE(std::chrono::steady_clock::now() - quiet, 50ms) << "it spins";
 }
 
-TEST_F(PollerTest, TakesAClosedDescriptorForWatched) {
-  const int number = ours.get();
-  ours.reset();
-  EXPECT_THROW(poller.watch(number, true, false), std::system_error);
-}
-
 }  // namespace verdo::test

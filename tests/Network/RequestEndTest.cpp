@@ -105,33 +105,6 @@ TEST_F(Cancel, IsNotFeltInSomePhase) {
   expectFeltWhen(request, [&] { return sink->came.waitFor(20s); });
 }
 
-TEST_F(Cancel, CancelAllLeavesACallerBlockedOrRefusesLaterPosts) {
-  service.outage(local::OutageKind::hang, 60s);
-  std::vector<std::string> messages(4);
-  const std::vector<std::function<void()>> calls{
-      [&] { api->hello(); },
-      [&] { api->poll(25, {}); },
-      [&] { api->lines(1, batch({"x"})); },
-      [&] { api->complete(1, 0, std::nullopt); },
-  };
-  std::vector<std::thread> callers;
-  for (std::size_t i = 0; i < calls.size(); ++i) {
-    callers.emplace_back([&, i] { messages[i] = failureOf(calls[i]); });
-  }
-  EXPECT_TRUE(service.requests().waitFor("", 4, kLong));
-  const auto begin = Clock::now();
-  api->cancelAll();
-  for (auto& caller : callers) caller.join();
-  EXPECT_LT(Clock::now() - begin, kAtOnce);
-  for (const auto& message : messages)
-    EXPECT_THAT(message, testing::EndsWith("-> Cancelled: cancelled"));
-
-  service.endOutage();
-  EXPECT_EQ(failureOf(calls[0]), "GET /api/driver/hello -> Cancelled: cancelled");
-  EXPECT_EQ(failureOf(calls[1]), "GET /api/driver/poll?wait=25 -> Cancelled: cancelled");
-  EXPECT_EQ(failureOf(calls[3]), "");
-}
-
 TEST_F(Cancel, CallWaitsForAnotherOnesTimeOrWithoutALimit) {
   service.faults().add({.delay = 60s});
   const struct {
@@ -249,13 +222,6 @@ TEST_F(RequestLimits, ControlCharacterOfAHeaderIsSent) {
       EXPECT_EQ(outcomeOf(request), "A header of the request holds a control character");
     }
   }
-  EXPECT_EQ(service.requests().count(), 0u);
-}
-
-TEST_F(RequestLimits, RequestThatTheLibraryDoesNotTakeIsSentOtherwise) {
-  auto request = helloRequest();
-  request.method = std::string(9'000'000, 'M');  // libcurl takes texts of up to 8 MB
-  EXPECT_THAT(outcomeOf(request), testing::HasSubstr("cannot be set up (option 10036"));
   EXPECT_EQ(service.requests().count(), 0u);
 }
 
