@@ -98,10 +98,6 @@ int printDescriptors() {
 
 int misbehave(const Role& role) {
   const std::string& name = role.at(0);
-  if (name == "blank") {
-    std::cout << std::string(std::stoul(role.at(1)), '\n') << std::flush;
-    return 0;
-  }
   if (name == "flood") return flood(std::stoll(role.at(1)));
   if (name == "exit") return std::stoi(role.at(1));
   if (name == "raise") return ::raise(std::stoi(role.at(1)));

@@ -6,7 +6,6 @@
 namespace verdo::test {
 
 /// The test program runs itself again as the child of a job, in one of these roles:
-///   blank N           prints N empty lines and ends
 ///   flood BYTES       prints that many bytes in 100-byte lines, as fast as it can
 ///   exit CODE         ends with that code
 ///   raise SIGNAL      ends by that signal

@@ -1,6 +1,5 @@
 #include "VerdoDriverCore/Values/JsonReader.h"
 #include "VerdoDriverCore/Values/PyJSON.h"
-#include "VerdoDriverCore/Values/PyValue.h"
 #include "tests/Support/FailureOf.h"
 
 #include <iterator>
@@ -16,20 +15,6 @@ namespace {
 
 using namespace std::string_literals;
 using test::failureOf;
-
-TEST(JsonReader, BoundsTheDepth) {
-  const auto nested = [](std::size_t depth, const std::string& open, const std::string& close) {
-    std::string text;
-    for (std::size_t i = 0; i < depth; ++i) text = open + text + close;
-    return text;
-  };
-  for (const std::size_t depth : {511u, 512u}) EXPECT_NO_THROW(parseJson(nested(depth, "[", "]")));
-  EXPECT_NO_THROW(parseJson(nested(255, "[{\"a\":", "}]").insert(255 * 6, "[{}]")));
-  EXPECT_EQ(failureOf([&] { parseJson(nested(513, "[", "]")); }),
-            "JSONDecodeError: nested more than 512 levels deep");
-  EXPECT_NE(failureOf([&] { parseJson(nested(300, "[{\"a\":", "}]")); }), "");
-  EXPECT_NE(failureOf([&] { parseJson(std::string(1'000'000, '[')); }), "");
-}
 
 /// The text of what a tolerant reading gives, and its defect.
 std::pair<std::string, std::string> readTolerantly(std::string_view text) {
@@ -58,6 +43,7 @@ TEST(JsonReader, OneBadValueCostsTheWholeReply) {
     EXPECT_NE(failureOf([&] { readJson(row.text + "]"); }), "");
   }
   EXPECT_EQ(*readJson(table[1].text).value.find("id"), JV(7));
+  EXPECT_NO_THROW(parseJson(std::string(512, '[') + std::string(512, ']')));
   EXPECT_NE(failureOf([&] { readJson(std::string(1'000'000, '[')); }), "");
 }
 
@@ -94,12 +80,6 @@ TEST(JsonReader, SmallValuesCostManyTimesTheirText) {
   std::string flood = R"({"job": {)";
   for (std::size_t i = 0; i < kMaxJsonValues; ++i) flood += "\"\": {}, ";
   EXPECT_EQ(readTolerantly(flood + R"("job_id": 7}})").second, "more than 500000 values");
-}
-
-TEST(JsonReader, LongTextsTakeMoreRoomThanTheyNeed) {
-  const JV value = parseJson("\"" + std::string(100'000, 'x') + "\\n\\u00e9\"");
-  EXPECT_EQ(value.asString()->size(), 100'003u);
-  EXPECT_EQ(value.asString()->capacity(), 100'003u);
 }
 
 TEST(JsonReader, FirstOfARepeatedKeyWins) {
@@ -146,39 +126,6 @@ TEST(JsonReader, DisagreesWithAnotherReaderOrRefusesUnreadably) {
 
 // A pointer would otherwise pass for a truth value.
 static_assert(!std::is_constructible_v<JV, const void*> && !std::is_constructible_v<JV, JV*>);
-
-TEST(PyValue, ReadsValuesAsPythonWould) {
-  using Integer = std::optional<std::int64_t>;
-  const struct {
-    const char* json;
-    const char* text;
-    bool isTruthy;
-  } table[] = {{"true", "True", true},  {"3", "3", true},       {"3.0", "3.0", true},
-               {"\"0\"", "0", true},    {"[0]", "[0]", true},   {"false", "False", false},
-               {"-0.0", "-0.0", false}, {"\"\"", "", false},    {"[]", "[]", false},
-               {"{}", "{}", false},     {"null", "None", false}};
-  for (const auto& [json, text, isTruthy] : table) {
-    const JV value = parseJson(json);
-    EXPECT_EQ(pyStr(&value).value_or("None"), text);
-    EXPECT_EQ(pyTruthy(&value), isTruthy) << json;
-  }
-  for (const char* json : {"true", "3.0", "null", "[1]"}) {
-    const JV value = parseJson(json);
-    EXPECT_EQ(pyInt(&value), std::nullopt) << json;
-  }
-  const std::pair<const char*, Integer> integers[] = {
-      {"+7", 7},   {"-7", -7},  {"007", 7}, {"9223372036854775807", INT64_MAX},
-      {"+-7", {}}, {"--7", {}}, {"+", {}},  {"9223372036854775808", {}},
-      {"-", {}},   {" 7", {}},  {"7 ", {}}, {"-9223372036854775808", INT64_MIN},
-      {"4x2", {}}, {"7.0", {}}, {"٣", {}}};
-  for (const auto& [text, integer] : integers) {
-    const JV value(text);
-    EXPECT_EQ(pyInt(&value), integer) << text;
-  }
-  EXPECT_EQ(pyStr(nullptr), std::nullopt);
-  EXPECT_FALSE(pyTruthy(nullptr));
-  EXPECT_EQ(pyInt(nullptr), std::nullopt);
-}
 
 }  // namespace
 }  // namespace verdo

@@ -1,4 +1,3 @@
-#include "VerdoDriverCore/Network/LineBatch.h"
 #include "VerdoDriverCore/Values/PyJSON.h"
 #include "VerdoDriverCore/Values/Utf8.h"
 
@@ -12,16 +11,6 @@ namespace verdo {
 namespace {
 
 using namespace std::string_literals;
-
-TEST(PyJSON, LaysValuesOutAsJsonDumpsDoes) {
-  const JV value = JV::Object{{"b", INT64_MIN},
-                              {"a", JV::Array{nullptr, true, false, 1.0, -0.5}},
-                              {"", JV::Object{}},
-                              {"é\"", JV::Array{}}};
-  EXPECT_EQ(PyJSON::text(value),
-            "{\"b\": -9223372036854775808, \"a\": [null, true, false, 1.0, -0.5], \"\": {}, "
-            "\"\\u00e9\\\"\": []}");
-}
 
 // Each text is what Python 3's repr prints for the number that it reads as.
 TEST(PyJSON, WritesFloatsAsPythonPrintsThem) {
@@ -83,51 +72,12 @@ TEST(PyJSON, EscapesAnywhereInABlock) {
   }
 }
 
-// Long texts are escaped in pieces of 64 KiB: no character may fall apart at a cut.
-TEST(PyJSON, CutsALongTextInsideACharacter) {
-  for (const std::string& text :
-       {"é"s, "€"s, "😀"s, "😀\x80"s, "\x80\x80\x80\x80\x80"s, "\xf0\x9f\x98"s}) {
-    std::string escaped;
-    PyJSON::writeString(text, escaped);
-    escaped = escaped.substr(1, escaped.size() - 2);
-    for (std::size_t before = 65'536 - 6; before <= 65'536; ++before) {
-      const std::string head(before, 'h');
-      const std::string tail(65'536, 't');
-      const std::string expected = "\"" + head + escaped + tail + "\"";
-      std::string out;
-      PyJSON::writeString(head + text + tail, out);
-      LineBatch batch;
-      batch.add(head + text + tail);
-      ASSERT_TRUE(out == expected) << escaped << " behind " << before;
-      const ByteBuffer body = std::move(batch).finish();
-      ASSERT_TRUE(body.view() == "{\"lines\": [" + expected + "]}") << escaped;
-    }
-  }
-}
-
-TEST(PyJSON, LongTextsTakeMoreRoomThanTheyNeed) {
-  std::string out;
-  PyJSON::writeString(std::string(1 << 20, 'x'), out);
-  EXPECT_LE(out.capacity(), 3u << 20);
-}
-
 TEST(Utf8, CutsCharactersNotBytes) {
   const std::string text = "aé€😀\xff";
   EXPECT_EQ(countCharacters(text), 5u);
   EXPECT_EQ(firstCharacters(text, 3), "aé€");
   EXPECT_EQ(lastCharacters(text, 2), "😀\xef\xbf\xbd");
   EXPECT_EQ(lastCharacters(text, 99), repairUtf8(text));
-}
-
-TEST(ForLog, LetsATextPassForAnotherEntry) {
-  const std::pair<std::string, const char*> table[] = {
-      {"plain grüß 日本 😀", "plain grüß 日本 😀"},
-      {"a\n✗ b\r\nc\td", "a\\x0a✗ b\\x0d\\x0ac\\x09d"},
-      {"\x1b[2J\x7f\xc2\x9b\xff", "\\x1b[2J\\x7f\\x9b\xef\xbf\xbd"},
-      {std::string("\0", 1), "\\x00"},
-      {"\u2028\u2029\u202e\u2066\u2069\u200f", "\\u2028\\u2029\\u202e\\u2066\\u2069\u200f"},
-  };
-  for (const auto& [text, expected] : table) EXPECT_EQ(forLog(text), expected);
 }
 
 }  // namespace
