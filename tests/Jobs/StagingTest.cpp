@@ -8,9 +8,12 @@
 #include "tests/Support/TempDir.h"
 
 #include <filesystem>
+#include <future>
 #include <set>
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/file.h>
 
 namespace verdo {
 namespace {
@@ -157,6 +160,20 @@ TEST(StagingDirectory, OutlivesACrashOnlyUntilTheNextStart) {
   EXPECT_FALSE(fs::exists(path));
   EXPECT_TRUE(fs::exists(cache / "other") && fs::exists(elsewhere / "precious"));
   StagingDirectory::removeAbandoned(cache / "missing");
+}
+
+// A driver that was stopped in the midst of it holds nobody up for good.
+TEST(StagingDirectory, WaitsForAProcessThatNeverGivesTheCacheBack) {
+  const TempDir cache;
+  UniqueFd held(::open((cache / ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  ASSERT_EQ(::flock(held.get(), LOCK_EX), 0);
+  auto waiting = std::async(std::launch::async, [&] {
+    StagingDirectory::removeAbandoned(cache.path());
+    return failureOf([&] { StagingDirectory(cache.path(), std::chrono::milliseconds(30)); });
+  });
+  EXPECT_EQ(waiting.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+  held.reset();
+  EXPECT_THAT(waiting.get(), testing::HasSubstr("Resource temporarily unavailable"));
 }
 
 }  // namespace
