@@ -57,6 +57,23 @@ class NotifySocket {
     const auto size = ::recv(fd_.get(), buffer, sizeof buffer, 0);
     return {buffer, static_cast<std::size_t>(std::max<ssize_t>(size, 0))};
   }
+  /// Leaves no room for a message.
+  void fill() const {
+    sockaddr_un address{};
+    socklen_t length = sizeof address;
+    ::getsockname(fd_.get(), reinterpret_cast<sockaddr*>(&address), &length);
+    const auto fillFrom = [&](const UniqueFd& sender) {
+      int sent = 0;
+      while (::sendto(sender.get(), "", 1, 0, reinterpret_cast<const sockaddr*>(&address),
+                      length) == 1) {
+        ++sent;
+      }
+      return sent;
+    };
+    // Each may have a few hundred on the way.
+    while (fillFrom(UniqueFd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0))) > 0) {
+    }
+  }
 
  private:
   UniqueFd fd_;
@@ -95,6 +112,17 @@ TEST_F(TheProgram, ServiceManagerHearsOfItTooEarlyOrNotAtAll) {
   while (told == "WATCHDOG=1") told = manager.next();
   EXPECT_EQ(told, "STOPPING=1\nSTATUS=stopping; busy: mail");
   EXPECT_EQ(manager.next(), "STATUS=stopping");
+  EXPECT_EQ(program.wait(), 130);
+}
+
+TEST_F(TheProgram, WaitsForAServiceManagerThatDoesNotListen) {
+  const TempDir files;
+  const NotifySocket manager(files.path() + "/notify");
+  manager.fill();
+  environment["NOTIFY_SOCKET"] = files.path() + "/notify";
+  Program program(arguments(), environment);
+  ASSERT_TRUE(program.waitForError("serving up to"));
+  program.signal(SIGTERM);
   EXPECT_EQ(program.wait(), 130);
 }
 
