@@ -11,7 +11,7 @@ class UnitTest(unittest.TestCase):
     def setUp(self):
         folder = tempfile.TemporaryDirectory()
         self.addCleanup(folder.cleanup)
-        self.home, self.prefix = f"{folder.name}/home", f"{folder.name}/a prefix"
+        self.home, self.prefix = f"{folder.name}/home", f"{folder.name}/a %t prefix"
         os.mkdir(self.home)
         subprocess.run(["cmake", "--install", os.environ["VERDO_BUILD"], "--component", "driver",
                         "--prefix", self.prefix], check=True, capture_output=True, timeout=60)
