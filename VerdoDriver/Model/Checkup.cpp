@@ -47,12 +47,18 @@ void Checkup::close() {
 
 bool Checkup::end(std::chrono::milliseconds limit) {
   close();
-  return !examination_ || !examination_->doctor || examination_->hasEnded.waitFor(limit);
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  return std::all_of(ending_.begin(), ending_.end(), [deadline](const auto& examination) {
+    return examination->hasEnded.waitFor(deadline - std::chrono::steady_clock::now());
+  });
 }
 
 void Checkup::stop() {
-  if (!examination_ || std::exchange(examination_->isStopped, true)) return;
-  if (examination_->doctor) examination_->doctor->stop();
+  if (!examination_ || std::exchange(examination_->isStopped, true) || !examination_->doctor)
+    return;
+  examination_->doctor->stop();
+  std::erase_if(ending_, [](const auto& examination) { return examination->hasEnded.isSet(); });
+  ending_.push_back(examination_);
 }
 
 bool Checkup::isCurrent(const Examination* examination) const {

@@ -64,8 +64,9 @@ class Checkup : public QObject {
   State state_ = State::closed;
   std::vector<Finding> findings_;
   std::string report_;
-  /// The last one, which may still be ending after it was closed.
-  std::shared_ptr<Examination> examination_;
+  std::shared_ptr<Examination> examination_;  ///< the last one
+  std::vector<std::shared_ptr<Examination>>
+      ending_;  ///< those that were stopped, the last one, too
 };
 
 }  // namespace verdo

@@ -60,14 +60,19 @@ TEST_F(CheckupTest, ShowsWhatAnEarlierOneFindsOrWaitsForIt) {
   checkup.begin();
   auto& third = app.doctor(3);
   third.obeys = false;
+  checkup.begin();
+  auto& fourth = app.doctor(4);
+  fourth.obeys = false;
+  EXPECT_FALSE(checkup.end(10ms));
+  fourth.end();
   EXPECT_FALSE(checkup.end(10ms));
   third.end();
   EXPECT_TRUE(checkup.end(10s));
-  EXPECT_EQ(third.stops, 1);
+  EXPECT_EQ(third.stops + fourth.stops, 2);
   checkup.begin();
-  auto& fourth = app.doctor(4);
+  auto& fifth = app.doctor(5);
   app.model.cancelAttempts();
-  EXPECT_EQ(fourth.stops, 1);
+  EXPECT_EQ(fifth.stops, 1);
 }
 
 TEST_F(CheckupTest, ExaminesAnotherDriverThanWouldRun) {
