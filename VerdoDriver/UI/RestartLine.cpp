@@ -22,7 +22,7 @@ RestartLine::RestartLine(AppModel& model, const PopoverHost& host, QWidget* pare
       line_(new QWidget(this)),
       text_(new Label(Label::Style::text, Label::Fit::elide, line_)),
       restart_(new Button(Button::Kind::plain, kRestart, line_, [this] { restart(); })),
-      confirm_(new Confirm(kRestart, this, [this] { host_.restart(); })) {
+      confirm_(new Confirm(kRestart, this, [this] { restartIfDue(); })) {
   auto* row = Look::row();
   line_->setLayout(row);
   row->addWidget(text_, 1);
@@ -37,8 +37,14 @@ RestartLine::RestartLine(AppModel& model, const PopoverHost& host, QWidget* pare
 
 void RestartLine::restart() {
   const auto jobs = model_.supervisor().busyLanes().size();
-  if (jobs == 0 || model_.supervisor().isStopping()) return host_.restart();
+  if (jobs == 0 || model_.supervisor().isStopping()) return restartIfDue();
   confirm_->ask(jobsRunning(jobs) + " and will be ended. Restart anyway?");
+}
+
+/// What was there when the popover was opened may have been removed since, and nothing would start.
+void RestartLine::restartIfDue() {
+  model_.releases().lookAtProgram();
+  if (model_.releases().restartDue()) host_.restart();
 }
 
 void RestartLine::refresh() {

@@ -25,6 +25,7 @@ class RestartLine : public QWidget {
 
  private:
   void restart();
+  void restartIfDue();
 
   AppModel& model_;
   const PopoverHost host_;
