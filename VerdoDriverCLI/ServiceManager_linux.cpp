@@ -1,13 +1,16 @@
 #include "VerdoDriverCLI/ServiceManager.h"
 #include "VerdoDriverCore/System/UniqueFd.h"
 
+#include <charconv>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <string_view>
 
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <systemd/sd-daemon.h>
+#include <unistd.h>
 
 namespace verdo::cli {
 namespace {
@@ -15,9 +18,18 @@ namespace {
 /// For a service manager that has no room for another message.
 constexpr timeval kSendLimit{.tv_sec = 1, .tv_usec = 0};
 
+std::optional<std::int64_t> numberIn(const char* variable) {
+  const char* const text = std::getenv(variable);
+  std::int64_t number = 0;
+  const char* const end = text ? text + std::strlen(text) : nullptr;
+  if (!text || std::from_chars(text, end, number).ptr != end) return std::nullopt;
+  return number;
+}
+
 }  // namespace
 
-// sd_notify would wait without end for a service manager that is stopped, or does not listen.
+// systemd's library would wait without end for a service manager that is stopped or does not
+// listen.
 void tellServiceManager(const std::string& assignments) {
   const char* const given = std::getenv("NOTIFY_SOCKET");
   const std::string_view path = given ? given : "";
@@ -39,9 +51,10 @@ void tellServiceManager(const std::string& assignments) {
 }
 
 std::optional<std::chrono::microseconds> watchdogInterval() {
-  std::uint64_t microseconds = 0;
-  if (::sd_watchdog_enabled(0, &microseconds) <= 0) return std::nullopt;
-  return std::chrono::microseconds(microseconds);
+  const auto microseconds = numberIn("WATCHDOG_USEC");
+  const auto pid = numberIn("WATCHDOG_PID");  // of the process that is watched
+  if (!microseconds || *microseconds <= 0 || (pid && *pid != ::getpid())) return std::nullopt;
+  return std::chrono::microseconds(*microseconds);
 }
 
 }  // namespace verdo::cli
