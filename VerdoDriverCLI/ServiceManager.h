@@ -10,7 +10,7 @@ namespace verdo::cli {
 /// environment, which must not change while one of these functions runs. Any thread.
 
 /// Tells it something: assignments such as "READY=1", a line each. Nothing when there is none, or
-/// when it does not listen: no run depends on being watched.
+/// when it makes no room for them within a second: no run depends on being watched.
 void tellServiceManager(const std::string& assignments);
 
 /// How often it wants to hear "WATCHDOG=1" at least; absent: it does not care.
