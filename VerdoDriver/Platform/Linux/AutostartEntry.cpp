@@ -82,6 +82,12 @@ std::string save(GKeyFile* entry, const std::string& path) {
   return file.errorString().toStdString();
 }
 
+/// Once the app was removed, desktops pass the entry over without a word.
+void setProgram(GKeyFile* entry, const std::string& exec, const std::string& program) {
+  g_key_file_set_string(entry, kGroup, "Exec", exec.c_str());
+  g_key_file_set_string(entry, kGroup, "TryExec", program.c_str());
+}
+
 void logFailure(const char* operation, const std::string& reason) {
   AppLog::loginItem.error(fmt::format("[LoginItem] {} failed: {}", operation, reason));
 }
@@ -117,10 +123,12 @@ std::string AutostartEntry::programFor(const std::string& executable) {
 bool AutostartEntry::needsLink() const { return !isPlain(executable_) && isPlain(link_); }
 
 std::string AutostartEntry::exec() const {
-  if (needsLink()) return link_;
   // With a link that is no plainer, the entry is at least what the rules ask for.
-  return isPlain(executable_) ? executable_ : quoted(executable_);
+  return isPlain(program()) ? program() : quoted(program());
 }
+
+/// The path that the entry names.
+std::string AutostartEntry::program() const { return needsLink() ? link_ : executable_; }
 
 /// Gives the reason when it failed.
 std::string AutostartEntry::makeLink() const {
@@ -162,7 +170,6 @@ void AutostartEntry::setEnabled(bool enabled) {
       {"Type", "Application"},
       {"Name", "Verdo Driver"},
       {"Comment", "Lets this computer work for Verdo"},
-      {"Exec", exec()},
       {"Icon", icon_},
       {"Terminal", "false"},
       {kGnomeEnabled, "true"},
@@ -170,6 +177,7 @@ void AutostartEntry::setEnabled(bool enabled) {
   for (const auto& [key, value] : fields) {
     g_key_file_set_string(entry.get(), kGroup, key, value.c_str());
   }
+  setProgram(entry.get(), exec(), program());
   auto reason = needsLink() ? makeLink() : "";
   if (reason.empty()) reason = save(entry.get(), path_);
   if (!reason.empty()) logFailure("register", reason);
@@ -184,7 +192,7 @@ void AutostartEntry::refresh() {
   if (!isStale && (!needsLink() || targetOf(link_) == executable_)) return;
   std::string reason = needsLink() ? makeLink() : "";
   if (reason.empty() && isStale) {
-    g_key_file_set_string(entry.get(), kGroup, "Exec", exec().c_str());
+    setProgram(entry.get(), exec(), program());
     reason = save(entry.get(), path_);
   }
   if (!reason.empty()) {

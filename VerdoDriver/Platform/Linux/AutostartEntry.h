@@ -35,6 +35,7 @@ class AutostartEntry : public LoginItemManaging {
  private:
   bool needsLink() const;
   std::string exec() const;
+  std::string program() const;
   std::string makeLink() const;
 
   const std::string executable_;

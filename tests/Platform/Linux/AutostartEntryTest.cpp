@@ -38,6 +38,7 @@ TEST(Autostart, ClaimsWhatTheDesktopDoesNotDo) {
   EXPECT_TRUE(contentOf(path).ends_with(
       R"(X-Own=1
 Exec="/o/100%%/\\"\\$HOME\\"/\\`id\\`/a\\\\b"
+TryExec=/o/100%/"$HOME"/`id`/a\\b
 )")) << contentOf(path);
 
   entry.setEnabled(false);
@@ -72,9 +73,10 @@ TEST(Autostart, StartsNothingForAnAwkwardPath) {
     }
     entry.refresh();  // from the path before
     const auto text = contentOf(path);
-    EXPECT_TRUE(text.find("\nExec=" + (name == "plain" ? program : link) + "\n") !=
-                std::string::npos)
-        << text;
+    for (const std::string key : {"\nExec=", "\nTryExec="}) {
+      EXPECT_TRUE(text.find(key + (name == "plain" ? program : link) + "\n") != std::string::npos)
+          << text;
+    }
     EXPECT_EQ(std::system(("gio launch '" + path + "'").c_str()), 0) << name;
     EXPECT_TRUE(eventually([&] { return contentOf(dir / "ran") == number + "\n"; })) << name;
   }
