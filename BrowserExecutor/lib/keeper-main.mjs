@@ -25,13 +25,17 @@ try {
     env: process.env,
     idleExit: idleExitMilliseconds(process.env),
   });
-  keeper.onEnded = () => process.exit(0);
+  // A script that has not come in time to hear of it reads it here, and tries no other keeper.
+  keeper.onEnded = (failure) => (failure ? fail(failure) : process.exit(0));
   for (const signal of ['SIGTERM', 'SIGINT', 'SIGHUP']) {
     process.on(signal, () => keeper.end(`it received ${signal}`));
   }
   await keeper.start();
 } catch (error) {
   const remedy = REMEDIES[error.code];
-  const text = remedy ? `${error.message}: ${remedy}` : error.message;
+  fail(remedy ? `${error.message}: ${remedy}` : error.message);
+}
+
+function fail(text) {
   process.stderr.write(`${text}\n`, () => process.exit(1));
 }

@@ -58,6 +58,7 @@ export class Keeper {
   #directoryWatch;
   #isFound = () => false;
   #ending;
+  #failure = null;
   #watch = new BrowserWatch({
     ping: () => this.#chromium.ping(),
     isNeeded: () => !this.#ending && this.#channels.size > 0,
@@ -118,7 +119,10 @@ export class Keeper {
     return this.#ending;
   }
 
-  /** Called once the keeper has ended. */
+  /**
+   * Called once the keeper has ended, with why it was of no use at all: its browser did not start.
+   * @type {(failure: string | null) => void}
+   */
   onEnded = () => {};
 
   async #end(reason, asker) {
@@ -133,7 +137,7 @@ export class Keeper {
     for (const client of this.#channels.values()) this.#releaseClient(client);
     if (this.#profile) removeDirectory(this.#profile);
     if (asker) await within(FAREWELL_TIMEOUT, asker.end(farewell));
-    this.onEnded();
+    this.onEnded(this.#failure);
   }
 
   async #listen() {
@@ -194,6 +198,7 @@ export class Keeper {
   async #giveUp(error) {
     const deadline = Date.now() + TELL_TIMEOUT;
     while (!this.#hadClient && Date.now() < deadline) await sleep(20);
+    this.#failure = error.message;
     this.end(error.message);
   }
 

@@ -4,8 +4,9 @@ import assert from 'node:assert/strict';
 import fs from 'node:fs';
 import path from 'node:path';
 import test from 'node:test';
+import { setTimeout as sleep } from 'node:timers/promises';
 
-import { Sandbox } from './sandbox.mjs';
+import { Sandbox, waitFor } from './sandbox.mjs';
 
 test('a failing script names its line and exits 1', async (t) => {
   const sandbox = new Sandbox(t);
@@ -160,6 +161,44 @@ test('a node that is too old is told what to do', async (t) => {
   assert.match(stderr, /needs node 18 or later, this is 16\.20\.2: install/);
   assert.equal(code, 1);
 });
+
+test('a script that comes too late to hear why no browser starts tries only once', async (t) => {
+  const sandbox = new Sandbox(t);
+  const broken = path.join(sandbox.root, 'broken');
+  const [begun, goOn] = ['begun', 'go-on'].map((name) => path.join(sandbox.root, name));
+  const program = `#!/bin/sh
+touch ${begun}
+until [ -e ${goOn} ]; do sleep 0.02; done
+echo no display >&2
+exit 3
+`;
+  fs.writeFileSync(broken, program, { mode: 0o755 });
+  const run = sandbox.start('await openTaskSpace("a")', {
+    env: { VERDO_BROWSER_CHROMIUM: broken },
+  });
+  run.child.kill('SIGSTOP'); // so early that it has not connected, or has and is told
+  const log = path.join(sandbox.directory, 'keeper.log');
+  const ends = () => (fs.existsSync(log) ? fs.readFileSync(log, 'utf8').match(/ends:/g) : []);
+  await steps(run.child, begun);
+  fs.writeFileSync(goOn, '');
+  await waitFor('the keeper to give up', () => ends().length > 0);
+  run.child.kill('SIGCONT');
+  const { code, stderr } = await run.result;
+  assert.match(stderr, /broken did not start.*\n?.*no display/);
+  assert.equal(code, 1);
+  assert.equal(ends().length, 1);
+});
+
+/** Lets the process run in short steps until the file is there, and leaves it stopped. */
+async function steps(child, file) {
+  await waitFor(file, async () => {
+    if (fs.existsSync(file)) return true;
+    child.kill('SIGCONT');
+    await sleep(10);
+    child.kill('SIGSTOP');
+    return false;
+  });
+}
 
 test('what keeps the browser from starting is said with its remedy', async (t) => {
   const sandbox = new Sandbox(t);
