@@ -1,24 +1,19 @@
 #include "VerdoDriverCore/Jobs/Browser.h"
 
+#include "VerdoDriverCore/Jobs/TaskSpaceList.h"
 #include "VerdoDriverCore/Process/LineReader.h"
-#include "VerdoDriverCore/Values/JsonReader.h"
 #include "VerdoDriverCore/Values/PyJSON.h"
-#include "VerdoDriverCore/Values/PyValue.h"
 #include "VerdoDriverCore/Values/Utf8.h"
 
 #include <algorithm>
 #include <thread>
+#include <utility>
 
 #include <fmt/format.h>
 #include <signal.h>
 
 namespace verdo {
 namespace {
-
-constexpr const char* LIST_JS =
-    "const spaces = await listTaskSpaces()\n"
-    "cliLog('__SPACES__' + JSON.stringify(spaces || []))\n";
-constexpr std::string_view kSpacesMarker = "__SPACES__";
 
 // The exit statuses of a shell for a command that timed out and one that could not be started.
 constexpr std::int32_t kTimedOut = 124;
@@ -226,31 +221,14 @@ void Browser::waitForClose(const std::string& space) {
 }
 
 Browser::SpaceList Browser::askForSpaces(const ScriptWait& wait) {
-  SpaceList list{run(LIST_JS, wait), {}};
-  for (const auto& line : list.script.lines) {
-    const auto marker = line.find(kSpacesMarker);
-    if (marker == std::string::npos) continue;
-    try {
-      const JV answer = parseJson(std::string_view(line).substr(marker + kSpacesMarker.size()));
-      if (const auto* all = answer.asArray()) {
-        std::copy_if(all->begin(), all->end(), std::back_inserter(list.spaces.emplace()),
-                     [](const JV& entry) { return entry.asObject() != nullptr; });
-      }
-    } catch (const PyError&) {
-      // No answer, then.
-    }
-    break;
-  }
-  return list;
+  Result script = run(TaskSpaceList::kScript, wait);
+  auto spaces = TaskSpaceList::read(script.lines);
+  return {std::move(script), std::move(spaces)};
 }
 
 std::vector<std::string> Browser::spaceNames(const ScriptWait& wait) {
-  std::vector<std::string> names;
   // An executor without spaces to tell of is as good as one that cannot tell.
-  for (const JV& space : askForSpaces(wait).spaces.value_or(std::vector<JV>{})) {
-    if (auto name = pyStrIfTruthy(space.find("name"))) names.push_back(std::move(*name));
-  }
-  return names;
+  return TaskSpaceList::names(askForSpaces(wait).spaces.value_or(std::vector<JV>{}));
 }
 
 }  // namespace verdo
