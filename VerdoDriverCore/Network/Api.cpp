@@ -3,7 +3,7 @@
 #include "VerdoDriverCore/Contract/Protocol.h"
 #include "VerdoDriverCore/Network/BodyQueue.h"
 #include "VerdoDriverCore/Network/FileDownload.h"
-#include "VerdoDriverCore/Values/JsonReader.h"
+#include "VerdoDriverCore/Network/ReplyObject.h"
 #include "VerdoDriverCore/Values/PyJSON.h"
 #include "VerdoDriverCore/Values/Url.h"
 
@@ -176,20 +176,11 @@ Api::Reply Api::request(const Call& call) {
 
 JsonReading Api::readObject(const std::string& body, const std::string& call,
                             bool mayHaveDefect) const {
-  JsonReading reading;
   try {
-    reading = readJson(body);
+    return readReplyObject(body, mayHaveDefect);
   } catch (const PyError& error) {
     fail(ServerError::Kind::server, fmt::format("{} -> {}", call, pyDescribe(error)));
   }
-  if (!reading.value.asObject()) {
-    fail(ServerError::Kind::server, call + " -> JSONDecodeError: body is not an object");
-  }
-  if (reading.defect && !(mayHaveDefect && reading.value.find("job"))) {
-    fail(ServerError::Kind::server,
-         fmt::format("{} -> JSONDecodeError: {}", call, *reading.defect));
-  }
-  return reading;
 }
 
 void Api::fail(ServerError::Kind kind, const std::string& message, ServerError::Cause cause) const {
