@@ -24,7 +24,6 @@ constexpr auto kMinTimeForRetry = seconds(10);
 constexpr auto kMaxRetryPause = seconds(2);
 constexpr int kAttempts = 2;
 constexpr auto kValidationTimeout = seconds(20);
-constexpr std::size_t kValidationExcerpt = 120;  // characters
 /// A reply has to fit into memory several times over; beyond this size it is none.
 constexpr std::size_t kMaxReply = 256u << 20;
 
@@ -131,12 +130,7 @@ ChatClient::Completion ChatClient::complete(JV payload, const HttpHeartbeat& hea
 }
 
 KeyCheck ChatClient::validate() try {
-  const HttpResponse response = http("GET", "/models", nullptr, kValidationTimeout, {});
-  if (response.status == 200) return {};
-  if (response.status == 401 || response.status == 403) return {KeyCheck::Verdict::rejected, {}};
-  return {KeyCheck::Verdict::unreachable,
-          fmt::format("unreachable: HTTP {} {}", response.status,
-                      scrub_.excerpt(response.body, kValidationExcerpt))};
+  return ChatRequest::readKeyCheck(http("GET", "/models", nullptr, kValidationTimeout, {}), scrub_);
 } catch (const Error& error) {
   return {KeyCheck::Verdict::unreachable, fmt::format("unreachable: {}", error.what())};
 }

@@ -12,7 +12,9 @@ namespace {
 
 using Category = LLMCallError::Category;
 
-constexpr std::size_t kExcerpt = 200;  // characters of what a message quotes
+// Characters of what a message quotes.
+constexpr std::size_t kExcerpt = 200;
+constexpr std::size_t kKeyCheckExcerpt = 120;
 
 JV message(const char* role, JV content) {
   // Built member by member: what stands in a braced list is copied out of it.
@@ -123,6 +125,14 @@ ChatClient::Completion read(const HttpResponse& response, const std::string& mod
   completion.model = pyStrIfTruthy(reply.find("model")).value_or(model);
   if (const JV* usage = reply.find("usage")) completion.usage = *usage;
   return completion;
+}
+
+KeyCheck readKeyCheck(const HttpResponse& response, const SecretScrub& scrub) {
+  if (response.status == 200) return {};
+  if (response.status == 401 || response.status == 403) return {KeyCheck::Verdict::rejected, {}};
+  return {KeyCheck::Verdict::unreachable,
+          fmt::format("unreachable: HTTP {} {}", response.status,
+                      scrub.excerpt(response.body, kKeyCheckExcerpt))};
 }
 
 }  // namespace verdo::ChatRequest

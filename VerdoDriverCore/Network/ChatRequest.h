@@ -14,4 +14,8 @@ JV body(JV payload);
 ChatClient::Completion read(const HttpResponse& response, const std::string& model,
                             const SecretScrub& scrub);
 
+/// What a reply to the question for the provider's models says of the key. The reason quotes the
+/// provider, scrubbed.
+KeyCheck readKeyCheck(const HttpResponse& response, const SecretScrub& scrub);
+
 }  // namespace verdo::ChatRequest
