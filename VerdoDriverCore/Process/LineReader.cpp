@@ -60,7 +60,7 @@ std::span<const std::string_view> LineSplitter::advance(std::size_t size) {
     begin_ = scanned_ = newline + 1;
   }
   scanned_ = end_;
-  if (end_ - begin_ >= kMaxLineBytes) cutOverlongLine();
+  if (end_ - begin_ >= maxLine_) cutOverlongLine();
   return lines_;
 }
 

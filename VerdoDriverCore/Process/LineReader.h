@@ -25,6 +25,9 @@ inline constexpr std::size_t kMaxLineBytes = 64u << 20;
 /// consumer, who has to walk over them anyway. Not thread-safe.
 class LineSplitter {
  public:
+  /// `maxLine`: bytes beyond which a line comes in pieces, more than the 4 of a character.
+  explicit LineSplitter(std::size_t maxLine = kMaxLineBytes) : maxLine_(maxLine) {}
+
   /// Room for at least `size` bytes, to be filled by the caller. Ends the life of earlier lines.
   std::span<char> space(std::size_t size);
   /// Takes the first `size` bytes of the last space() as input and gives the lines that they
@@ -39,6 +42,7 @@ class LineSplitter {
   struct Free {
     void operator()(char* memory) const;
   };
+  const std::size_t maxLine_;
   std::unique_ptr<char, Free> buffer_;
   std::size_t capacity_ = 0;
   std::size_t begin_ = 0;    ///< where the unfinished line begins
