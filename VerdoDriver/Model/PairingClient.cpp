@@ -1,71 +1,16 @@
 #include "VerdoDriver/Model/PairingClient.h"
 
 #include "VerdoDriver/Model/AppLog.h"
-#include "VerdoDriver/Model/ReplyReader.h"
+#include "VerdoDriver/Model/PairingReplies.h"
 #include "VerdoDriver/Model/WebLink.h"
 #include "VerdoDriverCore/Contract/ServerURLPolicy.h"
 #include "VerdoDriverCore/Values/PyJSON.h"
 #include "VerdoDriverCore/Values/Url.h"
-#include "VerdoDriverCore/Values/Utf8.h"
-
-#include <algorithm>
-#include <cstdint>
 
 namespace verdo {
 namespace {
 
 constexpr std::chrono::seconds kPairingTimeout{20};
-/// Longer times are nonsense in a pairing, and would not fit dates and timers.
-constexpr std::int64_t kMaxSeconds = 7 * 24 * 3600;
-/// Of a text that the server puts into a message for the user, in characters.
-constexpr std::size_t kMaxQuote = 500;
-
-tl::unexpected<PairingError> badReply(std::string detail) {
-  return tl::make_unexpected(PairingError::badReply(std::move(detail)));
-}
-
-/// Of a reply that is not a success.
-PairingError statusError(const HttpResponse& response) {
-  const ReplyReader reply(response.body);
-  const JV* detail = reply.find("detail");
-  const auto* text = detail ? detail->asString() : nullptr;
-  return PairingError::http(response.status, text ? firstCharacters(*text, kMaxQuote) : "");
-}
-
-std::chrono::seconds secondsOf(ReplyReader& reply, std::string_view key) {
-  return std::chrono::seconds(std::clamp(reply.integer(key), -kMaxSeconds, kMaxSeconds));
-}
-
-tl::expected<PairingStart, PairingError> decodeStart(const std::string& body) {
-  ReplyReader reply(body);
-  PairingStart start;
-  start.code = reply.text("code");
-  start.userCode = reply.text("user_code");
-  start.verifyPath = reply.text("verify_path");
-  start.expiresIn = secondsOf(reply, "expires_in");
-  start.interval = secondsOf(reply, "interval");
-  if (!reply.mismatch().empty()) return badReply(reply.mismatch());
-  return start;
-}
-
-tl::expected<PairingPoll, PairingError> decodePoll(const std::string& body) {
-  using Status = PairingPoll::Status;
-  const ReplyReader reply(body);
-  const auto textOf = [&](std::string_view key) {
-    const JV* value = reply.find(key);
-    return value ? value->asString() : nullptr;
-  };
-  const auto* status = textOf("status");
-  if (!status) return badReply("no status");
-  if (*status == "pending") return PairingPoll{Status::pending, {}, {}};
-  if (*status == "denied") return PairingPoll{Status::denied, {}, {}};
-  if (*status == "expired") return PairingPoll{Status::expired, {}, {}};
-  if (*status != "approved") return badReply("status " + firstCharacters(*status, kMaxQuote));
-  const auto* token = textOf("token");
-  if (!token || token->empty()) return badReply("approved without a token");
-  const auto* username = textOf("username");
-  return PairingPoll{Status::approved, *token, username ? *username : "?"};
-}
 
 }  // namespace
 
@@ -73,7 +18,7 @@ void PairingClient::start(const std::string& server, bool allowInsecure, const s
                           StartCompletion completion) {
   post(server, allowInsecure, "/api/driver/pair/start", JV::Object{{"host", host}},
        [completion = std::move(completion)](const Body& body) {
-         completion(body.and_then(decodeStart));
+         completion(body.and_then(PairingReplies::readStart));
        });
 }
 
@@ -81,7 +26,7 @@ void PairingClient::poll(const std::string& server, bool allowInsecure, const st
                          PollCompletion completion) {
   post(server, allowInsecure, "/api/driver/pair/poll", JV::Object{{"code", code}},
        [completion = std::move(completion)](const Body& body) {
-         completion(body.and_then(decodePoll));
+         completion(body.and_then(PairingReplies::readPoll));
        });
 }
 
@@ -112,7 +57,8 @@ void PairingClient::post(const std::string& server, bool allowInsecure, const st
         if (!result) {
           completion(tl::make_unexpected(PairingError::transport(result.error().description)));
         } else if (result->status < 200 || result->status > 299) {
-          completion(tl::make_unexpected(statusError(*result)));
+          completion(
+              tl::make_unexpected(PairingReplies::readFailure(result->status, result->body)));
         } else {
           completion(result->body);
         }
