@@ -6,8 +6,8 @@ import {
   MAX_REPLY_BYTES,
   MAX_REQUEST_BYTES,
   NEWLINE,
-  decode,
   encode,
+  readRequest,
 } from './protocol.mjs';
 
 /** Requests that a client may have open before the keeper stops reading from it. */
@@ -83,7 +83,7 @@ export class ClientChannel {
       this.#receiveCommand(line.slice(1));
       return;
     }
-    const request = parseRequest(line);
+    const request = readRequest(line);
     if (!request) {
       this.#socket.destroy();
       return;
@@ -93,7 +93,7 @@ export class ClientChannel {
   }
 
   #receiveCommand(json) {
-    const command = parseRequest(json);
+    const command = readRequest(json);
     if (command) this.#onCommand(command);
     else this.#socket.destroy();
   }
@@ -115,20 +115,5 @@ export class ClientChannel {
 
   #limitBacklog() {
     if (this.#socket.writableLength > MAX_REPLY_BYTES) this.#socket.destroy();
-  }
-}
-
-function parseRequest(line) {
-  try {
-    const { id, method, params: given, sessionId } = decode(line);
-    const params = given ?? {};
-    const valid =
-      Number.isSafeInteger(id) &&
-      typeof method === 'string' &&
-      typeof params === 'object' &&
-      (sessionId === undefined || typeof sessionId === 'string');
-    return valid ? { id, method, params, sessionId } : null;
-  } catch {
-    return null; // not JSON
   }
 }

@@ -78,6 +78,27 @@ export function decode(line) {
 }
 
 /**
+ * Reads a client's request or DevTools command.
+ * @param {string} line as received, without DEVTOOLS_MARK
+ * @returns {{id: number, method: string, params: object, sessionId?: string} | null} null for
+ *   anything else
+ */
+export function readRequest(line) {
+  try {
+    const { id, method, params: given, sessionId } = decode(line);
+    const params = given ?? {};
+    const valid =
+      Number.isSafeInteger(id) &&
+      typeof method === 'string' &&
+      typeof params === 'object' &&
+      (sessionId === undefined || typeof sessionId === 'string');
+    return valid ? { id, method, params, sessionId } : null;
+  } catch {
+    return null; // not JSON
+  }
+}
+
+/**
  * @param {unknown} name of a task space
  * @throws {TypeError} when it can be none
  */
