@@ -19,8 +19,13 @@ if(VERDO_SANITIZE STREQUAL "address")
   set(flags -fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
 elseif(VERDO_SANITIZE STREQUAL "thread")
   set(flags -fsanitize=thread -fno-omit-frame-pointer)
+elseif(VERDO_SANITIZE STREQUAL "fuzzer")
+  set(flags -fsanitize=fuzzer-no-link,address,undefined,float-cast-overflow -fno-sanitize-recover=all
+    -fno-omit-frame-pointer)
+  # What no sanitizer sees: places beyond the end of a view or within a container's room.
+  target_compile_definitions(verdo_options INTERFACE _GLIBCXX_ASSERTIONS)
 elseif(VERDO_SANITIZE)
-  message(FATAL_ERROR "VERDO_SANITIZE takes address or thread, not '${VERDO_SANITIZE}'")
+  message(FATAL_ERROR "VERDO_SANITIZE takes address, thread or fuzzer, not '${VERDO_SANITIZE}'")
 endif()
 # Sources in Objective-C++ are, on Linux, another compiler's.
 target_compile_options(verdo_options INTERFACE "$<$<COMPILE_LANGUAGE:CXX>:${flags}>")

@@ -9,7 +9,7 @@ CORE = [f'VerdoDriverCore/{name}' for name in
         ('System', 'Values', 'Process', 'Contract', 'Network', 'Jobs', 'Run', 'Doctor')]
 APP = [f'VerdoDriver/{name}' for name in ('Model', 'UI', 'MenuBar', 'App')]
 PLATFORM = 'VerdoDriver/Platform'
-LAYERS = [*CORE, *APP, PLATFORM, 'VerdoDriverCLI', 'LocalService', 'bench', 'tests']
+LAYERS = [*CORE, *APP, PLATFORM, 'VerdoDriverCLI', 'LocalService', 'bench', 'fuzz', 'tests']
 
 # What a layer may include, itself first. Only the app's composition root and the tests name what
 # a platform offers.
@@ -20,6 +20,7 @@ ALLOWED[PLATFORM] = [PLATFORM, 'VerdoDriver/Model', *CORE]
 ALLOWED['VerdoDriverCLI'] = ['VerdoDriverCLI', *CORE]
 ALLOWED['LocalService'] = ['LocalService', 'VerdoDriverCore/System']
 ALLOWED['bench'] = ['bench', 'LocalService', *CORE]
+ALLOWED['fuzz'] = ['fuzz', 'VerdoDriver/Model', *CORE]
 ALLOWED['tests'] = LAYERS
 
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"')
