@@ -32,12 +32,14 @@ const ON_SESSIONS = new Set(['Target.setAutoAttach', 'Target.detachFromTarget'])
 
 /** Commands of other domains that the browser takes without a session. */
 const WITHOUT_SESSION = {
+  __proto__: null, // a command may be called as what every object has
   'Storage.getCookies': CONTEXT,
   'Storage.setCookies': CONTEXT,
   'Storage.clearCookies': CONTEXT,
 };
 
 const REMEDIES = {
+  __proto__: null,
   'Browser.close': 'completeTaskSpace closes a task space, verdo-browser stop ends the browser',
   'Target.createBrowserContext': 'openTaskSpace opens a task space, which is a context of its own',
   'Target.disposeBrowserContext': 'completeTaskSpace(name, { keep: false }) closes a task space',

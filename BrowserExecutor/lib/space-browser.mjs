@@ -88,6 +88,7 @@ export class SpaceBrowser {
 
   /** What a client asks of the browser itself and gets for its task space alone. */
   #answers = {
+    __proto__: null, // a command may be called as what every object has
     'Target.getBrowserContexts': () => ({ browserContextIds: [this.#space.contextId] }),
     'Target.getTargets': () => ({ targetInfos: [...this.#space.targets.values()] }),
     'Target.setDiscoverTargets': ({ discover }) => {
