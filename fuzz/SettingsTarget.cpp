@@ -50,9 +50,9 @@ void settings(std::string_view bytes) {
     const bool isAllowed = store.allowInsecure();
     const auto place = store.secretPlace();
     store.setAutoStart(!store.autoStart());
+    require(store.isWritable(), "what is written is known to be");
     store.setServerURL(server);
     if (place) store.setSecretPlace(*place);
-    require(store.isWritable(), "what is written is known to be");
     const SettingsStore again(file.opened());
     require(again.autoStart() == store.autoStart(), "a choice stays");
     require(again.serverURL() == server, "the server stays");

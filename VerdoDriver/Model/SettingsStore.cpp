@@ -102,7 +102,8 @@ bool SettingsStore::write() {
   // changes of both, is asked.
   QSettings file(defaults_->fileName(), defaults_->format());
   file.sync();
-  const bool isWritten = file.status() == QSettings::NoError;
+  // The other error tells of lines that make no sense: they are gone now.
+  const bool isWritten = file.status() != QSettings::AccessError;
   if (!isWritten) {
     AppLog::settings.error(
         fmt::format("[SettingsStore] cannot write {}", defaults_->fileName().toStdString()));
