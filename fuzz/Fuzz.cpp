@@ -3,10 +3,10 @@
 #include "fuzz/JsonMutator.h"
 #include "fuzz/Targets.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <iostream>
 #include <string>
 
@@ -56,7 +56,7 @@ extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t s
                            ? fuzz::mutatedJson(textOf(data, size), seed, mutatedBytes)
                            : std::nullopt;
   if (!changed || changed->size() > maxSize) return LLVMFuzzerMutate(data, size, maxSize);
-  std::memcpy(data, changed->data(), changed->size());
+  std::copy(changed->begin(), changed->end(), data);
   return changed->size();
 }
 
@@ -68,6 +68,6 @@ extern "C" std::size_t LLVMFuzzerCustomCrossOver(const std::uint8_t* one, std::s
                            ? fuzz::crossedJson(textOf(one, oneSize), textOf(other, otherSize), seed)
                            : std::nullopt;
   if (!crossed || crossed->size() > maxSize) return 0;
-  std::memcpy(out, crossed->data(), crossed->size());
+  std::copy(crossed->begin(), crossed->end(), out);
   return crossed->size();
 }

@@ -9,6 +9,8 @@
 #include <cctype>
 #include <string>
 
+#include <arpa/inet.h>
+
 namespace verdo::fuzz {
 namespace {
 
@@ -47,6 +49,24 @@ struct Place {
   int number() const { return port.empty() ? -1 : std::stoi(port.substr(0, 8)); }
 };
 
+/// However it is written: a browser takes "127.1" for it, too.
+bool isThisComputer(const std::string& host) {
+  in_addr address{};
+  return host == "localhost" ||
+         (::inet_aton(host.c_str(), &address) != 0 && ::ntohl(address.s_addr) == INADDR_LOOPBACK);
+}
+
+/// With what is percent-encoded in it decoded.
+std::string decoded(const std::string& host) {
+  std::string out;
+  for (std::size_t at = 0; at < host.size(); ++at) {
+    const bool isEncoded = host[at] == '%' && at + 2 < host.size();
+    out += isEncoded ? static_cast<char>(std::stoi(host.substr(at + 1, 2), nullptr, 16)) : host[at];
+    if (isEncoded) at += 2;
+  }
+  return out;
+}
+
 void parseOne(std::string_view text) {
   const std::string whole(text);
   if (const auto url = Url::parse(text)) {
@@ -82,8 +102,7 @@ void checkServer(const std::string& text, bool allowInsecure) {
           "paths can be appended to it");
   const Place place(*server);
   require(!place.hasUser, "no password is stored");
-  require(server->starts_with("https://") || allowInsecure || place.host == "localhost" ||
-              place.host == "127.0.0.1",
+  require(server->starts_with("https://") || allowInsecure || isThisComputer(decoded(place.host)),
           "plain http stays on this computer");
   require(validateServerURL(*server, allowInsecure) == server, "what is stored is good");
 }

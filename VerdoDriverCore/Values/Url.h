@@ -23,7 +23,7 @@ class Url {
   /// User name or password stand in front of the host.
   bool hasUserInfo() const { return userInfo_; }
   bool hasQueryOrFragment() const { return queryOrFragment_; }
-  /// Written exactly "127.0.0.1" or "localhost": the only hosts that plain http may go to.
+  /// "localhost", or 127.0.0.1 however it is written: the only hosts that plain http may go to.
   bool isPlainLoopback() const { return host_ == "127.0.0.1" || host_ == "localhost"; }
   /// This very computer, "[::1]" included.
   bool isLoopback() const { return isPlainLoopback() || host_ == "[::1]"; }
