@@ -20,6 +20,18 @@ std::string lowered(std::string text) {
   return text;
 }
 
+/// The host that is meant: decoded, and a number as four ("127.1" as 127.0.0.1).
+std::string meant(const std::string& host) {
+  std::string out;
+  for (std::size_t at = 0; at < host.size(); ++at) {
+    const bool isEncoded = host[at] == '%' && at + 2 < host.size();
+    out += isEncoded ? static_cast<char>(std::stoi(host.substr(at + 1, 2), nullptr, 16)) : host[at];
+    if (isEncoded) at += 2;
+  }
+  in_addr address{};
+  return ::inet_aton(out.c_str(), &address) != 0 ? ::inet_ntoa(address) : out;
+}
+
 /// Scheme, host and port of an address as a browser takes them from its text.
 struct Place {
   std::string scheme;
@@ -43,29 +55,11 @@ struct Place {
   }
 
   bool isSameServer(const Place& other) const {
-    return scheme == other.scheme && host == other.host && number() == other.number() && !hasUser &&
-           !other.hasUser;
+    return scheme == other.scheme && meant(host) == meant(other.host) &&
+           number() == other.number() && !hasUser && !other.hasUser;
   }
   int number() const { return port.empty() ? -1 : std::stoi(port.substr(0, 8)); }
 };
-
-/// However it is written: a browser takes "127.1" for it, too.
-bool isThisComputer(const std::string& host) {
-  in_addr address{};
-  return host == "localhost" ||
-         (::inet_aton(host.c_str(), &address) != 0 && ::ntohl(address.s_addr) == INADDR_LOOPBACK);
-}
-
-/// With what is percent-encoded in it decoded.
-std::string decoded(const std::string& host) {
-  std::string out;
-  for (std::size_t at = 0; at < host.size(); ++at) {
-    const bool isEncoded = host[at] == '%' && at + 2 < host.size();
-    out += isEncoded ? static_cast<char>(std::stoi(host.substr(at + 1, 2), nullptr, 16)) : host[at];
-    if (isEncoded) at += 2;
-  }
-  return out;
-}
 
 void parseOne(std::string_view text) {
   const std::string whole(text);
@@ -102,7 +96,8 @@ void checkServer(const std::string& text, bool allowInsecure) {
           "paths can be appended to it");
   const Place place(*server);
   require(!place.hasUser, "no password is stored");
-  require(server->starts_with("https://") || allowInsecure || isThisComputer(decoded(place.host)),
+  require(server->starts_with("https://") || allowInsecure || meant(place.host) == "localhost" ||
+              meant(place.host) == "127.0.0.1",
           "plain http stays on this computer");
   require(validateServerURL(*server, allowInsecure) == server, "what is stored is good");
 }

@@ -183,7 +183,7 @@ const COMMAND = /^[A-Z]\w*\.\w+$/;
 const NAMES_TARGET =
   /^(Target\.(attachToTarget|closeTarget|activateTarget|getTargetInfo)|Browser\.getWindowForTarget)$/;
 const NEVER =
-  /^(Browser\.(close|crash)|Target\.(createBrowser|disposeBrowser|exposeDev|getTargets|sendMessage)|SystemInfo|Tethering|Extensions)/;
+  /^(Browser\.(close|crash)|Target\.(createBrowser|disposeBrowser|exposeDev|getTargets|sendMessage)|(SystemInfo|Tethering|Extensions)\.)/;
 
 async function tryCommands({ lines }) {
   const reached = [];
