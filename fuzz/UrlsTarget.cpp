@@ -1,7 +1,6 @@
 #include "VerdoDriver/Model/SafeLink.h"
 #include "VerdoDriver/Model/ServerURL.h"
 #include "VerdoDriver/Model/WebLink.h"
-#include "VerdoDriverCore/Contract/ServerURLPolicy.h"
 #include "VerdoDriverCore/Values/Url.h"
 #include "fuzz/Targets.h"
 
