@@ -51,7 +51,8 @@ Lines splitUp(std::string_view stream, std::string_view sizes, std::size_t maxLi
   LineSplitter splitter(maxLine);
   Lines lines;
   for (std::size_t turn = 0; !stream.empty(); ++turn) {
-    const auto size = 1 + static_cast<unsigned char>(sizes[turn % sizes.size()]);
+    const std::size_t size =
+        std::size_t{1} + static_cast<unsigned char>(sizes[turn % sizes.size()]);
     const auto chunk = stream.substr(0, size);
     stream.remove_prefix(chunk.size());
     const auto room = splitter.space(chunk.size());

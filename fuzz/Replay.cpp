@@ -16,7 +16,7 @@ int main(int argc, char** argv) {
       const fs::path folder = fs::path(argv[i]) / target.name;
       if (!fs::is_directory(folder)) continue;
       for (const auto& entry : fs::directory_iterator(folder)) {
-        std::cout << entry.path().string() << std::endl;
+        std::cout << entry.path().string() << "\n" << std::flush;  // before it crashes
         std::ifstream file(entry.path(), std::ios::binary);
         target.run(std::string(std::istreambuf_iterator(file), {}));
         ++count;

@@ -6,7 +6,6 @@
 #include "VerdoDriverCore/Run/Hello.h"
 #include "VerdoDriverCore/System/Sync.h"
 #include "VerdoDriverCore/Values/PyError.h"
-#include "VerdoDriverCore/Values/Utf8.h"
 #include "fuzz/Targets.h"
 
 #include <algorithm>
