@@ -20,8 +20,8 @@ class ServiceReport : public DriverObserver {
   /// Takes assignments (ServiceManager.h). Called on the run's threads, one at a time.
   using Tell = std::function<void(const std::string&)>;
 
-  /// `watchdog` is the longest silence that the service manager takes; absent: any. Its third is
-  /// shorter than the pauses between two signs of life only for less than 15 s.
+  /// `watchdog` is the longest silence that the service manager takes; absent: any. It is fed
+  /// after a third of that, so less than 15 s is too short for signs of life 5 s apart.
   ServiceReport(Tell tell, std::optional<std::chrono::microseconds> watchdog);
 
   /// The run has ended, and why.

@@ -117,10 +117,10 @@ class Bash:
             for name in os.listdir(f"{COMPLETIONS}/bash"):
                 file.write(f". '{os.path.abspath(COMPLETIONS)}/bash/{name}'\n")
                 file.write(f"{name}() {{ printf '%s\\n' \"$@\" END >'{self.answer}'; }}\n")
-        os.mkdir(f"{home}/work")
+        os.mkdir(f"{home}/here")
         self.pid, self.terminal = pty.fork()
         if self.pid == 0:
-            os.chdir(f"{home}/work")
+            os.chdir(f"{home}/here")
             os.execve("/bin/bash", ["bash", "--noprofile", "--rcfile", f"{home}/rc", "-i"],
                       {"PATH": "", "HOME": home, "TERM": "dumb", "INPUTRC": "/dev/null"})
 
@@ -199,8 +199,8 @@ class TextsTest(unittest.TestCase):
         with tempfile.TemporaryDirectory() as home:
             bash = Bash(home)
             self.addCleanup(bash.close)
-            os.makedirs(f"{home}/work/a folder")
-            with open(f"{home}/work/a file", "w", encoding="utf-8"):
+            os.makedirs(f"{home}/here/a folder")
+            with open(f"{home}/here/a file", "w", encoding="utf-8"):
                 pass
             self.each(lambda program, told: self.complete_all(bash, program, told))
             for line, key, words in (
