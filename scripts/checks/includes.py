@@ -9,10 +9,12 @@ CORE = [f'VerdoDriverCore/{name}' for name in
         ('System', 'Values', 'Process', 'Contract', 'Network', 'Jobs', 'Run', 'Doctor')]
 APP = [f'VerdoDriver/{name}' for name in ('Model', 'UI', 'MenuBar', 'App')]
 PLATFORM = 'VerdoDriver/Platform'
-LAYERS = [*CORE, *APP, PLATFORM, 'VerdoDriverCLI', 'LocalService', 'bench', 'fuzz', 'tests']
+PROOFS = ['pictures', 'interop', 'soak', 'failures', 'tests']
+LAYERS = [*CORE, *APP, PLATFORM, 'VerdoDriverCLI', 'LocalService', 'FakeFrameworks', 'bench',
+          'fuzz', *PROOFS]
 
-# What a layer may include, itself first. Only the app's composition root and the tests name what
-# a platform offers.
+# What a layer may include, itself first. Only the app's composition root and what
+# tries the whole name what a platform offers.
 ALLOWED = {layer: [layer, *CORE[:i]] for i, layer in enumerate(CORE)}
 ALLOWED |= {layer: [layer, *APP[:i], *CORE] for i, layer in enumerate(APP)}
 ALLOWED['VerdoDriver/App'] += [PLATFORM]
@@ -21,7 +23,8 @@ ALLOWED['VerdoDriverCLI'] = ['VerdoDriverCLI', *CORE]
 ALLOWED['LocalService'] = ['LocalService', 'VerdoDriverCore/System']
 ALLOWED['bench'] = ['bench', 'LocalService', *CORE]
 ALLOWED['fuzz'] = ['fuzz', 'VerdoDriver/Model', *CORE]
-ALLOWED['tests'] = LAYERS
+ALLOWED['FakeFrameworks'] = ['FakeFrameworks']
+ALLOWED |= {layer: LAYERS for layer in PROOFS}
 
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"')
 

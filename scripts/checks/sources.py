@@ -32,7 +32,7 @@ GROUP_SIZE = 16
 TEST_GROUP_SIZE = 4
 
 # In tests and benchmarks the other checks judge the frameworks' macros instead of our code.
-TESTS = ('tests/', 'bench/')
+TESTS = ('tests/', 'bench/', 'pictures/', 'interop/', 'soak/', 'failures/', 'FakeFrameworks/')
 ALONE = '-*,clang-diagnostic-*,misc-include-cleaner,misc-unused-*,-misc-unused-using-decls'
 TOGETHER = '-clang-diagnostic-*,-misc-include-cleaner,-misc-unused-*,-bugprone-suspicious-include'
 # The analyzer's limit for one function. By default it is three times this, and the analyzer then

@@ -1,3 +1,4 @@
+#include "FakeFrameworks/FakeFrameworks.h"
 #include "VerdoDriverCore/Network/Poller.h"
 #include "VerdoDriverCore/Network/SocketOptions.h"
 #include "VerdoDriverCore/Process/SpawnPlatform.h"
@@ -5,7 +6,6 @@
 #include "VerdoDriverCore/System/Pipe.h"
 #include "VerdoDriverCore/System/SuspendClock.h"
 #include "VerdoDriverCore/System/ThreadName.h"
-#include "tests/Support/FakeFrameworks/FakeFrameworks.h"
 
 #include <cerrno>
 #include <thread>

@@ -1,7 +1,7 @@
 #pragma once
 
+#include "FakeFrameworks/FakeFrameworks.h"
 #include "tests/Support/AppLogCapture.h"
-#include "tests/Support/FakeFrameworks/FakeFrameworks.h"
 
 #include <gmock/gmock.h>
 

@@ -1,7 +1,7 @@
 // What the core uses of macOS below the frameworks: kqueue, over epoll, and calls that Linux has
 // under other names.
 
-#include "tests/Support/FakeFrameworks/FakeFrameworks.h"
+#include "FakeFrameworks/FakeFrameworks.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,7 +1,7 @@
 // The keychain, power assertions, proxies and the unified log, which are C interfaces.
 
-#include "tests/Support/FakeFrameworks/FakeCoreFoundation.h"
-#include "tests/Support/FakeFrameworks/FakeFrameworks.h"
+#include "FakeFrameworks/FakeCoreFoundation.h"
+#include "FakeFrameworks/FakeFrameworks.h"
 
 #include <atomic>
 #include <cstdarg>

@@ -1,7 +1,7 @@
 // Path monitors, which call a block, and the blocks themselves, whose layout clang publishes. A
 // monitor's queue runs here on a thread for each update.
 
-#include "tests/Support/FakeFrameworks/FakeFrameworks.h"
+#include "FakeFrameworks/FakeFrameworks.h"
 
 #include <cstdlib>
 #include <cstring>

@@ -1,6 +1,6 @@
 // Foundation, AppKit and ServiceManagement: the classes, over GCC's Objective-C runtime.
 
-#include "tests/Support/FakeFrameworks/FakeFrameworks.h"
+#include "FakeFrameworks/FakeFrameworks.h"
 
 #include <cstring>
 

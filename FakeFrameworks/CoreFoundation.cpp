@@ -1,5 +1,5 @@
-#include "tests/Support/FakeFrameworks/FakeCoreFoundation.h"
-#include "tests/Support/FakeFrameworks/FakeFrameworks.h"
+#include "FakeFrameworks/FakeCoreFoundation.h"
+#include "FakeFrameworks/FakeFrameworks.h"
 
 #include <cstring>
 

@@ -1,7 +1,7 @@
 // Lets the connections of drivers die in several ways, all at the same time, and measures how the
 // drivers come back. Runs in a network namespace of its own, as root.
 //
-// Usage: node tests/interop/network.mjs PROGRAM_DIRECTORY CERTIFICATE_DIRECTORY
+// Usage: node interop/network.mjs PROGRAM_DIRECTORY CERTIFICATE_DIRECTORY
 import { execFileSync, spawn } from 'node:child_process'
 import { createInterface } from 'node:readline'
 import { setTimeout as sleep } from 'node:timers/promises'

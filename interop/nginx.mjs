@@ -1,7 +1,7 @@
 // Puts a real nginx, with its usual limit of 1 MB for bodies, between a driver and its service, and
 // looks whether a job's output arrives whole: over HTTP/2 with TLS and over HTTP/1.1 in clear.
 //
-// Usage: node tests/interop/nginx.mjs PROGRAM_DIRECTORY WORK_DIRECTORY
+// Usage: node interop/nginx.mjs PROGRAM_DIRECTORY WORK_DIRECTORY
 import { spawn } from 'node:child_process'
 import { writeFileSync } from 'node:fs'
 import { createServer } from 'node:net'
