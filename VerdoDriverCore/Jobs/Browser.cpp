@@ -74,8 +74,25 @@ class Collector {
 }  // namespace
 
 Browser::Browser(ExecutorCommand command, Duration timeout, std::shared_ptr<LogSink> log,
-                 Timings timings)
-    : command_(std::move(command)), timeout_(timeout), log_(std::move(log)), timings_(timings) {}
+                 Timings timings, std::shared_ptr<GroupRecord> groups)
+    : command_(std::move(command)),
+      timeout_(timeout),
+      log_(std::move(log)),
+      timings_(timings),
+      groups_(std::move(groups)) {}
+
+std::unique_ptr<ChildProcess> Browser::start(bool mergeStderr) {
+  auto child = Spawn::launch(command_.path, command_.argv, command_.env, mergeStderr);
+  if (groups_) {
+    groups_->add(child->pid());
+    child->onReleased([groups = groups_, group = child->pid()] { groups->remove(group); });
+  }
+  return child;
+}
+
+void Browser::confirmGroups() {
+  if (groups_) groups_->confirm();
+}
 
 /// Lets killNow() find a script while it runs.
 class Browser::RunningScript {
@@ -98,7 +115,7 @@ class Browser::RunningScript {
 
 Browser::Result Browser::run(const std::string& script, const ScriptWait& wait) try {
   const auto begin = Clock::now();
-  const auto child = Spawn::launch(command_.path, command_.argv, command_.env, false);
+  const auto child = start(false);
   const RunningScript running(*this, *child);
   Collector collector(*child);
   collector.start(*child, script);

@@ -3,6 +3,7 @@
 #include "VerdoDriverCore/Contract/LogSink.h"
 #include "VerdoDriverCore/Contract/Timings.h"
 #include "VerdoDriverCore/Process/ChildProcess.h"
+#include "VerdoDriverCore/Process/GroupRecord.h"
 #include "VerdoDriverCore/Process/Spawn.h"
 #include "VerdoDriverCore/System/Sync.h"
 #include "VerdoDriverCore/Values/JV.h"
@@ -46,12 +47,16 @@ class Browser {
     std::vector<std::string> lines;  ///< standard output, one empty line, standard error
   };
 
-  /// `timeout` limits one script.
+  /// `timeout` limits one script. `groups`, if any, has every process group that is started here.
   Browser(ExecutorCommand command, Duration timeout, std::shared_ptr<LogSink> log,
-          Timings timings = {});
+          Timings timings = {}, std::shared_ptr<GroupRecord> groups = nullptr);
 
   const ExecutorCommand& command() const { return command_; }
 
+  /// Starts the executor for a job's script. Throws Spawn::Error.
+  std::unique_ptr<ChildProcess> start(bool mergeStderr);
+  /// The driver lives (GroupRecord::confirm).
+  void confirmGroups();
   /// Runs one script to its end, or to its time-out. Never throws for what the script does.
   Result run(const std::string& script, const ScriptWait& wait = {}) EXCLUDES(lock_);
   /// Closes a task space and logs how that went. True when the executor said it worked. `isTaken`
@@ -94,6 +99,7 @@ class Browser {
   const Duration timeout_;
   const std::shared_ptr<LogSink> log_;
   const Timings timings_;
+  const std::shared_ptr<GroupRecord> groups_;
   Mutex lock_;
   std::map<std::string, std::weak_ptr<Mutex>> spaceLocks_ GUARDED_BY(lock_);
   std::set<ChildProcess*> running_ GUARDED_BY(lock_);

@@ -85,7 +85,7 @@ JobOutcome BrowserJob::execute(std::string script) {
                                 fmt::join(command.argv, " "), script.size())));
   std::shared_ptr<ChildProcess> child;
   try {
-    child = Spawn::launch(command.path, command.argv, command.env, true);
+    child = browser.start(true);
   } catch (const Spawn::Error& error) {
     log().error(reporter_.prefixed(fmt::format("cannot start executor: {}", error.what())));
     return {kNotRun, fmt::format("executor failed to start: {}", error.what())};

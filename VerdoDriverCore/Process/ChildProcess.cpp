@@ -83,12 +83,15 @@ void ChildProcess::terminateGroup(const TerminationTimings& timings) {
 void ChildProcess::release() {
   signalGroup(SIGKILL);
   wait();
-  MutexLock lock(lock_);
-  if (reaped_) return;
-  siginfo_t info{};
-  while (::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED) != 0 && errno == EINTR) {
+  {
+    MutexLock lock(lock_);
+    if (reaped_) return;
+    siginfo_t info{};
+    while (::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED) != 0 && errno == EINTR) {
+    }
+    reaped_ = true;
   }
-  reaped_ = true;
+  if (onReleased_) onReleased_();
 }
 
 }  // namespace verdo

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <optional>
 
 #include <sys/types.h>
@@ -40,6 +41,10 @@ class ChildProcess {
 
   pid_t pid() const { return pid_; }
 
+  /// Called once by the release() that leaves nobody in the group; before any other thread knows
+  /// the child.
+  void onReleased(std::function<void()> call) { onReleased_ = std::move(call); }
+
   // This process's ends of the child's pipes. Taken out once, by the thread that started the child.
   UniqueFd takeStdin() { return std::move(stdinEnd_); }
   UniqueFd takeStdout() { return std::move(stdoutEnd_); }
@@ -67,6 +72,7 @@ class ChildProcess {
   UniqueFd stdinEnd_;
   UniqueFd stdoutEnd_;
   UniqueFd stderrEnd_;
+  std::function<void()> onReleased_;
   Mutex lock_;
   std::optional<std::int32_t> status_ GUARDED_BY(lock_);
   bool reaped_ GUARDED_BY(lock_) = false;

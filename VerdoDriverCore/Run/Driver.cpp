@@ -143,6 +143,7 @@ void Driver::pause(Duration duration) const {
 }
 
 void Driver::reportAlive() const {
+  browser_->confirmGroups();
   if (const auto observer = observer_.lock()) observer->driverIsAlive();
 }
 

@@ -4,6 +4,7 @@
 #include "VerdoDriverCore/Contract/Executor.h"
 #include "VerdoDriverCore/Jobs/Browser.h"
 #include "VerdoDriverCore/Jobs/StagingDirectory.h"
+#include "VerdoDriverCore/Process/GroupRecord.h"
 #include "VerdoDriverCore/Run/Preparation.h"
 #include "VerdoDriverCore/Run/SpaceClaim.h"
 #include "VerdoDriverCore/System/UniqueFd.h"
@@ -73,6 +74,7 @@ std::vector<std::string> JobTraces::remove() const {
     note(
         removeBrowserData(options_.stateDir + "/verdo-browser", ""));  // logins: nothing runs there
   }
+  GroupRecord::endAbandoned(options_.cache);  // they use the staged files
   note(removeStagedFiles());
   if (left.empty()) {
     std::error_code ignored;  // empty, or not ours alone

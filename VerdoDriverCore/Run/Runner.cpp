@@ -6,6 +6,7 @@
 #include "VerdoDriverCore/Jobs/StagingDirectory.h"
 #include "VerdoDriverCore/Network/Api.h"
 #include "VerdoDriverCore/Network/ChatClient.h"
+#include "VerdoDriverCore/Process/GroupRecord.h"
 #include "VerdoDriverCore/Run/Driver.h"
 #include "VerdoDriverCore/Run/Preparation.h"
 #include "VerdoDriverCore/Run/SpaceClaim.h"
@@ -109,6 +110,7 @@ ExitReason DriverRunner::serve(const Hello& hello, std::shared_ptr<Api> api,
     log_->warn("stopped");
     return ExitReason::stopped();
   }
+  endAbandonedJobs();
   StagingDirectory::removeAbandoned();
   if (!config_.noSweep) {
     driver->sweepSpaces(config_.sweepAll ? TaskSpaces::Sweep::everything : TaskSpaces::Sweep::own);
@@ -122,6 +124,14 @@ ExitReason DriverRunner::serve(const Hello& hello, std::shared_ptr<Api> api,
       config_.idleExit ? std::optional(fromSeconds(*config_.idleExit)) : std::nullopt;
   hasServed_ = true;
   return driver->serve(config_.serveJobs, idleExit);
+}
+
+/// Ends what is left of the jobs of a driver that crashed: they work for nobody, in a browser that
+/// this run is about to use.
+void DriverRunner::endAbandonedJobs() {
+  for (const pid_t group : GroupRecord::endAbandoned(StagingDirectory::defaultCache())) {
+    log_->warn(fmt::format("ended process group {}, left by a driver that crashed", group));
+  }
 }
 
 /// Says hello and tells what came of it; or gives the reason when the run ends there.
@@ -205,8 +215,9 @@ std::optional<ExitReason> DriverRunner::validateKey() {
 
 std::shared_ptr<Driver> DriverRunner::makeDriver(const Hello& hello, std::shared_ptr<Api> api,
                                                  ExecutorCommand executor) {
+  const std::string cache = StagingDirectory::defaultCache();
   auto browser = std::make_shared<Browser>(std::move(executor), fromSeconds(hello.cleanupTimeout),
-                                           log_, timings_);
+                                           log_, timings_, std::make_shared<GroupRecord>(cache));
   Driver::Options options;
   options.maxJobs = hello.maxJobs;
   options.pollWait = config_.pollWait;
@@ -229,8 +240,7 @@ std::shared_ptr<Driver> DriverRunner::makeDriver(const Hello& hello, std::shared
     }
     if (const auto listener = observer.lock()) listener->driverSharesSpaces(holder);
   };
-  auto claim = std::make_unique<SpaceClaim>(StagingDirectory::defaultCache(), config_.server,
-                                            hello.userId, tellHolder);
+  auto claim = std::make_unique<SpaceClaim>(cache, config_.server, hello.userId, tellHolder);
   return std::make_shared<Driver>(std::move(options), std::move(api), log_, std::move(browser),
                                   std::move(claim), observer_);
 }

@@ -56,6 +56,7 @@ class DriverRunner {
   std::variant<Hello, ExitReason> sayHello(Api& api);
   std::optional<ExitReason> checkKey(const std::string& envFile);
   std::optional<ExitReason> validateKey() EXCLUDES(lock_);
+  void endAbandonedJobs();
   std::shared_ptr<Driver> makeDriver(const Hello& hello, std::shared_ptr<Api> api,
                                      ExecutorCommand executor);
   ExitReason serve(const Hello& hello, std::shared_ptr<Api> api, ExecutorCommand executor)

@@ -303,6 +303,19 @@ TEST_F(TheProgram, SignalDuringAPollIsNotHeardOrPassesForAFailure) {
   }
 }
 
+TEST_F(TheProgram, LeavesJobsOfACrashBehind) {
+  const auto id = addJob("grandchild deaf");
+  {
+    const Program crashing(arguments(), environment);
+    ASSERT_TRUE(hasPrinted(id));
+    crashing.signal(SIGKILL);
+  }
+  ASSERT_FALSE(processesOf(home()).empty());
+  Program next(arguments(), environment);
+  EXPECT_TRUE(next.waitForError("! ended process group "));
+  EXPECT_THAT(processesOf(home()), testing::ElementsAre(next.pid()));
+}
+
 TEST_F(TheProgram, SecondSignalIsWaitedForLikeTheFirst) {
   const auto id = addJob("deaf");
   Program program(arguments({"--no-sweep"}), environment);

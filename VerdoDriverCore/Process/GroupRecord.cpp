@@ -1,0 +1,168 @@
+#include "VerdoDriverCore/Process/GroupRecord.h"
+
+#include "VerdoDriverCore/System/Files.h"
+
+#include <algorithm>
+#include <array>
+#include <filesystem>
+#include <sstream>
+#include <thread>
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace verdo {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kRecordPrefix = "groups-";
+
+/// Nobody has removed the file since it was opened.
+bool isStillThere(const UniqueFd& file) {
+  struct stat status{};
+  return ::fstat(file.get(), &status) == 0 && status.st_nlink > 0;
+}
+
+bool isLocked(const UniqueFd& file) {
+  return file && ::flock(file.get(), LOCK_EX | LOCK_NB) == 0 && isStillThere(file);
+}
+
+std::string contentOf(const UniqueFd& file) {
+  std::string text;
+  std::array<char, 4096> part{};
+  ssize_t size = 0;
+  while ((size = ::pread(file.get(), part.data(), part.size(), static_cast<off_t>(text.size()))) >
+         0) {
+    text.append(part.data(), static_cast<std::size_t>(size));
+  }
+  return text;
+}
+
+struct Left {
+  pid_t group = 0;
+  ProcessList::Time start = 0;  ///< of its leader
+};
+
+/// The groups of a record that may still be the same.
+std::vector<Left> groupsIn(const std::string& record) {
+  std::istringstream text(record);
+  std::string scope;
+  ProcessList::Time lastSign = 0;
+  if (!(text >> scope >> lastSign) || scope != ProcessList::scope()) return {};
+
+  std::vector<Left> groups;
+  const auto isOurs = [&](const Left& left) {
+    // While the driver lived it kept the leader's number from being given away. A member from that
+    // time proves that the group has existed without a gap since then.
+    const auto leader = ProcessList::startOf(left.group);
+    if (leader) return *leader == left.start;
+    const auto members = ProcessList::inGroup(left.group);
+    return std::any_of(members.begin(), members.end(), [&](const ProcessList::Member& member) {
+      return member.start >= left.start && member.start <= lastSign;
+    });
+  };
+  for (Left left; text >> left.group >> left.start;) {
+    if (left.group > 1 && isOurs(left)) groups.push_back(left);
+  }
+  return groups;
+}
+
+bool isAlive(pid_t group) { return !ProcessList::inGroup(group).empty(); }
+
+void end(const std::vector<Left>& groups, const TerminationTimings& timings) {
+  const auto signalAll = [&](int signal) {
+    for (const auto& left : groups) ::kill(-left.group, signal);
+  };
+  signalAll(SIGTERM);
+  for (int step = 0; step < timings.steps; ++step) {
+    if (std::none_of(groups.begin(), groups.end(),
+                     [](const Left& left) { return isAlive(left.group); })) {
+      return;
+    }
+    std::this_thread::sleep_for(timings.step);
+  }
+  signalAll(SIGKILL);
+}
+
+}  // namespace
+
+GroupRecord::GroupRecord(std::string directory) : directory_(std::move(directory)) {}
+
+GroupRecord::~GroupRecord() {
+  MutexLock lock(lock_);
+  if (!path_.empty()) ::unlink(path_.c_str());
+}
+
+void GroupRecord::add(pid_t group) {
+  const auto start = ProcessList::startOf(group);
+  if (!start) return;
+  MutexLock lock(lock_);
+  groups_.insert_or_assign(group, *start);
+  write();
+}
+
+void GroupRecord::remove(pid_t group) {
+  MutexLock lock(lock_);
+  if (groups_.erase(group) > 0) write();
+}
+
+void GroupRecord::confirm() {
+  MutexLock lock(lock_);
+  const auto age = std::chrono::steady_clock::now() - written_;
+  if (!groups_.empty() && age >= std::chrono::seconds(1)) write();
+}
+
+void GroupRecord::write() {
+  if (!file_) {
+    std::error_code ignored;  // opening the file tells
+    fs::create_directories(directory_, ignored);
+    std::string path = directory_ + "/" + kRecordPrefix + "XXXXXX";
+    UniqueFd file(::mkostemp(path.data(), O_CLOEXEC));
+    // Between these two steps another driver's look may have taken it for an abandoned one.
+    if (!isLocked(file)) {
+      if (file) ::unlink(path.c_str());
+      return;
+    }
+    file_ = std::move(file);
+    path_ = std::move(path);
+  }
+  written_ = std::chrono::steady_clock::now();
+  std::string text = fmt::format("{} {}\n", ProcessList::scope(), ProcessList::now());
+  for (const auto& [group, start] : groups_) text += fmt::format("{} {}\n", group, start);
+  if (::lseek(file_.get(), 0, SEEK_SET) != 0) return;
+  const auto written = writeAll(file_.get(), text).written;
+  static_cast<void>(::ftruncate(file_.get(), static_cast<off_t>(written)));
+}
+
+std::vector<pid_t> GroupRecord::endAbandoned(const std::string& directory,
+                                             const TerminationTimings& timings) {
+  std::vector<UniqueFd> files;  // ours until all is done, so that nobody else does the same
+  std::vector<std::string> paths;
+  std::vector<Left> groups;
+  std::error_code missing;
+  for (auto entry = fs::directory_iterator(directory, missing);
+       !missing && entry != fs::directory_iterator(); entry.increment(missing)) {
+    const fs::path& path = entry->path();
+    if (!path.filename().string().starts_with(kRecordPrefix)) continue;
+    UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    if (!isLocked(file)) continue;
+    const auto some = groupsIn(contentOf(file));
+    groups.insert(groups.end(), some.begin(), some.end());
+    files.push_back(std::move(file));
+    paths.push_back(path);
+  }
+  if (!groups.empty()) end(groups, timings);
+  for (const auto& path : paths) ::unlink(path.c_str());
+
+  std::vector<pid_t> ended;
+  ended.reserve(groups.size());
+  for (const auto& left : groups) ended.push_back(left.group);
+  return ended;
+}
+
+}  // namespace verdo
