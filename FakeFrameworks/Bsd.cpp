@@ -5,12 +5,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <mutex>
 
 #include <sys/epoll.h>
 #include <sys/event.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/sysctl.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -27,6 +29,8 @@ struct Queue {
   std::map<int, Interest> sockets;
   std::map<std::uintptr_t, int> userEvents;  ///< by name, the eventfd that stands for it
 };
+
+std::vector<fake::Process> processes;
 
 std::mutex guard;  // of the map; each queue is changed by one thread, but for its user events
 std::map<int, Queue> queues;
@@ -122,6 +126,35 @@ int kevent(int fd, const struct kevent* changes, int changeCount, struct kevent*
   due.resize(std::min(due.size(), static_cast<std::size_t>(eventCount)));
   std::copy(due.begin(), due.end(), events);
   return count < 0 ? -1 : static_cast<int>(due.size());
+}
+
+void verdo::fake::setProcesses(std::vector<Process> list) { processes = std::move(list); }
+
+int sysctl(int* name, unsigned int count, void* old, std::size_t* oldSize, void*, std::size_t) {
+  if (count != 4 || name[0] != CTL_KERN || name[1] != KERN_PROC) return errno = ENOENT, -1;
+  std::vector<kinfo_proc> found;
+  for (const auto& process : processes) {
+    if (name[3] != (name[2] == KERN_PROC_PGRP ? process.group : process.pid)) continue;
+    found.push_back({{{process.startSeconds, process.startMicroseconds},
+                      static_cast<char>(process.isZombie ? SZOMB : SRUN),
+                      process.pid},
+                     {process.group}});
+  }
+  const std::size_t size = found.size() * sizeof(kinfo_proc);
+  if (old && *oldSize < size) return errno = ENOMEM, -1;
+  if (old && size > 0) std::memcpy(old, found.data(), size);
+  *oldSize = size;
+  return 0;
+}
+
+int sysctlbyname(const char* name, void* old, std::size_t* oldSize, void*, std::size_t) {
+  constexpr const char* kBoot = "D0D3C4CA-0000-0000-0000-000000000001";
+  const std::size_t size = std::strlen(kBoot) + 1;
+  if (std::string(name) != "kern.bootsessionuuid") return errno = ENOENT, -1;
+  if (*oldSize < size) return errno = ENOMEM, -1;
+  std::memcpy(old, kBoot, size);
+  *oldSize = size;
+  return 0;
 }
 
 int getpeereid(int socket, uid_t* user, gid_t* group) {

@@ -56,6 +56,16 @@ void setProxies(std::vector<Proxy> proxies);
 /// A path update as the system sends it, on a thread of its own. To nobody once cancelled.
 void reportPath(int status);
 
+/// What the kernel lists.
+struct Process {
+  int pid = 0;
+  int group = 0;
+  bool isZombie = false;
+  long startSeconds = 0;
+  int startMicroseconds = 0;
+};
+void setProcesses(std::vector<Process> processes);
+
 /// The workspace has woken up.
 void wakeUp();
 /// Who would be told.

@@ -4,6 +4,7 @@
 #include "VerdoDriverCore/Process/SpawnPlatform.h"
 #include "VerdoDriverCore/System/LargeBlocks.h"
 #include "VerdoDriverCore/System/Pipe.h"
+#include "VerdoDriverCore/System/ProcessList.h"
 #include "VerdoDriverCore/System/SuspendClock.h"
 #include "VerdoDriverCore/System/ThreadName.h"
 
@@ -64,6 +65,20 @@ TEST_F(MacOSCore, AThreadGoesByAnotherName) {
     EXPECT_STREQ(name, "verdo-named");
   }).join();
   giveBackLargeBlocks();
+}
+
+TEST_F(MacOSCore, AProcessIsTakenForAnother) {
+  fake::setProcesses({{.pid = 7, .group = 7, .isZombie = true, .startSeconds = 1},
+                      {.pid = 8, .group = 7, .startSeconds = 2, .startMicroseconds = 5},
+                      {.pid = 9, .group = 9, .startSeconds = 3}});
+  EXPECT_EQ(ProcessList::startOf(7), 1'000'000);
+  EXPECT_EQ(ProcessList::startOf(5), std::nullopt);
+  const auto members = ProcessList::inGroup(7);
+  ASSERT_EQ(members.size(), 1u);
+  EXPECT_EQ(members[0].pid, 8);
+  EXPECT_EQ(members[0].start, 2'000'005);
+  EXPECT_GT(ProcessList::now(), 1'700'000'000'000'000);
+  EXPECT_EQ(ProcessList::scope(), "D0D3C4CA-0000-0000-0000-000000000001");
 }
 
 TEST_F(MacOSCore, AQueueThatIsNotThereIsUsed) {
