@@ -21,6 +21,8 @@ void benchDownload(std::vector<Row>& rows);
 void benchLLM(std::vector<Row>& rows);
 /// What jobs with large payloads cost in memory.
 void benchPayload(std::vector<Row>& rows);
+/// What 200,000 polls and 20,000 jobs leave behind.
+void benchLifetime(std::vector<Row>& rows);
 /// Writing JSON strings.
 void benchJson(std::vector<Row>& rows);
 /// The tray app on a desktop of its own.

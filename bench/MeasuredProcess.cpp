@@ -54,6 +54,8 @@ Usage MeasuredProcess::usage() const {
   usage.rss = static_cast<double>(statusValue(process / "status", "VmRSS")) * kKibibyteInMegabytes;
   usage.peakRss =
       static_cast<double>(statusValue(process / "status", "VmHWM")) * kKibibyteInMegabytes;
+  usage.anonymous =
+      static_cast<double>(statusValue(process / "status", "RssAnon")) * kKibibyteInMegabytes;
   std::ifstream stat(process / "stat");
   std::string text((std::istreambuf_iterator<char>(stat)), {});
   // Behind the program's name, which may hold anything: user and system time are 12 and 13 further.

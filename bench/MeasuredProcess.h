@@ -18,6 +18,7 @@ struct Usage {
   double cpu = 0;              ///< user and system time of the process itself, seconds
   double rss = 0;              ///< resident now, MB (10^6 bytes)
   double peakRss = 0;          ///< the highest resident size, MB
+  double anonymous = 0;        ///< of `rss` what is the process's own, not a file's, MB
   std::uint64_t switches = 0;  ///< context switches of all threads: one for each wake-up
   /// Those of each thread by its id; the main thread's is the process's.
   std::map<pid_t, std::uint64_t> threadSwitches;

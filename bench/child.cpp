@@ -4,6 +4,7 @@
 //
 //   stamp        prints the monotonic clock, nanoseconds, as its first act
 //   flood BYTES  prints that many bytes in numbered 100-byte lines
+//   script       the same, as many as the script says
 #include <chrono>
 #include <cstring>
 #include <string>
@@ -24,12 +25,11 @@ void writeAll(std::string_view bytes) {
   }
 }
 
-bool isOnlyListing() {
-  char script[4096];
-  const ssize_t size = ::read(STDIN_FILENO, script, sizeof script);
-  return size > 0 &&
-         std::string_view(script, static_cast<std::size_t>(size)).find("listTaskSpaces") !=
-             std::string_view::npos;
+std::string beginOfScript() {
+  std::string script(4096, '\0');
+  const ssize_t size = ::read(STDIN_FILENO, script.data(), script.size());
+  script.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
+  return script;
 }
 
 void flood(long long bytes) {
@@ -52,9 +52,12 @@ void flood(long long bytes) {
 
 int main(int argc, char** argv) {
   const auto now = std::chrono::steady_clock::now().time_since_epoch();
-  if (argc < 2 || isOnlyListing()) return 0;
+  const std::string script = argc < 2 ? "" : beginOfScript();
+  if (argc < 2 || script.find("listTaskSpaces") != std::string::npos) return 0;
   if (std::strcmp(argv[1], "stamp") == 0) {
     writeAll(std::to_string(std::chrono::nanoseconds(now).count()) + "\n");
+  } else if (std::strcmp(argv[1], "script") == 0) {
+    flood(std::stoll(script));
   } else if (argc > 2) {
     flood(std::stoll(argv[2]));
   }
