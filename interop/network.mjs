@@ -6,8 +6,8 @@ import { execFileSync, spawn } from 'node:child_process'
 import { createInterface } from 'node:readline'
 import { setTimeout as sleep } from 'node:timers/promises'
 import { fileURLToPath } from 'node:url'
-import { Processes } from '../../demo/processes.mjs'
-import { Service } from '../../demo/service.mjs'
+import { Processes } from '../demo/processes.mjs'
+import { Service } from '../demo/service.mjs'
 
 const [programs, certificates] = process.argv.slice(2)
 const kLines = 300
@@ -20,7 +20,7 @@ const kGiveUp = 120 // seconds
 /** The road to a service (tests/Support/front.mjs). */
 class Front {
   static async start(port, encrypted) {
-    const script = fileURLToPath(new URL('../Support/front.mjs', import.meta.url))
+    const script = fileURLToPath(new URL('../tests/Support/front.mjs', import.meta.url))
     const given = [
       '--certificate',
       `${certificates}/certificate.pem`,
