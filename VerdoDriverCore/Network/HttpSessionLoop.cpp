@@ -18,7 +18,9 @@ constexpr std::chrono::milliseconds kMaxWait{std::numeric_limits<int>::max()};
 }  // namespace
 
 HttpSessionLoop::HttpSessionLoop(HttpSession::Options options) : options_(std::move(options)) {
-  pools_.push_back(std::make_unique<ConnectionPool>(poller_));
+  for (auto* const pool : {&downloads_, &calls_}) {
+    *pool = pools_.emplace_back(std::make_unique<ConnectionPool>(poller_)).get();
+  }
   thread_ = std::thread([this] { run(); });
 }
 
@@ -109,7 +111,10 @@ bool HttpSessionLoop::readMailbox() {
     std::swap(mail, mail_);
     ending = ending_;
   }
-  for (auto& transfer : mail.starting) add(std::move(transfer), *pools_.back());
+  for (auto& transfer : mail.starting) {
+    ConnectionPool& pool = poolFor(*transfer);
+    add(std::move(transfer), pool);
+  }
   for (const auto identifier : mail.cancelling) {
     if (const auto transfer = remove(identifier)) transfer->fail(TransportError::cancelled());
   }
@@ -216,7 +221,7 @@ void HttpSessionLoop::timeOut(std::int64_t identifier) {
     }
     return;
   }
-  if (&pool == pools_.back().get()) leavePool();
+  if (isInUse(pool)) leavePools();
   char* url = nullptr;
   curl_easy_getinfo(late.handle.get(), CURLINFO_EFFECTIVE_URL, &url);
   const std::string asked = url ? url : late.request.url;
@@ -264,21 +269,31 @@ void HttpSessionLoop::dropIfDue() {
   if (!dropDue_ || *dropDue_ > Clock::now()) return;
   dropDue_.reset();
   nextDrop_ = Clock::now() + options_.dropInterval;
-  leavePool();
+  leavePools();
   while (!running_.empty()) remove(running_.begin()->first)->fail(TransportError::dropped());
 }
 
+ConnectionPool& HttpSessionLoop::poolFor(const HttpTransfer& transfer) {
+  return transfer.request.sink ? *downloads_ : *calls_;
+}
+
+/// Whether new transfers go to it.
+bool HttpSessionLoop::isInUse(const ConnectionPool& pool) const {
+  return &pool == downloads_ || &pool == calls_;
+}
+
 /// Has later transfers open connections of their own.
-void HttpSessionLoop::leavePool() try {
-  pools_.push_back(std::make_unique<ConnectionPool>(poller_));
+void HttpSessionLoop::leavePools() try {
+  for (auto* const pool : {&downloads_, &calls_}) {
+    *pool = pools_.emplace_back(std::make_unique<ConnectionPool>(poller_)).get();
+  }
 } catch (const std::runtime_error&) {
   // No memory for another one. The old one serves on: late is better than not at all.
 }
 
 void HttpSessionLoop::removeIdlePools() {
-  if (pools_.size() == 1) return;
-  const auto* current = pools_.back().get();
-  std::erase_if(pools_, [&](const auto& pool) { return pool.get() != current && pool->isIdle(); });
+  if (pools_.size() == 2) return;
+  std::erase_if(pools_, [&](const auto& pool) { return !isInUse(*pool) && pool->isIdle(); });
 }
 
 std::unique_ptr<HttpTransfer> HttpSessionLoop::remove(std::int64_t identifier) {

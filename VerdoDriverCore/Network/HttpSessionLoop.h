@@ -74,7 +74,9 @@ class HttpSessionLoop {
   void expireOverdue();
   void timeOut(std::int64_t identifier);
   void dropIfDue();
-  void leavePool();
+  ConnectionPool& poolFor(const HttpTransfer& transfer);
+  bool isInUse(const ConnectionPool& pool) const;
+  void leavePools();
   void removeIdlePools();
   void ping(ConnectionPool& pool, HttpTransfer::Connection connection, const std::string& url);
   bool hasMovedSince(Clock::time_point time, const std::vector<std::int64_t>& transfers) const;
@@ -94,8 +96,13 @@ class HttpSessionLoop {
   bool ending_ GUARDED_BY(lock_) = false;
 
   // The I/O thread's own.
-  /// New transfers go to the last one; those before it only live until theirs have ended.
+  /// New transfers go to the two below; the others only live until theirs have ended.
   std::vector<std::unique_ptr<ConnectionPool>> pools_;
+  /// Downloads, which keep to HTTP/1.1, and all else apart: where a pool has HTTP/2 connections to
+  /// a host, libcurl 7.88 gives a request that looks for another one a busy HTTP/1.1 connection as
+  /// well.
+  ConnectionPool* downloads_ = nullptr;
+  ConnectionPool* calls_ = nullptr;
   std::unordered_map<std::int64_t, Running> running_;
   Expiries expiries_;
   std::optional<Clock::time_point> dropDue_;

@@ -108,6 +108,23 @@ TEST_F(SilentPath, BodySentAnewLacksWhatWasReadBefore) {
   EXPECT_EQ(came->body.front(), '"');
 }
 
+TEST_F(SilentPath, CallGoesOverTheConnectionOfADownload) {
+  auto poll = beginPoll();
+  service.faults().add({.endpoint = "files", .delay = 2s});
+  const auto file = service.files().add({.name = "a.txt", .content = "the file"});
+  auto download = std::async(std::launch::async, [&] {
+    return failureOf([&] { api->download(file, path("a.txt"), kLong); });
+  });
+  ASSERT_TRUE(service.requests().waitFor("files", 1, kLong));
+  EXPECT_EQ(failureOf([&] { api->hello(); }), "");
+  EXPECT_EQ(front->leave(), 1);
+  EXPECT_EQ(failureOf([&] { api->hello(); }), "");
+  EXPECT_EQ(download.get(), "");
+  EXPECT_EQ(contentOf(path("a.txt")), "the file");
+  addJob("");
+  EXPECT_EQ(poll.get(), "");
+}
+
 TEST_F(SilentPath, ChangeOfTheNetworkIsTakenForAFailure) {
   auto poll = beginPoll();
   front->swallow();

@@ -30,6 +30,8 @@ class Front {
   int swallow() { return ask("swallow"); }
   /// Turns the next body on each connection that is open now away unread; gives how many they are.
   int refuse() { return ask("refuse"); }
+  /// Takes no further request over the connections of HTTP/2 that are open now; gives how many.
+  int leave() { return ask("leave"); }
   /// How many connections there have been.
   int connections() { return ask("count"); }
 

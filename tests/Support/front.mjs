@@ -3,13 +3,15 @@
 //
 //   node front.mjs --to PORT [--certificate FILE --key FILE] [--listen ADDRESS]
 //
-// With a certificate: HTTP/2 over TLS, passed on as plain HTTP to PORT of this machine. Without:
-// whatever is said is passed on as it is. A command is a line on standard input, answered by a line:
+// With a certificate: HTTP/2 (or 1.1) over TLS, passed on as plain HTTP to PORT of this machine.
+// Without: whatever is said is passed on as it is. A command is a line on standard input, answered by a line:
 //
 //   swallow   the connections open now go on acknowledging, but nothing passes any more: "swallowed N"
 //   count     "connections N": how many there have been
 //   refuse    HTTP/2: no connection open now has room for a body until one came and was turned away
 //             unread, as when a proxy restarts: "refusing N"
+//   leave     HTTP/2: the connections open now take no further request (GOAWAY), as when a proxy
+//             has served as many as it wants to over each: "leaving N"
 //
 // It ends with its input.
 import { readFileSync } from 'node:fs'
@@ -34,6 +36,25 @@ function listen(server, address) {
     server.once('error', reject)
     server.listen(0, address, () => resolve(server.address().port))
   })
+}
+
+/// Passes one request of HTTP/1.1 on, and its reply back.
+function passOnOne(agent, request, response) {
+  const { method, url, headers } = request
+  const upstream = http.request({
+    host: LOOPBACK,
+    port: Number(options.to),
+    agent,
+    method,
+    path: url,
+    headers,
+  })
+  upstream.on('error', () => response.destroy())
+  upstream.on('response', (reply) => {
+    response.writeHead(reply.statusCode, reply.rawHeaders)
+    reply.pipe(response)
+  })
+  request.pipe(upstream)
 }
 
 /// Passes one request on, and its reply back, piece by piece.
@@ -65,6 +86,10 @@ async function startProxy() {
   const proxy = http2.createSecureServer({
     cert: readFileSync(options.certificate),
     key: readFileSync(options.key),
+    allowHTTP1: true,
+  })
+  proxy.on('request', (request, response) => {
+    if (request.httpVersionMajor === 1) passOnOne(agent, request, response)
   })
   proxy.on('session', (session) => {
     sessions.add(session)
@@ -129,6 +154,9 @@ for await (const command of readline.createInterface({ input: process.stdin })) 
       refusing.add(session)
     }
     console.log(`refusing ${refusing.size}`)
+  } else if (command === 'leave') {
+    for (const session of sessions) session.goaway()
+    console.log(`leaving ${sessions.size}`)
   } else if (command === 'count') {
     console.log(`connections ${count}`)
   } else {
