@@ -48,6 +48,17 @@ bool isDropped(const HttpResult& result) {
   return !result && result.error().kind == TransportError::Kind::dropped;
 }
 
+ServerError::Cause causeOf(const TransportError& error) {
+  switch (error.kind) {
+    case TransportError::Kind::streamReset:
+      return ServerError::Cause::streamReset;
+    case TransportError::Kind::closed:
+      return ServerError::Cause::closed;
+    default:
+      return ServerError::Cause::other;
+  }
+}
+
 }  // namespace
 
 Api::Api(Options options, std::shared_ptr<HttpSession> session)
@@ -145,9 +156,7 @@ Api::Reply Api::request(const Call& call) {
   if (!result) {
     const TransportError& error = result.error();
     fail(ServerError::Kind::server,
-         fmt::format("{} -> {}: {}", name, errorName(error), error.description),
-         error.kind == TransportError::Kind::streamReset ? ServerError::Cause::streamReset
-                                                         : ServerError::Cause::other);
+         fmt::format("{} -> {}: {}", name, errorName(error), error.description), causeOf(error));
   }
   const auto& [status, body] = *result;
   if (status < 400) {

@@ -19,6 +19,7 @@ class ServerError : public Error {
     other,
     bodyTooLarge,  ///< HTTP 413: something on the way takes smaller bodies only
     streamReset,   ///< HTTP/2: the stream was ended early, perhaps for the same reason
+    closed,        ///< the connection was closed before the answer's end, perhaps for waiting
     waitTooLong,   ///< HTTP 504 or 408: something on the way does not wait as long as we asked
   };
 

@@ -70,7 +70,8 @@ struct TransportError {
   enum class Kind {
     cancelled,
     timedOut,
-    streamReset,  ///< HTTP/2: the other side ended this request's stream, not the connection
+    streamReset,  ///< HTTP/2: this request's stream was ended, by itself or with its connection
+    closed,       ///< the connection was closed in order, before the answer or within it
     dropped,  ///< by HttpSession::dropConnections(): nothing is wrong, the request may be sent anew
     other,
   };

@@ -91,6 +91,9 @@ TransportError::Kind kindOf(CURLcode code) {
       return TransportError::Kind::timedOut;
     case CURLE_HTTP2_STREAM:
       return TransportError::Kind::streamReset;
+    case CURLE_GOT_NOTHING:
+    case CURLE_PARTIAL_FILE:
+      return TransportError::Kind::closed;
     default:
       return TransportError::Kind::other;
   }

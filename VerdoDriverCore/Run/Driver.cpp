@@ -11,6 +11,15 @@
 #include <fmt/format.h>
 
 namespace verdo {
+namespace {
+
+/// A proxy that waits no longer says so, or, where it is a tunnel, closes without a word.
+bool mayBeForItsWait(ServerError::Cause cause) {
+  using Cause = ServerError::Cause;
+  return cause == Cause::waitTooLong || cause == Cause::streamReset || cause == Cause::closed;
+}
+
+}  // namespace
 
 Driver::Driver(Options options, std::shared_ptr<Api> api, std::shared_ptr<LogSink> log,
                std::shared_ptr<Browser> browser, std::unique_ptr<SpaceClaim> claim,
@@ -115,7 +124,7 @@ Driver::PollOutcome Driver::pollOnce() {
 }
 
 void Driver::learnFrom(const ServerError& failure, Duration waited) {
-  if (failure.cause() != ServerError::Cause::waitTooLong) return;
+  if (!mayBeForItsWait(failure.cause())) return;
   if (const auto news = pollWait_.endedByProxy(waited)) log_->warn(*news);
 }
 

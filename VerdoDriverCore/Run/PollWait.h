@@ -17,8 +17,8 @@ class PollWait {
 
   /// Seconds to ask for.
   double seconds() const { return wait_; }
-  /// A poll was ended by something on the way (HTTP 504 or 408) after so long. Gives the line that
-  /// explains it, when that is new.
+  /// A poll was ended after so long, by something on the way it seems (HTTP 504 or 408, or without
+  /// a word). Gives the line that explains it, when that is new.
   [[nodiscard]] std::optional<std::string> endedByProxy(Duration after);
 
  private:

@@ -122,6 +122,31 @@ TEST_F(ApiRequests, SecretThatTheServiceQuotesReachesAMessage) {
   }
 }
 
+TEST_F(ApiRequests, FailureThatMayBeForItsWaitLooksLikeAnyOther) {
+  using Cause = ServerError::Cause;
+  const std::pair<local::Fault, Cause> cases[] = {
+      {{.delivery = local::Delivery::close}, Cause::closed},
+      {{.reply = FaultReply{.body = "{}"},
+        .delivery = local::Delivery::truncated,
+        .truncateAfter = 1},
+       Cause::closed},
+      {{.delivery = local::Delivery::reset}, Cause::other},
+      {{.delivery = local::Delivery::garbage}, Cause::other},
+      {{.reply = local::FaultReply{.status = 504}}, Cause::waitTooLong},
+      {{.reply = local::FaultReply{.status = 502}}, Cause::other},
+  };
+  for (const auto& [fault, cause] : cases) {
+    const auto id = service.faults().add(fault);
+    try {
+      api->poll(1, {});
+      ADD_FAILURE() << "the poll went well";
+    } catch (const ServerError& error) {
+      EXPECT_EQ(error.cause(), cause) << error.what();
+    }
+    service.faults().clear(id);
+  }
+}
+
 TEST_F(ApiRequests, ProxyHearsOfRequestsToThisComputer) {
   const ScopedEnv proxy("http_proxy", "http://127.0.0.1:1");
   const ScopedEnv every("ALL_PROXY", "http://127.0.0.1:1");
