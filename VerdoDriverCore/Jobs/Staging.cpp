@@ -1,6 +1,7 @@
 #include "VerdoDriverCore/Jobs/Staging.h"
 
 #include "VerdoDriverCore/Jobs/FileStager.h"
+#include "VerdoDriverCore/System/StartThread.h"
 #include "VerdoDriverCore/System/ThreadName.h"
 
 #include <exception>
@@ -70,7 +71,7 @@ void Staging::State::cancel() {
 
 Staging::Staging(std::shared_ptr<JobHost> host, const Job& job, std::string payload)
     : state_(std::make_shared<State>(std::move(host), job, std::move(payload))) {
-  std::thread([state = state_] {
+  startThread([state = state_] {
     setThreadName(fmt::format("staging-{}", state->job.id));
     state->run();
   }).detach();

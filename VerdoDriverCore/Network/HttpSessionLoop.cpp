@@ -1,5 +1,6 @@
 #include "VerdoDriverCore/Network/HttpSessionLoop.h"
 
+#include "VerdoDriverCore/System/StartThread.h"
 #include "VerdoDriverCore/System/ThreadName.h"
 
 #include <algorithm>
@@ -21,7 +22,7 @@ HttpSessionLoop::HttpSessionLoop(HttpSession::Options options) : options_(std::m
   for (auto* const pool : {&downloads_, &calls_}) {
     *pool = pools_.emplace_back(std::make_unique<ConnectionPool>(poller_)).get();
   }
-  thread_ = std::thread([this] { run(); });
+  thread_ = startThread([this] { run(); });
 }
 
 HttpSessionLoop::~HttpSessionLoop() { shutDown(); }

@@ -1,6 +1,7 @@
 #include "VerdoDriverCore/Process/LineReader.h"
 
 #include "VerdoDriverCore/System/Files.h"
+#include "VerdoDriverCore/System/StartThread.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -95,7 +96,7 @@ void LineReader::feed(UniqueFd sink, std::string text) {
 }
 
 void LineReader::start() {
-  thread_ = std::thread([this] { run(); });
+  thread_ = startThread([this] { run(); });
 }
 
 void LineReader::abandon() {
