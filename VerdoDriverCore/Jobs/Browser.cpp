@@ -6,6 +6,7 @@
 #include "VerdoDriverCore/Values/Utf8.h"
 
 #include <algorithm>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -40,6 +41,12 @@ class Collector {
     err_.start();
   }
 
+  /// Throws std::system_error when the script did not get to the child.
+  void checkFeed() const {
+    if (const int error = out_.feedError()) {
+      throw std::system_error(error, std::generic_category(), "cannot give it its script");
+    }
+  }
   const Event& outputEnded() const { return out_.done(); }
   const Event& errorsEnded() const { return err_.done(); }
 
@@ -125,6 +132,7 @@ Browser::Result Browser::run(const std::string& script, const ScriptWait& wait) 
   Duration nap = std::chrono::milliseconds(1);
   const auto hasExited = [&](Duration look) {
     if (child->poll()) return true;
+    collector.checkFeed();
     if (!collector.outputEnded().isSet()) {
       collector.outputEnded().waitFor(look);
     } else {
@@ -151,7 +159,7 @@ Browser::Result Browser::run(const std::string& script, const ScriptWait& wait) 
 } catch (const Spawn::Error& error) {
   return {kNotStarted, {error.what()}};
 } catch (const std::system_error& error) {
-  // No room for another pipe or thread.
+  // No room for another pipe or thread, or for what shall go through the pipe.
   return {kNotStarted, {error.what()}};
 }
 

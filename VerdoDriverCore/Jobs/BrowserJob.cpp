@@ -5,6 +5,7 @@
 #include "VerdoDriverCore/Values/Utf8.h"
 
 #include <algorithm>
+#include <system_error>
 #include <thread>
 
 #include <fmt/format.h>
@@ -130,6 +131,10 @@ void BrowserJob::reportWhileRunning(ChildProcess& child, LineReader& reader) {
       pending_.waitUntilFull(wake);
     }
     postPending();
+    if (const int error = reader.feedError()) {
+      child.signalGroup(SIGKILL);  // before it sees the end of what it has of its script
+      throw std::system_error(error, std::generic_category(), "cannot give it its script");
+    }
 
     if (!child.poll()) continue;
     if (reader.done().isSet()) break;

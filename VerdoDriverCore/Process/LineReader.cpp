@@ -150,6 +150,11 @@ void LineReader::writeSome() {
   const WriteOutcome outcome = writeAll(sink_.get(), std::string_view(input_).substr(written_));
   written_ += outcome.written;
   if (outcome.error == EAGAIN) return;
+  if (outcome.error != 0 && outcome.error != EPIPE) {
+    // Open still: who reads the other end must not take a part for the whole.
+    unfed_ = std::move(sink_);
+    feedError_ = outcome.error;
+  }
   sink_.reset();
   std::string().swap(input_);  // an assignment would keep its memory
 }

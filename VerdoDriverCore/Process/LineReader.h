@@ -64,9 +64,13 @@ class LineReader {
   ~LineReader();
 
   /// Writes `text` to `sink` and then closes it, while lines are read and, if need be, after the
-  /// last one; an error (the child has closed its input) ends the writing silently. Call it before
+  /// last one; a child that has closed its input ends the writing silently. Call it before
   /// start(), if at all.
   void feed(UniqueFd sink, std::string text);
+  /// The errno of another failure of that writing, 0 for none. The sink then stays open as long as
+  /// this object lives, so that nobody takes the part that was written for the whole. Any thread
+  /// may ask.
+  int feedError() const { return feedError_; }
   /// Starts the thread. Throws std::system_error.
   void start();
   /// Set once the last line has been delivered and the descriptor is closed.
@@ -83,6 +87,8 @@ class LineReader {
 
   UniqueFd source_;
   UniqueFd sink_;
+  UniqueFd unfed_;  ///< the sink of which writing has failed
+  std::atomic<int> feedError_ = 0;
   std::string input_;
   std::size_t written_ = 0;
   OnLines onLines_;
