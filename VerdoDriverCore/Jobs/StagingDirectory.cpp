@@ -7,9 +7,11 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <system_error>
 #include <thread>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/file.h>
@@ -55,6 +57,22 @@ UniqueFd openDirectory(const std::string& path) {
   return UniqueFd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
 }
 
+struct CloseDirectory {
+  void operator()(DIR* directory) const { ::closedir(directory); }
+};
+
+/// Removes a directory's files through a descriptor of it, since there may be none left for another
+/// look. Subdirectories stay. Gives the descriptor back, in another form.
+std::unique_ptr<DIR, CloseDirectory> removeFilesIn(UniqueFd directory) {
+  std::unique_ptr<DIR, CloseDirectory> entries(directory ? ::fdopendir(directory.get()) : nullptr);
+  if (!entries) return entries;
+  const int fd = directory.release();
+  while (const dirent* entry = ::readdir(entries.get())) {
+    static_cast<void>(::unlinkat(fd, &entry->d_name[0], 0));  // refused for directories
+  }
+  return entries;
+}
+
 /// Makes a directory whose owner is gone ours, so that nobody else touches it. Empty when it has an
 /// owner, or when another process makes or takes one just now.
 UniqueFd takeAbandoned(const std::string& cache, const std::string& path) try {
@@ -82,11 +100,19 @@ StagingDirectory::StagingDirectory(const std::string& cache, std::chrono::millis
   }
   path_ = std::move(path);
   lock_ = openDirectory(path_);
+  if (!lock_) {
+    // Unlocked, it would be another driver's to remove.
+    const int error = errno;
+    ::rmdir(path_.c_str());
+    throw PyError("OSError", pyErrnoText(error, path_));
+  }
   // A file system without locks costs the clean-up after a crash, not the job.
-  if (lock_) static_cast<void>(::flock(lock_.get(), LOCK_EX | LOCK_NB));
+  static_cast<void>(::flock(lock_.get(), LOCK_EX | LOCK_NB));
 }
 
 StagingDirectory::~StagingDirectory() {
+  const auto locked = removeFilesIn(std::move(lock_));
+  if (::rmdir(path_.c_str()) == 0) return;
   std::error_code ignored;  // nobody is left to tell; the next start tries again
   fs::remove_all(path_, ignored);
 }
