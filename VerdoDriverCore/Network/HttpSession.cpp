@@ -8,11 +8,14 @@
 #include <utility>
 
 #include <curl/curl.h>
+#include <openssl/crypto.h>
 
 namespace verdo {
 namespace {
 
 void initialiseCurlOnce() {
+  // Asked first: libcurl does not look, and what it then calls of OpenSSL may crash.
+  if (!OSSL_LIB_CTX_get0_global_default()) throw std::runtime_error("OpenSSL cannot be set up");
   static const CURLcode code = curl_global_init(CURL_GLOBAL_DEFAULT);
   if (code != CURLE_OK) throw std::runtime_error(curl_easy_strerror(code));
 }
