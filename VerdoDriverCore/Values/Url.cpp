@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <memory>
+#include <new>
 
 #include <curl/curl.h>
 
@@ -13,9 +14,15 @@ struct CurlUrlFree {
   void operator()(CURLU* url) const { curl_url_cleanup(url); }
 };
 
+/// What is wrong with memory is not wrong with the URL.
+bool isFine(CURLUcode code) {
+  if (code == CURLUE_OUT_OF_MEMORY) throw std::bad_alloc();
+  return code == CURLUE_OK;
+}
+
 std::optional<std::string> part(CURLU* url, CURLUPart which) {
   char* text = nullptr;
-  if (curl_url_get(url, which, &text, 0) != CURLUE_OK || !text) return std::nullopt;
+  if (!isFine(curl_url_get(url, which, &text, 0)) || !text) return std::nullopt;
   const std::unique_ptr<char, decltype(&curl_free)> owned(text, &curl_free);
   return std::string(text);
 }
@@ -32,8 +39,8 @@ std::optional<Url> Url::parse(std::string_view text) {
   // The library would take the first piece of the path for the host.
   if (text.find(":///") == text.find("://")) return std::nullopt;
   const std::unique_ptr<CURLU, CurlUrlFree> parsed(curl_url());
-  if (!parsed ||
-      curl_url_set(parsed.get(), CURLUPART_URL, std::string(text).c_str(), 0) != CURLUE_OK) {
+  if (!parsed) throw std::bad_alloc();
+  if (!isFine(curl_url_set(parsed.get(), CURLUPART_URL, std::string(text).c_str(), 0))) {
     return std::nullopt;
   }
   const auto host = part(parsed.get(), CURLUPART_HOST);
