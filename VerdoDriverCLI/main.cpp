@@ -15,6 +15,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <memory>
 #include <optional>
 #include <system_error>
@@ -100,7 +101,7 @@ int examine(verdo::cli::Options options, const verdo::Secrets& secrets) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
   openStandardDescriptors();
   verdo::giveBackLargeBlocks();
   verdo::keepEndedChildren();
@@ -113,4 +114,8 @@ int main(int argc, char** argv) {
   auto& options = std::get<verdo::cli::Options>(parsed);
   exitNow(options.doctor ? examine(std::move(options), secrets)
                          : serve(std::move(options), secrets));
+} catch (const std::exception& error) {
+  // Out of memory before there was anything to lose. A run reports its own failures.
+  std::fprintf(stderr, "verdo-driver: %s\n", error.what());
+  exitNow(verdo::ExitReason::serverUnreachable({}).code());
 }
