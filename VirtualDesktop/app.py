@@ -23,7 +23,7 @@ def window_class():
 
 
 NAME = window_class()
-KEY = "provider-key"
+KEY = "sk-provider-key-0123456789-abcdefghij"
 UNTIL_TOLD = "until [ -e $HOME/go ]; do sleep 0.05; done"  # a job
 # Runs a job's payload as a shell script.
 EXECUTOR = """#!/bin/sh
@@ -39,7 +39,7 @@ esac
 class Service:
     """One port and one token for life, over all its starts."""
 
-    def __init__(self, desktop, program, token="token-12345678"):
+    def __init__(self, desktop, program, token="vdt_0123456789-abcdefghij-12345678"):
         self.desktop, self.program, self.token = desktop, program, token
         self.port = self.starts = 0
         self.start()

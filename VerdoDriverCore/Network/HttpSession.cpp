@@ -3,7 +3,10 @@
 #include "VerdoDriverCore/Network/HttpSessionLoop.h"
 #include "VerdoDriverCore/Network/HttpTransfer.h"
 #include "VerdoDriverCore/System/Sync.h"
+#include "VerdoDriverCore/System/WipedMemory.h"
 
+#include <cstdlib>
+#include <cstring>
 #include <stdexcept>
 #include <utility>
 
@@ -16,7 +19,9 @@ namespace {
 void initialiseCurlOnce() {
   // Asked first: libcurl does not look, and what it then calls of OpenSSL may crash.
   if (!OSSL_LIB_CTX_get0_global_default()) throw std::runtime_error("OpenSSL cannot be set up");
-  static const CURLcode code = curl_global_init(CURL_GLOBAL_DEFAULT);
+  // Its buffers hold the headers of requests, with a secret each.
+  static const CURLcode code = curl_global_init_mem(CURL_GLOBAL_DEFAULT, std::malloc, wipeAndFree,
+                                                    wipeAndReallocate, ::strdup, std::calloc);
   if (code != CURLE_OK) throw std::runtime_error(curl_easy_strerror(code));
 }
 

@@ -57,13 +57,13 @@ std::optional<std::string> readSecret(const std::string& path) {
   if (const auto flaw = flawOf(status, path); !flaw.empty()) throw refusal(path, flaw);
 
   std::string value;
-  char chunk[4096];
+  std::string chunk(4096, '\0');  // not on the stack, which nobody wipes
   for (;;) {
-    const ssize_t size = ::read(file.get(), chunk, sizeof chunk);
+    const ssize_t size = ::read(file.get(), chunk.data(), chunk.size());
     if (size < 0 && errno == EINTR) continue;
     if (size < 0) throw errnoError("Reading", path);
     if (size == 0) break;
-    value.append(chunk, static_cast<std::size_t>(size));
+    value.append(chunk, 0, static_cast<std::size_t>(size));
     if (value.size() > kMaxSize) throw refusal(path, "is too large for a secret.");
   }
   if (repairUtf8(value) != value) return std::nullopt;
