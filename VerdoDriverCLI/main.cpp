@@ -105,6 +105,7 @@ int main(int argc, char** argv) try {
   openStandardDescriptors();
   verdo::giveBackLargeBlocks();
   verdo::keepEndedChildren();
+  verdo::forbidCoreDumps();
   const verdo::Secrets secrets = verdo::eraseSecretsFromEnvironment();
   auto parsed = verdo::cli::parseCommandLine(argc, argv);
   if (const auto* ended = std::get_if<verdo::cli::Ended>(&parsed)) {

@@ -189,6 +189,7 @@ int run(int argc, char** argv, const AppDelegate::Options& options) {
 int main(int argc, char** argv) {
   giveBackLargeBlocks();
   keepEndedChildren();
+  forbidCoreDumps();
   eraseSecretsFromEnvironment();
   openSystemLog(AppInfo::bundleID());
   const std::span<char*> arguments(argv + 1, argv + argc);

@@ -7,6 +7,7 @@
 
 #include <fmt/format.h>
 #include <openssl/crypto.h>
+#include <sys/resource.h>
 
 extern char** environ;  // NOLINT(readability-redundant-declaration): not declared on macOS
 
@@ -34,6 +35,13 @@ std::string eraseVariable(const std::string& name) {
 
 Secrets eraseSecretsFromEnvironment() {
   return {eraseVariable(DriverConstants::tokenEnv), eraseVariable(DriverConstants::llmKeyEnv)};
+}
+
+void forbidCoreDumps() {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_CORE, &limit) != 0) return;
+  limit.rlim_cur = 0;
+  ::setrlimit(RLIMIT_CORE, &limit);
 }
 
 std::string trimmedSecret(std::string_view secret) {

@@ -17,6 +17,11 @@ struct Secrets {
 /// the first thread starts.
 Secrets eraseSecretsFromEnvironment();
 
+/// From now on a crash of this process, or of a child that does not choose otherwise, leaves no
+/// core file behind, in which both secrets would stand. A handler of the system's that is given
+/// crashes (core(5)) is told so, too; whether it heeds that is its own affair.
+void forbidCoreDumps();
+
 /// The secret without the white space at its ends (ASCII), which copying and editors add.
 std::string trimmedSecret(std::string_view secret);
 

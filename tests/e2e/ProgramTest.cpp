@@ -267,8 +267,10 @@ TEST_F(TheProgram, ShowsASecretToSomebody) {
        .after = 3,
        .count = 1,
        .reply = local::FaultReply{.status = 500, .body = "Bearer " + service.token()}});
-  Program program(arguments(), environment);
+  const Lines asMuchCoreAsAllowed{"/bin/sh", "-c", "ulimit -Sc $(ulimit -Hc); exec \"$@\"", "sh"};
+  Program program(arguments(), environment, asMuchCoreAsAllowed);
   EXPECT_EQ(doneJob(id).exitCode, 0);
+  EXPECT_THAT(program.proc("limits"), testing::ContainsRegex("core file size +0 "));
   std::string seen;
   for (const auto& line : service.jobs().lines(id)) seen += line + "\n";
   EXPECT_THAT(seen, HasSubstr("HOME=" + home()));
@@ -279,6 +281,9 @@ TEST_F(TheProgram, ShowsASecretToSomebody) {
   addJob("say a");
   EXPECT_EQ(program.wait(), 3);
   seen += program.errors() + program.output();
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(home())) {
+    if (entry.is_regular_file()) seen += contentOf(entry.path());
+  }
   EXPECT_THAT(seen, Not(HasSubstr(service.token())));
   // And the last word is said once.
   const std::string last =
