@@ -101,6 +101,21 @@ export class Service {
     await this.#call(`jobs/${id}/wait?for=leased&timeout=${kJobLimit}`)
   }
 
+  /** Has requests of drivers meet with a fault, until the service ends. */
+  async addFault(fault) {
+    await this.#call('faults', 'POST', fault)
+  }
+
+  /** How long jobs are leased for from now on, in seconds. */
+  async setLease(seconds) {
+    await this.#call('lease', 'POST', { seconds })
+  }
+
+  /** From now on all connects are refused for a while, those of this object included. */
+  async refuseConnects(seconds) {
+    await this.#call('outage', 'POST', { kind: 'refuse', seconds })
+  }
+
   async cancel(id) {
     await this.#call(`jobs/${id}/cancel`, 'POST')
   }
