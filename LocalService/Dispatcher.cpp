@@ -181,6 +181,7 @@ void Dispatcher::handle(Current& current, const httplib::Request& request,
                     .path = current.path,
                     .response = response,
                     .connection = connection,
+                    .number = 0,
                     .undo = {},
                     .truncateAfter = {},
                     .stream = {},
@@ -193,6 +194,7 @@ void Dispatcher::handle(Current& current, const httplib::Request& request,
   }
 
   logArrival(current, route, request);
+  exchange.number = *current.entry;
   if (auto picked = faults_.pick(route.endpoint, route.jobId, request.body.size())) {
     log_.faultApplied(*current.entry, picked->first);
     current.fault = std::move(picked->second);

@@ -130,7 +130,8 @@ void DriverEndpoints::poll(Exchange& exchange) const {
 }
 
 void DriverEndpoints::lines(Exchange& exchange, std::int64_t id) const {
-  answer(exchange.response, jobs_.lines(id, parseLinesBody(exchange.request.body)));
+  answer(exchange.response,
+         jobs_.lines(id, parseLinesBody(exchange.request.body), exchange.number));
 }
 
 void DriverEndpoints::complete(Exchange& exchange, std::int64_t id) const {

@@ -133,7 +133,8 @@ JobStore::LinesAnswer JobStore::answerFor(const Record& record) {
   return {.ok = false, .cancel = cancelled, .state = "done"};
 }
 
-JobStore::LinesAnswer JobStore::lines(std::int64_t id, const LinesBatch& batch) {
+JobStore::LinesAnswer JobStore::lines(std::int64_t id, const LinesBatch& batch,
+                                      std::uint64_t request) {
   std::shared_ptr<LineLog> log;
   {
     const MutexLock lock(mutex_);
@@ -145,7 +146,7 @@ JobStore::LinesAnswer JobStore::lines(std::int64_t id, const LinesBatch& batch) 
     log = record.lines;
   }
   // Hashing megabytes takes milliseconds: not under the lock of all jobs.
-  log->append(batch);
+  log->append(batch, request);
 
   const MutexLock lock(mutex_);
   const auto found = jobs_.find(id);

@@ -69,7 +69,7 @@ class JobStore {
   /// when the lease is over.
   void putBack(const Handout& handout);
   /// Renews the lease and takes the lines, if the job is leased.
-  LinesAnswer lines(std::int64_t id, const LinesBatch& batch);
+  LinesAnswer lines(std::int64_t id, const LinesBatch& batch, std::uint64_t request);
   /// Takes the completion record, if the job is leased.
   LinesAnswer complete(std::int64_t id, std::int64_t exitCode, std::optional<std::string> error);
   bool cancel(std::int64_t id);

@@ -53,6 +53,11 @@ std::vector<std::string> Jobs::lines(std::int64_t id, std::size_t from, std::siz
   return log ? log->lines(from, limit) : std::vector<std::string>();
 }
 
+std::vector<LinesPost> Jobs::posts(std::int64_t id) const {
+  const auto log = store_.lineLog(id);
+  return log ? log->posts() : std::vector<LinesPost>();
+}
+
 bool Jobs::cancel(std::int64_t id) { return store_.cancel(id); }
 
 void Jobs::setLease(Milliseconds lease) { store_.setLease(lease); }

@@ -32,6 +32,8 @@ class Jobs {
   /// Lines `from`, `from` + 1, … as far as stored, at most `limit`.
   std::vector<std::string> lines(std::int64_t id, std::size_t from = 0,
                                  std::size_t limit = SIZE_MAX) const;
+  /// The posts that brought those lines, and heartbeats.
+  std::vector<LinesPost> posts(std::int64_t id) const;
   /// Leased: its driver's next lines post is answered with cancel. Queued: done at once.
   /// Gives false when there is no such job or it is done.
   bool cancel(std::int64_t id);

@@ -10,8 +10,9 @@ LineLog::LineLog(bool keep) : keep_(keep), digest_(EVP_MD_CTX_new()) {
   EVP_DigestInit_ex(digest_.get(), EVP_sha256(), nullptr);
 }
 
-void LineLog::append(const LinesBatch& batch) {
+void LineLog::append(const LinesBatch& batch, std::uint64_t request) {
   const MutexLock lock(mutex_);
+  posts_.push_back({request, batch.ends.size(), std::chrono::steady_clock::now()});
   EVP_DigestUpdate(digest_.get(), batch.text.data(), batch.text.size());
   count_ += batch.ends.size();
   bytes_ += batch.text.size() - batch.ends.size();
@@ -38,6 +39,11 @@ std::vector<std::string> LineLog::lines(std::size_t from, std::size_t limit) con
   const auto count = std::min(limit, lines_.size() - from);
   const auto begin = lines_.begin() + static_cast<std::ptrdiff_t>(from);
   return {begin, begin + static_cast<std::ptrdiff_t>(count)};
+}
+
+std::vector<LinesPost> LineLog::posts() const {
+  const MutexLock lock(mutex_);
+  return posts_;
 }
 
 bool LineLog::contains(const std::string& text, std::size_t& from) const {

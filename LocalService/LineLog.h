@@ -3,6 +3,7 @@
 #include "LocalService/LinesBody.h"
 #include "VerdoDriverCore/System/Sync.h"
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -12,6 +13,13 @@
 #include <openssl/evp.h>
 
 namespace verdo::local {
+
+/// A post of lines that took effect. A plain value.
+struct LinesPost {
+  std::uint64_t request = 0;  ///< RequestRecord::sequence
+  std::size_t lines = 0;      ///< that it brought; none: a heartbeat
+  std::chrono::steady_clock::time_point at;
+};
 
 /// The output lines of one job: counted, hashed, and stored if wanted. Every member may be called
 /// from any thread.
@@ -25,9 +33,10 @@ class LineLog {
 
   explicit LineLog(bool keep);
 
-  void append(const LinesBatch& batch);
+  void append(const LinesBatch& batch, std::uint64_t request);
   Totals totals() const;
   std::vector<std::string> lines(std::size_t from, std::size_t limit) const;
+  std::vector<LinesPost> posts() const;  ///< in the order in which their lines were taken
   /// Whether a line from number `from` on contains `text`; moves `from` behind the lines looked at.
   bool contains(const std::string& text, std::size_t& from) const;
 
@@ -43,6 +52,7 @@ class LineLog {
   std::uint64_t count_ GUARDED_BY(mutex_) = 0;
   std::uint64_t bytes_ GUARDED_BY(mutex_) = 0;
   std::vector<std::string> lines_ GUARDED_BY(mutex_);
+  std::vector<LinesPost> posts_ GUARDED_BY(mutex_);
 };
 
 }  // namespace verdo::local

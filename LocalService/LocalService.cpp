@@ -21,6 +21,7 @@ struct LocalService::Impl {
   Impl(LocalService& service, LocalServiceOptions given)
       : options(std::move(given)),
         faults(options.seed),
+        requests(options.requestLog),
         jobStore(options.lease),
         token(options.token.empty() ? randomSecret("vdt_") : options.token),
         files(options.filesDirectory),

@@ -32,6 +32,7 @@ struct LocalServiceOptions {
   /// Also hands out the files of this folder as /files/{name}; empty: none.
   std::filesystem::path filesDirectory{};
   std::string providerKey = "provider-key";  ///< that the LLM provider accepts; not empty
+  RequestLogLimits requestLog{};
 };
 // NOLINTEND(readability-redundant-member-init)
 

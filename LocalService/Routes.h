@@ -24,6 +24,8 @@ struct Exchange {
   httplib::Response& response;
   Connection& connection;
 
+  std::uint64_t number = 0;  ///< in the request log; 0: it is not there
+
   // Set by the handler.
 
   bool abandoned = false;  ///< nothing is answered; the connection ends
