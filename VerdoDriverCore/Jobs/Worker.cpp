@@ -161,21 +161,21 @@ ByteBuffer Worker::post(LineBatch batch) {
 void Worker::postBody(const std::shared_ptr<const ByteBuffer>& body, Clock::time_point begin) {
   BodyLimit& limit = host_->bodyLimit();
   const bool fits = body->size() <= limit.bytes();
-  if (fits && postWhole(body, begin)) return;
+  if (fits && postWhole(body, begin, true)) return;
   auto pieces = LineBatch::split(body->view(), limit.bytes(), body_->mayCutLines());
   if (pieces.size() < 2) {
-    // The limit may be older than what it was learnt from.
-    if (!fits && postWhole(body, begin)) return;
-    throw ServerError(
-        ServerError::Kind::server,
-        fmt::format("a line of {} bytes is too long for the way to the service", body->size()));
+    // A refusal is an outage like any other: the limit may be older than what it was learnt from,
+    // and none that is meant is as low as the lines that are never cut.
+    postWhole(body, begin, false);
+    return;
   }
   for (auto& piece : pieces) {
     postBody(std::make_shared<const ByteBuffer>(std::move(piece).finish()), begin);
   }
 }
 
-bool Worker::postWhole(const std::shared_ptr<const ByteBuffer>& body, Clock::time_point begin) {
+bool Worker::postWhole(const std::shared_ptr<const ByteBuffer>& body, Clock::time_point begin,
+                       bool canBeSmaller) {
   LinesReply reply;
   try {
     retry(
@@ -184,7 +184,7 @@ bool Worker::postWhole(const std::shared_ptr<const ByteBuffer>& body, Clock::tim
           try {
             reply = LinesReply::from(host_->api().lines(job_.id, body, cap));
           } catch (const ServerError& error) {
-            if (isForItsSize(error, body->size())) throw BodyRefused();
+            if (canBeSmaller && isForItsSize(error, body->size())) throw BodyRefused();
             throw;
           }
         });

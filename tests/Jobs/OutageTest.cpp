@@ -75,6 +75,21 @@ TEST_F(Outage, BodyOverAProxysLimitLosesTheJob) {
   EXPECT_GT(pieces.size(), 3u);
 }
 
+TEST_F(Outage, RefusalOfALineThatIsNeverCutLosesTheJob) {
+  config.serveJobs = 1;
+  config.llmBase = service.providerUrl();
+  config.llmKey = service.providerKey();
+  const local::Fault refusal{
+      .endpoint = "lines", .count = 4, .bodyOver = 7000, .reply = local::FaultReply{.status = 413}};
+  service.faults().add(refusal);
+  const auto payload = fmt::format(R"({{"v": 1, "model": "m", "prompt": "{:x<20000}"}})", "");
+  const auto id = addJob(payload, {.kind = "llm"});
+  start();
+  EXPECT_EQ(doneJob(id).exitCode, 0);
+  EXPECT_EQ(service.jobs().lines(id).size(), 5u);
+  EXPECT_EQ(finish(), ExitReason::clean());
+}
+
 TEST_F(Outage, CompletionOverAProxysLimitIsNeverTold) {
   service.faults().add(local::bodyLimit("complete", 2000));
   config.serveJobs = 1;
