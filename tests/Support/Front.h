@@ -32,6 +32,8 @@ class Front {
   int refuse() { return ask("refuse"); }
   /// Takes no further request over the connections of HTTP/2 that are open now; gives how many.
   int leave() { return ask("leave"); }
+  /// Resets all streams that are open now; gives how many they are.
+  int reset() { return ask("reset"); }
   /// How many connections there have been.
   int connections() { return ask("count"); }
 

@@ -12,6 +12,7 @@
 //             unread, as when a proxy restarts: "refusing N"
 //   leave     HTTP/2: the connections open now take no further request (GOAWAY), as when a proxy
 //             has served as many as it wants to over each: "leaving N"
+//   reset     HTTP/2: every stream open now is reset, whatever came of its request: "reset N"
 //
 // It ends with its input.
 import { readFileSync } from 'node:fs'
@@ -67,8 +68,12 @@ function passOn(agent, stream, headers) {
     path: headers[':path'],
     headers: Object.fromEntries(Object.entries(headers).filter(([name]) => !name.startsWith(':'))),
   })
+  streams.add(stream)
   stream.on('error', () => {})
-  stream.on('close', () => upstream.destroy())
+  stream.on('close', () => {
+    streams.delete(stream)
+    upstream.destroy()
+  })
   upstream.on('error', () => stream.close(http2.constants.NGHTTP2_INTERNAL_ERROR))
   upstream.on('response', (reply) => {
     if (stream.destroyed) return
@@ -108,6 +113,7 @@ async function startProxy() {
 }
 
 const sessions = new Set()
+const streams = new Set()
 const refusing = new Set()
 const target = options.certificate ? await startProxy() : Number(options.to)
 const roads = new Set()
@@ -154,9 +160,17 @@ for await (const command of readline.createInterface({ input: process.stdin })) 
       refusing.add(session)
     }
     console.log(`refusing ${refusing.size}`)
+  } else if (command === 'reset') {
+    const open = [...streams]
+    for (const stream of open) stream.close(http2.constants.NGHTTP2_INTERNAL_ERROR)
+    console.log(`reset ${open.length}`)
   } else if (command === 'leave') {
-    for (const session of sessions) session.goaway()
-    console.log(`leaving ${sessions.size}`)
+    const open = [...sessions]
+    for (const session of open) {
+      session.goaway()
+      session.close()
+    }
+    console.log(`leaving ${open.length}`)
   } else if (command === 'count') {
     console.log(`connections ${count}`)
   } else {
