@@ -154,11 +154,12 @@ std::optional<Worker::Duration> Worker::attemptCap(Clock::time_point begin) cons
 
 ByteBuffer Worker::post(LineBatch batch) {
   const auto body = std::make_shared<ByteBuffer>(std::move(batch).finish());
-  postBody(body, Clock::now());
+  auto begin = Clock::now();
+  postBody(body, begin);
   return std::move(*body);
 }
 
-void Worker::postBody(const std::shared_ptr<const ByteBuffer>& body, Clock::time_point begin) {
+void Worker::postBody(const std::shared_ptr<const ByteBuffer>& body, Clock::time_point& begin) {
   BodyLimit& limit = host_->bodyLimit();
   const bool fits = body->size() <= limit.bytes();
   if (fits && postWhole(body, begin, true)) return;
@@ -174,7 +175,7 @@ void Worker::postBody(const std::shared_ptr<const ByteBuffer>& body, Clock::time
   }
 }
 
-bool Worker::postWhole(const std::shared_ptr<const ByteBuffer>& body, Clock::time_point begin,
+bool Worker::postWhole(const std::shared_ptr<const ByteBuffer>& body, Clock::time_point& begin,
                        bool canBeSmaller) {
   LinesReply reply;
   try {
@@ -193,6 +194,8 @@ bool Worker::postWhole(const std::shared_ptr<const ByteBuffer>& body, Clock::tim
     return false;
   }
   host_->bodyLimit().passed(body->size());
+  // Many pieces may take longer than the deadline on a slow way. A stop has one for all of them.
+  if (!host_->stopping().isSet()) begin = Clock::now();
   hear(reply);
   return true;
 }

@@ -75,10 +75,11 @@ class Worker : public JobReporter, public std::enable_shared_from_this<Worker> {
   void closeSpaceOnBadEnd();
   void cleanUp();
 
-  /// Posts a finished body, in pieces when it is larger than what gets through.
-  void postBody(const std::shared_ptr<const ByteBuffer>& body, Clock::time_point begin);
+  /// Posts a finished body, in pieces when it is larger than what gets through. `begin` is since
+  /// when nothing has got through.
+  void postBody(const std::shared_ptr<const ByteBuffer>& body, Clock::time_point& begin);
   /// False when the body was too large and must be made smaller, if it can be.
-  bool postWhole(const std::shared_ptr<const ByteBuffer>& body, Clock::time_point begin,
+  bool postWhole(const std::shared_ptr<const ByteBuffer>& body, Clock::time_point& begin,
                  bool canBeSmaller);
   void hear(const LinesReply& reply);
   /// The retry rule: repeats `call` while it fails with a ServerError of the kind that is worth

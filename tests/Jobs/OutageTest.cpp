@@ -90,6 +90,23 @@ TEST_F(Outage, RefusalOfALineThatIsNeverCutLosesTheJob) {
   EXPECT_EQ(finish(), ExitReason::clean());
 }
 
+TEST_F(Outage, PiecesOfABodyShareOneDeadline) {
+  timings.postDeadline = 1s;
+  config.serveJobs = 1;
+  // Some two seconds after the first piece, one is refused once.
+  service.faults().add({.endpoint = "lines",
+                        .after = 16,
+                        .count = 1,
+                        .bodyOver = 100,
+                        .reply = local::FaultReply{.status = 503}});
+  service.faults().add(local::bodyLimit("lines", 5000));
+  service.faults().add({.endpoint = "lines", .bodyOver = 100, .delay = 150ms});
+  letGo();
+  const auto id = startJob(waitScript(600));
+  expectNumbered(id, 600);
+  EXPECT_EQ(finish(), ExitReason::clean());
+}
+
 TEST_F(Outage, CompletionOverAProxysLimitIsNeverTold) {
   service.faults().add(local::bodyLimit("complete", 2000));
   config.serveJobs = 1;
