@@ -46,9 +46,9 @@ void Evidence::readRequests(const local::RequestLog& log) {
   }
 }
 
-bool Evidence::overlaps(Clock::time_point from, Clock::time_point to, bool aftermath) const {
+bool Evidence::isDisturbed(Clock::time_point from, Clock::time_point to) const {
   return std::ranges::any_of(disturbances_, [&](const Disturbance& disturbance) {
-    return disturbance.begin <= to && (aftermath ? disturbance.aftermath : disturbance.end) >= from;
+    return disturbance.begin <= to && disturbance.end >= from;
   });
 }
 
@@ -57,7 +57,7 @@ bool Evidence::isSpoilt(const Record& record) const {
   if (!record.replied || record.hungUp) return true;
   if (record.fault && losing_.contains(*record.fault)) return true;
   const bool slow = record.fault && slow_.contains(*record.fault);
-  return overlaps(record.arrived, *record.replied + (slow ? kTrickling : kOnItsWay), false);
+  return isDisturbed(record.arrived, *record.replied + (slow ? kTrickling : kOnItsWay));
 }
 
 bool Evidence::mayHaveLostReply(std::uint64_t request) const {
@@ -67,11 +67,16 @@ bool Evidence::mayHaveLostReply(std::uint64_t request) const {
 
 bool Evidence::excusesSilence(std::int64_t job, Clock::time_point from,
                               Clock::time_point to) const {
-  if (overlaps(from, to, true)) return true;
+  // A short one does not outlast a lease, but what the driver tries meanwhile may fail.
+  const bool isHeldUp = std::ranges::any_of(disturbances_, [&](const Disturbance& disturbance) {
+    return std::min(disturbance.aftermath, to) - std::max(disturbance.begin, from) >=
+           (to - from) / 2;
+  });
   const auto found = posts_.find(job);
-  return found != posts_.end() && std::ranges::any_of(found->second, [&](const Record* record) {
-           return record->arrived >= from - kOnItsWay && record->arrived <= to && record->fault;
-         });
+  return isHeldUp ||
+         (found != posts_.end() && std::ranges::any_of(found->second, [&](const Record* record) {
+            return record->arrived > from && record->arrived <= to && isSpoilt(*record);
+          }));
 }
 
 bool Evidence::excusesStaging(std::int64_t job) const {

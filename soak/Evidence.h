@@ -48,7 +48,7 @@ class Evidence {
 
  private:
   using Record = local::RequestRecord;
-  bool overlaps(Clock::time_point from, Clock::time_point to, bool aftermath) const;
+  bool isDisturbed(Clock::time_point from, Clock::time_point to) const;
   bool isSpoilt(const Record& record) const;
 
   std::set<std::uint64_t> losing_;  // faults after which the reply is none

@@ -81,6 +81,7 @@ Received receive(const LineIndex& indexOf, const JobPlan& plan, Lines lines,
   Lines previous;
   bool previousLost = false;
   std::size_t longBytes = 0;
+  bool longLost = false;
   for (const auto& post : posts) {
     const auto batch = lines.first(post.lines);
     lines = lines.subspan(post.lines);
@@ -93,13 +94,14 @@ Received receive(const LineIndex& indexOf, const JobPlan& plan, Lines lines,
     }
     for (const auto& line : batch) {
       const int index = indexOf(line);
-      if (index == kContinuation) longBytes += line.size();
+      const bool isLong = index == kContinuation || (index >= 0 && index == plan.longLine);
+      if (isLong) longBytes += line.size();
+      if (isLong && lost) longLost = true;
       if (index == kForeign) {
         ++received.foreign;
         received.example = line.substr(0, 60);
       }
       if (index < 0) continue;
-      if (index == plan.longLine) longBytes += line.size();
       const auto at = static_cast<std::size_t>(index);
       if (received.times[at]++ == 0) {
         if (index < received.end) ++received.disordered;
@@ -115,13 +117,13 @@ Received receive(const LineIndex& indexOf, const JobPlan& plan, Lines lines,
     previous = batch;
     previousLost = lost;
   }
-  // Of one that was sent again in other pieces nobody can tell which are missing.
-  const bool isLongOnce = plan.longLine >= 0 && received.end > plan.longLine + 1 &&
-                          received.times[static_cast<std::size_t>(plan.longLine)] == 1;
-  if (isLongOnce && longBytes != lineOf(plan, plan.longLine).size()) {
+  // Of one that was sent again, in other pieces perhaps, nobody can tell which are missing.
+  const bool isLongDue = plan.longLine >= 0 && received.end > plan.longLine + 1;
+  const auto due = isLongDue ? lineOf(plan, plan.longLine).size() : 0;
+  if (longLost ? longBytes < due : isLongDue && longBytes != due) {
     ++received.foreign;
-    received.example = fmt::format("{} bytes of line {}, which has {}", longBytes, plan.longLine,
-                                   lineOf(plan, plan.longLine).size());
+    received.example =
+        fmt::format("{} bytes of line {}, which has {}", longBytes, plan.longLine, due);
   }
   return received;
 }

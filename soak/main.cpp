@@ -37,7 +37,7 @@ std::vector<RoadOptions> roadsOf(const Arguments& arguments) {
   common.lanes = brief ? 24 : 96;
   // Twenty minutes for ten thousand jobs are to be had; a busy machine may take thrice as long.
   common.patience =
-      std::chrono::seconds(150 + arguments.jobs * (verdo::test::kSanitized ? 4 : 1) / 3);
+      std::chrono::seconds(80 + arguments.jobs * (verdo::test::kSanitized ? 4 : 1) / 3);
   RoadOptions direct = common;
   direct.name = "direct";
   RoadOptions http2 = common;
