@@ -6,6 +6,7 @@
 
 #include <QPointer>
 #include <exception>
+#include <system_error>
 #include <utility>
 
 namespace verdo {
@@ -22,12 +23,20 @@ void ModelHttp::send(HttpRequest request, std::chrono::seconds timeout, Completi
   request.maxBody = kMaxReply;
   if (!proxyFor_) return sendThrough({}, std::move(request), std::move(completion));
   const std::string url = request.url;
-  runInBackground(
-      "verdo.proxy", [proxyFor = proxyFor_, url] { return proxyFor(url); },
-      [self = QPointer(this), request = std::move(request),
-       completion = std::move(completion)](const std::string& proxy) {
-        if (self) self->sendThrough(proxy, request, completion);
-      });
+  const auto sendOn = [self = QPointer(this), request, completion](const std::string& proxy) {
+    if (self) self->sendThrough(proxy, request, completion);
+  };
+  try {
+    runInBackground("verdo.proxy", [proxyFor = proxyFor_, url] { return proxyFor(url); }, sendOn);
+  } catch (const std::system_error& error) {
+    failLater(completion, std::string("no thread to ask with: ") + error.what());
+  }
+}
+
+void ModelHttp::failLater(const Completion& completion, const std::string& text) {
+  later([completion, text] {
+    completion(tl::make_unexpected(TransportError{TransportError::Kind::other, text}));
+  });
 }
 
 void ModelHttp::sendThrough(const std::string& proxy, HttpRequest request, Completion completion) {
@@ -42,9 +51,7 @@ void ModelHttp::sendThrough(const std::string& proxy, HttpRequest request, Compl
       session_ = std::make_unique<HttpSession>(options);
     }
   } catch (const std::exception& error) {
-    later([completion = std::move(completion), text = std::string(error.what())] {
-      completion(tl::make_unexpected(TransportError{TransportError::Kind::other, text}));
-    });
+    failLater(completion, error.what());
     return;
   }
   // The completion is moved along, so that what it holds is let go of on the main thread.

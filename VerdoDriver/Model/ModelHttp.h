@@ -35,6 +35,7 @@ class ModelHttp : public QObject {
   void later(std::function<void()> block);
 
  private:
+  void failLater(const Completion& completion, const std::string& text);
   void sendThrough(const std::string& proxy, HttpRequest request, Completion completion);
 
   const ProxyFor proxyFor_;

@@ -1,10 +1,12 @@
 #pragma once
 
+#include "VerdoDriver/Model/AppLog.h"
 #include "VerdoDriver/Model/Background.h"
 #include "VerdoDriver/Model/SecretStore.h"
 
 #include <chrono>
 #include <exception>
+#include <string>
 #include <utility>
 
 namespace verdo {
@@ -36,6 +38,7 @@ void askSecretStore(Work work, const Done& done) {
   try {
     secretQueue().post(thenOnMainThread(guarded, done));
   } catch (const std::exception& error) {
+    AppLog::keychain.error(std::string("[SecretStore] nobody was asked: ") + error.what());
     MainThread::post([done, outcome = unavailable(error)] { done(outcome); });
   }
 }

@@ -5,6 +5,7 @@
 #include "VerdoDriver/Platform/ProxyEnvironment.h"
 
 #include <string_view>
+#include <system_error>
 
 namespace verdo {
 namespace {
@@ -21,7 +22,7 @@ std::string asLibcurlNamesIt(std::string_view proxy) {
 
 }  // namespace
 
-std::string desktopProxyFor(const std::string& url) {
+std::string desktopProxyFor(const std::string& url) try {
   if (environmentNamesProxy()) return {};
   const BoundedGLibCalls calls(kLimit);
   GLibPtr<GError> error;
@@ -32,6 +33,10 @@ std::string desktopProxyFor(const std::string& url) {
   if (proxies && *proxies) return asLibcurlNamesIt(*proxies);
   AppLog::settings.info(std::string("[DesktopProxy] the desktop does not tell its proxy: ") +
                         (error ? error->message : "no reason given"));
+  return {};
+} catch (const std::system_error& error) {
+  AppLog::settings.error(std::string("[DesktopProxy] the desktop's proxy cannot be asked for: ") +
+                         error.what());
   return {};
 }
 
