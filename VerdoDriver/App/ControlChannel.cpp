@@ -166,6 +166,7 @@ void ControlServer::handle(const std::string& command, Handler handler) {
 bool ControlServer::listen(const std::string& socketPath) {
   const auto failed = [this](const std::string& path) {
     error_ = fmt::format("{}: {}", path, std::generic_category().message(errno));
+    lock_.reset();  // or we would be taken for an app that runs
     return false;
   };
   const std::string lockPath = lockOf(socketPath);
