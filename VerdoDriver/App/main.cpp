@@ -29,6 +29,7 @@
 #include <clocale>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <optional>
 #include <span>
 #include <string_view>
@@ -203,7 +204,12 @@ int main(int argc, char** argv) {
     return kUsageError;
   }
   if (hasShownAnother()) return 0;
-  return run(argc, argv,
-             {.importLegacy = has(arguments, "-VERDOImportLegacy"),
-              .showPopover = has(arguments, "--show")});
+  try {
+    return run(argc, argv,
+               {.importLegacy = has(arguments, "-VERDOImportLegacy"),
+                .showPopover = has(arguments, "--show")});
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "verdo-driver-app: cannot start: %s\n", error.what());
+    return 1;
+  }
 }
