@@ -19,7 +19,7 @@ struct Fact {
 
 constexpr std::size_t kMiB = 1 << 20;
 /// What an allocator may keep between two moments of idleness.
-constexpr std::size_t kMemorySlack = 8 * kMiB;
+constexpr std::size_t kMemorySlack = 16 * kMiB;
 /// Connections that are kept for the next requests.
 constexpr int kSocketSlack = 8;
 
