@@ -4,6 +4,8 @@
 #include "VerdoDriver/Model/SecretPlace.h"
 
 #include <QObject>
+#include <QVariant>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -87,6 +89,7 @@ class SettingsStore : public QObject {
   bool hadToken_;
   bool hadKey_;
   bool isWritable_ = true;
+  std::map<std::string, QVariant> unwritten_;  ///< choices that may not be in the file
 };
 
 }  // namespace verdo
