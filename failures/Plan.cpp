@@ -64,6 +64,29 @@ const std::vector<Row>& driverRows() {
   return rows;
 }
 
+const std::vector<Row>& appRows() {
+  static const std::vector<Row> rows = {
+      {Call::pipe, EMFILE, "EMFILE"},
+      {Call::spawn, EAGAIN, "EAGAIN"},
+      {Call::thread, EAGAIN, "EAGAIN"},
+      {Call::create, ENOSPC, "ENOSPC"},
+      {Call::create, EROFS, "EROFS", true},
+      {Call::read, EIO, "EIO"},
+      {Call::write, ENOSPC, "ENOSPC"},
+      {Call::write, EIO, "EIO", true},
+      {Call::close, EIO, "EIO"},
+      {Call::sync, EIO, "EIO"},
+      {Call::rename, ENOSPC, "ENOSPC"},
+      {Call::rename, EACCES, "EACCES", true},
+      {Call::makeDir, ENOSPC, "ENOSPC"},
+      {Call::truncate, EIO, "EIO"},
+      {Call::lock, ENOLCK, "ENOLCK"},
+      {Call::lock, ENOLCK, "ENOLCK", true},
+      {Call::socket, EMFILE, "EMFILE"},
+  };
+  return rows;
+}
+
 std::vector<Attempt> attemptsOf(const Row& row, std::uint64_t calls, std::uint64_t most) {
   std::vector<Attempt> attempts;
   const std::uint64_t count = std::min(calls, most);

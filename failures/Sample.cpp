@@ -56,4 +56,16 @@ std::vector<Attempt> driverSample() {
                               });
 }
 
+std::vector<Attempt> appSample() {
+  return chosen(appRows(), {
+                               {"pipe EMFILE", {1}},
+                               {"pthread_create EAGAIN", {4, 5, 6, 8, 10}},
+                               {"create ENOSPC", {1, 2}},
+                               {"write ENOSPC", {1, 3, 5}},
+                               {"write EIO …", {3}},
+                               {"rename EACCES …", {2}},
+                               {"socket EMFILE", {2}},
+                           });
+}
+
 }  // namespace verdo::failures

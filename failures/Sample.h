@@ -8,5 +8,6 @@ namespace verdo::failures {
 
 /// What the suite tries: calls that have once found something, and some of every row.
 std::vector<Attempt> driverSample();
+std::vector<Attempt> appSample();
 
 }  // namespace verdo::failures

@@ -8,7 +8,6 @@
 #include <system_error>
 
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/mman.h>
 #include <unistd.h>
 

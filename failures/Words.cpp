@@ -23,7 +23,7 @@ std::string lastLine(const std::string& text) {
 std::string generalised(const std::string& text) {
   static const std::pair<std::regex, const char*> rules[] = {
       {std::regex("/tmp/verdo-test-[A-Za-z0-9]+/home"), "~"},
-      {std::regex("/verdo-[A-Za-z0-9]{6}\\b"), "/verdo-…"},
+      {std::regex("cache/verdo/verdo-[A-Za-z0-9]{6}\\b"), "cache/verdo/verdo-…"},
       {std::regex("\\bport [0-9]+"), "port N"},
       {std::regex("(\\.test|127\\.0\\.0\\.1):[0-9]+"), "$1:N"},
       {std::regex("\\bjobs?([ /])[0-9]+"), "job$1N"},

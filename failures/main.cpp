@@ -119,9 +119,10 @@ int main(int argc, char** argv) {
     words.erase(words.begin());
     return true;
   };
-  const Play play = runDriver;
-  const auto& rows = driverRows();
-  if (take("--sample")) return sample(play, driverSample());
+  const bool isApp = take("app");
+  const Play play = isApp ? runApp : runDriver;
+  const auto& rows = isApp ? appRows() : driverRows();
+  if (take("--sample")) return sample(play, isApp ? appSample() : driverSample());
   if (take("--show") && words.size() == 2) return show(play, rows, words[0], words[1].c_str());
   return table(play, rows, words);
 }
