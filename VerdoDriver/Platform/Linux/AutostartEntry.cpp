@@ -188,7 +188,10 @@ void AutostartEntry::setEnabled(bool enabled) {
 void AutostartEntry::refresh() {
   if (!isEnabled()) return;
   const auto entry = load(path_);
-  const bool isStale = execOf(entry.get()) != exec();
+  const std::string named = execOf(entry.get());
+  // It could be read a moment ago: what the user added to it must not be written over.
+  if (named.empty()) return logFailure("refresh", path_ + " cannot be read");
+  const bool isStale = named != exec();
   if (!isStale && (!needsLink() || targetOf(link_) == executable_)) return;
   std::string reason = needsLink() ? makeLink() : "";
   if (reason.empty() && isStale) {
