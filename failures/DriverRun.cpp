@@ -176,7 +176,7 @@ class DriverRun {
       words.insert(fmt::format("{} job left to its lease: {}", job.kind, saidOf(job)));
       return;
     }
-    if (job.exitCode == 0) {
+    if (job.exitCode == 0 && job.error.value_or("").empty()) {
       if (!isOutputRight) off(fmt::format("{} job told as done with other output", job.kind));
       return;
     }

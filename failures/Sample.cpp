@@ -45,7 +45,7 @@ std::vector<Attempt> driverSample() {
                                   {"mkdir ENOSPC", {1, 3}},
                                   {"ftruncate EIO", {1}},
                                   {"flock ENOLCK", {2}},
-                                  {"malloc ENOMEM", {40, 400, 740, 750, 760, 3750, 4500}},
+                                  {"malloc ENOMEM", {40, 400, 740, 751, 760, 3750, 4500}},
                                   {"getaddrinfo EAI_AGAIN", {1, 2}},
                                   {"socket EMFILE", {4, 6}},
                                   {"connect ENETUNREACH", {2}},
