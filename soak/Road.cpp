@@ -209,6 +209,7 @@ Footprint Road::footprint() {
   auto least = look();
   for (int i = 1; i < kLooks; ++i) {
     std::this_thread::sleep_for(kLook);
+    test::eventually([this] { return isIdle(); }, 30s);
     const auto next = look();
     least.memory = std::min(least.memory, next.memory);
     least.threads = std::min(least.threads, next.threads);
