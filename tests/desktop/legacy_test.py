@@ -73,7 +73,7 @@ class LegacyTest(unittest.TestCase):
         app.wait(connection="online", tokenLast4="····1111")
         app.desktop.run(app.program, "--show")
         app.find(f"A terminal driver is installed on this computer, for {app.service.url}.* "
-                 r"\(token ····2222, key ····-key\)\.")
+                 r"\(token ····2222, key ····" + KEY[-4:] + r"\)\.")
         self.assertEqual(complaints(app.reader.shown()), [])
         app.service.ask("token", {"token": "new-token-2222"})
         app.click("Import")
