@@ -9,7 +9,8 @@
 //   swallow   the connections open now go on acknowledging, but nothing passes any more: "swallowed N"
 //   count     "connections N": how many there have been
 //   refuse    HTTP/2: no connection open now has room for a body until one came and was turned away
-//             unread, as when a proxy restarts: "refusing N"
+//             unread, as when a proxy restarts, or for 3 s: bodies that are on their way have none,
+//             either. "refusing N"
 //   leave     HTTP/2: the connections open now take no further request (GOAWAY), as when a proxy
 //             has served as many as it wants to over each: "leaving N"
 //   reset     HTTP/2: every stream open now is reset, whatever came of its request: "reset N"
@@ -103,13 +104,16 @@ async function startProxy() {
   proxy.on('stream', (stream, headers) => {
     if (!refusing.has(stream.session) || stream.endAfterHeaders)
       return passOn(agent, stream, headers)
-    refusing.delete(stream.session)
+    makeRoom(stream.session)
     stream.on('error', () => {})
-    stream.session.settings({ initialWindowSize: 65535 })
     stream.close(http2.constants.NGHTTP2_REFUSED_STREAM)
   })
   proxy.on('sessionError', () => {})
   return listen(proxy, LOOPBACK)
+}
+
+function makeRoom(session) {
+  if (refusing.delete(session) && !session.destroyed) session.settings({ initialWindowSize: 65535 })
 }
 
 const sessions = new Set()
@@ -158,6 +162,7 @@ for await (const command of readline.createInterface({ input: process.stdin })) 
     for (const session of sessions) {
       session.settings({ initialWindowSize: 0 })
       refusing.add(session)
+      setTimeout(makeRoom, 3000, session)
     }
     console.log(`refusing ${refusing.size}`)
   } else if (command === 'reset') {
