@@ -1,6 +1,7 @@
 #include "VerdoDriverCore/Jobs/StagingDirectory.h"
 
 #include "VerdoDriverCore/Contract/DriverConstants.h"
+#include "VerdoDriverCore/System/Files.h"
 #include "VerdoDriverCore/Values/PyError.h"
 
 #include <algorithm>
@@ -27,13 +28,6 @@ constexpr const char* kPrefix = "verdo-";
 
 bool isStaging(const fs::directory_entry& entry) {
   return entry.path().filename().string().starts_with(kPrefix);
-}
-
-void makePrivateDirectory(const std::string& path) {
-  std::error_code error;
-  fs::create_directories(path, error);
-  if (error) throw PyError("OSError", pyErrnoText(error.value(), path));
-  if (::chmod(path.c_str(), 0700) != 0) failWithErrno(path);
 }
 
 /// Held while a directory is made and locked: between those two steps nobody else may look whether
@@ -91,7 +85,9 @@ std::string StagingDirectory::defaultCache() {
 }
 
 StagingDirectory::StagingDirectory(const std::string& cache, std::chrono::milliseconds patience) {
-  makePrivateDirectory(cache);
+  if (const int error = makePrivateDirectory(cache)) {
+    throw PyError("OSError", pyErrnoText(error, cache));
+  }
   const UniqueFd cacheLock = lockCache(cache, patience);
   std::string path = cache + "/" + kPrefix + "XXXXXX";
   if (!::mkdtemp(path.data())) {

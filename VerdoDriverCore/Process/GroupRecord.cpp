@@ -21,6 +21,11 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kRecordPrefix = "groups-";
+// A write that did not come to its end leaves a line cut short, or older ones behind the last.
+constexpr const char* kLineEnd = ".";
+constexpr const char* kRecordEnd = "end";
+/// Of a record, bytes; those of a thousand jobs take 32 KiB.
+constexpr std::size_t kMaxRecord = 1u << 20;
 
 /// Nobody has removed the file since it was opened.
 bool isStillThere(const UniqueFd& file) {
@@ -32,12 +37,19 @@ bool isLocked(const UniqueFd& file) {
   return file && ::flock(file.get(), LOCK_EX | LOCK_NB) == 0 && isStillThere(file);
 }
 
+/// What others have written does not say which of our processes end.
+bool isOurRecord(const UniqueFd& file) {
+  struct stat status{};
+  return ::fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode) &&
+         status.st_uid == ::geteuid();
+}
+
 std::string contentOf(const UniqueFd& file) {
   std::string text;
   std::array<char, 4096> part{};
   ssize_t size = 0;
-  while ((size = ::pread(file.get(), part.data(), part.size(), static_cast<off_t>(text.size()))) >
-         0) {
+  while (text.size() < kMaxRecord && (size = ::pread(file.get(), part.data(), part.size(),
+                                                     static_cast<off_t>(text.size()))) > 0) {
     text.append(part.data(), static_cast<std::size_t>(size));
   }
   return text;
@@ -66,7 +78,8 @@ std::vector<Left> groupsIn(const std::string& record) {
       return member.start >= left.start && member.start <= lastSign;
     });
   };
-  for (Left left; text >> left.group >> left.start;) {
+  std::string lineEnd;
+  for (Left left; text >> left.group >> left.start >> lineEnd && lineEnd == kLineEnd;) {
     if (left.group > 1 && isOurs(left)) groups.push_back(left);
   }
   return groups;
@@ -118,9 +131,9 @@ void GroupRecord::confirm() {
 }
 
 void GroupRecord::write() {
+  if (file_ && !isStillThere(file_)) file_.reset();  // somebody has cleaned the cache
   if (!file_) {
-    std::error_code ignored;  // opening the file tells
-    fs::create_directories(directory_, ignored);
+    makePrivateDirectory(directory_);  // opening the file tells
     std::string path = directory_ + "/" + kRecordPrefix + "XXXXXX";
     UniqueFd file(::mkostemp(path.data(), O_CLOEXEC));
     // Between these two steps another driver's look may have taken it for an abandoned one.
@@ -133,7 +146,10 @@ void GroupRecord::write() {
   }
   written_ = std::chrono::steady_clock::now();
   std::string text = fmt::format("{} {}\n", ProcessList::scope(), ProcessList::now());
-  for (const auto& [group, start] : groups_) text += fmt::format("{} {}\n", group, start);
+  for (const auto& [group, start] : groups_) {
+    text += fmt::format("{} {} {}\n", group, start, kLineEnd);
+  }
+  text += kRecordEnd;
   if (::lseek(file_.get(), 0, SEEK_SET) != 0) return;
   const auto written = writeAll(file_.get(), text).written;
   static_cast<void>(::ftruncate(file_.get(), static_cast<off_t>(written)));
@@ -149,8 +165,9 @@ std::vector<pid_t> GroupRecord::endAbandoned(const std::string& directory,
        !missing && entry != fs::directory_iterator(); entry.increment(missing)) {
     const fs::path& path = entry->path();
     if (!path.filename().string().starts_with(kRecordPrefix)) continue;
-    UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
-    if (!isLocked(file)) continue;
+    // NFS locks only what is open for writing.
+    UniqueFd file(::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    if (!isLocked(file) || !isOurRecord(file)) continue;
     const auto some = groupsIn(contentOf(file));
     groups.insert(groups.end(), some.begin(), some.end());
     files.push_back(std::move(file));

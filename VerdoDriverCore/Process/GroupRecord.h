@@ -22,7 +22,8 @@ class GroupRecord {
   /// Nobody waits for what they do any more, and a driver waits for their end.
   static constexpr TerminationTimings kAbandonedGrace{std::chrono::milliseconds(100), 10};
 
-  /// The file "groups-XXXXXX" is made in `directory` with the first group; the directory, too.
+  /// The file "groups-XXXXXX" is made in `directory` with the first group, and anew when somebody
+  /// has removed it; the directory, too, which is made the user's alone.
   explicit GroupRecord(std::string directory);
   /// Removes the file.
   ~GroupRecord();
@@ -41,7 +42,7 @@ class GroupRecord {
   /// Ends what crashed drivers have left, as `timings` say, and removes their files. Gives the
   /// groups that were ended. Only groups of this start of the system, in which a process still
   /// lives that was there with the crashed driver, are touched: their numbers may be others' by
-  /// now.
+  /// now. What is no file of the user's own is left alone.
   static std::vector<pid_t> endAbandoned(const std::string& directory,
                                          const TerminationTimings& timings = kAbandonedGrace);
 

@@ -1,7 +1,10 @@
 #include "VerdoDriverCore/System/Files.h"
 
 #include <cerrno>
+#include <filesystem>
+#include <system_error>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace verdo {
@@ -27,6 +30,13 @@ WriteOutcome writeAll(int fd, std::string_view bytes) noexcept {
 int closeWritten(UniqueFd file) noexcept {
   // An interruption (EINTR) counts as well: what became of the writes is unknown.
   return ::close(file.release()) == 0 ? 0 : errno;
+}
+
+int makePrivateDirectory(const std::string& path) {
+  std::error_code error;
+  std::filesystem::create_directories(path, error);
+  if (error) return error.value();
+  return ::chmod(path.c_str(), 0700) == 0 ? 0 : errno;
 }
 
 }  // namespace verdo

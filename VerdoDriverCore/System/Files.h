@@ -3,6 +3,7 @@
 #include "VerdoDriverCore/System/UniqueFd.h"
 
 #include <cstddef>
+#include <string>
 #include <string_view>
 
 namespace verdo {
@@ -20,5 +21,9 @@ struct WriteOutcome {
 /// Closes a file that was written. Gives 0, or the errno of what went wrong: some file systems tell
 /// only now that earlier writes came to nothing. The descriptor is gone in any case.
 [[nodiscard]] int closeWritten(UniqueFd file) noexcept;
+
+/// Makes a directory, with those above it, and gives its mode as 0700 whoever made it. Gives 0, or
+/// the errno of what went wrong.
+int makePrivateDirectory(const std::string& path);
 
 }  // namespace verdo
