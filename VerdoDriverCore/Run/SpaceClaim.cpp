@@ -54,7 +54,8 @@ std::vector<std::string> claimsIn(const std::string& directory) {
 
 std::string SpaceClaim::holderIn(const std::string& directory) {
   for (const auto& path : claimsIn(directory)) {
-    const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    // NFS locks only what is open for writing.
+    const UniqueFd file(::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
     if (!file || ::flock(file.get(), LOCK_EX | LOCK_NB) == 0) continue;
     if (errno == EWOULDBLOCK) return holderNamedIn(file.get());
   }
@@ -63,7 +64,7 @@ std::string SpaceClaim::holderIn(const std::string& directory) {
 
 void SpaceClaim::forgetIn(const std::string& directory) {
   for (const auto& path : claimsIn(directory)) {
-    const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    const UniqueFd file(::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
     if (file && ::flock(file.get(), LOCK_EX | LOCK_NB) == 0) ::unlink(path.c_str());
   }
 }
@@ -92,8 +93,7 @@ bool SpaceClaim::take() {
 
 /// Takes the lock, or tells whose it is.
 std::string SpaceClaim::holderUnlessOurs() {
-  std::error_code ignored;  // opening the file tells
-  std::filesystem::create_directories(directory_, ignored);
+  makePrivateDirectory(directory_);  // opening the file tells
   UniqueFd file(::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
   if (!file) return "";
   if (::flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
