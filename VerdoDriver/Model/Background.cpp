@@ -2,6 +2,7 @@
 
 #include "VerdoDriverCore/System/Sync.h"
 #include "VerdoDriverCore/System/ThreadName.h"
+#include "VerdoDriverCore/System/WipedMemory.h"
 
 #include <deque>
 #include <thread>
@@ -12,6 +13,7 @@ void runInBackground(const std::string& name, std::function<void()> work) {
   std::thread([name, work = std::move(work)] {
     setThreadName(name);
     work();
+    wipeUsedStack();
   }).detach();
 }
 

@@ -2,6 +2,7 @@
 
 #include "VerdoDriverCore/System/StartThread.h"
 #include "VerdoDriverCore/System/ThreadName.h"
+#include "VerdoDriverCore/System/WipedMemory.h"
 
 #include <algorithm>
 #include <chrono>
@@ -101,6 +102,7 @@ void HttpSessionLoop::run() {
   }
   while (!running_.empty()) remove(running_.begin()->first)->fail(TransportError::cancelled());
   pools_.clear();
+  wipeUsedStack();
 }
 
 /// Takes in what other threads asked for. False when the session ends.

@@ -3,6 +3,7 @@
 #include "VerdoDriverCore/System/BlockSize.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <cstring>
 
@@ -30,6 +31,11 @@ void* wipeAndReallocate(void* memory, std::size_t size) noexcept {
   if (memory) std::memcpy(moved, memory, std::min(before, size));
   wipeAndFree(memory);
   return moved;
+}
+
+[[gnu::noinline]] void wipeUsedStack() noexcept {
+  std::array<char, 64u << 10> used;
+  wipe(used.data(), used.size());
 }
 
 }  // namespace verdo

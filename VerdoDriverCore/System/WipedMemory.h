@@ -14,4 +14,9 @@ void wipeAndFree(void* memory) noexcept;
 /// was.
 void* wipeAndReallocate(void* memory, std::size_t size) noexcept;
 
+/// Overwrites what functions of this thread that have returned left on its stack, the next 64 KiB:
+/// stacks of threads that end are kept for later ones. Not only variables lie there: the dynamic
+/// linker saves the processor's wide registers, which have just copied a text, to it.
+void wipeUsedStack() noexcept;
+
 }  // namespace verdo

@@ -59,11 +59,24 @@ class SecretsTest(unittest.TestCase):
         app.click("Forget token")
         app.click("Forget")
         app.wait(connection="notSetUp")
+        return self.left(secrets, app)
+
+    def left(self, secrets, app):
         try:
             wait_for(lambda: not places_of(secrets, app.child.pid), "clean memory", 10)
         except Exception:
             return places_of(secrets, app.child.pid)
         return []
+
+    def remove_everything(self, app):
+        app.configure()
+        app.start("--show")
+        app.wait(connection="online")
+        app.click("Options")
+        app.click("Remove everything…")
+        app.click("Remove")
+        app.wait(connection="notSetUp")
+        return self.left((app.service.token, KEY), app)
 
     def test_stay_in_memory(self):
         for place in ("files", "secretService"):
@@ -73,3 +86,7 @@ class SecretsTest(unittest.TestCase):
                 if place == "secretService":
                     GnomeKeyring(app.desktop).start()
                 self.assertEqual(self.forget_both(app, place), [])
+        with self.subTest("remove everything"):
+            app = App(os.environ["VERDO_PROGRAMS"])
+            self.addCleanup(app.close)
+            self.assertEqual(self.remove_everything(app), [])
