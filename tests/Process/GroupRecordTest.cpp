@@ -6,7 +6,6 @@
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
-#include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
