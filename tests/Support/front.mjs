@@ -170,12 +170,8 @@ for await (const command of readline.createInterface({ input: process.stdin })) 
     for (const stream of open) stream.close(http2.constants.NGHTTP2_INTERNAL_ERROR)
     console.log(`reset ${open.length}`)
   } else if (command === 'leave') {
-    const open = [...sessions]
-    for (const session of open) {
-      session.goaway()
-      session.close()
-    }
-    console.log(`leaving ${open.length}`)
+    for (const session of sessions) session.goaway()
+    console.log(`leaving ${sessions.size}`)
   } else if (command === 'count') {
     console.log(`connections ${count}`)
   } else {
