@@ -108,7 +108,7 @@ GroupRecord::GroupRecord(std::string directory) : directory_(std::move(directory
 
 GroupRecord::~GroupRecord() {
   MutexLock lock(lock_);
-  if (!path_.empty()) ::unlink(path_.c_str());
+  removeFile();
 }
 
 void GroupRecord::add(pid_t group) {
@@ -121,13 +121,23 @@ void GroupRecord::add(pid_t group) {
 
 void GroupRecord::remove(pid_t group) {
   MutexLock lock(lock_);
-  if (groups_.erase(group) > 0) write();
+  if (groups_.erase(group) == 0) return;
+  if (groups_.empty()) {
+    removeFile();  // a process may end without destructors
+  } else {
+    write();
+  }
 }
 
 void GroupRecord::confirm() {
   MutexLock lock(lock_);
   const auto age = std::chrono::steady_clock::now() - written_;
   if (!groups_.empty() && age >= std::chrono::seconds(1)) write();
+}
+
+void GroupRecord::removeFile() {
+  if (file_) ::unlink(path_.c_str());
+  file_.reset();
 }
 
 void GroupRecord::write() {

@@ -22,8 +22,9 @@ class GroupRecord {
   /// Nobody waits for what they do any more, and a driver waits for their end.
   static constexpr TerminationTimings kAbandonedGrace{std::chrono::milliseconds(100), 10};
 
-  /// The file "groups-XXXXXX" is made in `directory` with the first group, and anew when somebody
-  /// has removed it; the directory, too, which is made the user's alone.
+  /// The file "groups-XXXXXX" is made in `directory` with the first group, removed with the last
+  /// one, and made anew when somebody else has removed it; the directory, too, which is made the
+  /// user's alone.
   explicit GroupRecord(std::string directory);
   /// Removes the file.
   ~GroupRecord();
@@ -48,10 +49,11 @@ class GroupRecord {
 
  private:
   void write() REQUIRES(lock_);
+  void removeFile() REQUIRES(lock_);
 
   const std::string directory_;
   Mutex lock_;
-  std::string path_ GUARDED_BY(lock_);  ///< empty: no file yet
+  std::string path_ GUARDED_BY(lock_);  ///< of `file_`
   UniqueFd file_ GUARDED_BY(lock_);
   std::chrono::steady_clock::time_point written_ GUARDED_BY(lock_);
   std::map<pid_t, ProcessList::Time> groups_ GUARDED_BY(lock_);  ///< with the start of the leader

@@ -130,6 +130,8 @@ TEST(GroupRecord, EndsJobsOfALivingDriverOrLosesThemFromTheRecord) {
     EXPECT_TRUE(first.lives());
     const auto path = std::filesystem::directory_iterator(cache.path())->path();
     std::filesystem::copy_file(path, cache / "groups-copy");
+    for (const auto* group : {&first, &third}) record.remove(group->id);
+    EXPECT_FALSE(std::filesystem::exists(path)) << "a process may end without destructors";
   }
   EXPECT_THAT(GroupRecord::endAbandoned(cache.path()),
               testing::UnorderedElementsAre(first.id, third.id));
